@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: MIT
+//
+// Alarms: a handler called after a delay, once or again and again, on the loop of the group of the thread
+// that set it. Public. The clock behind it is the platform's orn::os::Timer, on CLOCK_MONOTONIC.
+//
+//     orn::zel::SetAlarm(100, [] { std::puts("once"); });
+//     orn::zel::Alarm ticks(10, 10, [] { std::puts("every 10 ms"); });
+//     while (orn::zel::OutstandingAlarmCount() > 1)
+//         orn::zel::RunOnce(-1);
+//
+// All times are in milliseconds. A delay of 0 is due at once, on the next turn of the loop; an alarm is never
+// early; a recurring alarm keeps its phase, and periods that a stalled process missed are skipped. An alarm
+// belongs to the thread that set it: cancel, reset and destroy it there. A handler may do so with its own
+// alarm too.
+#ifndef ORN_ZEL_ALARM_HPP
+#define ORN_ZEL_ALARM_HPP
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include <boost/function.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include <orn/os/Pipe.hpp>
+#include <orn/os/Timer.hpp>
+#include <orn/zel/core.hpp>
+#include <orn/zel/fd.hpp>
+
+namespace orn {
+namespace zel {
+
+namespace alarm {
+
+typedef boost::function<void()> Handler;
+class AlarmImpl;
+
+} // namespace alarm
+
+// One alarm, cancelled when this dies.
+class ORN_API Alarm {
+public:
+    // Armed at once: first after initialMs, then every recurringMs; a period of 0 means once. Throws
+    // orn::zel::Exception "NULL handler".
+    Alarm(unsigned long initialMs, unsigned long recurringMs, alarm::Handler handler);
+    Alarm(unsigned long initialMs, alarm::Handler handler);
+    virtual ~Alarm();
+
+    // Due once, timeoutMs from now, and never again, also when it was recurring. Nothing when the alarm has
+    // been cancelled or, being a one-shot, has fired.
+    void Reset(unsigned long timeoutMs);
+    // Forgets the alarm for good. Expiries that are under way are dropped.
+    void Cancel();
+
+    Alarm(Alarm const&) = delete;
+    Alarm& operator=(Alarm const&) = delete;
+
+private:
+    std::unique_ptr<alarm::AlarmImpl> impl_;
+};
+
+// Fire and forget: calls the handler once. Throws orn::zel::Exception "NULL handler".
+ORN_API void SetAlarm(unsigned long ms, alarm::Handler handler);
+
+// How many alarms of the calling thread are armed: a one-shot counts until it has fired.
+ORN_API unsigned OutstandingAlarmCount();
+
+namespace alarm {
+
+// Writes a line to the descriptor whenever an alarm is made, reset, deleted or due. One descriptor per
+// process; neither call uses the name, and switching off ignores the descriptor too.
+ORN_API void Monitor(std::string const& name, int fd);
+ORN_API void Unmonitor(std::string const& name, int fd);
+
+// ---- The implementation behind the interfaces
+// -----------------------------------------------------------------
+
+// A timer's expiry, in the timer's own context: four bytes into the manager's pipe. Neither blocks nor
+// allocates.
+ORN_API void process_to_fd(unsigned long id, int fd);
+
+// A new timer, not armed yet; the caller owns it.
+ORN_API os::Timer* CreateTimer(boost::function<void(os::Timer*)> callback);
+
+struct TimerBlob {
+    std::unique_ptr<os::Timer> timer;
+    Handler handler;
+    bool one_shot;
+};
+
+// The alarms of one fd manager, and so of one thread. Lives until the library is taken down.
+class ORN_API Manager : public basic_ProcessUnique<unsigned long> {
+public:
+    Manager();
+    ~Manager() override;
+    Manager(Manager const&) = delete;
+    Manager& operator=(Manager const&) = delete;
+
+    id_t AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handler handler);
+    void ResetAlarm(id_t id, unsigned long timeoutMs);
+    void DeleteAlarm(id_t id);
+    // Calls the handlers of all alarms that are due.
+    void fd_handler(fd::Event* event);
+
+    unsigned long size() const;
+    basic_Id<unsigned long> const& id() const { return id_; }
+
+private:
+    // The pipe and the alarms. Shared with the handler on the pipe, so that a dispatch that is under way in
+    // another thread when the process exits still finds them.
+    struct Table;
+
+    static void drain(Table& table, fd::Event* event);
+
+    basic_Id<unsigned long> id_;
+    boost::shared_ptr<Table> table_;
+    boost::shared_ptr<fd::Monitor> monitor_;
+    AutoReceptor<fd::Event*> receptor_;
+};
+
+// The calling thread's alarm manager, made on first use.
+ORN_API boost::shared_ptr<Manager> manager();
+
+class ORN_API AlarmImpl {
+public:
+    AlarmImpl() : id(0) {}
+    virtual ~AlarmImpl();
+    void Cancel();
+
+    id_t id; // 0 once cancelled
+};
+
+// By fd manager identifier; null while the subsystem is not loaded. managerMutex guards the map.
+ORN_API extern std::map<unsigned long, boost::shared_ptr<Manager>>* managerMap;
+ORN_API extern ThreadMutex* managerMutex;
+
+ORN_API void zel_alarm_load();
+ORN_API void zel_alarm_unload();
+
+} // namespace alarm
+} // namespace zel
+} // namespace orn
+
+// alarm(2) in milliseconds, over the process's real-time interval timer and independent of everything above:
+// SIGALRM after ms, 0 cancels. Returns the milliseconds that were left of the previous setting, 1 for any
+// fraction of one, 0 for none or when the system refuses the time.
+ORN_API unsigned msec_alarm(unsigned long ms);
+
+#endif

@@ -1,0 +1,269 @@
+// SPDX-License-Identifier: MIT
+//
+// Watching file descriptors. Public. A thread registers a handler for a descriptor; the group that the thread
+// belongs to polls the descriptor and calls the handler. The loop itself is in threadGroup.hpp.
+//
+//     orn::zel::fd::AutoReceptor input(STDIN_FILENO, [](orn::zel::fd::Event* event) {
+//         char buffer[4096];
+//         ssize_t const got = read(event->fd(), buffer, sizeof buffer);
+//         if (got <= 0)
+//             std::exit(0);
+//     });
+//     for (;;)
+//         orn::zel::RunOnce(-1);
+//
+// Handlers run on the thread that runs the group's loop, one at a time, with no lock held: a handler may
+// register, remove and destroy whatever it likes, itself included, may throw (the exception leaves the run
+// call) and may run a nested loop. The library never closes a descriptor that it was given: close it after
+// its registration is gone. Error events (POLLERR, POLLNVAL) are delivered once; the descriptor is then
+// polled no more. A hang-up is delivered until the handler removes itself.
+#ifndef ORN_ZEL_FD_HPP
+#define ORN_ZEL_FD_HPP
+
+#include <atomic>
+#include <map>
+#include <ostream>
+#include <string>
+
+#include <poll.h>
+
+#include <boost/function.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include <orn/zel/core.hpp>
+#include <orn/zel/receptacle.hpp>
+
+namespace orn {
+namespace zel {
+
+namespace fd {
+
+class Event;
+class Manager;
+class Monitor;
+class MonitorImpl;
+
+} // namespace fd
+
+namespace detail {
+
+template <>
+struct TypeName<fd::Event*> {
+    static char const* text() { return "orn::zel::fd::Event*"; }
+};
+
+} // namespace detail
+
+namespace fd {
+
+// What a handler receives. Lives for the length of the call.
+class Event {
+public:
+    virtual ~Event() {}
+    // The monitor that delivered the event. A handler that destroyed it must not use this any more.
+    virtual Monitor* context() const = 0;
+    virtual int fd() const = 0;
+    // The events that poll() returned.
+    virtual short revents() const = 0;
+};
+
+// One watched descriptor and its one handler. Change it on the thread that it was made on; a removal from
+// another thread does not wait for a call of the handler that is under way.
+class Monitor : public Receptacle<Event*, unsigned long> {
+public:
+    ~Monitor() override {}
+
+    // Installs the handler and starts watching. Throws orn::zel::Exception "invalid FD (-1)", or "Empty
+    // handler function". Returns 0, and changes nothing, when there is a handler already.
+    unsigned long insert(boost::function<void(Event*)> const& handler) override = 0;
+    // Stops watching, whatever the id; the handler goes only when the id is its own.
+    void remove(unsigned long id) override = 0;
+    unsigned capacity() const override = 0;
+    unsigned count() const override = 0;
+
+    // The events to ask poll() for; POLLIN at first. Takes effect when the poll set is next rebuilt for
+    // another reason: set it before insert().
+    virtual void events(short events) = 0;
+    virtual short events() const = 0;
+};
+
+// A monitor for a descriptor on the given manager, with no handler and so not watched yet.
+ORN_API boost::shared_ptr<Monitor> Fd(int fd, boost::shared_ptr<Manager> manager);
+
+// Watches a descriptor for as long as it lives, with POLLIN asked for. Make and destroy it on one thread.
+class ORN_API AutoReceptor {
+public:
+    // Throws what Monitor::insert() throws.
+    AutoReceptor(int fd, boost::function<void(Event*)> handler);
+    ~AutoReceptor();
+
+    AutoReceptor(AutoReceptor const&) = delete;
+    AutoReceptor& operator=(AutoReceptor const&) = delete;
+
+private:
+    boost::shared_ptr<Monitor> monitor_;
+    orn::zel::AutoReceptor<Event*> receptor_;
+};
+
+// A set of poll events, for printing: 25 prints as "{25:IN,ERR,HUP}".
+class Events {
+public:
+    explicit Events(short events) : events_(events) {}
+    short value() const { return events_; }
+
+private:
+    short events_;
+};
+
+ORN_API std::ostream& operator<<(std::ostream& os, Events const& events);
+
+// Writes the fd manager of every thread that has one and a group, with its descriptors, to responseFd. The
+// arguments are not used.
+ORN_API void ListFds(std::string const& args, int responseFd);
+
+// ---- The implementation behind the interfaces
+// -----------------------------------------------------------------
+
+class EventImpl : public Event {
+public:
+    EventImpl(Monitor* context, int fd, short revents) : context_(context), fd_(fd), revents_(revents) {}
+    Monitor* context() const override { return context_; }
+    int fd() const override { return fd_; }
+    short revents() const override { return revents_; }
+
+private:
+    Monitor* context_;
+    int fd_;
+    short revents_;
+};
+
+// Ties one monitor to at most one manager, which it keeps alive. The monitor is in the manager's map exactly
+// while it is wanted there and has a manager.
+class ORN_API ManagerAssociation {
+public:
+    explicit ManagerAssociation(MonitorImpl* monitor);
+    ~ManagerAssociation();
+
+    ManagerAssociation& operator=(bool want);
+    ManagerAssociation& operator=(boost::shared_ptr<Manager> manager);
+
+    void associate();
+    void dissociate();
+
+    boost::shared_ptr<Manager> const& manager() const { return manager_; }
+
+    ManagerAssociation(ManagerAssociation const&) = delete;
+    ManagerAssociation& operator=(ManagerAssociation const&) = delete;
+
+private:
+    MonitorImpl* const monitor_;
+    boost::shared_ptr<Manager> manager_;
+    bool enabled_;
+    bool associated_;
+};
+
+class ORN_API MonitorImpl : public Monitor, public basic_ProcessUnique<unsigned long> {
+public:
+    MonitorImpl();
+    MonitorImpl(int fd, short events);
+    ~MonitorImpl() override;
+
+    unsigned long insert(boost::function<void(Event*)> const& handler) override;
+    void remove(unsigned long id) override;
+    unsigned capacity() const override;
+    unsigned count() const override;
+    void events(short events) override;
+    short events() const override;
+
+    basic_Id<unsigned long> const& id() const { return id_; }
+    int fd() const { return fd_; }
+    // The error bits that ended the polling, 0 before; never goes back to 0.
+    short expired() const { return expired_; }
+    void expired(short errors) { expired_ = errors; }
+    void Associate(boost::shared_ptr<Manager> manager);
+
+private:
+    friend class Manager;
+    typedef boost::shared_ptr<boost::function<void(Event*)>> held_handler;
+
+    held_handler take_handler(unsigned long id);
+
+    basic_Id<unsigned long> id_;
+    SingleReceptacle<Event*> receptacle_; // with a manager: changed and read under the manager's lock
+    int fd_;
+    std::atomic<short> events_;
+    std::atomic<short> expired_;
+    unsigned long registration_; // set by the manager, under its lock
+    ManagerAssociation association_;
+};
+
+// The manager's lock and its map in one. The map holds plain pointers: a monitor withdraws itself before it
+// dies.
+class ORN_API ZEL_CAPABILITY("mutex") MonitorMap : public Lockable {
+public:
+    typedef std::map<int, MonitorImpl*> map_type;
+
+    ~MonitorMap() override;
+    void Lock() override ZEL_ACQUIRE();
+    void Unlock() override ZEL_RELEASE();
+
+    map_type& entries() ZEL_REQUIRES(this) { return entries_; }
+
+private:
+    ThreadMutex mutex_;
+    map_type entries_;
+};
+
+// One for each thread that watches descriptors: which monitors there are, and the road from a poll result to
+// a handler. Kept alive by the thread's record, by every monitor tied to it and by the poll sets it is in.
+class ORN_API Manager : public basic_ProcessUnique<unsigned long> {
+public:
+    Manager();
+    ~Manager() override;
+
+    basic_Id<unsigned long> const& id() const { return id_; }
+
+    // Enter and withdraw a monitor; the calling thread's group is told. Only ManagerAssociation calls these.
+    void insert(MonitorImpl* monitor);
+    void remove(MonitorImpl* monitor);
+
+    // Calls the handler of p.fd with p.revents; a descriptor that is not in the map (any more) is passed
+    // over. The caller is the runner of the group. No lock is held during the call.
+    void dispatch(pollfd p);
+
+    // The same for a poll set that was built while the given registration stood: a result that was meant for
+    // an earlier registration of the same descriptor number is dropped. False when there was nobody to call.
+    bool dispatch(pollfd const& p, unsigned long registration);
+
+    unsigned long size();
+
+    // Has the calling thread's group rebuild its poll set; nothing when the thread has no group.
+    void bump();
+    // Writes one control byte to the calling thread's group.
+    void WakeUp(char c);
+
+    // Lock it before walking it. A group's mutex is taken before this lock, never after.
+    MonitorMap& monitors() { return monitors_; }
+
+    // What the poll set remembers of a monitor that it polls.
+    static unsigned long registration(MonitorImpl const& monitor) { return monitor.registration_; }
+
+private:
+    friend class MonitorImpl;
+
+    bool deliver(pollfd const& p, unsigned long registration, bool any);
+
+    basic_Id<unsigned long> id_;
+    MonitorMap monitors_;
+    unsigned long registrations_ ZEL_GUARDED_BY(monitors_);
+};
+
+} // namespace fd
+
+// A monitor for a descriptor on the calling thread's own fd manager, with no handler yet.
+ORN_API boost::shared_ptr<fd::Monitor> Fd(int fd);
+
+} // namespace zel
+} // namespace orn
+
+#endif

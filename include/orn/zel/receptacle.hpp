@@ -1,0 +1,399 @@
+// SPDX-License-Identifier: MIT
+//
+// Containers of handlers: the interface, the list that tolerates changes while it dispatches, the one-handler
+// flavour, and the owner that scopes one registration. Public: signals (signal.hpp) and descriptors (fd.hpp)
+// hand these out. When and on which thread a handler is called is theirs to say.
+//
+//     orn::zel::HandlerList<int> list;
+//     orn::zel::AutoReceptor<int> receptor(list, [](int value) { std::printf("%d\n", value); });
+//     orn::zel::Dispatch(list, 7); // prints 7
+#ifndef ORN_ZEL_RECEPTACLE_HPP
+#define ORN_ZEL_RECEPTACLE_HPP
+
+#include <atomic>
+#include <map>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/function.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include <orn/zel/core.hpp>
+
+namespace orn {
+namespace zel {
+
+// Anything a handler can be registered with.
+template <class dataT, class idT>
+class Receptacle {
+public:
+    typedef idT handle_type;
+    typedef boost::function<void(dataT)> receptor_type;
+
+    virtual ~Receptacle() {}
+
+    // Registers a handler, of which a copy is kept. Returns its handle, or 0 when the receptacle is full.
+    virtual handle_type insert(receptor_type const& handler) = 0;
+    // Gives a registration up. A handle that is not known is ignored.
+    virtual void remove(handle_type handle) = 0;
+    virtual unsigned capacity() const = 0;
+    virtual unsigned count() const = 0;
+};
+
+namespace detail {
+
+// The name that an exception's details give to a data type.
+template <class T>
+struct TypeName {
+    static char const* text() { return "dataT"; }
+};
+template <>
+struct TypeName<int> {
+    static char const* text() { return "int"; }
+};
+
+} // namespace detail
+
+// Owns one registration and gives it up when it dies. Copying and assigning move the registration: the source
+// is left empty, although it is const. The receptacle must outlive the receptor.
+template <class dataT>
+class AutoReceptor {
+public:
+    typedef Receptacle<dataT, unsigned long> receptacle_type;
+
+    AutoReceptor() : receptacle_(nullptr), handle_(0) {}
+
+    // Takes over a handle that the receptacle's insert() returned; 0 holds nothing.
+    AutoReceptor(receptacle_type* receptacle, unsigned long handle)
+        : receptacle_(receptacle), handle_(handle) {}
+
+    // Registers the handler; throws what insert() throws.
+    AutoReceptor(receptacle_type& receptacle, typename receptacle_type::receptor_type const& handler)
+        : receptacle_(&receptacle), handle_(receptacle.insert(handler)) {}
+
+    AutoReceptor(AutoReceptor const& other) : receptacle_(other.receptacle_), handle_(other.handle_) {
+        other.handle_ = 0;
+    }
+
+    virtual ~AutoReceptor() { release(); }
+
+    // Throws orn::Exception "receptacle reassignment" when this one is tied to another receptacle; both are
+    // then as before.
+    AutoReceptor& operator=(AutoReceptor const& other) {
+        if (handle_ == other.handle_)
+            return *this;
+        if (receptacle_ && receptacle_ != other.receptacle_)
+            throw orn::Exception("receptacle reassignment", assignment_signature());
+        release();
+        handle_ = other.handle_;
+        other.handle_ = 0;
+        if (!receptacle_)
+            receptacle_ = other.receptacle_;
+        return *this;
+    }
+
+    // The handle held, 0 when none.
+    unsigned long handle() const { return handle_; }
+
+private:
+    void release() {
+        if (handle_ != 0 && receptacle_) {
+            // Cleared first: removing a handler may run its destructor, which may come back here.
+            unsigned long const held = handle_;
+            handle_ = 0;
+            receptacle_->remove(held);
+        }
+    }
+
+    // Spelled out, so that the text does not depend on the compiler.
+    static std::string assignment_signature() {
+        return std::string("orn::zel::AutoReceptor<dataT>& orn::zel::AutoReceptor<dataT>::operator=(const "
+                           "orn::zel::AutoReceptor<dataT>&) [with dataT = ") +
+               detail::TypeName<dataT>::text() + "]";
+    }
+
+    receptacle_type* receptacle_;
+    mutable unsigned long handle_;
+};
+
+// Holds at most one handler.
+template <class dataT>
+class SingleReceptacle : public Receptacle<dataT, unsigned long> {
+public:
+    typedef boost::function<void(dataT)> receptor_type;
+
+    SingleReceptacle() : id_(0) {}
+
+    // Returns 0, and changes nothing, when there is a handler already.
+    unsigned long insert(receptor_type const& handler) override {
+        if (id_ != 0)
+            return 0;
+        handler_ = boost::shared_ptr<receptor_type>(new receptor_type(handler));
+        id_ = unique_id();
+        return id_;
+    }
+
+    void remove(unsigned long id) override { take(id); }
+
+    unsigned capacity() const override { return 1; }
+    unsigned count() const override { return id_ != 0 ? 1 : 0; }
+
+    // Shares the handler, so that a call of it survives its removal; empty when there is none.
+    boost::shared_ptr<receptor_type> handler() const { return handler_; }
+
+    // Removes like remove() and hands the handler out, so that the caller chooses where it is destroyed.
+    // Empty when the id is not the one held.
+    boost::shared_ptr<receptor_type> take(unsigned long id) {
+        boost::shared_ptr<receptor_type> taken;
+        if (id != 0 && id == id_) {
+            id_ = 0;
+            taken.swap(handler_);
+        }
+        return taken;
+    }
+
+private:
+    boost::shared_ptr<receptor_type> handler_;
+    std::atomic<unsigned long> id_; // read by the group's runner while the owner changes it
+};
+
+// Calls the handler with the event, if there is one. The handler may remove itself.
+template <class dataT>
+void Dispatch(SingleReceptacle<dataT>& receptacle, dataT const& event) {
+    boost::shared_ptr<boost::function<void(dataT)>> const held = receptacle.handler();
+    if (held && !held->empty())
+        (*held)(event);
+}
+
+// Any number of handlers, called in the order of their registration. Changes made while a dispatch runs, by a
+// handler or by another thread, are kept and replayed in order when the dispatch ends.
+//
+//     Idle (insert and remove act at once)
+//      |  dispatch: lock                       ^
+//      v                                       |  unlock: replay
+//     Dispatching (insert and remove are kept as operations)
+//
+// With a mutex, insert(), remove() and count() may be called from any thread; the mutex must then be
+// recursive, since the replay takes it again. Without one, all calls belong to one thread. One list must not
+// be dispatched by two threads at once. A handler that runs a nested loop may meet its own list in dispatch
+// again: the nested dispatch replays what was kept so far, and the outer one goes on with those that are
+// still there.
+template <class dataT>
+class HandlerList : public Receptacle<dataT, unsigned long> {
+public:
+    typedef boost::function<void(dataT)> receptor_type;
+    typedef boost::function<void(HandlerList<dataT>*)> hook_type;
+
+    // on_first runs when a handler is inserted into a list that has none, before it is stored; on_last when a
+    // removal has left none. Both run on the thread that makes the change, on_last possibly at the end of a
+    // dispatch and then with the mutex held.
+    explicit HandlerList(boost::shared_ptr<Mutex> mutex = boost::shared_ptr<Mutex>(),
+                         hook_type const& on_first = hook_type(), hook_type const& on_last = hook_type())
+        : locked_(false), mutex_(mutex), on_first_handler_(on_first), on_last_handler_(on_last),
+          id_(unique_id()), name_("handler list " + std::to_string(id_)) {}
+
+    ~HandlerList() override {}
+
+    HandlerList(HandlerList const&) = delete;
+    HandlerList& operator=(HandlerList const&) = delete;
+
+    // Throws orn::Exception "Empty handler function". The handle is valid at once, also during a dispatch.
+    unsigned long insert(receptor_type const& handler) override {
+        if (handler.empty())
+            throw orn::Exception("Empty handler function", "");
+        unsigned long const handle = unique_id();
+        return insert_handler(std::pair<const unsigned long, receptor_type>(handle, handler)) ? handle : 0;
+    }
+
+    void remove(unsigned long handle) override {
+        if (handle != 0)
+            remove_handler(handle);
+    }
+
+    // The most that the map type can hold; not a limit that anybody sets.
+    unsigned capacity() const override {
+        typename entries_type::size_type const most = handlers_.max_size();
+        return most < ~0U ? static_cast<unsigned>(most) : ~0U;
+    }
+
+    // As many as there will be once the kept operations are applied.
+    unsigned count() const override {
+        Locked const guard(*this);
+        long total = static_cast<long>(handlers_.size());
+        for (boost::shared_ptr<list_op> const& op : cached_ops_)
+            total += op->tally();
+        return total > 0 ? static_cast<unsigned>(total) : 0;
+    }
+
+    unsigned long id() const { return id_; }
+    std::string const& name() const { return name_; }
+
+    // Calls every handler that is there when it begins, also one that is removed meanwhile. A handler that
+    // throws ends the dispatch and leaves the list locked: changes are then kept until a later dispatch
+    // completes.
+    void dispatch(dataT data) {
+        lock();
+        if (!handlers_.empty()) {
+            unsigned long const last = handlers_.rbegin()->first;
+            typename entries_type::iterator it = handlers_.begin();
+            while (it != handlers_.end() && it->first <= last) {
+                unsigned long const handle = it->first;
+                // Held, because a nested dispatch of this list may replay the removal of the one that runs.
+                boost::shared_ptr<receptor_type> const held = it->second;
+                // No lock is held here: the handler may change this list.
+                if (!held->empty())
+                    (*held)(data);
+                it = handlers_.upper_bound(handle);
+            }
+        }
+        unlock();
+    }
+
+    virtual void lock() {
+        Locked const guard(*this);
+        locked_ = true;
+    }
+
+    virtual void unlock() {
+        Locked const guard(*this);
+        locked_ = false;
+        apply_cached_ops();
+    }
+
+    virtual void lock_mutex() const ZEL_NO_ANALYSIS {
+        if (mutex_)
+            mutex_->Lock();
+    }
+
+    virtual void unlock_mutex() const ZEL_NO_ANALYSIS {
+        if (mutex_)
+            mutex_->Unlock();
+    }
+
+    virtual bool insert_handler(std::pair<const unsigned long, receptor_type> entry) {
+        if (on_first_handler_ && empty())
+            on_first_handler_(this); // the mutex is not held: the hook may use this list
+        Locked const guard(*this);
+        if (locked_)
+            cached_ops_.push_back(boost::shared_ptr<list_op>(new add_op(this, entry.first, entry.second)));
+        else
+            handlers_[entry.first] = boost::shared_ptr<receptor_type>(new receptor_type(entry.second));
+        return true;
+    }
+
+    virtual void remove_handler(id_t handle) {
+        boost::shared_ptr<receptor_type> removed; // destroyed last, with the mutex released
+        bool emptied = false;
+        {
+            Locked const guard(*this);
+            bool const had_handlers = !handlers_.empty();
+            if (locked_) {
+                cached_ops_.push_back(boost::shared_ptr<list_op>(new remove_op(this, handle)));
+            } else {
+                typename entries_type::iterator const it = handlers_.find(handle);
+                if (it != handlers_.end()) {
+                    removed.swap(it->second);
+                    handlers_.erase(it);
+                }
+            }
+            emptied = had_handlers && handlers_.empty();
+        }
+        if (emptied && on_last_handler_)
+            on_last_handler_(this);
+    }
+
+    // Replays the kept operations in order and forgets them. The mutex, if any, is held by the caller.
+    void apply_cached_ops() {
+        // Taken out first: an operation may run a hook, and the hook may change the list.
+        std::vector<boost::shared_ptr<list_op>> ops;
+        ops.swap(cached_ops_);
+        for (boost::shared_ptr<list_op> const& op : ops)
+            op->apply();
+    }
+
+    // A change that waits for the end of a dispatch.
+    class list_op {
+    public:
+        virtual ~list_op() {}
+        virtual void apply() = 0;
+        virtual int tally() = 0;
+    };
+
+    class add_op : public list_op {
+    public:
+        add_op(HandlerList* list, unsigned long handle, receptor_type const& receptor)
+            : list_(list), handle_(handle), receptor_(receptor) {}
+        void apply() override {
+            list_->insert_handler(std::pair<const unsigned long, receptor_type>(handle_, receptor_));
+        }
+        int tally() override { return 1; }
+
+    private:
+        HandlerList* list_;
+        unsigned long handle_;
+        receptor_type receptor_;
+    };
+
+    class remove_op : public list_op {
+    public:
+        remove_op(HandlerList* list, unsigned long handle) : list_(list), handle_(handle) {}
+        void apply() override { list_->remove_handler(handle_); }
+        int tally() override { return -1; }
+
+    private:
+        HandlerList* list_;
+        unsigned long handle_;
+    };
+
+protected:
+    // The handlers in dispatch order, shared; what is kept for the end of a dispatch is not among them.
+    std::vector<boost::shared_ptr<receptor_type>> handlers() const {
+        std::vector<boost::shared_ptr<receptor_type>> all;
+        all.reserve(handlers_.size());
+        for (auto const& entry : handlers_)
+            all.push_back(entry.second);
+        return all;
+    }
+
+private:
+    // Held shared, so that neither a dispatch nor a removal copies or destroys a running handler.
+    typedef std::map<unsigned long, boost::shared_ptr<receptor_type>> entries_type;
+
+    // The list's own mutex for a scope, through the virtual pair; nothing when there is none.
+    class Locked {
+    public:
+        explicit Locked(HandlerList const& list) : list_(list) { list_.lock_mutex(); }
+        ~Locked() { list_.unlock_mutex(); }
+        Locked(Locked const&) = delete;
+        Locked& operator=(Locked const&) = delete;
+
+    private:
+        HandlerList const& list_;
+    };
+
+    bool empty() const {
+        Locked const guard(*this);
+        return handlers_.empty();
+    }
+
+    entries_type handlers_;
+    std::vector<boost::shared_ptr<list_op>> cached_ops_;
+    bool locked_;
+    boost::shared_ptr<Mutex> mutex_;
+    hook_type on_first_handler_;
+    hook_type on_last_handler_;
+    unsigned long id_;
+    std::string name_;
+};
+
+template <class dataT>
+void Dispatch(HandlerList<dataT>& list, dataT const& data) {
+    list.dispatch(data);
+}
+
+} // namespace zel
+} // namespace orn
+
+#endif

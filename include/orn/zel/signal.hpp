@@ -1,0 +1,190 @@
+// SPDX-License-Identifier: MIT
+//
+// POSIX signals as events of the loop. Public. A signal's arrival is written into a pipe in signal context;
+// the handlers run later on the loop of each group that watches the signal, where they may do anything.
+//
+//     bool stop = false;
+//     orn::zel::signal::AutoReceptor interrupt(SIGINT, [&](int) { stop = true; });
+//     while (!stop)
+//         orn::zel::RunOnce(-1);
+//
+// The library's own handler is installed when the first group watches a signal, without SA_RESTART, and
+// replaces whatever was there; the disposition before is put back when the library is taken down, not
+// earlier. Each arrival gives one call, except where the system merges pending signals. New signals may be
+// watched at any time, from any thread, also while they arrive.
+#ifndef ORN_ZEL_SIGNAL_HPP
+#define ORN_ZEL_SIGNAL_HPP
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <signal.h>
+#include <sys/types.h>
+
+#include <boost/function.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include <orn/os/Pipe.hpp>
+#include <orn/zel/core.hpp>
+#include <orn/zel/fd.hpp>
+#include <orn/zel/receptacle.hpp>
+
+namespace orn {
+namespace zel {
+
+// The calling thread's handlers for a signal; insert() adds one. Throws orn::zel::Exception "failed to
+// install handler for signal <n>: errno=<e> (<text>)" when the system refuses the signal.
+ORN_API boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo);
+
+namespace signal {
+
+// Calls the handler on the calling thread's group for each arrival of a signal, for as long as this lives.
+// Make and destroy it on one thread; a handler may destroy its own. Throws what Signal() throws, or
+// orn::Exception "Empty handler function".
+class ORN_API AutoReceptor {
+public:
+    AutoReceptor(int signo, boost::function<void(int)> handler);
+    ~AutoReceptor();
+    AutoReceptor(AutoReceptor const&) = delete;
+    AutoReceptor& operator=(AutoReceptor const&) = delete;
+
+private:
+    boost::shared_ptr<Receptacle<int, unsigned long>> list_; // kept for as long as the registration
+    orn::zel::AutoReceptor<int> receptor_;
+};
+
+// The state of signals in the process and the calling thread, as the system calls of the same purpose tell
+// it.
+ORN_API bool is_ignored(int signo);
+ORN_API bool is_default(int signo);
+ORN_API bool is_pending(int signo);
+// For the calling thread; old receives the mask before. The result of sigprocmask().
+ORN_API int block(sigset_t* set, sigset_t* old);
+ORN_API int unblock(sigset_t* set, sigset_t* old);
+ORN_API int blocked(sigset_t* set);
+// Returns 0; throws orn::zel::Exception "failed to install handler for signal <n>".
+ORN_API int ignore(int signo);
+
+// Writes the signal managers of the process, and the signals that the calling thread watches, to fd. The name
+// is not used.
+ORN_API void ListSignals(std::string const& name, int fd);
+
+// ---- The implementation behind the interfaces
+// -----------------------------------------------------------------
+
+class Manager;
+class SignalHandlerImpl;
+
+// Owns the process's handler for one signal.
+class ORN_API SignalHandler {
+public:
+    // Installs it; throws as Signal() does.
+    explicit SignalHandler(int signo);
+    virtual ~SignalHandler();
+    SignalHandler(SignalHandler const&) = delete;
+    SignalHandler& operator=(SignalHandler const&) = delete;
+
+    // Signal-safe: tells every watching manager.
+    void handle_signal();
+    HandlerList<int>& handlers();
+    SignalHandlerImpl& impl() { return *impl_; }
+
+private:
+    std::unique_ptr<SignalHandlerImpl> impl_;
+};
+
+class ORN_API SignalHandlerImpl {
+public:
+    explicit SignalHandlerImpl(int signo);
+    virtual ~SignalHandlerImpl();
+    SignalHandlerImpl(SignalHandlerImpl const&) = delete;
+    SignalHandlerImpl& operator=(SignalHandlerImpl const&) = delete;
+
+    void handle_signal();
+    HandlerList<int>& handlers() { return handlers_; }
+    void apply_signal_handler();
+    void restore_original_handler();
+
+    bool installed() const { return installed_; }
+    // Puts the disposition before back now, however long this lives on.
+    void retire();
+
+private:
+    // The handlers in the form that signal context reads: every change publishes a new, immutable snapshot,
+    // and returns when no signal handler that may have seen the one before is running any more.
+    class PublishedList : public HandlerList<int> {
+    public:
+        explicit PublishedList(SignalHandlerImpl& owner) : owner_(owner) {}
+        bool insert_handler(std::pair<const unsigned long, receptor_type> entry) override;
+        void remove_handler(id_t handle) override;
+        void withdraw();
+
+    private:
+        void publish();
+        SignalHandlerImpl& owner_;
+        ThreadMutex lock_; // managers of several threads come and go; never taken in signal context
+    };
+
+    int const signo_;
+    struct sigaction saved_action_;
+    std::atomic<bool> installed_;
+    PublishedList handlers_;
+};
+
+// The process-wide handler of a signal, made and installed on first use.
+ORN_API boost::shared_ptr<SignalHandler> sigHandler(int signo);
+
+// The signals that one thread watches, and their pipe. Lives until the library is taken down.
+class ORN_API Manager : public basic_ProcessUnique<unsigned long> {
+public:
+    Manager();
+    ~Manager() override;
+    Manager(Manager const&) = delete;
+    Manager& operator=(Manager const&) = delete;
+
+    boost::shared_ptr<Receptacle<int, unsigned long>> monitor(int signo);
+    // Signal-safe: writes the number into the pipe; the result of write().
+    ssize_t signal_handler(int signo);
+    // Calls the thread's handlers for every number in the pipe.
+    void fd_handler(fd::Event* event);
+
+    basic_Id<unsigned long> const& id() const { return id_; }
+    int signal_fd() const;
+    // The numbers watched, in ascending order. The manager's own thread only.
+    std::vector<int> signals() const;
+
+private:
+    struct SignalBundle;
+    struct Watch;
+
+    // What the handlers hold instead of the manager: the pipe for signal context, the pipe and the bundles
+    // for the loop. So both outlive a call that is under way while the process exits.
+    basic_Id<unsigned long> id_;
+    boost::shared_ptr<os::Pipe> pipe_;
+    boost::shared_ptr<Watch> watch_;
+    fd::AutoReceptor receptor_;
+};
+
+// The calling thread's signal manager, made on first use.
+ORN_API boost::shared_ptr<Manager> manager();
+
+ORN_API void zel_signal_load();
+// Puts every disposition back. Managers, and with them the handlers of users, live on.
+ORN_API void zel_signal_unload();
+// The last step of taking the library down, after all subsystems: ends the managers.
+ORN_API void release_managers();
+
+} // namespace signal
+} // namespace zel
+} // namespace orn
+
+extern "C" {
+// What sigaction() installs for every watched signal.
+ORN_API void sig_handler(int signo);
+}
+
+#endif

@@ -1,0 +1,270 @@
+// SPDX-License-Identifier: MIT
+#include <orn/zel/alarm.hpp>
+
+#include <atomic>
+
+#include <sys/time.h>
+
+#include <boost/bind/bind.hpp>
+#include <boost/make_shared.hpp>
+
+#include <orn/zel/response.hpp>
+#include <orn/zel/threadGroup.hpp>
+
+#include "immortal.hpp"
+#include "registry.hpp"
+#include "wire.hpp"
+
+namespace orn {
+namespace zel {
+namespace alarm {
+
+typedef std::map<unsigned long, boost::shared_ptr<Manager>> manager_map;
+
+manager_map* managerMap = nullptr;
+ThreadMutex* managerMutex = nullptr;
+
+namespace {
+
+struct ManagerMapLock;
+
+std::atomic<int> monitor_fd(-1);
+
+// Behind managerMutex, and good before load and after unload as well: threads that the process's exit leaves
+// running still come for it.
+ThreadMutex& map_lock() {
+    return detail::immortal<ThreadMutex, ManagerMapLock>();
+}
+
+// One line to whoever watches the alarms; compose is called only when somebody does.
+template <class Compose>
+void report(Compose compose) {
+    int const observer = monitor_fd;
+    if (observer == -1)
+        return;
+    cmd::Response line;
+    compose(line);
+    line << '\n';
+    cmd::Write(observer, line);
+}
+
+void report_deleted(id_t id) {
+    report([id](std::ostream& line) { line << "alarm deleted: id=" << id; });
+}
+
+// Empty when the thread has none; makes nothing, so that a destructor may call it.
+boost::shared_ptr<Manager> manager_if_any() {
+    boost::shared_ptr<fd::Manager> const fd_manager = thread::Registry::fd_manager_if_any(thread::self());
+    AutoLock const guard(map_lock());
+    if (!managerMap || !fd_manager)
+        return boost::shared_ptr<Manager>();
+    manager_map::const_iterator const it = managerMap->find(fd_manager->id().value());
+    return it == managerMap->end() ? boost::shared_ptr<Manager>() : it->second;
+}
+
+} // namespace
+
+void process_to_fd(unsigned long id, int fd) {
+    // Identifiers travel as 32 bits, whatever the width of long. A failure has nobody to be told to.
+    detail::write_word(fd, static_cast<std::uint32_t>(id));
+}
+
+os::Timer* CreateTimer(boost::function<void(os::Timer*)> callback) {
+    return new os::Timer(callback);
+}
+
+// ---- Manager
+// --------------------------------------------------------------------------------------------------
+
+struct Manager::Table {
+    Table() : pipe(false) {}
+
+    os::Pipe pipe;
+    std::map<id_t, boost::shared_ptr<TimerBlob>>
+        alarms; // destroyed, with its timers, before the pipe they write to
+};
+
+Manager::Manager()
+    : id_(next_id()), table_(new Table), monitor_(Fd(table_->pipe.ReadFD())),
+      receptor_(*monitor_, [table = table_](fd::Event* event) { drain(*table, event); }) {}
+
+Manager::~Manager() = default;
+
+id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handler handler) {
+    if (handler.empty())
+        throw Exception("NULL handler");
+    id_t const id = unique_id();
+    boost::shared_ptr<TimerBlob> const blob = boost::make_shared<TimerBlob>();
+    blob->timer.reset(CreateTimer(boost::bind(process_to_fd, id, table_->pipe.WriteFD())));
+    blob->handler.swap(handler);
+    blob->one_shot = recurringMs == 0;
+    // New identifiers are the largest, until the counter wraps.
+    auto const entry = table_->alarms.insert_or_assign(table_->alarms.end(), id, blob);
+    try {
+        blob->timer->Set(initialMs, recurringMs);
+    } catch (...) {
+        table_->alarms.erase(entry);
+        throw;
+    }
+    report([&](std::ostream& line) {
+        line << "alarm created: id=" << id << " initial=" << initialMs << " recurring=" << recurringMs;
+    });
+    return id;
+}
+
+void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
+    auto const it = table_->alarms.find(id);
+    if (it == table_->alarms.end())
+        return;
+    it->second->one_shot = true;
+    it->second->timer->Set(timeoutMs, 0);
+    report([&](std::ostream& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
+}
+
+void Manager::DeleteAlarm(id_t id) {
+    auto const it = table_->alarms.find(id);
+    if (it != table_->alarms.end()) {
+        // The blob itself may be held by its own handler, which is running; the timer goes now in any case.
+        boost::shared_ptr<TimerBlob> const deleted = it->second;
+        table_->alarms.erase(it);
+        deleted->timer.reset();
+    }
+    report_deleted(id);
+}
+
+void Manager::fd_handler(fd::Event* event) {
+    drain(*table_, event);
+}
+
+void Manager::drain(Table& table, fd::Event* event) {
+    if (!(event->revents() & POLLIN))
+        return;
+    std::uint32_t word;
+    while (detail::read_word(event->fd(), word)) {
+        id_t const id = word;
+        auto const it = table.alarms.find(id);
+        if (it == table.alarms.end())
+            continue; // deleted, or fired, after its timer had written
+        report([id](std::ostream& line) { line << "ALARM: id=" << id; });
+        // No lock is held below: a handler may add, reset and delete alarms, its own included.
+        if (it->second->one_shot) {
+            Handler handler;
+            handler.swap(it->second->handler);
+            table.alarms.erase(it);
+            handler();
+        } else {
+            boost::shared_ptr<TimerBlob> const held = it->second;
+            held->handler();
+        }
+    }
+}
+
+unsigned long Manager::size() const {
+    return table_->alarms.size();
+}
+
+boost::shared_ptr<Manager> manager() {
+    id_t const key = thread::FdMgr()->id().value();
+    {
+        AutoLock const guard(map_lock());
+        if (!managerMap)
+            managerMap = new manager_map;
+        boost::shared_ptr<Manager> const& found = (*managerMap)[key];
+        if (found)
+            return found;
+    }
+    // Made with the lock released, since it registers with the group. Only the thread itself has this key.
+    boost::shared_ptr<Manager> const made(new Manager);
+    AutoLock const guard(map_lock());
+    if (!managerMap)
+        managerMap = new manager_map;
+    return (*managerMap)[key] = made;
+}
+
+void Monitor(std::string const&, int fd) {
+    monitor_fd = fd;
+}
+
+void Unmonitor(std::string const&, int) {
+    monitor_fd = -1;
+}
+
+void zel_alarm_load() {
+    AutoLock const guard(map_lock());
+    managerMutex = &map_lock();
+    if (!managerMap)
+        managerMap = new manager_map;
+}
+
+void zel_alarm_unload() {
+    std::unique_ptr<manager_map> doomed; // with its alarms and timers, outside the lock
+    AutoLock const guard(map_lock());
+    doomed.reset(managerMap);
+    managerMap = nullptr;
+    managerMutex = nullptr;
+}
+
+// ---- Alarm
+// ----------------------------------------------------------------------------------------------------
+
+AlarmImpl::~AlarmImpl() {
+    Cancel();
+}
+
+void AlarmImpl::Cancel() {
+    if (id == 0)
+        return;
+    boost::shared_ptr<Manager> const owner = manager_if_any();
+    if (owner)
+        owner->DeleteAlarm(id);
+    else
+        report_deleted(id);
+    id = 0;
+}
+
+} // namespace alarm
+
+Alarm::Alarm(unsigned long initialMs, unsigned long recurringMs, alarm::Handler handler)
+    : impl_(new alarm::AlarmImpl) {
+    impl_->id = alarm::manager()->AddAlarm(initialMs, recurringMs, handler);
+}
+
+Alarm::Alarm(unsigned long initialMs, alarm::Handler handler) : Alarm(initialMs, 0, handler) {}
+
+Alarm::~Alarm() {
+    Cancel();
+}
+
+void Alarm::Reset(unsigned long timeoutMs) {
+    if (impl_->id != 0)
+        alarm::manager()->ResetAlarm(impl_->id, timeoutMs);
+}
+
+void Alarm::Cancel() {
+    impl_->Cancel();
+}
+
+void SetAlarm(unsigned long ms, alarm::Handler handler) {
+    alarm::manager()->AddAlarm(ms, 0, handler);
+}
+
+unsigned OutstandingAlarmCount() {
+    return static_cast<unsigned>(alarm::manager()->size());
+}
+
+} // namespace zel
+} // namespace orn
+
+unsigned msec_alarm(unsigned long ms) {
+    itimerval next = {};
+    next.it_value.tv_sec = static_cast<time_t>(ms / 1000);
+    next.it_value.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
+    itimerval old = {};
+    if (setitimer(ITIMER_REAL, &next, &old) != 0)
+        return 0;
+    unsigned long const left = static_cast<unsigned long>(old.it_value.tv_sec) * 1000 +
+                               static_cast<unsigned long>(old.it_value.tv_usec) / 1000;
+    if (left != 0)
+        return static_cast<unsigned>(left);
+    return old.it_value.tv_usec > 0 ? 1 : 0;
+}

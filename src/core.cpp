@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: MIT
+#include <orn/zel/core.hpp>
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+#include <unistd.h>
+
+#include "immortal.hpp"
+
+namespace orn {
+
+Exception::~Exception() = default;
+
+namespace zel {
+
+Exception::~Exception() = default;
+UndefinedValue::~UndefinedValue() = default;
+Lockable::~Lockable() = default;
+Mutex::~Mutex() = default;
+
+// The analysis cannot see that a null lock is a lock.
+void Mutex::Lock() ZEL_NO_ANALYSIS {}
+void Mutex::Unlock() ZEL_NO_ANALYSIS {}
+
+ThreadMutex::ThreadMutex() : mutex_() {
+    o_pthread_mutex_init(&mutex_, nullptr);
+}
+
+ThreadMutex::~ThreadMutex() {
+    o_pthread_mutex_destroy(&mutex_);
+}
+
+void ThreadMutex::Lock() ZEL_NO_ANALYSIS {
+    o_pthread_mutex_lock(&mutex_);
+}
+
+void ThreadMutex::Unlock() ZEL_NO_ANALYSIS {
+    o_pthread_mutex_unlock(&mutex_);
+}
+
+namespace {
+
+struct IdentifierLock;
+
+std::uint32_t next = 1; // guarded by the identifier lock
+
+} // namespace
+
+id_t unique_id() {
+    AutoLock lock(detail::immortal<ThreadMutex, IdentifierLock>());
+    return next++;
+}
+
+namespace {
+
+void split_at_most(std::string const& text, std::string const& separators, std::vector<std::string>& out,
+                   unsigned long cuts) {
+    std::string::size_type begin = 0;
+    for (; cuts > 0; --cuts) {
+        std::string::size_type const end = text.find_first_of(separators, begin);
+        if (end == std::string::npos)
+            break;
+        out.push_back(text.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    if (begin < text.size())
+        out.push_back(text.substr(begin));
+}
+
+} // namespace
+
+void split(std::string const& text, std::string const& separators, std::vector<std::string>& out) {
+    split_at_most(text, separators, out, ULONG_MAX);
+}
+
+void split(std::string const& text, std::string const& separators, std::vector<std::string>& out,
+           int maxFields) {
+    split_at_most(text, separators, out, maxFields > 1 ? static_cast<unsigned long>(maxFields) - 1 : 0);
+}
+
+namespace detail {
+
+void assertion_failed(char const* expression, char const* file, int line) noexcept {
+    char text[512];
+    int const length =
+        std::snprintf(text, sizeof text, "%s:%d: Assertion `%s' failed.\n", file, line, expression);
+    if (length > 0) {
+        // The process ends here whether or not the text could be written.
+        ssize_t const written =
+            write(STDERR_FILENO, text, std::min(static_cast<size_t>(length), sizeof text - 1));
+        static_cast<void>(written);
+    }
+    std::abort();
+}
+
+} // namespace detail
+} // namespace zel
+} // namespace orn

@@ -1,0 +1,271 @@
+// SPDX-License-Identifier: MIT
+#include <orn/zel/fd.hpp>
+
+#include <orn/log.h>
+#include <orn/zel/response.hpp>
+#include <orn/zel/threadGroup.hpp>
+
+#include "registry.hpp"
+
+namespace orn {
+namespace zel {
+namespace fd {
+
+// ---- ManagerAssociation
+// ---------------------------------------------------------------------------------------
+
+ManagerAssociation::ManagerAssociation(MonitorImpl* monitor)
+    : monitor_(monitor), enabled_(false), associated_(false) {}
+
+ManagerAssociation::~ManagerAssociation() {
+    if (associated_)
+        dissociate();
+}
+
+ManagerAssociation& ManagerAssociation::operator=(bool want) {
+    if (want == enabled_)
+        return *this;
+    if (enabled_)
+        dissociate();
+    enabled_ = want;
+    associate();
+    return *this;
+}
+
+ManagerAssociation& ManagerAssociation::operator=(boost::shared_ptr<Manager> manager) {
+    if (manager == manager_)
+        return *this;
+    if (manager_)
+        dissociate();
+    manager_.swap(manager);
+    associate();
+    return *this;
+}
+
+void ManagerAssociation::associate() {
+    if (enabled_ && monitor_ && manager_) {
+        manager_->insert(monitor_);
+        associated_ = true;
+    }
+}
+
+void ManagerAssociation::dissociate() {
+    if (monitor_ && manager_) {
+        manager_->remove(monitor_);
+        associated_ = false;
+    }
+}
+
+// ---- MonitorImpl
+// ----------------------------------------------------------------------------------------------
+
+MonitorImpl::MonitorImpl() : MonitorImpl(-1, 0) {}
+
+MonitorImpl::MonitorImpl(int fd, short events)
+    : id_(next_id()), fd_(fd), events_(events), expired_(0), registration_(0), association_(this) {}
+
+MonitorImpl::~MonitorImpl() = default;
+
+unsigned long MonitorImpl::insert(boost::function<void(Event*)> const& handler) {
+    if (fd_ == -1)
+        throw Exception("invalid FD (-1)");
+    if (receptacle_.count() != 0)
+        return 0;
+    if (handler.empty())
+        throw Exception("Empty handler function");
+    unsigned long id = 0;
+    if (association_.manager()) {
+        // A member thread registers while the group's runner may be delivering an older event.
+        AutoLock const guard(association_.manager()->monitors());
+        id = receptacle_.insert(handler);
+    } else {
+        id = receptacle_.insert(handler);
+    }
+    try {
+        association_ = true;
+    } catch (...) {
+        remove(id);
+        throw;
+    }
+    return id;
+}
+
+MonitorImpl::held_handler MonitorImpl::take_handler(unsigned long id) {
+    if (!association_.manager())
+        return receptacle_.take(id);
+    AutoLock const guard(association_.manager()->monitors());
+    return receptacle_.take(id);
+}
+
+void MonitorImpl::remove(unsigned long id) {
+    // Destroyed last and with no lock held: what it captured may end in further calls of the library.
+    held_handler const removed = take_handler(id);
+    association_ = false;
+}
+
+unsigned MonitorImpl::capacity() const {
+    return receptacle_.capacity();
+}
+
+unsigned MonitorImpl::count() const {
+    return receptacle_.count();
+}
+
+void MonitorImpl::events(short events) {
+    events_ = events;
+}
+
+short MonitorImpl::events() const {
+    return events_;
+}
+
+void MonitorImpl::Associate(boost::shared_ptr<Manager> manager) {
+    association_ = manager;
+}
+
+// ---- MonitorMap and Manager
+// -----------------------------------------------------------------------------------
+
+MonitorMap::~MonitorMap() = default;
+
+void MonitorMap::Lock() ZEL_NO_ANALYSIS {
+    mutex_.Lock();
+}
+
+void MonitorMap::Unlock() ZEL_NO_ANALYSIS {
+    mutex_.Unlock();
+}
+
+Manager::Manager() : id_(next_id()), registrations_(0) {
+    Log_SpecEntry(logSpecForceInfo, "src/fd", 174, "%s", "orn::zel::fd::Manager::Manager()");
+}
+
+Manager::~Manager() = default;
+
+void Manager::insert(MonitorImpl* monitor) {
+    boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
+    Log_SpecEntry(logSpecForceInfo, "src/fd", 183, "%s: fd=%d, group=%lu",
+                  "void orn::zel::fd::Manager::insert(orn::zel::fd::MonitorImpl*)", monitor->fd(),
+                  group->id().value());
+    {
+        AutoLock const guard(monitors_);
+        monitors_.entries()[monitor->fd()] = monitor;
+        monitor->registration_ = ++registrations_;
+    }
+    bump();
+}
+
+void Manager::remove(MonitorImpl* monitor) {
+    {
+        AutoLock const guard(monitors_);
+        // By descriptor, not by identity: whoever holds the number now goes with it.
+        monitors_.entries().erase(monitor->fd());
+    }
+    bump();
+}
+
+void Manager::dispatch(pollfd p) {
+    deliver(p, 0, true);
+}
+
+bool Manager::dispatch(pollfd const& p, unsigned long registration) {
+    return deliver(p, registration, false);
+}
+
+bool Manager::deliver(pollfd const& p, unsigned long registration, bool any) {
+    short const errors = static_cast<short>(p.revents & (POLLERR | POLLNVAL));
+    MonitorImpl* monitor = nullptr;
+    MonitorImpl::held_handler handler;
+    {
+        AutoLock const guard(monitors_);
+        MonitorMap::map_type::const_iterator const it = monitors_.entries().find(p.fd);
+        if (it == monitors_.entries().end() || !it->second)
+            return false;
+        monitor = it->second;
+        if (!any && monitor->registration_ != registration)
+            return false;
+        if (errors != 0)
+            monitor->expired(errors);
+        handler = monitor->receptacle_.handler();
+    }
+    if (errors != 0)
+        bump(); // else the set that still holds the descriptor would spin on it
+    if (handler) {
+        // From here on the monitor may be gone: the handler may destroy it, and so may another member thread.
+        EventImpl event(monitor, p.fd, p.revents);
+        (*handler)(&event);
+    }
+    return true;
+}
+
+unsigned long Manager::size() {
+    AutoLock const guard(monitors_);
+    return monitors_.entries().size();
+}
+
+void Manager::bump() {
+    boost::shared_ptr<thread::Group> const group = thread::Registry::group_if_any();
+    if (group)
+        group->bump();
+}
+
+void Manager::WakeUp(char c) {
+    thread::ThisGroup()->WakeUp(c);
+}
+
+// ---- Registration and listing
+// ---------------------------------------------------------------------------------
+
+boost::shared_ptr<Monitor> Fd(int fd, boost::shared_ptr<Manager> manager) {
+    boost::shared_ptr<MonitorImpl> const monitor(new MonitorImpl(fd, POLLIN));
+    monitor->Associate(manager);
+    return monitor;
+}
+
+AutoReceptor::AutoReceptor(int fd, boost::function<void(Event*)> handler)
+    : monitor_(orn::zel::Fd(fd)), receptor_(*monitor_, handler) {}
+
+AutoReceptor::~AutoReceptor() = default;
+
+std::ostream& operator<<(std::ostream& os, Events const& events) {
+    static struct {
+        short bit;
+        char const* name;
+    } const names[] = {{POLLIN, "IN"},   {POLLPRI, "PRI"}, {POLLOUT, "OUT"},
+                       {POLLERR, "ERR"}, {POLLHUP, "HUP"}, {POLLNVAL, "NVAL"}};
+    os << '{' << events.value() << ':';
+    char const* separator = "";
+    for (auto const& item : names) {
+        if (events.value() & item.bit) {
+            os << separator << item.name;
+            separator = ",";
+        }
+    }
+    return os << '}';
+}
+
+void ListFds(std::string const&, int responseFd) {
+    std::ostringstream text;
+    text << "FdMgrs:\n";
+    for (thread::Registry::Entry const& entry : thread::Registry::entries()) {
+        // A thread that is known but watches nothing has no line; looking must not change what is looked at.
+        if (!entry.group || !entry.fd_manager)
+            continue;
+        text << '[' << entry.fd_manager->id() << "] thread=" << entry.tid << " group=" << entry.group->id()
+             << " fds={ ";
+        AutoLock const guard(entry.fd_manager->monitors());
+        for (auto const& item : entry.fd_manager->monitors().entries())
+            text << item.first << ' ';
+        text << "}\n";
+    }
+    cmd::Write(responseFd, text.str());
+}
+
+} // namespace fd
+
+boost::shared_ptr<fd::Monitor> Fd(int fd) {
+    return fd::Fd(fd, thread::FdMgr());
+}
+
+} // namespace zel
+} // namespace orn

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: MIT
+#include <orn/zel/response.hpp>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "cancel.hpp"
+
+namespace orn {
+namespace zel {
+namespace cmd {
+
+Response::Response() {
+    *this << "tid=" << syscall(SYS_gettid) << ' ';
+}
+
+Response::~Response() = default;
+
+ssize_t Write(int fd, std::string const& text) {
+    detail::CancelShield const shield; // monitor lines are written in destructors too
+    return write(fd, text.data(), text.size());
+}
+
+void Write(int fd, Response const& response) {
+    Write(fd, response.str());
+}
+
+} // namespace cmd
+} // namespace zel
+} // namespace orn

@@ -1,0 +1,354 @@
+// SPDX-License-Identifier: MIT
+#include <orn/zel/signal.hpp>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include <boost/bind/bind.hpp>
+
+#include <orn/zel/response.hpp>
+#include <orn/zel/threadGroup.hpp>
+
+#include "immortal.hpp"
+#include "signalGate.hpp"
+#include "wire.hpp"
+
+namespace orn {
+namespace zel {
+namespace signal {
+
+namespace {
+
+typedef std::map<int, boost::shared_ptr<SignalHandler>> handler_map;
+typedef std::map<unsigned long, boost::shared_ptr<Manager>> manager_map;
+
+struct StateLock;
+
+// The maps, and the publishing of handlers. Never taken in signal context. The identifier lock is taken under
+// it.
+ThreadMutex& state_lock() {
+    return detail::immortal<ThreadMutex, StateLock>();
+}
+
+handler_map* signal_handlers = nullptr; // null while the subsystem is not loaded
+manager_map* managers = nullptr;
+
+std::string install_failure(int signo) {
+    return "failed to install handler for signal " + std::to_string(signo);
+}
+
+} // namespace
+
+// ---- The process-wide handlers
+// --------------------------------------------------------------------------------
+
+bool SignalHandlerImpl::PublishedList::insert_handler(std::pair<const unsigned long, receptor_type> entry) {
+    AutoLock const guard(lock_);
+    HandlerList<int>::insert_handler(entry);
+    publish();
+    return true;
+}
+
+void SignalHandlerImpl::PublishedList::remove_handler(id_t handle) {
+    AutoLock const guard(lock_);
+    HandlerList<int>::remove_handler(handle);
+    publish();
+}
+
+void SignalHandlerImpl::PublishedList::withdraw() {
+    AutoLock const guard(lock_);
+    detail::SignalGate::publish(owner_.signo_, detail::SignalGate::functions_type());
+}
+
+void SignalHandlerImpl::PublishedList::publish() {
+    if (owner_.installed_)
+        detail::SignalGate::publish(owner_.signo_, handlers());
+}
+
+SignalHandlerImpl::SignalHandlerImpl(int signo)
+    : signo_(signo), saved_action_(), installed_(false), handlers_(*this) {
+    apply_signal_handler();
+}
+
+SignalHandlerImpl::~SignalHandlerImpl() {
+    retire();
+}
+
+void SignalHandlerImpl::apply_signal_handler() {
+    struct sigaction action = {};
+    action.sa_handler = sig_handler;
+    sigemptyset(&action.sa_mask);
+    installed_ = sigaction(signo_, &action, &saved_action_) == 0;
+    if (!installed_) {
+        int const error = errno;
+        throw Exception(install_failure(signo_) + ": errno=" + std::to_string(error) + " (" +
+                        strerror(error) + ")");
+    }
+}
+
+void SignalHandlerImpl::restore_original_handler() {
+    sigaction(signo_, &saved_action_, nullptr);
+}
+
+void SignalHandlerImpl::retire() {
+    if (!installed_.exchange(false))
+        return;
+    restore_original_handler();
+    handlers_.withdraw();
+}
+
+void SignalHandlerImpl::handle_signal() {
+    detail::SignalGate::deliver(signo_);
+}
+
+SignalHandler::SignalHandler(int signo) : impl_(new SignalHandlerImpl(signo)) {}
+SignalHandler::~SignalHandler() = default;
+
+void SignalHandler::handle_signal() {
+    impl_->handle_signal();
+}
+
+HandlerList<int>& SignalHandler::handlers() {
+    return impl_->handlers();
+}
+
+boost::shared_ptr<SignalHandler> sigHandler(int signo) {
+    AutoLock const guard(state_lock());
+    if (!signal_handlers)
+        signal_handlers = new handler_map;
+    handler_map::const_iterator const it = signal_handlers->find(signo);
+    if (it != signal_handlers->end())
+        return it->second;
+    boost::shared_ptr<SignalHandler> const made(new SignalHandler(signo));
+    signal_handlers->insert(std::make_pair(signo, made));
+    return made;
+}
+
+// ---- Manager
+// --------------------------------------------------------------------------------------------------
+
+// What a manager keeps for a signal that it watches. The source outlives the registration in its list, also
+// when it has been retired by an unload.
+struct Manager::SignalBundle {
+    SignalBundle(int signo, boost::shared_ptr<os::Pipe> const& pipe,
+                 boost::shared_ptr<HandlerList<int>> const& users)
+        : source(sigHandler(signo)),
+          registration(source->handlers(),
+                       [pipe](int arrived) {
+                           detail::write_word_in_signal(pipe->WriteFD(), static_cast<std::uint32_t>(arrived));
+                       }),
+          list(users) {}
+
+    boost::shared_ptr<SignalHandler> source;
+    orn::zel::AutoReceptor<int> registration;
+    boost::shared_ptr<HandlerList<int>> list;
+};
+
+struct Manager::Watch {
+    // With rearm, a bundle whose source was retired by an unload is tied to the signal anew.
+    boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<os::Pipe> const& pipe, bool rearm);
+    void drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe);
+
+    std::map<int, SignalBundle> bundles;
+};
+
+boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::shared_ptr<os::Pipe> const& pipe,
+                                                         bool rearm) {
+    std::map<int, SignalBundle>::iterator const it = bundles.find(signo);
+    if (it == bundles.end()) {
+        boost::shared_ptr<HandlerList<int>> const users(new HandlerList<int>);
+        bundles.emplace(signo, SignalBundle(signo, pipe, users));
+        return users;
+    }
+    boost::shared_ptr<HandlerList<int>> const users = it->second.list;
+    if (rearm && !it->second.source->impl().installed()) {
+        SignalBundle fresh(signo, pipe, users);
+        bundles.erase(it);
+        bundles.emplace(signo, fresh);
+    }
+    return users;
+}
+
+void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe) {
+    if (!(event->revents() & POLLIN))
+        return;
+    std::uint32_t word;
+    while (detail::read_word(event->fd(), word)) {
+        int const signo = static_cast<int>(word);
+        boost::shared_ptr<HandlerList<int>> const users = list(signo, pipe, false);
+        // No lock is held here: the handlers may change this list, and run a nested loop.
+        Dispatch(*users, signo);
+    }
+}
+
+Manager::Manager()
+    : id_(next_id()), pipe_(new os::Pipe(false)), watch_(new Watch),
+      receptor_(pipe_->ReadFD(),
+                [watch = watch_, pipe = pipe_](fd::Event* event) { watch->drain(event, pipe); }) {}
+
+Manager::~Manager() = default;
+
+boost::shared_ptr<Receptacle<int, unsigned long>> Manager::monitor(int signo) {
+    return watch_->list(signo, pipe_, true);
+}
+
+ssize_t Manager::signal_handler(int signo) {
+    return detail::write_word_in_signal(pipe_->WriteFD(), static_cast<std::uint32_t>(signo));
+}
+
+void Manager::fd_handler(fd::Event* event) {
+    watch_->drain(event, pipe_);
+}
+
+int Manager::signal_fd() const {
+    return pipe_->ReadFD();
+}
+
+std::vector<int> Manager::signals() const {
+    std::vector<int> numbers;
+    for (auto const& item : watch_->bundles)
+        numbers.push_back(item.first);
+    return numbers;
+}
+
+boost::shared_ptr<Manager> manager() {
+    id_t const key = thread::FdMgr()->id().value();
+    {
+        AutoLock const guard(state_lock());
+        if (!managers)
+            managers = new manager_map;
+        boost::shared_ptr<Manager> const& found = (*managers)[key];
+        if (found)
+            return found;
+    }
+    // Made with the lock released, since it registers with the group. Only the thread itself has this key.
+    boost::shared_ptr<Manager> const made(new Manager);
+    AutoLock const guard(state_lock());
+    if (!managers)
+        managers = new manager_map;
+    return (*managers)[key] = made;
+}
+
+AutoReceptor::AutoReceptor(int signo, boost::function<void(int)> handler)
+    : list_(Signal(signo)), receptor_(*list_, handler) {}
+
+AutoReceptor::~AutoReceptor() = default;
+
+// ---- The process's signal state
+// -------------------------------------------------------------------------------
+
+namespace {
+
+bool has_disposition(int signo, void (*handler)(int)) {
+    struct sigaction current = {};
+    return sigaction(signo, nullptr, &current) == 0 && !(current.sa_flags & SA_SIGINFO) &&
+           current.sa_handler == handler;
+}
+
+} // namespace
+
+bool is_ignored(int signo) {
+    return has_disposition(signo, SIG_IGN);
+}
+
+bool is_default(int signo) {
+    return has_disposition(signo, SIG_DFL);
+}
+
+bool is_pending(int signo) {
+    sigset_t pending;
+    sigemptyset(&pending);
+    sigpending(&pending);
+    return sigismember(&pending, signo) == 1;
+}
+
+int block(sigset_t* set, sigset_t* old) {
+    sigemptyset(old);
+    return sigprocmask(SIG_BLOCK, set, old);
+}
+
+int unblock(sigset_t* set, sigset_t* old) {
+    sigemptyset(old);
+    return sigprocmask(SIG_UNBLOCK, set, old);
+}
+
+int blocked(sigset_t* set) {
+    sigemptyset(set);
+    return sigprocmask(SIG_SETMASK, nullptr, set);
+}
+
+int ignore(int signo) {
+    struct sigaction action = {};
+    action.sa_handler = SIG_IGN;
+    sigemptyset(&action.sa_mask);
+    if (sigaction(signo, &action, nullptr) != 0)
+        throw Exception(install_failure(signo));
+    return 0;
+}
+
+void ListSignals(std::string const&, int fd) {
+    manager_map known;
+    {
+        AutoLock const guard(state_lock());
+        if (managers)
+            known = *managers;
+    }
+    cmd::Response text;
+    text << "SignalMgrs:\n";
+    for (auto const& item : known) {
+        if (item.second)
+            text << '[' << item.second->id() << "] fdMgr=" << item.first
+                 << " signal_fd=" << item.second->signal_fd();
+    }
+    text << " signals={ ";
+    for (int const signo : manager()->signals())
+        text << signo << ' ';
+    text << '}';
+    cmd::Write(fd, text);
+}
+
+// ---- Load and unload
+// ------------------------------------------------------------------------------------------
+
+void zel_signal_load() {
+    AutoLock const guard(state_lock());
+    if (!signal_handlers)
+        signal_handlers = new handler_map;
+}
+
+void zel_signal_unload() {
+    std::unique_ptr<handler_map> doomed;
+    {
+        AutoLock const guard(state_lock());
+        doomed.reset(signal_handlers);
+        signal_handlers = nullptr;
+    }
+    if (!doomed)
+        return;
+    // Explicitly, because the bundles of managers that live on share the handlers.
+    for (auto const& item : *doomed)
+        item.second->impl().retire();
+}
+
+void release_managers() {
+    std::unique_ptr<manager_map> doomed; // outside the lock: managers withdraw their registrations
+    AutoLock const guard(state_lock());
+    doomed.reset(managers);
+    managers = nullptr;
+}
+
+} // namespace signal
+
+boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo) {
+    return signal::manager()->monitor(signo);
+}
+
+} // namespace zel
+} // namespace orn
+
+void sig_handler(int signo) {
+    int const error = errno;
+    orn::zel::detail::SignalGate::deliver(signo);
+    errno = error;
+}

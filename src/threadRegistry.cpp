@@ -1,0 +1,286 @@
+// SPDX-License-Identifier: MIT
+//
+// The thread records and the hooks that keep them: threadGroup.hpp's registry half.
+#include "registry.hpp"
+
+#include <memory>
+
+#include <orn/zel/threadGroup.hpp>
+
+#include "immortal.hpp"
+
+namespace orn {
+namespace zel {
+namespace thread {
+
+namespace {
+
+struct RegistryLock;
+
+StaticStuff* the_stuff = nullptr; // guarded by Registry::lock()
+
+} // namespace
+
+int self() {
+    return orn_zel_pthread_self();
+}
+
+// ---- Registry
+// -------------------------------------------------------------------------------------------------
+
+ThreadMutex& Registry::lock() {
+    return detail::immortal<ThreadMutex, RegistryLock>();
+}
+
+StaticStuff& Registry::stuff() {
+    if (!the_stuff)
+        the_stuff = new StaticStuff;
+    return *the_stuff;
+}
+
+Associations& Registry::record(int tid) ZEL_NO_ANALYSIS {
+    return stuff().map().entry(tid);
+}
+
+Associations* Registry::record_if_any(int tid) ZEL_NO_ANALYSIS {
+    if (!the_stuff)
+        return nullptr;
+    std::map<int, Associations>& entries = the_stuff->map().entries_;
+    std::map<int, Associations>::iterator const it = entries.find(tid);
+    return it == entries.end() ? nullptr : &it->second;
+}
+
+void Registry::load() {
+    AutoLock const guard(lock());
+    stuff();
+}
+
+void Registry::unload() {
+    std::unique_ptr<StaticStuff> doomed;
+    {
+        AutoLock const guard(lock());
+        doomed.reset(the_stuff);
+        the_stuff = nullptr;
+    }
+    // Destroyed with the lock released: the groups and managers that go with it must not be called under it.
+}
+
+Map* Registry::map() {
+    AutoLock const guard(lock());
+    return &stuff().map();
+}
+
+template <class Locate>
+boost::shared_ptr<Group> Registry::find_or_make_group(Locate locate) {
+    {
+        AutoLock const guard(lock());
+        Associations const& record = locate();
+        if (record.group_)
+            return record.group_;
+    }
+    // Made with the lock released: a group opens descriptors and writes to the log.
+    boost::shared_ptr<Group> made(new Group);
+    {
+        AutoLock const guard(lock());
+        Associations& record = locate();
+        if (record.group_)
+            return record.group_;
+        record.group_ = made;
+    }
+    made->insert(self());
+    return made;
+}
+
+template <class Locate>
+boost::shared_ptr<fd::Manager> Registry::find_or_make_fd_manager(Locate locate) {
+    {
+        AutoLock const guard(lock());
+        Associations const& record = locate();
+        if (record.fd_manager_)
+            return record.fd_manager_;
+    }
+    boost::shared_ptr<fd::Manager> made(new fd::Manager);
+    AutoLock const guard(lock());
+    Associations& record = locate();
+    if (!record.fd_manager_)
+        record.fd_manager_ = made;
+    return record.fd_manager_;
+}
+
+template <class Locate>
+void Registry::move_to(Locate locate, boost::shared_ptr<Group> const& group) {
+    detail::check(group.get() != nullptr, "group", "src/threadGroup", 140);
+    boost::shared_ptr<Group> left;
+    {
+        AutoLock const guard(lock());
+        left = locate().group_;
+    }
+    if (left)
+        left->erase(self());
+    {
+        AutoLock const guard(lock());
+        locate().group_ = group;
+    }
+    group->insert(self());
+    // The group that was left may be destroyed here, with no lock held.
+}
+
+boost::shared_ptr<Group> Registry::group() {
+    int const tid = self();
+    return find_or_make_group([tid]() ZEL_NO_ANALYSIS -> Associations& { return record(tid); });
+}
+
+boost::shared_ptr<fd::Manager> Registry::fd_manager(int tid) {
+    return find_or_make_fd_manager([tid]() ZEL_NO_ANALYSIS -> Associations& { return record(tid); });
+}
+
+boost::shared_ptr<Group> Registry::group_if_any() {
+    int const tid = self();
+    AutoLock const guard(lock());
+    Associations const* const found = record_if_any(tid);
+    return found ? found->group_ : boost::shared_ptr<Group>();
+}
+
+boost::shared_ptr<fd::Manager> Registry::fd_manager_if_any(int tid) {
+    AutoLock const guard(lock());
+    Associations const* const found = record_if_any(tid);
+    return found ? found->fd_manager_ : boost::shared_ptr<fd::Manager>();
+}
+
+void Registry::associate(boost::shared_ptr<Group> const& group) {
+    int const tid = self();
+    move_to([tid]() ZEL_NO_ANALYSIS -> Associations& { return record(tid); }, group);
+}
+
+void Registry::erase() ZEL_NO_ANALYSIS {
+    std::map<int, Associations>::node_type erased; // destroyed with the lock released
+    AutoLock const guard(lock());
+    if (the_stuff)
+        erased = the_stuff->map().entries_.extract(self());
+}
+
+std::vector<Registry::Entry> Registry::entries() ZEL_NO_ANALYSIS {
+    std::vector<Entry> all;
+    AutoLock const guard(lock());
+    for (auto const& item : stuff().map().entries_)
+        all.push_back(Entry{item.first, item.second.group_, item.second.fd_manager_});
+    return all;
+}
+
+boost::shared_ptr<Group> Registry::group_of(Associations& record) {
+    return find_or_make_group([&record]() -> Associations& { return record; });
+}
+
+boost::shared_ptr<fd::Manager> Registry::fd_manager_of(Associations& record) {
+    return find_or_make_fd_manager([&record]() -> Associations& { return record; });
+}
+
+void Registry::associate(Associations& record, boost::shared_ptr<Group> const& group) {
+    move_to([&record]() -> Associations& { return record; }, group);
+}
+
+// ---- The public faces of it
+// -----------------------------------------------------------------------------------
+
+boost::shared_ptr<Group> Associations::GetGroup() {
+    return Registry::group_of(*this);
+}
+
+boost::shared_ptr<fd::Manager> Associations::GetFdMgr() {
+    return Registry::fd_manager_of(*this);
+}
+
+void Associations::Associate(boost::shared_ptr<Group> group) {
+    Registry::associate(*this, group);
+}
+
+void Associations::NewGroup() {
+    // Made before the old group is left, so that a failure changes nothing.
+    Registry::associate(*this, boost::shared_ptr<Group>(new Group));
+}
+
+Map::Map() : ThreadMap<Associations, Associations&>(Registry::lock()) {}
+Map::~Map() = default;
+
+Associations& Map::operator[](int tid) {
+    AutoLock const guard(lock_);
+    return entry(tid);
+}
+
+boost::shared_ptr<Group> ThisGroup() {
+    return Registry::group();
+}
+
+boost::shared_ptr<fd::Manager> FdMgr() {
+    return Registry::fd_manager(self());
+}
+
+boost::shared_ptr<fd::Manager> FdMgr(int tid) {
+    return Registry::fd_manager(tid);
+}
+
+Associations& This() {
+    return TheThreadMap()->This();
+}
+
+// ---- The thread layer's hooks
+// ---------------------------------------------------------------------------------
+
+o_pthread_extension::o_pthread_extension() {
+    ThreadExtensionRecord const record = {0xDEAD, ZEL_Thread_create_extension, ZEL_Thread_start_extension,
+                                          nullptr, ZEL_Thread_cleanup_extension};
+    // Registering the same hooks again, after an unload, adds nothing.
+    o_pthread_register_extension(&record);
+}
+
+o_pthread_extension::~o_pthread_extension() = default;
+StaticStuff::StaticStuff() = default;
+StaticStuff::~StaticStuff() = default;
+
+void zel_thread_load() {
+    Registry::load();
+}
+
+void zel_thread_unload() {
+    Registry::unload();
+}
+
+} // namespace thread
+
+thread::Map* TheThreadMap() {
+    return thread::Registry::map();
+}
+
+id_t GroupId() {
+    return thread::ThisGroup()->id().value();
+}
+
+void NewThreadGroup() {
+    thread::Registry::associate(boost::shared_ptr<thread::Group>(new thread::Group));
+}
+
+} // namespace zel
+} // namespace orn
+
+void* ZEL_Thread_create_extension() {
+    using namespace orn::zel::thread;
+    std::unique_ptr<InheritRecord> record(new InheritRecord{self(), ThisGroup()});
+    display_thread_op("create (this is the parent)");
+    return record.release();
+}
+
+int ZEL_Thread_start_extension(void* record) {
+    using namespace orn::zel::thread;
+    std::unique_ptr<InheritRecord> const inherited(static_cast<InheritRecord*>(record));
+    display_thread_op("start");
+    Registry::associate(inherited->group);
+    return 0;
+}
+
+int ZEL_Thread_cleanup_extension() {
+    using namespace orn::zel::thread;
+    display_thread_op("cleanup");
+    ThisGroup()->erase(self());
+    Registry::erase();
+    return 0;
+}
