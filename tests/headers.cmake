@@ -13,7 +13,9 @@ if(NOT ZEL_SANITIZE)
             endif()
             foreach(language IN LISTS languages)
                 set(unit ${CMAKE_CURRENT_BINARY_DIR}/headers/${header}.${language})
-                file(CONFIGURE OUTPUT ${unit} CONTENT "#include <${header}>\n#include <${header}>\n")
+                # The last line is there for C, where a unit must declare something.
+                file(CONFIGURE OUTPUT ${unit}
+                    CONTENT "#include <${header}>\n#include <${header}>\ntypedef int declares_something;\n")
                 list(APPEND header_units ${unit})
             endforeach()
         endforeach()
