@@ -1,0 +1,50 @@
+/* SPDX-License-Identifier: MIT
+ *
+ * Log records. Public, plain C. Where they go is left to two environment variables, which are read when the
+ * first record is written:
+ *
+ *     LOG_SINK   syslog, stderr or the path of a file; unset or empty: nowhere, and then nothing is formatted
+ *     LOG_LEVEL  info: logSpecInfo records are written too; else only logSpecForceInfo records are
+ *
+ *     Log_SpecEntry(logSpecForceInfo, "src/fd", 174, "%s: fd=%d", "insert", fd);
+ *
+ * A record is one line, written whole with one write(): UTC time, process and thread id, level, source:line
+ * and the text. Control characters in the text become blanks, and a text of more than 64 KiB is cut.
+ */
+#ifndef ORN_LOG_H
+#define ORN_LOG_H
+
+#include <orn/api.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef enum Log_Spec {
+    logSpecForceInfo, /* written wherever a sink is set */
+    logSpecInfo       /* written with LOG_LEVEL=info only: what happens on every turn of a loop */
+} Log_Spec;
+
+/* Writes one record. Callable from any thread, but not from a signal handler; also while exit() runs. Never
+ * fails and never throws; errno is as before, and it is no cancellation point. A file or FIFO that cannot
+ * take the record loses it; a blocked stderr blocks. */
+ORN_API void Log_SpecEntry(Log_Spec spec, char const* source, int line, char const* format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+/* Reads LOG_SINK and LOG_LEVEL again and opens the file anew: after log rotation, or after a test has changed
+ * the environment. From any thread. */
+ORN_API void Log_Reopen(void);
+
+/* One bit per Log_Spec that may be written. Only for Log_Enabled. */
+ORN_API extern unsigned orn_log_enabled;
+
+/* 0 when a record with this spec would go nowhere: for callers that would have to compose a text first. */
+static inline int Log_Enabled(Log_Spec spec) {
+    return ((__atomic_load_n(&orn_log_enabled, __ATOMIC_RELAXED) >> spec) & 1u) != 0;
+}
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,272 @@
+// SPDX-License-Identifier: MIT
+//
+// The log sinks. All state is constant-initialised and never destroyed, so that records may be written
+// before, while and after static objects come and go; only the log file is closed when the library goes.
+#include <orn/log.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <mutex>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <syslog.h>
+#include <unistd.h>
+
+// All bits until the environment has been read: the first record decides.
+unsigned orn_log_enabled = ~0u;
+
+namespace {
+
+enum class Sink { unread, nowhere, standardError, file, systemLog };
+
+constexpr std::size_t textLimit = 64 * 1024;
+constexpr std::size_t prefixLimit = 256;
+constexpr mode_t fileMode = 0640;
+
+// Held while a record is written: a reopened or closed file must not be written to under its old number.
+std::mutex mutex;
+Sink sink = Sink::unread;
+int sinkFd = -1;
+bool sinkMayRaise = false; // a pipe or socket: writing may raise SIGPIPE
+
+void enable(unsigned mask) {
+    __atomic_store_n(&orn_log_enabled, mask, __ATOMIC_RELAXED);
+}
+
+void close_sink() {
+    if (sink == Sink::file) {
+        ::close(sinkFd);
+    }
+    sinkFd = -1;
+    sink = Sink::nowhere;
+    enable(0);
+}
+
+void open_sink() {
+    // The secure form: nobody makes a privileged program append to a file of his choice.
+    char const* const where = ::secure_getenv("LOG_SINK");
+    char const* const level = ::secure_getenv("LOG_LEVEL");
+    close_sink();
+    if (where == nullptr || *where == '\0') {
+        return;
+    }
+    if (std::strcmp(where, "syslog") == 0) {
+        sink = Sink::systemLog;
+    } else if (std::strcmp(where, "stderr") == 0) {
+        sink = Sink::standardError;
+        sinkFd = STDERR_FILENO;
+    } else {
+        // O_NONBLOCK: a FIFO whose reader is absent or slow costs records, not the caller's time.
+        sinkFd = ::open(where, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, fileMode);
+        if (sinkFd < 0) {
+            return;
+        }
+        sink = Sink::file;
+    }
+    struct stat status {};
+    sinkMayRaise = sinkFd >= 0 && (::fstat(sinkFd, &status) != 0 || !S_ISREG(status.st_mode));
+    bool const info = level != nullptr && std::strcmp(level, "info") == 0;
+    enable((1u << logSpecForceInfo) | (info ? 1u << logSpecInfo : 0u));
+}
+
+// Formatting a record must leave no trace in the caller: not in errno, not as a cancellation.
+class Unnoticed {
+public:
+    Unnoticed() : errno_(errno), state_(0) { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_); }
+    ~Unnoticed() {
+        ::pthread_setcancelstate(state_, nullptr);
+        errno = errno_;
+    }
+    int error() const { return errno_; }
+    Unnoticed(Unnoticed const&) = delete;
+    Unnoticed& operator=(Unnoticed const&) = delete;
+
+private:
+    int errno_;
+    int state_;
+};
+
+void write_whole(char const* record, std::size_t size) {
+    ssize_t written = -1;
+    do {
+        written = ::write(sinkFd, record, size);
+    } while (written < 0 && errno == EINTR);
+}
+
+// A reader that has gone must not end the process, and the application's own SIGPIPE stays its own.
+void write_without_sigpipe(char const* record, std::size_t size) {
+    sigset_t broken;
+    sigset_t before;
+    sigset_t pending;
+    sigemptyset(&broken);
+    sigaddset(&broken, SIGPIPE);
+    sigemptyset(&pending);
+    ::sigpending(&pending);
+    bool const wasPending = sigismember(&pending, SIGPIPE) == 1;
+    ::pthread_sigmask(SIG_BLOCK, &broken, &before);
+    errno = 0;
+    write_whole(record, size);
+    if (errno == EPIPE && !wasPending) {
+        struct timespec const now = {0, 0};
+        while (::sigtimedwait(&broken, nullptr, &now) < 0 && errno == EINTR) {
+        }
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+struct Date {
+    int year;
+    unsigned month;
+    unsigned day;
+};
+
+// The C library's conversions take its time zone lock, which a fork() can leave locked in the child for ever.
+// Years are counted from March, so that the leap day is the last of its year.
+Date date_of(std::int64_t daysSince1970) {
+    std::int64_t const shifted = daysSince1970 + 719468;
+    std::int64_t const era = shifted / 146097;
+    auto const dayOfEra = static_cast<unsigned>(shifted - era * 146097);
+    unsigned const yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    unsigned const dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    unsigned const fromMarch = (5 * dayOfYear + 2) / 153;
+    unsigned const month = fromMarch < 10 ? fromMarch + 3 : fromMarch - 9;
+    return {static_cast<int>(yearOfEra + era * 400) + (month <= 2 ? 1 : 0), month,
+            dayOfYear - (153 * fromMarch + 2) / 5 + 1};
+}
+
+std::size_t put_prefix(char* to, std::size_t room, Log_Spec spec, char const* source, int line) {
+    struct timespec now {};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    auto const seconds = static_cast<std::int64_t>(now.tv_sec);
+    Date const date = date_of(seconds / 86400);
+    auto const inDay = static_cast<int>(seconds % 86400);
+    int const length =
+        std::snprintf(to, room, "%04d-%02u-%02uT%02d:%02d:%02d.%06ldZ %d/%ld %s %.120s:%d: ", date.year,
+                      date.month, date.day, inDay / 3600, inDay / 60 % 60, inDay % 60,
+                      static_cast<long>(now.tv_nsec / 1000), static_cast<int>(::getpid()),
+                      ::syscall(SYS_gettid), spec == logSpecInfo ? "info" : "INFO", source, line);
+    return length < 0                                ? 0
+           : static_cast<std::size_t>(length) < room ? static_cast<std::size_t>(length)
+                                                     : room - 1;
+}
+
+// One line a record: nobody forges a record with a line feed in a name, and a format may end in one.
+std::size_t make_line(char* text, std::size_t size) {
+    while (size > 0 && text[size - 1] == '\n') {
+        --size;
+    }
+    for (std::size_t i = 0; i < size; ++i) {
+        auto const c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c == 0x7f) {
+            text[i] = ' ';
+        }
+    }
+    return size;
+}
+
+// There is room for the prefix before the text, and for the line's end behind it.
+void emit(Log_Spec spec, char const* source, int line, char* text, std::size_t size) {
+    size = make_line(text, size);
+    std::lock_guard<std::mutex> lock(mutex);
+    if (sink == Sink::systemLog) {
+        text[size] = '\0';
+        ::syslog(spec == logSpecInfo ? LOG_INFO : LOG_NOTICE, "%s:%d: %s", source, line, text);
+        return;
+    }
+    if (sink != Sink::standardError && sink != Sink::file) {
+        return;
+    }
+    // The prefix is put right before the text, at the end of the room that is left for it.
+    char prefix[prefixLimit];
+    std::size_t const length = put_prefix(prefix, sizeof prefix, spec, source, line);
+    char* const record = text - length;
+    std::memcpy(record, prefix, length);
+    text[size] = '\n';
+    if (sinkMayRaise) {
+        write_without_sigpipe(record, length + size + 1);
+    } else {
+        write_whole(record, length + size + 1);
+    }
+}
+
+void fork_prepare() {
+    mutex.lock();
+}
+void fork_done() {
+    mutex.unlock();
+}
+
+// The one object with a life: closes the file after the last ordinary static object of this library has gone.
+class Lifetime {
+public:
+    Lifetime() { ::pthread_atfork(fork_prepare, fork_done, fork_done); }
+    ~Lifetime() {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (sink == Sink::file || sink == Sink::unread) {
+            close_sink();
+        }
+    }
+    Lifetime(Lifetime const&) = delete;
+    Lifetime& operator=(Lifetime const&) = delete;
+};
+
+Lifetime lifetime __attribute__((init_priority(101)));
+
+} // namespace
+
+extern "C" void Log_SpecEntry(Log_Spec spec, char const* source, int line, char const* format, ...) {
+    if (!Log_Enabled(spec)) {
+        return;
+    }
+    Unnoticed unnoticed;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (sink == Sink::unread) {
+            open_sink();
+        }
+    }
+    if (!Log_Enabled(spec)) {
+        return;
+    }
+    char small[prefixLimit + 1024];
+    std::size_t room = sizeof small - prefixLimit - 1; // one for the line's end
+    char* buffer = small;
+    va_list arguments;
+    va_start(arguments, format);
+    va_list again;
+    va_copy(again, arguments);
+    errno = unnoticed.error(); // for %m
+    int const length = std::vsnprintf(buffer + prefixLimit, room, format, arguments);
+    std::size_t size = length < 0 ? 0 : static_cast<std::size_t>(length);
+    if (size >= room) {
+        std::size_t const wanted = size < textLimit ? size + 1 : textLimit;
+        auto* const large = static_cast<char*>(std::malloc(prefixLimit + wanted + 1));
+        if (large != nullptr) {
+            buffer = large;
+            room = wanted;
+            errno = unnoticed.error();
+            std::vsnprintf(buffer + prefixLimit, room, format, again);
+        }
+        size = size < room ? size : room - 1;
+    }
+    va_end(again);
+    va_end(arguments);
+    emit(spec, source, line, buffer + prefixLimit, size);
+    if (buffer != small) {
+        std::free(buffer);
+    }
+}
+
+extern "C" void Log_Reopen(void) {
+    Unnoticed unnoticed;
+    std::lock_guard<std::mutex> lock(mutex);
+    open_sink();
+}

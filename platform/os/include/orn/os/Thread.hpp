@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: MIT
+//
+// A thread that runs one function and is joined by its destructor. Public; the library runs its own service
+// threads with it. Starting in two phases, stopping and results are left to orn::zel::Thread.
+#ifndef ORN_OS_THREAD_HPP
+#define ORN_OS_THREAD_HPP
+
+#include <boost/function.hpp>
+#include <orn/api.h>
+#include <orn/os/o_pthread.h>
+
+namespace orn::os {
+
+class ORN_API Thread {
+public:
+    /// Starts at once, through o_pthread_create, so the hooks that are registered there run. The function is
+    /// copied; the copy is destroyed in the new thread when the function ends. An exception that leaves it
+    /// ends the process. Throws std::system_error (generic category, text "thread") when no thread can be
+    /// made.
+    explicit Thread(boost::function<void()> body);
+
+    /// Waits for the function to end. Called by the thread itself it does not wait but detaches the thread.
+    ~Thread();
+
+    Thread(Thread const&) = delete;
+    Thread& operator=(Thread const&) = delete;
+
+private:
+    o_pthread_t handle_;
+};
+
+} // namespace orn::os
+
+#endif

@@ -1,0 +1,408 @@
+// SPDX-License-Identifier: MIT
+//
+// orn::os::Timer over one service thread with a heap of deadlines. This file is the whole of it, so that a
+// test can link a clock of its own in its place.
+//
+// The service's state is constant-initialised and never destroyed: timers are used while exit() runs in
+// another thread. Only its thread has an end; see Lifetime.
+#include <orn/os/Timer.hpp>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <limits>
+#include <mutex>
+#include <new>
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <system_error>
+#include <type_traits>
+
+namespace orn::os {
+namespace {
+
+constexpr std::uint64_t never = std::numeric_limits<std::int64_t>::max();
+constexpr std::uint64_t nsPerMs = 1000000;
+constexpr std::uint64_t nsPerSecond = 1000000000;
+constexpr std::size_t heapWidth = 4;
+constexpr std::uint32_t flagDying = 1; // in its destructor: not to be armed any more
+
+std::uint64_t now_ns() {
+    struct timespec now {};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * nsPerSecond + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+std::uint64_t ns_of(unsigned long ms) {
+    return ms < never / nsPerMs ? ms * nsPerMs : never;
+}
+
+std::uint64_t after(std::uint64_t now, std::uint64_t delay) {
+    return delay < never - now ? now + delay : never;
+}
+
+// The first multiple of the period past deadline that is still to come.
+std::uint64_t next_in_phase(std::uint64_t deadline, std::uint64_t period, std::uint64_t now) {
+    std::uint64_t const missed = (now - deadline) / period;
+    return after(deadline + missed * period, period);
+}
+
+struct timespec timespec_of(std::uint64_t ns) {
+    // A 32-bit time_t still holds this; to wake early once in decades does no harm.
+    std::uint64_t const seconds = ns / nsPerSecond;
+    std::uint64_t const limit = std::numeric_limits<std::int32_t>::max();
+    struct timespec time {};
+    time.tv_sec = static_cast<time_t>(seconds < limit ? seconds : limit);
+    time.tv_nsec = static_cast<long>(ns % nsPerSecond);
+    return time;
+}
+
+} // namespace
+
+class TimerService {
+public:
+    void set(Timer& timer, unsigned long initialMs, unsigned long recurringMs);
+    void end(Timer& timer);
+
+    void stop();
+    void before_fork() { mutex_.lock(); }
+    void after_fork_in_parent() { mutex_.unlock(); }
+    void after_fork_in_child();
+
+private:
+    struct Entry {
+        std::uint64_t deadline; // beside the pointer: comparing touches no timer
+        Timer* timer;
+    };
+
+    bool armed(Timer const& timer) const { return timer.generation_ == generation_; }
+    void place(std::size_t index, Entry entry);
+    void sift_up(std::size_t index, Entry entry);
+    void sift_down(std::size_t index, Entry entry);
+    void arm(Timer& timer);
+    void disarm(Timer& timer);
+    void disarm_all();
+    void make_room();
+    static void* thread_start(void* service);
+    void make_conditions();
+    void start();
+    void serve();
+    void fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::uint64_t now);
+    void sleep(std::unique_lock<std::mutex>& lock);
+
+    std::mutex mutex_;                                  // a leaf; never held while a callback runs
+    pthread_cond_t earlier_ = PTHREAD_COND_INITIALIZER; // a deadline before sleepsUntil_, or the end
+    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER;    // a callback that somebody waits for has returned
+
+    Entry* heap_ = nullptr;
+    std::size_t size_ = 0;
+    std::size_t room_ = 0;
+    std::uint32_t generation_ = 1; // timers that carry it are in the heap; a step disarms all of them
+
+    pthread_t thread_ = {};
+    bool started_ = false;
+    bool stopped_ = false;
+    std::uint64_t sleepsUntil_ = 0; // 0: awake, and will look at the heap before it sleeps
+
+    Timer* running_ = nullptr;                          // whose callback runs
+    boost::function<void(Timer*)>* function_ = nullptr; // and the callback itself, taken out of the timer
+    unsigned waiting_ = 0;                              // destructors that wait for it
+};
+
+// ---------------------------------------------------------------- the heap
+
+void TimerService::place(std::size_t index, Entry entry) {
+    heap_[index] = entry;
+    entry.timer->index_ = index;
+}
+
+void TimerService::sift_up(std::size_t index, Entry entry) {
+    while (index > 0) {
+        std::size_t const parent = (index - 1) / heapWidth;
+        if (heap_[parent].deadline <= entry.deadline) {
+            break;
+        }
+        place(index, heap_[parent]);
+        index = parent;
+    }
+    place(index, entry);
+}
+
+void TimerService::sift_down(std::size_t index, Entry entry) {
+    for (;;) {
+        std::size_t const first = index * heapWidth + 1;
+        if (first >= size_) {
+            break;
+        }
+        std::size_t const end = first + heapWidth < size_ ? first + heapWidth : size_;
+        std::size_t least = first;
+        for (std::size_t child = first + 1; child < end; ++child) {
+            if (heap_[child].deadline < heap_[least].deadline) {
+                least = child;
+            }
+        }
+        if (entry.deadline <= heap_[least].deadline) {
+            break;
+        }
+        place(index, heap_[least]);
+        index = least;
+    }
+    place(index, entry);
+}
+
+void TimerService::make_room() {
+    if (size_ < room_) {
+        return;
+    }
+    std::size_t const room = room_ == 0 ? 64 : room_ * 2;
+    void* const grown = std::realloc(static_cast<void*>(heap_), room * sizeof(Entry));
+    if (grown == nullptr) {
+        throw std::bad_alloc();
+    }
+    heap_ = static_cast<Entry*>(grown);
+    room_ = room;
+}
+
+void TimerService::arm(Timer& timer) {
+    timer.generation_ = generation_;
+    sift_up(size_++, {timer.deadlineNs_, &timer});
+}
+
+void TimerService::disarm(Timer& timer) {
+    if (!armed(timer)) {
+        return;
+    }
+    timer.generation_ = 0;
+    std::size_t const index = timer.index_;
+    Entry const last = heap_[--size_];
+    if (index == size_) {
+        return;
+    }
+    if (index > 0 && last.deadline < heap_[(index - 1) / heapWidth].deadline) {
+        sift_up(index, last);
+    } else {
+        sift_down(index, last);
+    }
+}
+
+void TimerService::disarm_all() {
+    size_ = 0;
+    if (++generation_ == 0) {
+        generation_ = 1; // 0 is a timer's own mark for disarmed
+    }
+}
+
+// ---------------------------------------------------------------- from any thread
+
+void TimerService::set(Timer& timer, unsigned long initialMs, unsigned long recurringMs) {
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        disarm(timer);
+        if (stopped_ || (timer.flags_ & flagDying) != 0) {
+            return;
+        }
+        make_room();
+        start();
+        timer.deadlineNs_ = after(now_ns(), ns_of(initialMs));
+        timer.periodNs_ = ns_of(recurringMs);
+        arm(timer);
+        if (timer.deadlineNs_ < sleepsUntil_) {
+            sleepsUntil_ = timer.deadlineNs_; // spares the next one, if it is later, the same wake-up
+            wake = true;
+        }
+    }
+    if (wake) {
+        ::pthread_cond_signal(&earlier_);
+    }
+}
+
+void TimerService::end(Timer& timer) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    disarm(timer);
+    if (running_ != &timer) {
+        return;
+    }
+    if (::pthread_equal(thread_, ::pthread_self()) != 0) {
+        running_ = nullptr; // from its own callback, whose function object fire() keeps
+        return;
+    }
+    timer.flags_ |= flagDying; // the callback may be about to set it again, for ever
+    int state = 0;             // waiting is a cancellation point, and this is a destructor
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    ++waiting_;
+    while (running_ == &timer) {
+        ::pthread_cond_wait(&idle_, mutex_.native_handle());
+    }
+    --waiting_;
+    ::pthread_setcancelstate(state, nullptr);
+}
+
+// Nobody waits on them: a child of fork() may find them in the middle of a dead thread's call.
+void TimerService::make_conditions() {
+    pthread_condattr_t attributes;
+    ::pthread_condattr_init(&attributes);
+    ::pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    ::pthread_cond_init(&earlier_, &attributes);
+    ::pthread_cond_init(&idle_, &attributes);
+    ::pthread_condattr_destroy(&attributes);
+}
+
+// Under the mutex: two timers that are set at once must not start two threads.
+void TimerService::start() {
+    if (started_) {
+        return;
+    }
+    make_conditions();
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before); // the new thread inherits it
+    int const error = ::pthread_create(&thread_, nullptr, thread_start, this);
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (error != 0) {
+        throw std::system_error(error, std::generic_category(), "timer thread");
+    }
+    started_ = true;
+    sleepsUntil_ = 0;
+}
+
+// Threads that are still running when the process exits may go on using timers: those do nothing from here
+// on.
+void TimerService::stop() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    stopped_ = true;
+    disarm_all();
+    std::free(heap_);
+    heap_ = nullptr;
+    room_ = 0;
+    if (!started_ || ::pthread_equal(thread_, ::pthread_self()) != 0) {
+        return; // exit() called from a callback: this thread cannot wait for itself
+    }
+    started_ = false;
+    lock.unlock();
+    ::pthread_cond_signal(&earlier_);
+    ::pthread_join(thread_, nullptr);
+}
+
+// The child has the forking thread only, and its parent's timers are not its own.
+void TimerService::after_fork_in_child() {
+    disarm_all();
+    waiting_ = 0;
+    make_conditions();
+    bool const serving = started_ && ::pthread_equal(thread_, ::pthread_self()) != 0;
+    if (!serving) {
+        started_ = false;
+        if (running_ != nullptr) {
+            running_->callback_.swap(*function_); // from the stack of the thread that is no more
+            running_ = nullptr;
+        }
+        function_ = nullptr;
+    }
+    mutex_.unlock();
+}
+
+// ---------------------------------------------------------------- the service thread
+
+void* TimerService::thread_start(void* service) {
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    ::pthread_setname_np(::pthread_self(), "orn-timer");
+    ::prctl(PR_SET_TIMERSLACK, 1ul, 0ul, 0ul, 0ul);
+    static_cast<TimerService*>(service)->serve();
+    return nullptr;
+}
+
+void TimerService::serve() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!stopped_) {
+        std::uint64_t const now = now_ns();
+        if (size_ > 0 && heap_[0].deadline <= now) {
+            fire(lock, *heap_[0].timer, now);
+        } else {
+            sleep(lock);
+        }
+    }
+}
+
+void TimerService::sleep(std::unique_lock<std::mutex>& lock) {
+    sleepsUntil_ = size_ > 0 ? heap_[0].deadline : never;
+    if (sleepsUntil_ == never) {
+        ::pthread_cond_wait(&earlier_, lock.mutex()->native_handle());
+    } else {
+        struct timespec const until = timespec_of(sleepsUntil_);
+        ::pthread_cond_timedwait(&earlier_, lock.mutex()->native_handle(), &until);
+    }
+    sleepsUntil_ = 0;
+}
+
+// The callback is taken out of the timer while it runs, since it may destroy the timer, and put back
+// afterwards, both under the lock: a child of fork() finds it in one of the two places. Not held while it
+// runs: the mutex.
+void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::uint64_t now) {
+    boost::function<void(Timer*)> function;
+    function.swap(timer.callback_);
+    if (timer.periodNs_ == 0) {
+        disarm(timer);
+    } else {
+        timer.deadlineNs_ = next_in_phase(timer.deadlineNs_, timer.periodNs_, now);
+        sift_down(0, {timer.deadlineNs_, &timer});
+    }
+    running_ = &timer;
+    function_ = &function;
+    lock.unlock();
+    function(&timer);
+    lock.lock();
+    function_ = nullptr;
+    if (running_ == nullptr) {
+        lock.unlock(); // destroyed in the callback: the function's destructor may use timers too
+        function.clear();
+        lock.lock();
+        return;
+    }
+    function.swap(timer.callback_);
+    running_ = nullptr;
+    if (waiting_ > 0) {
+        ::pthread_cond_broadcast(&idle_);
+    }
+}
+
+// ---------------------------------------------------------------- life and death
+
+namespace {
+
+static_assert(std::is_trivially_destructible_v<TimerService>, "used after static destructors");
+
+TimerService service;
+
+// Constructed before, and so destroyed after, every ordinary static object of the same library: the thread
+// ends when nothing that uses timers is left in it, at exit() and at dlclose() alike.
+class Lifetime {
+public:
+    Lifetime() {
+        ::pthread_atfork([] { service.before_fork(); }, [] { service.after_fork_in_parent(); },
+                         [] { service.after_fork_in_child(); });
+    }
+    ~Lifetime() { service.stop(); }
+    Lifetime(Lifetime const&) = delete;
+    Lifetime& operator=(Lifetime const&) = delete;
+};
+
+Lifetime lifetime __attribute__((init_priority(101)));
+
+} // namespace
+
+Timer::Timer(boost::function<void(Timer*)> callback)
+    : deadlineNs_(0), periodNs_(0), index_(0), generation_(0), flags_(0) {
+    callback_.swap(callback);
+}
+
+Timer::~Timer() {
+    service.end(*this);
+}
+
+void Timer::Set(unsigned long initialMs, unsigned long recurringMs) {
+    service.set(*this, initialMs, recurringMs);
+}
+
+} // namespace orn::os
