@@ -40,6 +40,12 @@ public:
     static void associate(boost::shared_ptr<Group> const& group);
     static void erase();
 
+    // Whether the library was last taken down under other threads that had used it and were still alive. That
+    // is exit(): what such a thread may still point to must then stay, and its calls must not fail. Noted by
+    // note_survivors(), the first step of taking down.
+    static bool survivors();
+    static void note_survivors();
+
     // All records in ascending thread id.
     static std::vector<Entry> entries();
 

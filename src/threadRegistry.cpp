@@ -3,7 +3,12 @@
 // The thread records and the hooks that keep them: threadGroup.hpp's registry half.
 #include "registry.hpp"
 
+#include <algorithm>
+#include <atomic>
 #include <memory>
+
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <orn/zel/threadGroup.hpp>
 
@@ -18,6 +23,7 @@ namespace {
 struct RegistryLock;
 
 StaticStuff* the_stuff = nullptr; // guarded by Registry::lock()
+std::atomic<bool> survived(false);
 
 } // namespace
 
@@ -165,6 +171,21 @@ std::vector<Registry::Entry> Registry::entries() ZEL_NO_ANALYSIS {
     for (auto const& item : stuff().map().entries_)
         all.push_back(Entry{item.first, item.second.group_, item.second.fd_manager_});
     return all;
+}
+
+bool Registry::survivors() {
+    return survived;
+}
+
+void Registry::note_survivors() ZEL_NO_ANALYSIS {
+    int const me = self();
+    pid_t const process = getpid();
+    AutoLock const guard(lock());
+    survived = the_stuff && std::any_of(the_stuff->map().entries_.begin(), the_stuff->map().entries_.end(),
+                                        [me, process](std::pair<int const, Associations> const& item) {
+                                            return item.first != me &&
+                                                   syscall(SYS_tgkill, process, item.first, 0) == 0;
+                                        });
 }
 
 boost::shared_ptr<Group> Registry::group_of(Associations& record) {

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+#include <orn/zel/load.hpp>
+
+#include <string>
+#include <vector>
+
+#include <orn/LibLoader.hpp>
+#include <orn/os/EnvVar.hpp>
+#include <orn/zel/alarm.hpp>
+#include <orn/zel/core.hpp>
+#include <orn/zel/signal.hpp>
+#include <orn/zel/threadGroup.hpp>
+
+#include "registry.hpp"
+
+namespace orn {
+namespace zel {
+
+namespace {
+
+LibLoader* loader = nullptr;
+
+} // namespace
+
+void ZEL_load__() {
+    thread::zel_thread_load();
+    signal::zel_signal_load();
+    alarm::zel_alarm_load();
+
+    std::vector<std::string> names;
+    split(std::string(os::EnvVar("ZEL_PRELOAD")), " :,;", names);
+    loader = new LibLoader;
+    for (std::string const& name : names)
+        loader->load(name);
+}
+
+void ZEL_unload__() {
+    thread::Registry::note_survivors();
+
+    // Preloaded libraries first: they may use any subsystem.
+    loader->unload();
+    delete loader;
+
+    alarm::zel_alarm_unload();
+    signal::zel_signal_unload();
+    thread::zel_thread_unload();
+}
+
+} // namespace zel
+} // namespace orn
