@@ -14,6 +14,8 @@ function(zel_private_flags target)
     endif()
     # A unique symbol pins a shared object for good: dlclose() would never unload it.
     target_compile_options(${target} PRIVATE $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-gnu-unique>)
+    # Nobody interposes zel's functions; calls among them need not go through the procedure linkage table.
+    target_compile_options(${target} PRIVATE -fno-semantic-interposition)
     # Clang's lock analysis; the annotations are empty elsewhere.
     target_compile_options(${target} PRIVATE $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)
     if(ZEL_SANITIZE)

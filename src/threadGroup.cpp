@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <functional>
 #include <sstream>
 
 #include <unistd.h>
@@ -30,9 +31,8 @@ struct MonitorTags {
 MonitorTags monitors = {{-1}, {-1}};
 std::atomic<bool> extendedLogging(false);
 
-// From this many descriptors on, asking poll() without waiting is worth its own cost: a call that may block
-// registers with each descriptor, which costs several times as much as looking at it.
-std::size_t const ask_first_from = 6;
+// The longest that wait() goes without asking first, in turns: the cost of a miss, one system call, is spread
+// over that many.
 unsigned const longest_ask_pause = 63;
 
 int clamp_timeout(long timeoutMs) {
@@ -244,11 +244,11 @@ void Group::setup_pollset() {
         retired_.push_back(std::move(dispatchset_));
     dispatchset_.clear();
     pollset_.clear();
+    order_.clear();
     undispatched_ = 0;
     ++rebuilds_;
 
-    pollset_.push_back(pollfd{ctrl_.ReadFD(), POLLIN | POLLHUP, 0});
-    dispatchset_[ctrl_.ReadFD()] = DispatchInfo{POLLIN | POLLHUP, 0, [this](pollfd& p) { ctrl_eater(p); }};
+    add_entry(ctrl_.ReadFD(), DispatchInfo{POLLIN | POLLHUP, 0, [this](pollfd& p) { ctrl_eater(p); }});
 
     AutoLock const guard(mutex_);
     for (int const tid : threads_) {
@@ -266,11 +266,16 @@ void Group::add_monitors(int tid, boost::shared_ptr<fd::Manager> const& manager)
         fd::MonitorImpl const& monitor = *item.second;
         if (monitor.count() == 0 || monitor.expired() != 0)
             continue;
-        short const events = monitor.events();
-        pollset_.push_back(pollfd{item.first, events, 0});
-        dispatchset_[item.first] =
-            DispatchInfo{events, tid, Delivery(manager, fd::Manager::registration(monitor))};
+        Delivery const delivery(manager, fd::Manager::registration(monitor));
+        add_entry(item.first, DispatchInfo{monitor.events(), tid, delivery});
     }
+}
+
+void Group::add_entry(int fd, DispatchInfo const& info) {
+    DispatchInfo& stored = dispatchset_[fd];
+    stored = info;
+    order_.push_back(&stored);
+    pollset_.push_back(pollfd{fd, info.events, 0});
 }
 
 unsigned long Group::setup_pollset(pollfd* fds, unsigned long nfds, std::vector<pollfd>& out) {
@@ -311,6 +316,18 @@ public:
 private:
     Group& group_;
 };
+
+Group::DispatchInfo const& Group::dispatch_info(pollfd const& pfd) const {
+    // Mostly an entry of the group's own set, where its position says more quickly than a search what it is.
+    std::less<pollfd const*> const before;
+    pollfd const* const begin = pollset_.data();
+    if (!before(&pfd, begin) && before(&pfd, begin + pollset_.size()))
+        return *order_[static_cast<std::size_t>(&pfd - begin)];
+    dispatchset_type::const_iterator const it = dispatchset_.find(pfd.fd);
+    detail::check(it != dispatchset_.end(), "dispatchset.find(pfd.fd) != dispatchset.end()",
+                  "src/threadGroup", 663);
+    return it->second;
+}
 
 bool Group::left_group(int tid) const {
     if (membership_.load(std::memory_order_relaxed) == built_membership_)
@@ -383,7 +400,7 @@ void Group::rebuild() {
 // descriptor. A miss is paid for with pauses that double, so that a loop which mostly waits is not slowed
 // down.
 int Group::wait(std::vector<pollfd>& set, long timeoutMs) {
-    bool ask_first = timeoutMs != 0 && set.size() >= ask_first_from;
+    bool ask_first = timeoutMs != 0;
     if (ask_first && ask_again_ > 0) {
         --ask_again_;
         ask_first = false;

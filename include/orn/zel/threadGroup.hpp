@@ -165,6 +165,8 @@ private:
     typedef std::map<int, DispatchInfo> dispatchset_type;
 
     void add_monitors(int tid, boost::shared_ptr<fd::Manager> const& manager);
+    void add_entry(int fd, DispatchInfo const& info);
+    DispatchInfo const& dispatch_info(pollfd const& pfd) const;
     bool left_group(int tid) const;
     void leftovers();
     void rebuild();
@@ -182,8 +184,9 @@ private:
     std::atomic<int> runner_;
     std::atomic<unsigned long> runner_depth_;
 
-    // The rest is the runner's own. A set that is replaced while handlers of it run is kept until they are
-    // done.
+    // The rest is the runner's own. By position in pollset_: what dispatchset_ has for it.
+    std::vector<DispatchInfo const*> order_;
+    // A set that is replaced while handlers of it run is kept until they are done.
     std::vector<dispatchset_type> retired_;
     unsigned dispatching_;
     unsigned long rebuilds_;
