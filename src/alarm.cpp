@@ -11,6 +11,7 @@
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
+#include "idTable.hpp"
 #include "immortal.hpp"
 #include "registry.hpp"
 #include "wire.hpp"
@@ -80,8 +81,8 @@ struct Manager::Table {
     Table() : pipe(false) {}
 
     os::Pipe pipe;
-    std::map<id_t, boost::shared_ptr<TimerBlob>>
-        alarms; // destroyed, with its timers, before the pipe they write to
+    // Destroyed, with its timers, before the pipe they write to.
+    detail::IdTable<boost::shared_ptr<TimerBlob>> alarms;
 };
 
 Manager::Manager()
@@ -98,12 +99,11 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
     blob->timer.reset(CreateTimer(boost::bind(process_to_fd, id, table_->pipe.WriteFD())));
     blob->handler.swap(handler);
     blob->one_shot = recurringMs == 0;
-    // New identifiers are the largest, until the counter wraps.
-    auto const entry = table_->alarms.insert_or_assign(table_->alarms.end(), id, blob);
+    table_->alarms.insert(id, blob);
     try {
         blob->timer->Set(initialMs, recurringMs);
     } catch (...) {
-        table_->alarms.erase(entry);
+        table_->alarms.take(id);
         throw;
     }
     report([&](std::ostream& line) {
@@ -113,22 +113,19 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
 }
 
 void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
-    auto const it = table_->alarms.find(id);
-    if (it == table_->alarms.end())
+    boost::shared_ptr<TimerBlob>* const found = table_->alarms.find(id);
+    if (!found)
         return;
-    it->second->one_shot = true;
-    it->second->timer->Set(timeoutMs, 0);
+    (*found)->one_shot = true;
+    (*found)->timer->Set(timeoutMs, 0);
     report([&](std::ostream& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
 }
 
 void Manager::DeleteAlarm(id_t id) {
-    auto const it = table_->alarms.find(id);
-    if (it != table_->alarms.end()) {
-        // The blob itself may be held by its own handler, which is running; the timer goes now in any case.
-        boost::shared_ptr<TimerBlob> const deleted = it->second;
-        table_->alarms.erase(it);
+    boost::shared_ptr<TimerBlob> const deleted = table_->alarms.take(id);
+    // The blob itself may be held by its own handler, which is running; the timer goes now in any case.
+    if (deleted)
         deleted->timer.reset();
-    }
     report_deleted(id);
 }
 
@@ -142,18 +139,18 @@ void Manager::drain(Table& table, fd::Event* event) {
     std::uint32_t word;
     while (detail::read_word(event->fd(), word)) {
         id_t const id = word;
-        auto const it = table.alarms.find(id);
-        if (it == table.alarms.end())
+        boost::shared_ptr<TimerBlob>* const found = table.alarms.find(id);
+        if (!found)
             continue; // deleted, or fired, after its timer had written
         report([id](std::ostream& line) { line << "ALARM: id=" << id; });
         // No lock is held below: a handler may add, reset and delete alarms, its own included.
-        if (it->second->one_shot) {
+        if ((*found)->one_shot) {
             Handler handler;
-            handler.swap(it->second->handler);
-            table.alarms.erase(it);
+            handler.swap((*found)->handler);
+            table.alarms.take(id); // and with it the timer
             handler();
         } else {
-            boost::shared_ptr<TimerBlob> const held = it->second;
+            boost::shared_ptr<TimerBlob> const held = *found;
             held->handler();
         }
     }
