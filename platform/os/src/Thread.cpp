@@ -6,6 +6,7 @@
 #include <memory>
 #include <pthread.h>
 #include <system_error>
+#include <utility>
 
 namespace orn::os {
 namespace {
@@ -22,8 +23,7 @@ void* run(void* argument) {
 } // namespace
 
 Thread::Thread(boost::function<void()> body) : handle_() {
-    auto owned = std::make_unique<Body>();
-    owned->swap(body);
+    auto owned = std::make_unique<Body>(std::move(body));
     int const error = o_pthread_create(&handle_, nullptr, run, owned.get());
     if (error != 0) {
         throw std::system_error(error, std::generic_category(), "thread");

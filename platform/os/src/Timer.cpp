@@ -18,6 +18,7 @@
 #include <sys/prctl.h>
 #include <system_error>
 #include <type_traits>
+#include <utility>
 
 namespace orn::os {
 namespace {
@@ -295,7 +296,7 @@ void TimerService::after_fork_in_child() {
     if (!serving) {
         started_ = false;
         if (running_ != nullptr) {
-            running_->callback_.swap(*function_); // from the stack of the thread that is no more
+            running_->callback_ = std::move(*function_); // from the stack of the thread that is no more
             running_ = nullptr;
         }
         function_ = nullptr;
@@ -340,8 +341,7 @@ void TimerService::sleep(std::unique_lock<std::mutex>& lock) {
 // afterwards, both under the lock: a child of fork() finds it in one of the two places. Not held while it
 // runs: the mutex.
 void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::uint64_t now) {
-    boost::function<void(Timer*)> function;
-    function.swap(timer.callback_);
+    boost::function<void(Timer*)> function(std::move(timer.callback_));
     if (timer.periodNs_ == 0) {
         disarm(timer);
     } else {
@@ -360,7 +360,7 @@ void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::u
         lock.lock();
         return;
     }
-    function.swap(timer.callback_);
+    timer.callback_ = std::move(function);
     running_ = nullptr;
     if (waiting_ > 0) {
         ::pthread_cond_broadcast(&idle_);
@@ -393,9 +393,7 @@ Lifetime lifetime __attribute__((init_priority(101)));
 } // namespace
 
 Timer::Timer(boost::function<void(Timer*)> callback)
-    : deadlineNs_(0), periodNs_(0), index_(0), generation_(0), flags_(0) {
-    callback_.swap(callback);
-}
+    : callback_(std::move(callback)), deadlineNs_(0), periodNs_(0), index_(0), generation_(0), flags_(0) {}
 
 Timer::~Timer() {
     service.end(*this);

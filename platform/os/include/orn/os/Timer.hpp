@@ -43,11 +43,11 @@ private:
     friend class TimerService; // the implementation's own
 
     boost::function<void(Timer*)> callback_;
-    std::uint64_t deadlineNs_; ///< CLOCK_MONOTONIC
-    std::uint64_t periodNs_;   ///< 0: once
-    std::size_t index_;        ///< place in the service's heap
-    std::uint32_t generation_; ///< armed while equal to the service's
-    std::uint32_t flags_;
+    std::uint64_t deadlineNs_;                  ///< CLOCK_MONOTONIC
+    std::uint64_t periodNs_;                    ///< 0: once
+    std::size_t index_;                         ///< place in the service's heap
+    [[maybe_unused]] std::uint32_t generation_; ///< armed while equal to the service's
+    [[maybe_unused]] std::uint32_t flags_;
 };
 
 } // namespace orn::os

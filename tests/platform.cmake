@@ -1,0 +1,32 @@
+# Tests of the platform layer; included by tests/CMakeLists.txt, which defines zel_add_test().
+
+function(zel_add_platform_module name)
+    add_library(${name} MODULE ${ARGN})
+    zel_private_flags(${name})
+    target_link_libraries(${name} PRIVATE zel_platform_headers)
+endfunction()
+
+zel_add_test(platform_os_test SOURCES platform_os_test.cpp LIBRARIES zel_os zel_std zel_log)
+zel_add_test(platform_timer_clock_test SOURCES platform_timer_clock_test.cpp LIBRARIES zel_os)
+zel_add_test(platform_log_test SOURCES platform_log_test.cpp LIBRARIES zel_std zel_log)
+zel_add_test(platform_faketimer_test
+    SOURCES platform_faketimer_test.cpp support/FakeTimer.cpp LIBRARIES zel_platform_headers)
+
+# Three libraries that say when they come and go; one of them registers thread hooks with the program.
+foreach(letter a b h)
+    zel_add_platform_module(platform_module_${letter} ${CMAKE_CURRENT_LIST_DIR}/support/platform_module.cpp)
+    string(TOUPPER ${letter} upper)
+    target_compile_definitions(platform_module_${letter} PRIVATE MODULE_COMES="${upper}" MODULE_GOES="${letter}")
+endforeach()
+target_compile_definitions(platform_module_h PRIVATE MODULE_HAS_HOOKS)
+# A library with a platform layer of its own, to be loaded and unloaded whole.
+zel_add_platform_module(platform_module_whole ${CMAKE_CURRENT_LIST_DIR}/support/platform_module_whole.cpp)
+target_link_libraries(platform_module_whole PRIVATE zel_os zel_log)
+
+target_compile_definitions(platform_log_test PRIVATE
+    MODULE_A="$<TARGET_FILE:platform_module_a>" MODULE_B="$<TARGET_FILE:platform_module_b>"
+    MODULE_WHOLE="$<TARGET_FILE:platform_module_whole>")
+target_compile_definitions(platform_os_test PRIVATE MODULE_H="$<TARGET_FILE:platform_module_h>")
+add_dependencies(platform_log_test platform_module_a platform_module_b platform_module_whole)
+add_dependencies(platform_os_test platform_module_h)
+set_target_properties(platform_os_test PROPERTIES ENABLE_EXPORTS ON) # the module registers its hooks there

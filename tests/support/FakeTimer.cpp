@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: MIT
+//
+// orn::os::Timer on a clock that stands still between calls of fake_timer::advance().
+#include "FakeTimer.hpp"
+
+#include <limits>
+#include <map>
+#include <mutex>
+#include <orn/os/Timer.hpp>
+#include <utility>
+
+namespace orn::os {
+
+class TimerService {
+public:
+    using Key = std::pair<std::uint64_t, std::size_t>; // deadline, order of setting
+
+    static Key key(Timer const& timer) { return {timer.deadlineNs_, timer.index_}; }
+
+    void disarm(Timer& timer) {
+        if (timer.index_ != 0) {
+            armed.erase(key(timer));
+            timer.index_ = 0;
+        }
+    }
+
+    void arm(Timer& timer, std::uint64_t deadlineNs) {
+        timer.deadlineNs_ = deadlineNs;
+        timer.index_ = ++settings;
+        armed.emplace(key(timer), &timer);
+    }
+
+    void set(Timer& timer, std::uint64_t delayNs, std::uint64_t periodNs) {
+        std::lock_guard<std::mutex> lock(mutex);
+        disarm(timer);
+        timer.periodNs_ = periodNs;
+        arm(timer, after(delayNs));
+    }
+
+    std::uint64_t after(std::uint64_t delayNs) const {
+        auto const never = std::numeric_limits<std::uint64_t>::max();
+        return delayNs < never - nowNs ? nowNs + delayNs : never;
+    }
+
+    bool fire_one(std::uint64_t untilNs) {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (armed.empty() || armed.begin()->first.first > untilNs) {
+            nowNs = untilNs;
+            return false;
+        }
+        Timer& timer = *armed.begin()->second;
+        nowNs = timer.deadlineNs_;
+        disarm(timer);
+        if (timer.periodNs_ != 0) {
+            arm(timer, after(timer.periodNs_));
+        }
+        auto const callback = timer.callback_; // which may destroy its timer
+        lock.unlock();
+        callback(&timer);
+        return true;
+    }
+
+    std::mutex mutex; // not held while a callback runs
+    std::map<Key, Timer*> armed;
+    std::size_t settings = 0;
+    std::size_t live = 0;
+    std::uint64_t nowNs = 0;
+};
+
+namespace {
+
+// Never destroyed: alarms are taken down after the test's own static objects.
+TimerService& service() {
+    static auto* const instance = new TimerService;
+    return *instance;
+}
+
+std::uint64_t ns_of(unsigned long ms) {
+    auto const never = std::numeric_limits<std::uint64_t>::max();
+    return ms < never / 1000000u ? ms * std::uint64_t{1000000} : never;
+}
+
+} // namespace
+
+Timer::Timer(boost::function<void(Timer*)> callback)
+    : callback_(std::move(callback)), deadlineNs_(0), periodNs_(0), index_(0), generation_(0), flags_(0) {
+    std::lock_guard<std::mutex> lock(service().mutex);
+    ++service().live;
+}
+
+Timer::~Timer() {
+    std::lock_guard<std::mutex> lock(service().mutex);
+    service().disarm(*this);
+    --service().live;
+}
+
+void Timer::Set(unsigned long initialMs, unsigned long recurringMs) {
+    service().set(*this, ns_of(initialMs), ns_of(recurringMs));
+}
+
+} // namespace orn::os
+
+namespace fake_timer {
+
+void advance(unsigned long ms) {
+    auto& service = orn::os::service();
+    std::uint64_t const until = service.after(orn::os::ns_of(ms));
+    while (service.fire_one(until)) {
+    }
+}
+
+std::size_t live() {
+    std::lock_guard<std::mutex> lock(orn::os::service().mutex);
+    return orn::os::service().live;
+}
+
+std::size_t armed() {
+    std::lock_guard<std::mutex> lock(orn::os::service().mutex);
+    return orn::os::service().armed.size();
+}
+
+} // namespace fake_timer
