@@ -47,6 +47,9 @@ TEST(PlatformPipe, EndsAreCloseOnExecAndNonBlockingWhenAskedFor) {
 }
 
 TEST(PlatformPipe, WithoutDescriptorsItThrows) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "UndefinedBehaviorSanitizer needs a pipe of its own to check the exception's type";
+#endif
     rlimit before{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
     rlimit none = before;

@@ -84,31 +84,40 @@ TEST(TimerClock, HugeDelaysNeverFire) {
 }
 
 TEST(TimerClock, ARecurringTimerKeepsItsPhaseAndSkipsWhatAStallMissed) {
-    constexpr auto period = milliseconds(10);
+    constexpr auto period = milliseconds(20);
     constexpr std::size_t fires = 15;
     std::vector<Clock::duration> at;
     Count fired;
     Clock::time_point start;
-    Timer timer([&](Timer*) {
+    auto const callback = [&](Timer*) {
         at.push_back(Clock::now() - start);
         if (at.size() == 4) {
             std::this_thread::sleep_for(period * 7 / 2);
         }
         fired.up();
-    });
-    start = Clock::now();
-    timer.Set(10, 10);
-    ASSERT_TRUE(fired.reaches(fires));
-    timer.Set(60000, 0);
-    auto leastLate = period;
-    for (std::size_t i = 1; i < fires; ++i) {
-        EXPECT_GT(at[i] / period, at[i - 1] / period) << "fired twice in one period: " << i;
+    };
+    std::unique_ptr<Timer> timer;
+    do { // until the phase is known closely, even if this thread had to wait for its turn
+        timer.reset();
+        at.clear();
+        timer = std::make_unique<Timer>(callback);
+        start = Clock::now();
+        timer->Set(20, 20);
+    } while (Clock::now() - start > milliseconds(2));
+    ASSERT_TRUE(fired.reaches(fired.value() + fires));
+    timer.reset();
+    auto leastLate = Clock::duration(period);
+    for (std::size_t i = 0; i < fires; ++i) {
+        // The fifth comes as soon as the stall is over, for the period that began in it; two more are missed.
+        auto const nth = static_cast<int>(i) + 1;
+        int const dueInHalves = nth < 5 ? 2 * nth : nth == 5 ? 15 : 2 * (nth + 2);
+        EXPECT_GE(at[i], period * dueInHalves / 2) << "call " << nth;
         if (i > 4) {
-            leastLate = std::min(leastLate, std::chrono::duration_cast<milliseconds>(at[i] % period));
+            leastLate = std::min(leastLate, at[i] % period);
         }
     }
     // One that counts on from the end of the stall is at least half a period late from there on.
-    EXPECT_LT(leastLate.count(), 4);
+    EXPECT_LT(leastLate, period * 2 / 5);
 }
 
 TEST(TimerClock, CallbacksRunOnANamedThreadWithAllSignalsBlocked) {

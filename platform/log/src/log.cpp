@@ -47,16 +47,16 @@ void close_sink() {
     }
     sinkFd = -1;
     sink = Sink::nowhere;
-    enable(0);
 }
 
-void open_sink() {
+// Returns what is enabled from now on.
+unsigned open_sink() {
     // The secure form: nobody makes a privileged program append to a file of his choice.
     char const* const where = ::secure_getenv("LOG_SINK");
     char const* const level = ::secure_getenv("LOG_LEVEL");
     close_sink();
     if (where == nullptr || *where == '\0') {
-        return;
+        return 0;
     }
     if (std::strcmp(where, "syslog") == 0) {
         sink = Sink::systemLog;
@@ -67,14 +67,14 @@ void open_sink() {
         // O_NONBLOCK: a FIFO whose reader is absent or slow costs records, not the caller's time.
         sinkFd = ::open(where, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, fileMode);
         if (sinkFd < 0) {
-            return;
+            return 0;
         }
         sink = Sink::file;
     }
     struct stat status {};
     sinkMayRaise = sinkFd >= 0 && (::fstat(sinkFd, &status) != 0 || !S_ISREG(status.st_mode));
     bool const info = level != nullptr && std::strcmp(level, "info") == 0;
-    enable((1u << logSpecForceInfo) | (info ? 1u << logSpecInfo : 0u));
+    return (1u << logSpecForceInfo) | (info ? 1u << logSpecInfo : 0u);
 }
 
 // Formatting a record must leave no trace in the caller: not in errno, not as a cancellation.
@@ -212,6 +212,7 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         if (sink == Sink::file || sink == Sink::unread) {
             close_sink();
+            enable(0);
         }
     }
     Lifetime(Lifetime const&) = delete;
@@ -230,7 +231,7 @@ extern "C" void Log_SpecEntry(Log_Spec spec, char const* source, int line, char 
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (sink == Sink::unread) {
-            open_sink();
+            enable(open_sink());
         }
     }
     if (!Log_Enabled(spec)) {
@@ -268,5 +269,5 @@ extern "C" void Log_SpecEntry(Log_Spec spec, char const* source, int line, char 
 extern "C" void Log_Reopen(void) {
     Unnoticed unnoticed;
     std::lock_guard<std::mutex> lock(mutex);
-    open_sink();
+    enable(open_sink()); // never off in between: those who log meanwhile wait for the mutex
 }
