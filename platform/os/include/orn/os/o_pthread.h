@@ -30,9 +30,9 @@ typedef pthread_mutexattr_t o_pthread_mutexattr_t;
  * o_pthread_create runs the create hooks in the calling thread once the new thread exists, so a failure runs
  * no hook. The new thread waits for them, runs the start hooks, then start_routine, and last the cleanup
  * hooks, in reverse order of registration, however it ends: return, o_pthread_exit, cancellation.
- * Cancellation is held back while hooks run. When a create hook throws, the new thread ends without having
- * run anything and the exception goes on to the caller; an exception out of a start or cleanup hook ends the
- * process. */
+ * Cancellation is held back while hooks run in the new thread. When a create hook throws, the new thread ends
+ * without having run anything, what earlier create hooks returned is dropped, and the exception goes on to
+ * the caller; an exception out of a start or cleanup hook ends the process. */
 ORN_API int o_pthread_create(o_pthread_t* thread, o_pthread_attr_t const* attr, void* (*start_routine)(void*),
                              void* argument);
 ORN_API int o_pthread_detach(o_pthread_t thread);
