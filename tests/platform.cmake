@@ -1,5 +1,9 @@
 # Tests of the platform layer; included by tests/CMakeLists.txt, which defines zel_add_test().
 
+if(NOT TARGET zel_os)
+    return() # a vendor's own platform libraries
+endif()
+
 function(zel_add_platform_module name)
     add_library(${name} MODULE ${ARGN})
     zel_private_flags(${name})
