@@ -9,6 +9,7 @@
 #include <orn/zel/alarm.hpp>
 #include <orn/zel/core.hpp>
 #include <orn/zel/signal.hpp>
+#include <orn/zel/task.hpp>
 #include <orn/zel/threadGroup.hpp>
 
 #include "registry.hpp"
@@ -26,6 +27,7 @@ void ZEL_load__() {
     thread::zel_thread_load();
     signal::zel_signal_load();
     alarm::zel_alarm_load();
+    task::zel_task_load();
 
     std::vector<std::string> names;
     split(std::string(os::EnvVar("ZEL_PRELOAD")), " :,;", names);
@@ -41,6 +43,7 @@ void ZEL_unload__() {
     loader->unload();
     delete loader;
 
+    task::zel_task_unload();
     alarm::zel_alarm_unload();
     signal::zel_signal_unload();
     thread::zel_thread_unload();

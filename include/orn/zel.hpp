@@ -20,6 +20,7 @@
 #ifndef ORN_ZEL_HPP
 #define ORN_ZEL_HPP
 
+#include <orn/zel/Thread.hpp>
 #include <orn/zel/alarm.hpp>
 #include <orn/zel/core.hpp>
 #include <orn/zel/fd.hpp>
@@ -28,6 +29,7 @@
 #include <orn/zel/receptacle.hpp>
 #include <orn/zel/response.hpp>
 #include <orn/zel/signal.hpp>
+#include <orn/zel/task.hpp>
 #include <orn/zel/threadGroup.hpp>
 
 #endif

@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: MIT
+//
+// A thread as an object, with a start in two phases. Public. Making the object starts the thread and has it
+// initialise its work; the work itself begins with Start(). Threads made here join their creator's group, see
+// threadGroup.hpp.
+//
+//     orn::zel::Thread worker([] { return measure(); });
+//     worker.Start();
+//     worker.Join();
+//     std::printf("measured %d\n", worker.Status().value());
+//
+// The life of a thread, with the calls that lead on:
+//
+//     constructor: create, Init()
+//         |
+//         v
+//     Initialised --- Stop() ------------------------------------------------> Ended, with status 0
+//         |                                                                      ^   |
+//       Start()                                                                  |   | Join()
+//         v                                                                      |   v
+//     Running --- Run() returns; Stop(), when Cancel() cannot end the work ------+  Joined, Status() defined
+//
+//     Detach(), in any state before Joined: the thread ends unobserved, and Join() throws.
+//
+// The members belong to the owner of the object, one thread at a time. All platform calls go through the
+// orn_zel_pthread_ pointers of hooks.hpp.
+#ifndef ORN_ZEL_THREAD_HPP
+#define ORN_ZEL_THREAD_HPP
+
+#include <atomic>
+#include <type_traits>
+
+#include <boost/function.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include <orn/zel/core.hpp>
+#include <orn/zel/hooks.hpp>
+
+namespace orn {
+namespace zel {
+
+// The work of a thread: override the three operations, or fill in the three functions. An exception out of
+// Init() or Run() ends the process, as it does for any thread.
+class ORN_API Runnable {
+public:
+    Runnable() {}
+    virtual ~Runnable();
+
+    // In the new thread, while the constructor of Thread waits. The result is not used.
+    virtual int Init();
+    // In the new thread, after Start(). The result is the thread's status.
+    virtual int Run();
+    // In the thread that calls Stop(): asks the work to end itself. Anything but 0 says that it cannot, and
+    // has the thread cancelled; -1 when there is no function.
+    virtual int Cancel();
+
+    boost::function<int()> init;
+    boost::function<int()> run;
+    boost::function<int()> cancel;
+};
+
+// Stands for another Runnable, which must outlive it.
+class ORN_API RunnableReference : public Runnable {
+public:
+    explicit RunnableReference(Runnable& runnable) : runnable_(runnable) {}
+    ~RunnableReference() override;
+
+    int Init() override;
+    int Run() override;
+    int Cancel() override;
+
+private:
+    Runnable& runnable_;
+};
+
+class ORN_API Thread {
+public:
+    // What the object and its thread share.
+    struct RunData {
+        explicit RunData(boost::shared_ptr<Runnable> const& work)
+            : runnable(work), initialized(false), start(false), stop(false), thread_id(0), ended(false) {}
+
+        boost::shared_ptr<Runnable> runnable;
+        std::atomic<bool> initialized;
+        std::atomic<bool> start;
+        std::atomic<bool> stop;
+        std::atomic<int> thread_id; // as thread::self() says it
+
+        ThreadMutex mutex;
+        bool ended ZEL_GUARDED_BY(mutex); // the handle of a detached thread is good until then
+    };
+
+    // "attempt to join a detached thread"
+    class ORN_API JoinDetached : public Exception {
+    public:
+        JoinDetached();
+        ~JoinDetached() override;
+    };
+
+    // No work, no thread: Id() is 0, and Join() returns at once.
+    Thread();
+
+    // These return once the new thread has run Init(), and are not cancelled before. A thread that the system
+    // refuses throws std::system_error: nobody else would ever end the wait for it. An empty pointer gives an
+    // object without a thread.
+    explicit Thread(Runnable& runnable); // which must outlive the thread
+    explicit Thread(boost::shared_ptr<Runnable> runnable);
+    explicit Thread(boost::function<int()> run);
+    template <class Work, class = typename std::enable_if<std::is_convertible<Work*, Runnable*>::value>::type>
+    explicit Thread(boost::shared_ptr<Work> const& runnable)
+        : Thread(boost::shared_ptr<Runnable>(runnable)) {}
+
+    // Stops and joins, unless Stop(), Join() or Detach() has been called. Not a cancellation point. An object
+    // that was stopped is not joined here: Join() it, or its thread's memory stays.
+    virtual ~Thread();
+
+    virtual void Start();
+    // Started: calls Runnable::Cancel(), once, and cancels the thread when that fails. Not started: the
+    // thread ends without running the work. Does not wait.
+    virtual void Stop();
+    // Whether Stop() or Join() has been called.
+    virtual bool isStopped();
+    virtual void Detach();
+    virtual bool isDetached();
+    // Waits for the end of the thread. Nothing when there is no thread, or none any more. Throws
+    // JoinDetached.
+    virtual void Join();
+    // The result of Run(), 0 when it never ran, -1 when it was cancelled; undefined before Join().
+    virtual PossiblyUndefined<int> Status() const;
+
+    // The kernel's id of the thread.
+    int Id() const { return id_; }
+
+    // The first phase; the constructors call it.
+    void InitializeThread();
+
+    Thread(Thread const&) = delete;
+    Thread& operator=(Thread const&) = delete;
+
+private:
+    int id_;
+    boost::shared_ptr<Runnable> runnable_;
+    boost::shared_ptr<RunData> run_data_;
+    bool detached_;
+    bool stopped_;
+    PossiblyUndefined<int> status_;
+    o_pthread_t handle_;
+    bool joined_; // the handle is void
+};
+
+} // namespace zel
+} // namespace orn
+
+// What every thread made here runs; the argument is the address of its Thread's shared RunData pointer.
+extern "C" ORN_API void* threadProc(void* ptr);
+
+#endif
