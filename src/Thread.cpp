@@ -45,8 +45,7 @@ int run(Thread::RunData& data) {
 
 } // namespace
 
-// ---- Runnable
-// ---------------------------------------------------------------------------------------------------------
+// ---- Runnable -------------------------------------------------------------------------------------------
 
 Runnable::~Runnable() = default;
 
@@ -76,8 +75,7 @@ int RunnableReference::Cancel() {
     return runnable_.Cancel();
 }
 
-// ---- Thread
-// -----------------------------------------------------------------------------------------------------------
+// ---- Thread ---------------------------------------------------------------------------------------------
 
 Thread::JoinDetached::JoinDetached() : Exception("attempt to join a detached thread") {}
 Thread::JoinDetached::~JoinDetached() = default;

@@ -13,6 +13,7 @@
 
 #include "idTable.hpp"
 #include "immortal.hpp"
+#include "observers.hpp"
 #include "registry.hpp"
 #include "wire.hpp"
 
@@ -74,8 +75,7 @@ os::Timer* CreateTimer(boost::function<void(os::Timer*)> callback) {
     return new os::Timer(callback);
 }
 
-// ---- Manager
-// --------------------------------------------------------------------------------------------------
+// ---- Manager --------------------------------------------------------------------------------------------
 
 struct Manager::Table {
     Table() : pipe(false) {}
@@ -186,6 +186,14 @@ void Unmonitor(std::string const&, int) {
     monitor_fd = -1;
 }
 
+bool is_observer(int fd) {
+    return monitor_fd == fd;
+}
+
+void forget_observer(int fd) {
+    detail::forget(monitor_fd, fd);
+}
+
 void zel_alarm_load() {
     AutoLock const guard(map_lock());
     managerMutex = &map_lock();
@@ -201,8 +209,7 @@ void zel_alarm_unload() {
     managerMutex = nullptr;
 }
 
-// ---- Alarm
-// ----------------------------------------------------------------------------------------------------
+// ---- Alarm ----------------------------------------------------------------------------------------------
 
 AlarmImpl::~AlarmImpl() {
     Cancel();

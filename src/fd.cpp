@@ -11,8 +11,7 @@ namespace orn {
 namespace zel {
 namespace fd {
 
-// ---- ManagerAssociation
-// ---------------------------------------------------------------------------------------
+// ---- ManagerAssociation ---------------------------------------------------------------------------------
 
 ManagerAssociation::ManagerAssociation(MonitorImpl* monitor)
     : monitor_(monitor), enabled_(false), associated_(false) {}
@@ -56,8 +55,7 @@ void ManagerAssociation::dissociate() {
     }
 }
 
-// ---- MonitorImpl
-// ----------------------------------------------------------------------------------------------
+// ---- MonitorImpl ----------------------------------------------------------------------------------------
 
 MonitorImpl::MonitorImpl() : MonitorImpl(-1, 0) {}
 
@@ -123,8 +121,7 @@ void MonitorImpl::Associate(boost::shared_ptr<Manager> manager) {
     association_ = manager;
 }
 
-// ---- MonitorMap and Manager
-// -----------------------------------------------------------------------------------
+// ---- MonitorMap and Manager -----------------------------------------------------------------------------
 
 MonitorMap::~MonitorMap() = default;
 
@@ -213,8 +210,7 @@ void Manager::WakeUp(char c) {
     thread::ThisGroup()->WakeUp(c);
 }
 
-// ---- Registration and listing
-// ---------------------------------------------------------------------------------
+// ---- Registration and listing ---------------------------------------------------------------------------
 
 boost::shared_ptr<Monitor> Fd(int fd, boost::shared_ptr<Manager> manager) {
     boost::shared_ptr<MonitorImpl> const monitor(new MonitorImpl(fd, POLLIN));

@@ -7,10 +7,12 @@
 #include <orn/LibLoader.hpp>
 #include <orn/os/EnvVar.hpp>
 #include <orn/zel/alarm.hpp>
+#include <orn/zel/cmd.hpp>
 #include <orn/zel/core.hpp>
 #include <orn/zel/signal.hpp>
 #include <orn/zel/task.hpp>
 #include <orn/zel/threadGroup.hpp>
+#include <orn/zel/zelcmds.hpp>
 
 #include "registry.hpp"
 
@@ -28,6 +30,8 @@ void ZEL_load__() {
     signal::zel_signal_load();
     alarm::zel_alarm_load();
     task::zel_task_load();
+    cmd::zel_cmd_load();
+    zelcmds::zel_zelcmds_load();
 
     std::vector<std::string> names;
     split(std::string(os::EnvVar("ZEL_PRELOAD")), " :,;", names);
@@ -37,12 +41,16 @@ void ZEL_load__() {
 }
 
 void ZEL_unload__() {
+    // A command may be running code of a library that goes next.
+    cmd::stop_channel();
     thread::Registry::note_survivors();
 
     // Preloaded libraries first: they may use any subsystem.
     loader->unload();
     delete loader;
 
+    zelcmds::zel_zelcmds_unload();
+    cmd::zel_cmd_unload();
     task::zel_task_unload();
     alarm::zel_alarm_unload();
     signal::zel_signal_unload();

@@ -11,6 +11,7 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "immortal.hpp"
+#include "process.hpp"
 #include "signalGate.hpp"
 #include "wire.hpp"
 
@@ -40,8 +41,7 @@ std::string install_failure(int signo) {
 
 } // namespace
 
-// ---- The process-wide handlers
-// --------------------------------------------------------------------------------
+// ---- The process-wide handlers --------------------------------------------------------------------------
 
 bool SignalHandlerImpl::PublishedList::insert_handler(std::pair<const unsigned long, receptor_type> entry) {
     AutoLock const guard(lock_);
@@ -125,19 +125,30 @@ boost::shared_ptr<SignalHandler> sigHandler(int signo) {
     return made;
 }
 
-// ---- Manager
-// --------------------------------------------------------------------------------------------------
+// ---- Manager --------------------------------------------------------------------------------------------
+
+namespace {
+
+// What signal context calls for a watching manager.
+struct Arrival {
+    void operator()(int signo) const {
+        // In a child of fork(), whose pipe is its parent's: the parent was not sent this signal.
+        if (detail::process_id() == owner)
+            detail::write_word_in_signal(pipe->WriteFD(), static_cast<std::uint32_t>(signo));
+    }
+
+    boost::shared_ptr<os::Pipe> pipe;
+    pid_t owner;
+};
+
+} // namespace
 
 // What a manager keeps for a signal that it watches. The source outlives the registration in its list, also
 // when it has been retired by an unload.
 struct Manager::SignalBundle {
     SignalBundle(int signo, boost::shared_ptr<os::Pipe> const& pipe,
                  boost::shared_ptr<HandlerList<int>> const& users)
-        : source(sigHandler(signo)),
-          registration(source->handlers(),
-                       [pipe](int arrived) {
-                           detail::write_word_in_signal(pipe->WriteFD(), static_cast<std::uint32_t>(arrived));
-                       }),
+        : source(sigHandler(signo)), registration(source->handlers(), Arrival{pipe, detail::process_id()}),
           list(users) {}
 
     boost::shared_ptr<SignalHandler> source;
@@ -235,8 +246,7 @@ AutoReceptor::AutoReceptor(int signo, boost::function<void(int)> handler)
 
 AutoReceptor::~AutoReceptor() = default;
 
-// ---- The process's signal state
-// -------------------------------------------------------------------------------
+// ---- The process's signal state -------------------------------------------------------------------------
 
 namespace {
 
@@ -308,8 +318,7 @@ void ListSignals(std::string const&, int fd) {
     cmd::Write(fd, text);
 }
 
-// ---- Load and unload
-// ------------------------------------------------------------------------------------------
+// ---- Load and unload ------------------------------------------------------------------------------------
 
 void zel_signal_load() {
     AutoLock const guard(state_lock());

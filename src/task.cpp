@@ -15,6 +15,7 @@
 
 #include "cancel.hpp"
 #include "immortal.hpp"
+#include "observers.hpp"
 #include "registry.hpp"
 #include "wire.hpp"
 
@@ -80,8 +81,7 @@ void flags(std::ostream& line, ControllerImpl const& controller) {
 
 } // namespace
 
-// ---- Core
-// -----------------------------------------------------------------------------------------------------------
+// ---- Core -----------------------------------------------------------------------------------------------
 
 class Core {
 public:
@@ -399,8 +399,7 @@ void Core::list(std::ostream& text) {
     }
 }
 
-// ---- Controller
-// -----------------------------------------------------------------------------------------------------
+// ---- Controller -----------------------------------------------------------------------------------------
 
 Controller::~Controller() = default;
 
@@ -487,8 +486,7 @@ void ControllerImpl::Complete() {
         spec_.done();
 }
 
-// ---- Manager
-// --------------------------------------------------------------------------------------------------
+// ---- Manager --------------------------------------------------------------------------------------------
 
 Manager::Manager()
     : id_(next_id()), core_(new Core), monitor_(Fd(core_->read_fd())),
@@ -609,6 +607,14 @@ void Unmonitor(std::string const&, int) {
     monitorFd = -1;
 }
 
+bool is_observer(int fd) {
+    return monitorFd == fd;
+}
+
+void forget_observer(int fd) {
+    detail::forget(monitorFd, fd);
+}
+
 void zel_task_load() {
     AutoLock const guard(map_lock());
     if (!managerMap)
@@ -629,8 +635,7 @@ void zel_task_unload() {
         outlived->push_back(item.second->core());
 }
 
-// ---- Task
-// -----------------------------------------------------------------------------------------------------------
+// ---- Task -----------------------------------------------------------------------------------------------
 
 TaskImpl::TaskImpl(Body const& fn) : id(0), cancelOnDestroy(true) {
     spec.name = "<unnamed>";

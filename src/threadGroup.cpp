@@ -14,6 +14,7 @@
 #include <orn/zel/response.hpp>
 
 #include "cancel.hpp"
+#include "observers.hpp"
 #include "registry.hpp"
 
 namespace orn {
@@ -109,8 +110,7 @@ private:
 
 } // namespace
 
-// ---- Life and members
-// -----------------------------------------------------------------------------------------
+// ---- Life and members -----------------------------------------------------------------------------------
 
 Group::Group()
     : id_(next_id()), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
@@ -207,8 +207,7 @@ void Group::display() {
     }
 }
 
-// ---- The runner role
-// ------------------------------------------------------------------------------------------
+// ---- The runner role ------------------------------------------------------------------------------------
 
 void Group::StartRunning(int tid) {
     // A turn must not cost two system-wide locked operations for this: the role itself is the lock. Only its
@@ -235,8 +234,7 @@ bool Group::IsRunner(int tid) const {
     return runner_.load(std::memory_order_relaxed) == tid;
 }
 
-// ---- The poll set
-// ---------------------------------------------------------------------------------------------
+// ---- The poll set ---------------------------------------------------------------------------------------
 
 void Group::setup_pollset() {
     // Handlers of the present set may be on the stack: it is put aside, not destroyed, until they return.
@@ -295,8 +293,7 @@ bool isInPollset(pollfd& pfd, pollfd* fds, unsigned long nfds) {
     return std::any_of(fds, fds + nfds, [&pfd](pollfd const& entry) { return entry.fd == pfd.fd; });
 }
 
-// ---- Dispatching
-// ----------------------------------------------------------------------------------------------
+// ---- Dispatching ----------------------------------------------------------------------------------------
 
 // Handlers are running for as long as one of these lives.
 class Group::DispatchScope {
@@ -381,8 +378,7 @@ int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count
     return count;
 }
 
-// ---- Turns of the loop
-// ----------------------------------------------------------------------------------------
+// ---- Turns of the loop ----------------------------------------------------------------------------------
 
 void Group::leftovers() {
     if (undispatched_ > 0) {
@@ -471,8 +467,7 @@ int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs) {
     return traced_poll(fds, nfds, timeoutMs, false, answered);
 }
 
-// ---- Observation
-// ----------------------------------------------------------------------------------------------
+// ---- Observation ----------------------------------------------------------------------------------------
 
 void MonitorThread(std::string const&, int fd) {
     monitors.thread = fd;
@@ -488,6 +483,15 @@ void MonitorPoll(std::string const&, int fd) {
 
 void UnmonitorPoll(std::string const&, int) {
     monitors.poll = -1;
+}
+
+bool is_observer(int fd) {
+    return monitors.thread == fd || monitors.poll == fd;
+}
+
+void forget_observer(int fd) {
+    detail::forget(monitors.thread, fd);
+    detail::forget(monitors.poll, fd);
 }
 
 void enableExtendedLogging() {

@@ -31,8 +31,7 @@ int self() {
     return orn_zel_pthread_self();
 }
 
-// ---- Registry
-// -------------------------------------------------------------------------------------------------
+// ---- Registry -------------------------------------------------------------------------------------------
 
 ThreadMutex& Registry::lock() {
     return detail::immortal<ThreadMutex, RegistryLock>();
@@ -200,8 +199,7 @@ void Registry::associate(Associations& record, boost::shared_ptr<Group> const& g
     move_to([&record]() -> Associations& { return record; }, group);
 }
 
-// ---- The public faces of it
-// -----------------------------------------------------------------------------------
+// ---- The public faces of it -----------------------------------------------------------------------------
 
 boost::shared_ptr<Group> Associations::GetGroup() {
     return Registry::group_of(*this);
@@ -244,8 +242,7 @@ Associations& This() {
     return TheThreadMap()->This();
 }
 
-// ---- The thread layer's hooks
-// ---------------------------------------------------------------------------------
+// ---- The thread layer's hooks ---------------------------------------------------------------------------
 
 o_pthread_extension::o_pthread_extension() {
     ThreadExtensionRecord const record = {0xDEAD, ZEL_Thread_create_extension, ZEL_Thread_start_extension,

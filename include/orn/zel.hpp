@@ -22,6 +22,7 @@
 
 #include <orn/zel/Thread.hpp>
 #include <orn/zel/alarm.hpp>
+#include <orn/zel/cmd.hpp>
 #include <orn/zel/core.hpp>
 #include <orn/zel/fd.hpp>
 #include <orn/zel/hooks.hpp>
@@ -31,5 +32,6 @@
 #include <orn/zel/signal.hpp>
 #include <orn/zel/task.hpp>
 #include <orn/zel/threadGroup.hpp>
+#include <orn/zel/zelcmds.hpp>
 
 #endif

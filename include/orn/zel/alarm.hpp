@@ -72,8 +72,7 @@ namespace alarm {
 ORN_API void Monitor(std::string const& name, int fd);
 ORN_API void Unmonitor(std::string const& name, int fd);
 
-// ---- The implementation behind the interfaces
-// -----------------------------------------------------------------
+// ---- The implementation behind the interfaces -----------------------------------------------------------
 
 // A timer's expiry, in the timer's own context: four bytes into the manager's pipe. Neither blocks nor
 // allocates.

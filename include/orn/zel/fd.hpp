@@ -121,8 +121,7 @@ ORN_API std::ostream& operator<<(std::ostream& os, Events const& events);
 // arguments are not used.
 ORN_API void ListFds(std::string const& args, int responseFd);
 
-// ---- The implementation behind the interfaces
-// -----------------------------------------------------------------
+// ---- The implementation behind the interfaces -----------------------------------------------------------
 
 class EventImpl : public Event {
 public:

@@ -73,8 +73,7 @@ ORN_API int ignore(int signo);
 // is not used.
 ORN_API void ListSignals(std::string const& name, int fd);
 
-// ---- The implementation behind the interfaces
-// -----------------------------------------------------------------
+// ---- The implementation behind the interfaces -----------------------------------------------------------
 
 class Manager;
 class SignalHandlerImpl;

@@ -109,8 +109,7 @@ ORN_API void ListTasks(std::string const& name, int fd);
 ORN_API void Monitor(std::string const& name, int fd);
 ORN_API void Unmonitor(std::string const& name, int fd);
 
-// ---- The implementation behind the interfaces
-// -----------------------------------------------------------------
+// ---- The implementation behind the interfaces -----------------------------------------------------------
 
 class Manager;
 

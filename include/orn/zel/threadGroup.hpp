@@ -238,8 +238,7 @@ ORN_API void display_dispatch(pollfd& pfd);
 // Writes the list of known threads to the poll monitor, and only there: neither parameter is used.
 ORN_API void ListThreads(std::string const& args, int fd);
 
-// ---- The registry of threads
-// ----------------------------------------------------------------------------------
+// ---- The registry of threads ----------------------------------------------------------------------------
 
 } // namespace thread
 

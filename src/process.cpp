@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: MIT
+#include "process.hpp"
+
+#include <atomic>
+
+#include <pthread.h>
+#include <unistd.h>
+
+namespace orn {
+namespace zel {
+namespace detail {
+
+namespace {
+
+std::atomic<pid_t> current(0);
+
+void note() {
+    current = getpid();
+}
+
+// Withdrawn by the C library when this library is unmapped.
+int const registered = pthread_atfork(nullptr, nullptr, note);
+
+} // namespace
+
+pid_t process_id() {
+    pid_t known = current.load(std::memory_order_relaxed);
+    if (known == 0) {
+        static_cast<void>(registered);
+        known = getpid();
+        current.store(known, std::memory_order_relaxed);
+    }
+    return known;
+}
+
+} // namespace detail
+} // namespace zel
+} // namespace orn

@@ -1,0 +1,166 @@
+// SPDX-License-Identifier: MIT
+#include <orn/zel/zelcmds.hpp>
+
+#include <map>
+#include <utility>
+
+#include <dlfcn.h>
+
+#include <boost/shared_ptr.hpp>
+
+#include <orn/zel/alarm.hpp>
+#include <orn/zel/cmd.hpp>
+#include <orn/zel/core.hpp>
+#include <orn/zel/fd.hpp>
+#include <orn/zel/signal.hpp>
+#include <orn/zel/task.hpp>
+#include <orn/zel/threadGroup.hpp>
+
+#include "immortal.hpp"
+
+namespace orn {
+namespace zel {
+namespace zelcmds {
+
+namespace {
+
+struct State {
+    std::map<std::string, cmd::Handler> subcommands; // not changed after load
+    std::map<std::string, void*> libraries;          // by the name that loaded them; the command thread's
+};
+
+struct StateLock;
+
+ThreadMutex& state_lock() {
+    return detail::immortal<ThreadMutex, StateLock>();
+}
+
+boost::shared_ptr<State>& g() ZEL_REQUIRES(state_lock()) {
+    return detail::immortal<boost::shared_ptr<State>, StateLock>();
+}
+
+// Held by a command while it runs, so that taking the library down does not pull it away.
+boost::shared_ptr<State> current() {
+    AutoLock const guard(state_lock());
+    return g();
+}
+
+template <class Each>
+void for_each_word(std::string const& args, Each each) {
+    std::string rest = args;
+    while (!rest.empty()) {
+        std::pair<std::string, std::string> words = cmd::GetFirstWord(rest);
+        if (!words.first.empty())
+            each(words.first);
+        rest.swap(words.second);
+    }
+}
+
+typedef void (*Switch)(std::string const&, int);
+
+struct Monitored {
+    char const* word;
+    Switch on;
+    Switch off;
+};
+
+Monitored const monitored[] = {{"poll", thread::MonitorPoll, thread::UnmonitorPoll},
+                               {"thread", thread::MonitorThread, thread::UnmonitorThread},
+                               {"task", task::Monitor, task::Unmonitor},
+                               {"alarm", alarm::Monitor, alarm::Unmonitor}};
+
+void switch_monitors(std::string const& args, int fd, Switch Monitored::*direction) {
+    for_each_word(args, [&](std::string const& word) {
+        for (Monitored const& subsystem : monitored) {
+            if (word == subsystem.word)
+                (subsystem.*direction)(word, fd);
+        }
+    });
+}
+
+std::string load_library(State& state, std::string const& name) {
+    // May run for as long as the module's own constructors do, and register commands.
+    void* const handle = dlopen(name.c_str(), RTLD_LAZY | RTLD_GLOBAL);
+    if (!handle)
+        return std::string(dlerror()) + '\n';
+    state.libraries.insert(std::make_pair(name, handle)); // loaded again: the handle is the same
+    return name + ": loaded\n";
+}
+
+std::string unload_library(State& state, std::string const& name) {
+    auto const it = state.libraries.find(name);
+    if (it == state.libraries.end())
+        return name + ": not found\n";
+    if (dlclose(it->second) != 0)
+        return std::string(dlerror()) + '\n';
+    state.libraries.erase(name);
+    return name + ": unloaded\n";
+}
+
+void change_libraries(std::string const& args, int fd, std::string (*change)(State&, std::string const&)) {
+    boost::shared_ptr<State> const held = current();
+    if (!held)
+        return;
+    std::string text;
+    for_each_word(args, [&](std::string const& name) { text += change(*held, name); });
+    cmd::Write(fd, text);
+}
+
+} // namespace
+
+void Monitor(std::string const& args, int fd) {
+    switch_monitors(args, fd, &Monitored::on);
+}
+
+void Unmonitor(std::string const& args, int fd) {
+    switch_monitors(args, fd, &Monitored::off);
+}
+
+void Load(std::string const& args, int fd) {
+    change_libraries(args, fd, load_library);
+}
+
+void Unload(std::string const& args, int fd) {
+    change_libraries(args, fd, unload_library);
+}
+
+void ProcessCommand(std::string const& args, int resp_fd) {
+    std::pair<std::string, std::string> const words = cmd::GetFirstWord(args);
+    boost::shared_ptr<State> const held = current();
+    if (held) {
+        auto const it = held->subcommands.find(words.first);
+        if (it != held->subcommands.end()) {
+            it->second(words.second, resp_fd);
+            return;
+        }
+    }
+    cmd::Write(resp_fd, "[zel] " + words.first + ": no such command\n");
+}
+
+void zel_zelcmds_load() {
+    boost::shared_ptr<State> const made(new State);
+    made->subcommands["tasks"] = task::ListTasks;
+    made->subcommands["threads"] = thread::ListThreads;
+    made->subcommands["monitor"] = Monitor;
+    made->subcommands["unmonitor"] = Unmonitor;
+    made->subcommands["signals"] = signal::ListSignals;
+    made->subcommands["fds"] = fd::ListFds;
+    made->subcommands["load"] = Load;
+    made->subcommands["unload"] = Unload;
+    {
+        AutoLock const guard(state_lock());
+        g() = made;
+    }
+    cmd::Register("zel", ProcessCommand);
+}
+
+void zel_zelcmds_unload() {
+    cmd::Unregister("zel");
+    boost::shared_ptr<State> doomed;
+    AutoLock const guard(state_lock());
+    doomed.swap(g()); // libraries that are still open stay loaded
+}
+
+} // namespace zelcmds
+} // namespace zel
+} // namespace orn
