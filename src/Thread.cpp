@@ -38,8 +38,12 @@ private:
 int run(Thread::RunData& data) {
     data.runnable->Init();
     data.initialized = true;
-    while (!data.start && !data.stop)
-        usleep(poll_microseconds);
+    {
+        // Cancelled by Stop() right after Start(), the thread has its work begin and ends there.
+        detail::CancelShield const shield;
+        while (!data.start && !data.stop)
+            usleep(poll_microseconds);
+    }
     return data.start ? data.runnable->Run() : 0;
 }
 

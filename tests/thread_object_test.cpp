@@ -50,11 +50,6 @@ protected:
         : descriptors_((zel::RunOnce(0), zel::task::manager(), zel::alarm::manager(), open_descriptors())) {}
 
     void TearDown() override {
-        orn_zel_pthread_create = o_pthread_create;
-        orn_zel_pthread_detach = o_pthread_detach;
-        orn_zel_pthread_exit = o_pthread_exit;
-        orn_zel_pthread_join = o_pthread_join;
-        orn_zel_pthread_cancel = o_pthread_cancel;
         EXPECT_EQ(open_descriptors(), descriptors_);
         EXPECT_EQ(zel::thread::ThisGroup()->Threads(), std::set<int>{zel::thread::self()});
     }
@@ -231,6 +226,7 @@ TEST_F(ThreadObjectEnd, StoppingADetachedThreadThatHasEndedTouchesNothing) {
         sched_yield();
     thread.Stop();
     EXPECT_EQ(cancels, 0);
+    orn_zel_pthread_cancel = o_pthread_cancel;
 }
 
 // ---- A cancelled thread leaves no lock, role, membership or descriptor behind; the fixture looks at the
@@ -394,6 +390,9 @@ TEST_F(ThreadObjectHooks, CarryEveryThreadOperation) {
     EXPECT_EQ(exits, 2);
     EXPECT_EQ(joins, 2);
     EXPECT_EQ(cancels, 1);
+    orn_zel_pthread_create = o_pthread_create;
+    orn_zel_pthread_join = o_pthread_join;
+    orn_zel_pthread_cancel = o_pthread_cancel;
 }
 
 TEST_F(ThreadObjectHooks, RefusedThreadIsReported) {
@@ -406,4 +405,5 @@ TEST_F(ThreadObjectHooks, RefusedThreadIsReported) {
     } catch (std::system_error const& refused) {
         EXPECT_EQ(refused.code().value(), EAGAIN);
     }
+    orn_zel_pthread_create = o_pthread_create;
 }
