@@ -40,9 +40,9 @@ public:
     static void associate(boost::shared_ptr<Group> const& group);
     static void erase();
 
-    // Whether the library was last taken down under other threads that had used it and were still alive. That
-    // is exit(): what such a thread may still point to must then stay, and its calls must not fail. Noted by
-    // note_survivors(), the first step of taking down.
+    // Whether the library was last taken down while the process had other threads. That is exit(), as a rule:
+    // what such a thread may still point to must then stay, and its calls must not fail. Noted by
+    // note_survivors(), before anything is taken down.
     static bool survivors();
     static void note_survivors();
 

@@ -3,16 +3,13 @@
 // The thread records and the hooks that keep them: threadGroup.hpp's registry half.
 #include "registry.hpp"
 
-#include <algorithm>
 #include <atomic>
 #include <memory>
-
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <orn/zel/threadGroup.hpp>
 
 #include "immortal.hpp"
+#include "process.hpp"
 
 namespace orn {
 namespace zel {
@@ -176,15 +173,8 @@ bool Registry::survivors() {
     return survived;
 }
 
-void Registry::note_survivors() ZEL_NO_ANALYSIS {
-    int const me = self();
-    pid_t const process = getpid();
-    AutoLock const guard(lock());
-    survived = the_stuff && std::any_of(the_stuff->map().entries_.begin(), the_stuff->map().entries_.end(),
-                                        [me, process](std::pair<int const, Associations> const& item) {
-                                            return item.first != me &&
-                                                   syscall(SYS_tgkill, process, item.first, 0) == 0;
-                                        });
+void Registry::note_survivors() {
+    survived = detail::other_threads_alive();
 }
 
 boost::shared_ptr<Group> Registry::group_of(Associations& record) {
