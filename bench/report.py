@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Measures, and puts the figures into docs/performance.md.
 
-  bench/report.py               runs all benchmarks (about ten minutes), then rewrites the tables
+  bench/report.py               runs all benchmarks (some minutes), then rewrites the tables
   bench/report.py --short       the same in a minute, for a look: the figures say so
   bench/report.py --from DIR    rewrites the tables from what script/bench --json DIR has left
 
