@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: MIT
+//
+// Slices of tasks, a thousand a turn. The bare loop does for each what schedules it: four bytes into a pipe,
+// and out of it again.
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include <orn/zel.hpp>
+
+#include "versus.hpp"
+
+namespace {
+
+// The work of a slice, the same on both sides.
+struct Job {
+    explicit Job(long& counter) : slices(counter) {}
+    void operator()() const { ++slices; }
+    long& slices;
+};
+
+class BareLoop {
+public:
+    // Reads so many of the four-byte words at once.
+    BareLoop(long tasks, std::size_t at_once) : slices(0), words_(at_once) {
+        Job const job(slices);
+        jobs_.assign(static_cast<std::size_t>(tasks), job);
+        for (std::uint32_t id = 0; id < jobs_.size(); ++id)
+            schedule(id);
+    }
+
+    // Everything that has been scheduled, once.
+    void turn() {
+        pollfd set[2] = {{wake_.read_end(), POLLIN, 0}, {scheduled_.read_end(), POLLIN, 0}};
+        if (poll(set, 2, -1) <= 0 || set[1].revents == 0)
+            return;
+        std::size_t const most = words_.size() * sizeof words_[0];
+        for (ssize_t got; (got = read(set[1].fd, words_.data(), most)) > 0;)
+            queue_.insert(queue_.end(), words_.begin(),
+                          words_.begin() + got / static_cast<ssize_t>(sizeof words_[0]));
+        for (std::uint32_t const id : queue_) {
+            jobs_[id]();
+            schedule(id);
+        }
+        queue_.clear();
+    }
+
+    long slices;
+
+private:
+    void schedule(std::uint32_t id) {
+        bench::expect(write(scheduled_.write_end(), &id, sizeof id) == static_cast<ssize_t>(sizeof id),
+                      "the pipe is full");
+    }
+
+    bench::Pipe wake_;
+    bench::Pipe scheduled_;
+    std::vector<boost::function<void()>> jobs_;
+    std::vector<std::uint32_t> words_;
+    std::vector<std::uint32_t> queue_;
+};
+
+template <class Turn>
+double run_slices(long count, long const& slices, Turn turn) {
+    long const before = slices;
+    double const time = bench::timed([&] {
+        while (slices < before + count)
+            turn();
+    });
+    bench::expect(slices == before + count, "a turn gave other slices than were scheduled");
+    return time;
+}
+
+void Slices(benchmark::State& state) {
+    state.SetLabel("a slice of one of so many tasks that are always ready");
+    long const count = static_cast<long>(state.range(0));
+    bench::Versus versus(state, 10 * count);
+    long slices = 0;
+    Job const job(slices);
+    std::vector<std::unique_ptr<orn::zel::Task>> tasks;
+    versus.note_each("start", bench::timed([&] {
+                         for (long i = 0; i < count; ++i) {
+                             tasks.push_back(std::make_unique<orn::zel::Task>(
+                                 [job](orn::zel::task::Controller*) { job(); }));
+                             tasks.back()->Run();
+                         }
+                     }),
+                     count);
+    BareLoop bare(count, 1);
+    BareLoop bulk(count, 256);
+    versus.leg("zel", [&](long n) { return run_slices(n, slices, [] { orn::zel::RunOnce(-1); }); });
+    versus.leg("bare", [&](long n) { return run_slices(n, bare.slices, [&] { bare.turn(); }); });
+    versus.leg("bulk", [&](long n) { return run_slices(n, bulk.slices, [&] { bulk.turn(); }); });
+    versus.run();
+    tasks.clear(); // cancels them: what is in the pipe has nobody to run
+    while (orn::zel::RunOnce(0) > 0) {
+    }
+}
+BENCHMARK(Slices)->ArgName("tasks")->Arg(1)->Arg(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+// From its start to the call that tells of its end, one slice.
+void ShortTasks(benchmark::State& state) {
+    state.SetLabel("a task started, run once and completed, so many a turn");
+    bench::Versus versus(state, static_cast<long>(state.range(0)));
+    versus.leg("zel", [](long count) {
+        long slices = 0;
+        long done = 0;
+        double const time = bench::timed([&] {
+            for (long i = 0; i < count; ++i)
+                orn::zel::RunTask(
+                    [&slices](orn::zel::task::Controller* task) {
+                        ++slices;
+                        task->Complete();
+                    },
+                    [&done] { ++done; });
+            while (done < count)
+                orn::zel::RunOnce(-1);
+        });
+        bench::expect(slices == count && done == count, "slices and ends do not match");
+        return time;
+    });
+    versus.run();
+}
+BENCHMARK(ShortTasks)->ArgName("tasks")->Arg(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+} // namespace
