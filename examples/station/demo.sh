@@ -75,7 +75,7 @@ step_start() {
 }
 
 step_clients() {
-    explain "Eight clients ask over TCP for $seconds seconds, a ninth asks 400000 lines before it reads an answer," \
+    explain "Eight clients ask over TCP for $seconds seconds, a ninth asks 200000 lines before it reads an answer," \
         "a tenth hangs up in the middle of a line."
     program station_client "$port" 8 "$seconds" >"$work/client" || failed "the clients have failed"
     sed 's/^/    /' "$work/client"
@@ -157,6 +157,8 @@ step_other_inputs() {
 
 conclude() { # conclude INPUT
     said 1 'nothing lost' "$work/$1.log" || failed "with $1 something was lost"
+    turns=$(sed -n 's/.*served.* \([0-9]*\) turns$/\1/p' "$work/$1.log")
+    [ "$turns" -lt 1000 ] || failed "with $1 the loop span: $turns turns"
     tail -n 1 "$work/$1.log" | sed "s/^/    $1: /"
 }
 

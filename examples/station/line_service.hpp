@@ -116,6 +116,8 @@ public:
           answer_(answer) {
         sockaddr_in address = loopback(0);
         socklen_t length = sizeof address;
+        int const buffer = 65536; // for each client, inherited: what the kernel keeps is memory as well
+        setsockopt(listener_.get(), SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
         auto const generic = reinterpret_cast<sockaddr*>(&address);
         if (bind(listener_.get(), generic, length) != 0 || listen(listener_.get(), SOMAXCONN) != 0 ||
             getsockname(listener_.get(), generic, &length) != 0)
