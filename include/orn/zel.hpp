@@ -4,17 +4,15 @@
 // includes.
 //
 // What holds unless a comment says otherwise:
+//
 //   - A function may be called from any thread, also inside a handler, but not from a signal handler.
-//   - It concerns the calling thread: its registrations, its alarms, its group. It does not block and does
-//   not run the
-//     loop.
+//   - It concerns the calling thread: its registrations, its alarms, its group. It neither blocks nor runs
+//     the loop.
 //   - Handlers run on the thread that runs the loop of the group, one at a time, with no lock of the library
-//   held. They
-//     may throw: the exception leaves the run call.
+//     held. They may throw: the exception leaves the run call.
 //   - Descriptors stay the caller's; handlers are copied.
 //   - Misuse throws orn::zel::Exception with a fixed text; a broken contract between the library's own parts
-//   is an
-//     assertion, which prints its text on stderr and aborts, in every build type; lack of memory throws
+//     is an assertion, which prints its text on stderr and aborts, in every build type; lack of memory throws
 //     std::bad_alloc, lack of descriptors std::system_error.
 //   - Times are milliseconds. A negative timeout waits without limit, 0 does not wait.
 #ifndef ORN_ZEL_HPP

@@ -4,10 +4,13 @@
 // initialise its work; the work itself begins with Start(). Threads made here join their creator's group, see
 // threadGroup.hpp.
 //
-//     orn::zel::Thread worker([] { return measure(); });
+// From examples/10_Thread.cpp:
+//
+//     Counting work;
+//     orn::zel::Thread worker(work); // Init() has run when this returns
 //     worker.Start();
 //     worker.Join();
-//     std::printf("measured %d\n", worker.Status().value());
+//     std::printf("counted to %d\n", worker.Status().value());
 //
 // The life of a thread, with the calls that lead on:
 //

@@ -3,9 +3,16 @@
 // Alarms: a handler called after a delay, once or again and again, on the loop of the group of the thread
 // that set it. Public. The clock behind it is the platform's orn::os::Timer, on CLOCK_MONOTONIC.
 //
-//     orn::zel::SetAlarm(100, [] { std::puts("once"); });
-//     orn::zel::Alarm ticks(10, 10, [] { std::puts("every 10 ms"); });
-//     while (orn::zel::OutstandingAlarmCount() > 1)
+// From examples/03_alarm.cpp:
+//
+//     orn::zel::SetAlarm(0, [] { std::puts("at once"); });
+//     int count = 0;
+//     orn::zel::Alarm ticks(10, 10, [&ticks, &count] {
+//         std::printf("tick %d\n", ++count);
+//         if (count == 3)
+//             ticks.Cancel();
+//     });
+//     while (orn::zel::OutstandingAlarmCount() > 0)
 //         orn::zel::RunOnce(-1);
 //
 // All times are in milliseconds. A delay of 0 is due at once, on the next turn of the loop; an alarm is never

@@ -4,13 +4,16 @@
 // value that may be missing, a re-entry guard and a string splitter. Public. Knows nothing of poll loops or
 // threads; those are in threadGroup.hpp.
 //
+// From examples/20_core.cpp:
+//
 //     orn::zel::ThreadMutex mutex;
-//     {
-//         orn::zel::AutoLock lock(mutex);
-//         table[orn::zel::unique_id()] = entry;
-//     }
+//     std::map<orn::zel::id_t, std::string> table;
 //     std::vector<std::string> fields;
-//     orn::zel::split("a:b;c", ":;", fields); // "a", "b", "c"
+//     orn::zel::split("red:green;blue", ":;", fields);
+//     for (std::string const& field : fields) {
+//         orn::zel::AutoLock const guard(mutex);
+//         table[orn::zel::unique_id()] = field;
+//     }
 #ifndef ORN_ZEL_CORE_HPP
 #define ORN_ZEL_CORE_HPP
 

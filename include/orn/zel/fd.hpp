@@ -3,13 +3,18 @@
 // Watching file descriptors. Public. A thread registers a handler for a descriptor; the group that the thread
 // belongs to polls the descriptor and calls the handler. The loop itself is in threadGroup.hpp.
 //
-//     orn::zel::fd::AutoReceptor input(STDIN_FILENO, [](orn::zel::fd::Event* event) {
+// From examples/02_fd.cpp:
+//
+//     bool open = true;
+//     orn::zel::fd::AutoReceptor output(fileno(child), [&open](orn::zel::fd::Event* event) {
 //         char buffer[4096];
 //         ssize_t const got = read(event->fd(), buffer, sizeof buffer);
-//         if (got <= 0)
-//             std::exit(0);
+//         if (got > 0)
+//             std::fwrite(buffer, 1, static_cast<std::size_t>(got), stdout);
+//         else
+//             open = false; // end of file is readable, too
 //     });
-//     for (;;)
+//     while (open)
 //         orn::zel::RunOnce(-1);
 //
 // Handlers run on the thread that runs the group's loop, one at a time, with no lock held: a handler may

@@ -4,9 +4,17 @@
 // flavour, and the owner that scopes one registration. Public: signals (signal.hpp) and descriptors (fd.hpp)
 // hand these out. When and on which thread a handler is called is theirs to say.
 //
+// From examples/21_receptacle.cpp:
+//
 //     orn::zel::HandlerList<int> list;
-//     orn::zel::AutoReceptor<int> receptor(list, [](int value) { std::printf("%d\n", value); });
-//     orn::zel::Dispatch(list, 7); // prints 7
+//     orn::zel::AutoReceptor<int> twice(list, [](int value) { std::printf("twice: %d\n", 2 * value); });
+//     unsigned long once = 0;
+//     once = list.insert([&](int value) {
+//         std::printf("once: %d\n", value);
+//         list.remove(once); // kept, and done when the dispatch ends
+//     });
+//     orn::zel::Dispatch(list, 7);
+//     orn::zel::Dispatch(list, 8);
 #ifndef ORN_ZEL_RECEPTACLE_HPP
 #define ORN_ZEL_RECEPTACLE_HPP
 

@@ -4,9 +4,11 @@
 // written with one system call. Public, for command handlers. How a text reaches another process is
 // cmd.hpp's.
 //
+// From examples/22_response.cpp:
+//
 //     orn::zel::cmd::Response line;
-//     line << "level=" << level << '\n';
-//     orn::zel::cmd::Write(fd, line); // "tid=812 level=3\n"
+//     line << "level=" << 3 << '\n';
+//     orn::zel::cmd::Write(answers.WriteFD(), line); // "tid=812 level=3\n"
 #ifndef ORN_ZEL_RESPONSE_HPP
 #define ORN_ZEL_RESPONSE_HPP
 

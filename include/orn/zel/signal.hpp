@@ -3,8 +3,11 @@
 // POSIX signals as events of the loop. Public. A signal's arrival is written into a pipe in signal context;
 // the handlers run later on the loop of each group that watches the signal, where they may do anything.
 //
+// From examples/04_signal.cpp:
+//
 //     bool stop = false;
-//     orn::zel::signal::AutoReceptor interrupt(SIGINT, [&](int) { stop = true; });
+//     orn::zel::signal::AutoReceptor terminate(SIGTERM, [&stop](int) { stop = true; });
+//     orn::zel::SetAlarm(10, [] { kill(getpid(), SIGTERM); });
 //     while (!stop)
 //         orn::zel::RunOnce(-1);
 //

@@ -3,13 +3,18 @@
 // Tasks: work that runs in slices on the loop of the thread that starts it. Public. Each call of the body is
 // one slice; between slices the loop serves everything else. The loop itself is in threadGroup.hpp.
 //
-//     int left = 1000;
-//     orn::zel::RunTask([&left](orn::zel::task::Controller* task) {
-//         process(--left);
-//         if (left == 0)
-//             task->Complete();
-//     });
-//     while (left > 0)
+// From examples/11_task.cpp:
+//
+//     int left = 3;
+//     bool complete = false;
+//     orn::zel::RunTask(
+//         [&left](orn::zel::task::Controller* task) {
+//             std::printf("%d left\n", left--);
+//             if (left == 0)
+//                 task->Complete();
+//         },
+//         [&complete] { complete = true; });
+//     while (!complete)
 //         orn::zel::RunOnce(-1);
 //
 // What a task does after a slice is decided by what was called during it:

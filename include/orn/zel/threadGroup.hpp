@@ -3,9 +3,22 @@
 // Threads, the groups that they form, and the poll loop of a group. Public. What is polled is registered
 // through fd.hpp, and everything built on it.
 //
-//     std::atomic<bool> stop(false);
-//     orn::zel::signal::AutoReceptor term(SIGTERM, [&](int) { stop = true; });
-//     while (!stop)
+// From examples/06_threadGroup.cpp:
+//
+//     std::promise<bool> handled;
+//     std::atomic<bool> done(false);
+//     orn::os::Thread const second([&] { // joins the group of the thread that makes it
+//         orn::zel::fd::AutoReceptor receptor(pipe.ReadFD(), [&](orn::zel::fd::Event* event) {
+//             char c;
+//             if (read(event->fd(), &c, 1) == 1)
+//                 handled.set_value(orn::zel::thread::self() == loop_thread);
+//         });
+//         if (write(pipe.WriteFD(), "x", 1) == 1)
+//             on_loop = handled.get_future().get();
+//         done = true;
+//         orn::zel::Exit(); // ends the wait of the first thread, which then sees the flag
+//     });
+//     while (!done)
 //         orn::zel::RunOnce(-1);
 //
 // Every thread belongs to one group. A thread made by o_pthread_create() or Thread joins its creator's group;

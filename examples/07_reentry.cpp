@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: MIT
+//
+// What a handler may do: end its own registration, and run the loop itself until something has come.
+#include <cstdio>
+#include <optional>
+
+#include <unistd.h>
+
+#include <orn/os/Pipe.hpp>
+#include <orn/zel.hpp>
+
+int main() {
+    orn::os::Pipe pipe(false);
+    std::optional<orn::zel::fd::AutoReceptor> first_only;
+    first_only.emplace(pipe.ReadFD(), [&](orn::zel::fd::Event*) {
+        first_only.reset(); // the call that runs lives on until it returns
+        std::puts("an event; no more of these");
+    });
+    if (write(pipe.WriteFD(), "x", 1) != 1) {
+        std::perror("write");
+        return 1;
+    }
+    orn::zel::RunOnce(-1);
+    while (orn::zel::RunOnce(0) > 0) {
+        // The pipe is still readable, but what is told here is only the loop's own news of the change.
+    }
+
+    bool done = false;
+    orn::zel::SetAlarm(0, [&done] {
+        std::puts("outer handler: waiting");
+        bool answered = false;
+        orn::zel::SetAlarm(1, [&answered] {
+            std::puts("inner handler");
+            answered = true;
+        });
+        while (!answered)
+            orn::zel::RunOnce(-1); // nested: up to 99 levels
+        std::puts("outer handler: going on");
+        done = true;
+    });
+    while (!done)
+        orn::zel::RunOnce(-1);
+    return 0;
+}
