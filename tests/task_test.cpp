@@ -39,6 +39,14 @@ void* operator new(std::size_t size) {
     return memory;
 }
 
+void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
+    try {
+        return operator new(size);
+    } catch (std::bad_alloc const&) {
+        return nullptr;
+    }
+}
+
 void operator delete(void* memory) noexcept {
     if (memory)
         --live;
