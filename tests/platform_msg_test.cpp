@@ -40,14 +40,14 @@ constexpr uid_t somebody = 65533;
 
 int scaled(int ms) {
     char const* scale = std::getenv("ZEL_TEST_SCALE");
-    return ms * (scale != nullptr ? std::max(1, std::atoi(scale)) : 1);
+    return ms * (scale != nullptr ? std::max(1, static_cast<int>(std::strtol(scale, nullptr, 10))) : 1);
 }
 
 std::vector<int> open_descriptors() {
     std::vector<int> found;
     DIR* const directory = ::opendir("/proc/self/fd");
     while (dirent const* entry = ::readdir(directory)) {
-        int const fd = std::atoi(entry->d_name);
+        int const fd = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
         if (entry->d_name[0] != '.' && fd != ::dirfd(directory)) {
             found.push_back(fd);
         }
@@ -475,7 +475,7 @@ TEST(PlatformMsg, WhatIsNoMessageIsDroppedWholeAndTheNextOneIsServed) {
     drops("data that is cut at the limit", packet_of(twoParts(O_MSG_MAX_SIZE - 4), O_MSG_MAX_SIZE + 4));
     drops("a missing descriptor", packet_of(changed([](Header& h) { h.descriptors = 1; })));
     drops("an extra descriptor", packet_of(good), {fd});
-    for (std::size_t count : {2, 3, 100}) {
+    for (std::size_t count : {2u, 3u, 100u}) {
         auto const claimed = changed([&](Header& h) { h.descriptors = static_cast<std::uint8_t>(count); });
         drops("several descriptors", packet_of(claimed), std::vector<int>(count, fd));
         drops("several descriptors for one", packet_of(changed([](Header& h) { h.descriptors = 1; })),
