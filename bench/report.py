@@ -31,7 +31,7 @@ def measure(short):
     """Runs the programs; the JSON of each is then in DIRECTORY."""
     for old in glob.glob(f"{DIRECTORY}/*.json"):
         os.remove(old)
-    build = ["script/bench", "--json", DIRECTORY, "--", "--benchmark_list_tests"]
+    build = ["script/bench", "--", "--benchmark_list_tests"]
     subprocess.run(build, check=True, stdout=subprocess.DEVNULL)
     with open("build/release/bench/programs", encoding="utf-8") as file:
         programs = file.read().split()
