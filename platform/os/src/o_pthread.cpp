@@ -110,9 +110,10 @@ bool module_of(Record const& record, Module& module) {
 
 // ---------------------------------------------------------------- the registered hooks
 
+// Constant-initialised: hooks are registered while the static objects of the process are still being made.
 struct Hooks {
-    Record record;
-    Module module;
+    Record record = {};
+    Module module = {};
 };
 
 bool mapped(Hooks const& hooks) {
