@@ -334,12 +334,9 @@ bool Group::left_group(int tid) const {
 }
 
 void Group::dispatch(pollfd& pfd) {
+    DispatchInfo const& info = dispatch_info(pfd);
     pollfd result = pfd;
     pfd.revents = 0; // first, so that a nested turn does not dispatch it again
-    dispatchset_type::iterator const it = dispatchset_.find(result.fd);
-    detail::check(it != dispatchset_.end(), "dispatchset.find(pfd.fd) != dispatchset.end()",
-                  "src/threadGroup", 663);
-    DispatchInfo const& info = it->second;
     if (info.tid != 0 && left_group(info.tid)) {
         int const observer = monitors.poll;
         if (observer != -1) {
