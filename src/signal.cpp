@@ -5,6 +5,8 @@
 #include <cstring>
 #include <vector>
 
+#include <pthread.h>
+
 #include <boost/bind/bind.hpp>
 
 #include <orn/zel/response.hpp>
@@ -358,6 +360,11 @@ boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo) {
 
 void sig_handler(int signo) {
     int const error = errno;
+    // In a system call that waits, a cancellation may act at any instruction, also in here: the handler must
+    // first be out of the gate. Not a scope object, because restoring may begin the unwinding.
+    int state = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
     orn::zel::detail::SignalGate::deliver(signo);
+    pthread_setcancelstate(state, nullptr);
     errno = error;
 }

@@ -114,8 +114,8 @@ private:
 
 Group::Group()
     : id_(next_id()), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
-      runner_depth_(0), dispatching_(0), rebuilds_(0), undispatched_(0), membership_(0), built_membership_(0),
-      ask_again_(0), ask_pause_(0) {
+      runner_depth_(0), dispatching_(0), rebuilds_(0), polls_(0), undispatched_(0), membership_(0),
+      built_membership_(0), ask_again_(0), ask_pause_(0) {
     Log_SpecEntry(logSpecForceInfo, "src/threadGroup", 345, "%s: group %lu: ctrl pipe rd fd=%d",
                   "orn::zel::thread::Group::Group()", id_.value(), ctrl_.ReadFD());
     AutoLock const guard(mutex_);
@@ -334,12 +334,9 @@ bool Group::left_group(int tid) const {
 }
 
 void Group::dispatch(pollfd& pfd) {
+    DispatchInfo const& info = dispatch_info(pfd);
     pollfd result = pfd;
     pfd.revents = 0; // first, so that a nested turn does not dispatch it again
-    dispatchset_type::iterator const it = dispatchset_.find(result.fd);
-    detail::check(it != dispatchset_.end(), "dispatchset.find(pfd.fd) != dispatchset.end()",
-                  "src/threadGroup", 663);
-    DispatchInfo const& info = it->second;
     if (info.tid != 0 && left_group(info.tid)) {
         int const observer = monitors.poll;
         if (observer != -1) {
@@ -359,7 +356,7 @@ void Group::dispatch(pollfd& pfd) {
 
 int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count) {
     bool const own = &set == &pollset_;
-    unsigned long const built = rebuilds_;
+    unsigned long const polled = polls_;
     for (unsigned long i = 0; i < n && i < set.size() && count > 0; ++i) {
         if (set[i].revents == 0)
             continue;
@@ -367,11 +364,11 @@ int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count
         if (own) {
             --undispatched_;
             dispatch(set[i]);
-        } else if (rebuilds_ == built) {
+        } else if (polls_ == polled) {
             dispatch(set[i]);
         } else {
-            // A nested turn has rebuilt the group's set, and this result belongs to the one before: the next
-            // poll tells again what is still true of it.
+            // A nested turn has polled the group's own set and may have served this descriptor, or rebuilt
+            // the set without it: the next poll tells again what is still true of this result.
             set[i].revents = 0;
         }
     }
@@ -402,6 +399,7 @@ int Group::wait(std::vector<pollfd>& set, long timeoutMs) {
         ask_first = false;
     }
     bool answered = false;
+    ++polls_;
     int const rc = traced_poll(set.data(), set.size(), clamp_timeout(timeoutMs), ask_first, answered);
     if (ask_first) {
         ask_pause_ = answered ? 0 : std::min(2 * ask_pause_ + 1, longest_ask_pause);

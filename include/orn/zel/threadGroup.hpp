@@ -203,6 +203,7 @@ private:
     std::vector<dispatchset_type> retired_;
     unsigned dispatching_;
     unsigned long rebuilds_;
+    unsigned long polls_;
     int undispatched_;
     std::atomic<unsigned long> membership_; // counts insert() and erase()
     unsigned long built_membership_;
