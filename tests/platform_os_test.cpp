@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // Pipes, environment, threads and their hooks.
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -44,6 +45,22 @@ TEST(PlatformPipe, EndsAreCloseOnExecAndNonBlockingWhenAskedFor) {
         EXPECT_EQ(::write(pipe.WriteFD(), "x", 1), 1);
         EXPECT_EQ(drain(pipe), "x");
     }
+}
+
+TEST(PlatformPipe, TakesNoStandardDescriptorEvenWhereTheyAreClosed) {
+    int const kept = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
+    ::close(STDIN_FILENO);
+    int lowest;
+    {
+        Pipe const pipe(false);
+        lowest = std::min(pipe.ReadFD(), pipe.WriteFD());
+        EXPECT_EQ(::write(pipe.WriteFD(), "x", 1), 1);
+        EXPECT_EQ(drain(pipe), "x");
+        EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1) << "the descriptor below is left open";
+    }
+    ::dup2(kept, STDIN_FILENO);
+    ::close(kept);
+    EXPECT_GT(lowest, STDERR_FILENO);
 }
 
 TEST(PlatformPipe, WithoutDescriptorsItThrows) {

@@ -150,6 +150,7 @@ step_other_inputs() {
     station=$!
     await 10 said 1 ' port ' "$work/missing.log"
     kill -INT "$station"
+    await 10 said 1 'nothing lost\|LOST' "$work/missing.log"
     wait "$station" || failed "without standard input it ended with $?"
     station=''
     conclude missing

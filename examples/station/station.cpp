@@ -59,7 +59,7 @@ struct Config {
         std::string key;
         while (file >> key) {
             if (key == "period" ? !(file >> next.periodMs) : key != "name" || !(file >> next.name))
-                throw std::runtime_error(path + ": not understood at \"" + key + '"');
+                throw std::runtime_error(path + ": not understood");
         }
         if (!file.eof() || next.periodMs == 0)
             throw std::runtime_error(path + ": cannot be read, or a period of 0");

@@ -10,14 +10,36 @@
 #include <unistd.h>
 
 namespace orn::os {
+namespace {
+
+// A program that was started without standard descriptors must not find a pipe under their numbers: it would
+// read from the library's own pipes, or print into them.
+int above_standard(int fd) {
+    if (fd > STDERR_FILENO) {
+        return fd;
+    }
+    int const moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    int const error = errno;
+    ::close(fd);
+    errno = error;
+    return moved;
+}
+
+} // namespace
 
 Pipe::Pipe(bool blocking) : readFd_(-1), writeFd_(-1) {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC | (blocking ? 0 : O_NONBLOCK)) != 0) {
         throw std::system_error(errno, std::generic_category(), "pipe");
     }
-    readFd_ = ends[0];
-    writeFd_ = ends[1];
+    readFd_ = above_standard(ends[0]);
+    writeFd_ = above_standard(ends[1]);
+    if (readFd_ == -1 || writeFd_ == -1) {
+        int const error = errno;
+        ::close(readFd_);
+        ::close(writeFd_);
+        throw std::system_error(error, std::generic_category(), "pipe");
+    }
 }
 
 Pipe::~Pipe() {

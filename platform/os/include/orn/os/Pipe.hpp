@@ -11,8 +11,9 @@ namespace orn::os {
 
 class ORN_API Pipe {
 public:
-    /// Both ends are close-on-exec; with blocking false both are non-blocking as well. Throws
-    /// std::system_error (generic category, text "pipe") when the system gives no pipe.
+    /// Both ends are close-on-exec and no standard descriptors, also where those are closed; with blocking
+    /// false both are non-blocking as well. Throws std::system_error (generic category, text "pipe") when the
+    /// system gives no pipe.
     explicit Pipe(bool blocking);
 
     /// Closes both ends: whoever polls them must have stopped before.
