@@ -109,6 +109,24 @@ step_figures() {
     show
 }
 
+# Another process looks into this one. More of it goes here: each further command is a call of steer().
+step_steer() {
+    zelctl=$build/tools/zelctl/zelctl
+    [ -x "$zelctl" ] && [ -z "$emulator" ] || return 0
+    explain "Nothing was written for it in the station, yet it can be looked into from outside:"
+    steer 'thread: .* group=' zel threads
+    steer 'thread=.* fds={ ' zel fds
+}
+
+steer() { # steer PATTERN COMMAND...: the answer has to hold at least three such lines
+    pattern=$1
+    shift
+    echo "    \$ zelctl $station $*"
+    timeout $((30 * scale)) "$zelctl" "$station" "$@" >"$work/answer" || failed "zelctl ended with $?"
+    sed 's/^/    /' "$work/answer"
+    said 3 "$pattern" "$work/answer" || failed "that is not all of it"
+}
+
 step_end() {
     explain "SIGTERM ends it: it finishes what it has begun, and says whether anything was lost."
     exec 7>&-
@@ -163,7 +181,7 @@ conclude() { # conclude INPUT
     tail -n 1 "$work/$1.log" | sed "s/^/    $1: /"
 }
 
-for step in start clients input reload figures end other_inputs; do
+for step in start clients input reload figures steer end other_inputs; do
     "step_$step"
 done
 explain "All as expected."
