@@ -13,10 +13,13 @@
 #include <exception>
 #include <map>
 
+#include <cxxabi.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/bind/bind.hpp>
@@ -28,6 +31,7 @@
 
 #include "immortal.hpp"
 #include "process.hpp"
+#include "registry.hpp"
 #include "responseFds.hpp"
 
 namespace orn {
@@ -150,17 +154,36 @@ private:
     o_msg_t message_;
 };
 
+// A descriptor that does not block, whatever the client does: O_NONBLOCK belongs to the open file, which the
+// client shares, so a pipe is opened anew. Takes the descriptor over.
+int without_blocking(int fd) {
+    struct stat what;
+    if (fstat(fd, &what) == 0 && S_ISFIFO(what.st_mode)) {
+        int const own =
+            open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        if (own != -1) {
+            close(fd);
+            return own;
+        }
+    }
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    return fd;
+}
+
 void connect_client(State& state, Message& message) {
     int const fd = message.take_fd();
     Log_SpecEntry(logSpecForceInfo, "src/cmd", __LINE__, "%s: pid=%d, resp_fd=%d", "CmdQueueHandler",
                   message.pid(), fd);
     if (fd == -1)
         return; // nowhere to answer; a connection that the client had before stays
-    // The flag belongs to both ends' owners, but the client writes nothing there. A client that does not read
-    // must not stop the command thread, nor any thread that writes a monitor line.
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-    survive_sigpipe();
-    state.clients.remember(message.pid(), fd);
+    // A client that does not read must not stop the command thread, nor any thread that writes a monitor
+    // line.
+    state.clients.remember(message.pid(), without_blocking(fd));
+}
+
+bool writable(int fd) {
+    pollfd entry = {fd, POLLOUT, 0};
+    return poll(&entry, 1, 0) == 1 && entry.revents == POLLOUT;
 }
 
 void serve_command(State& state, Message const& message) {
@@ -168,6 +191,8 @@ void serve_command(State& state, Message const& message) {
     Log_SpecEntry(logSpecForceInfo, "src/cmd", __LINE__, "%s: pid=%d, cmd='%s'", "CmdQueueHandler",
                   message.pid(), command.c_str());
     int const fd = state.clients.of(message.pid());
+    if (!state.clients.knows(message.pid()) && !writable(fd))
+        return; // standard input, which is the application's and may block
     Write(fd, "received \"" + command + "\"\n");
     ProcessCommand(command, fd);
 }
@@ -318,6 +343,7 @@ void serve(State& state) {
                       CmdQueueName(getpid()).c_str(), strerror(errno));
         return;
     }
+    survive_sigpipe();
     fd::AutoReceptor const receptor(o_msg_queue_fd(queue.get()),
                                     boost::bind(CmdQueueHandler, boost::placeholders::_1, queue.get()));
     int turned = 1;
@@ -339,16 +365,20 @@ void CommandChannelRunner() {
     boost::shared_ptr<State> const held = current();
     if (!held)
         return;
+    // However the thread ends, the next signal starts another one.
+    struct Ending {
+        ~Ending() {
+            AutoLock const guard(state_lock());
+            state.runner_group.reset();
+            state.ended = true;
+        }
+        State& state;
+    } const ending{*held};
     try {
         serve(*held);
     } catch (std::exception const& error) { // no descriptor for the group, say
         Log_SpecEntry(logSpecForceInfo, "src/cmd", __LINE__, "%s: %s", "CommandChannelRunner", error.what());
     }
-    {
-        AutoLock const guard(state_lock());
-        held->runner_group.reset();
-    }
-    held->ended = true;
 }
 
 void CmdQueueHandler(fd::Event*, MsgQueue* queue) {
@@ -364,6 +394,20 @@ void CmdQueueHandler(fd::Event*, MsgQueue* queue) {
 
 // ---- Load and unload ------------------------------------------------------------------------------------
 
+namespace {
+
+// On the calling thread's group: that of the thread that loads the library, or, in a child of fork() that
+// goes on without exec(), of the thread that first uses it there.
+void watch_channel_signal() {
+    boost::shared_ptr<State> const held = current();
+    if (!held)
+        return;
+    held->signal = Signal(channel_signal);
+    held->signal_handle = held->signal->insert([](int) { InstallCommandChannel(); });
+}
+
+} // namespace
+
 void zel_cmd_load() {
     {
         AutoLock const guard(state_lock());
@@ -371,9 +415,13 @@ void zel_cmd_load() {
             return;
         state() = boost::shared_ptr<State>(new State);
     }
-    boost::shared_ptr<State> const held = current();
-    held->signal = Signal(channel_signal);
-    held->signal_handle = held->signal->insert([](int) { InstallCommandChannel(); });
+    watch_channel_signal();
+    detail::set_child_hook(watch_channel_signal);
+}
+
+bool stopping() {
+    AutoLock const guard(state_lock());
+    return !state() || state()->stop;
 }
 
 void stop_channel() {
@@ -403,8 +451,10 @@ void zel_cmd_unload() {
         return;
     if (doomed->signal)
         doomed->signal->remove(doomed->signal_handle);
-    restore_sigpipe();
     doomed->clients.forget();
+    // Threads that live on may be writing a line to a client that has gone.
+    if (!thread::Registry::survivors())
+        restore_sigpipe();
 }
 
 } // namespace cmd

@@ -3,8 +3,10 @@
 // The client side of the command channel.
 #include <orn/zel/cmd.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <deque>
 
 #include <unistd.h>
 
@@ -48,7 +50,8 @@ struct ChannelImpl::Reader {
     void read_lines(int fd);
 
     boost::function<void(std::string const&)> fn;
-    std::string partial; // a line that has no end yet
+    std::string partial;           // a line that has no end yet
+    std::deque<std::string> lines; // that fn has not been given yet
 };
 
 void ChannelImpl::Reader::read_lines(int fd) {
@@ -59,17 +62,24 @@ void ChannelImpl::Reader::read_lines(int fd) {
             partial.clear();
         return;
     }
-    std::string::size_type const scanned = partial.size();
-    partial.append(buffer, static_cast<std::string::size_type>(got));
-    // The complete lines are taken out first: fn may throw, and may run the loop, which comes back here.
-    std::string::size_type const end = partial.rfind('\n');
-    if (end == std::string::npos || end < scanned)
-        return;
-    std::string lines(partial, 0, end + 1);
-    partial.erase(0, end + 1);
-    std::string::size_type begin = 0;
-    for (std::string::size_type at; (at = lines.find('\n', begin)) != std::string::npos; begin = at + 1)
-        fn(lines.substr(begin, at - begin));
+    char const* const end = buffer + got;
+    for (char const* begin = buffer; begin != end;) {
+        char const* const newline = std::find(begin, end, '\n');
+        partial.append(begin, newline);
+        if (newline == end)
+            break;
+        lines.push_back(std::string());
+        lines.back().swap(partial);
+        begin = newline + 1;
+    }
+    // Taken out one at a time: fn may throw, and may run the loop, which then comes back here for the next
+    // one.
+    while (!lines.empty()) {
+        std::string line;
+        line.swap(lines.front());
+        lines.pop_front();
+        fn(line);
+    }
 }
 
 ChannelImpl::ChannelImpl(int pid, boost::function<void(std::string const&)> fn)

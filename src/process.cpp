@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "process.hpp"
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -28,32 +31,36 @@ void note() {
 // Withdrawn by the C library when this library is unmapped.
 int const registered = pthread_atfork(nullptr, nullptr, note);
 
-// Whether a thread is none that could come for anything of the library's: it is on its way out, or one of the
-// platform's service threads, whose names begin so. From /proc/self/task/<tid>/stat; true when it cannot be
-// told.
-bool harmless(char const* tid) {
+std::atomic<void (*)()> hook(nullptr);
+std::atomic<pid_t> hooked(0); // where it has been run, or set
+
+enum Finding { alive, harmless, unknown };
+
+// A thread that is on its way out, or one of the platform's service threads, whose names begin so, comes for
+// nothing of the library's. From /proc/self/task/<tid>/stat.
+Finding look_at(char const* tid) {
     unsigned long const exiting = 0x4; // the kernel's PF_EXITING
+    errno = 0;
     std::ifstream file(std::string("/proc/self/task/") + tid + "/stat");
     std::string line;
     if (!std::getline(file, line))
-        return true;
+        return errno == ENOENT || errno == ESRCH ? harmless : unknown;
     if (line.find("(orn-") != std::string::npos)
-        return true;
+        return harmless;
     // The name in parentheses may hold anything; behind it: state, five numbers, flags.
-    std::string::size_type const name_end = line.rfind(')');
-    if (name_end == std::string::npos)
-        return true;
-    std::istringstream fields(line.substr(name_end + 1));
+    std::istringstream fields(line.substr(std::min(line.rfind(')'), line.size() - 1) + 1));
     std::string skipped;
     unsigned long flags = 0;
     for (int i = 0; i < 6; ++i)
         fields >> skipped;
-    return !(fields >> flags) || (flags & exiting) != 0;
+    if (!(fields >> flags))
+        return unknown;
+    return (flags & exiting) != 0 ? harmless : alive;
 }
 
 } // namespace
 
-bool other_threads_alive() {
+bool other_threads(std::vector<int>& tids) {
     boost::shared_ptr<DIR> const tasks(opendir("/proc/self/task"), [](DIR* opened) {
         if (opened)
             closedir(opened);
@@ -62,10 +69,30 @@ bool other_threads_alive() {
         return false;
     std::string const self = std::to_string(syscall(SYS_gettid));
     while (dirent const* const entry = readdir(tasks.get())) {
-        if (entry->d_name[0] != '.' && self != entry->d_name && !harmless(entry->d_name))
-            return true;
+        if (entry->d_name[0] == '.' || self == entry->d_name)
+            continue;
+        switch (look_at(entry->d_name)) {
+        case unknown:
+            return false;
+        case alive:
+            tids.push_back(std::atoi(entry->d_name));
+            break;
+        case harmless:
+            break;
+        }
     }
-    return false;
+    return true;
+}
+
+void set_child_hook(void (*fn)()) {
+    hook = fn;
+    hooked = process_id();
+}
+
+void run_child_hook() {
+    pid_t const before = hooked.exchange(process_id());
+    if (before != process_id() && hook)
+        hook.load()();
 }
 
 pid_t process_id() {

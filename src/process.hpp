@@ -4,6 +4,8 @@
 #ifndef ZEL_SRC_PROCESS_HPP
 #define ZEL_SRC_PROCESS_HPP
 
+#include <vector>
+
 #include <sys/types.h>
 
 namespace orn {
@@ -14,9 +16,14 @@ namespace detail {
 // Signal-safe.
 pid_t process_id();
 
-// Whether the process has a thread besides the caller that is not on its way out already: a thread that has
-// been joined may be listed for a moment longer.
-bool other_threads_alive();
+// The threads of the process besides the caller and the platform's own, in no order. A thread that has been
+// joined, and may be listed for a moment longer, is left out. False when it cannot be told.
+bool other_threads(std::vector<int>& tids);
+
+// What is to be done once in every child of fork() that goes on to use the library instead of calling exec():
+// fn is called by the first run_child_hook() there.
+void set_child_hook(void (*fn)());
+void run_child_hook();
 
 } // namespace detail
 } // namespace zel

@@ -40,11 +40,17 @@ public:
     static void associate(boost::shared_ptr<Group> const& group);
     static void erase();
 
-    // Whether the library was last taken down while the process had other threads. That is exit(), as a rule:
-    // what such a thread may still point to must then stay, and its calls must not fail. Noted by
-    // note_survivors(), before anything is taken down.
+    // Noted before anything is taken down, by note_survivors(). Whether the process had other threads then:
+    // that is exit(), as a rule, and their calls must not fail.
+    static bool others_alive();
+    // Whether one of them had used the library: what such a thread may still point to must stay. Threads that
+    // had not are no reason to keep anything, or a host with threads of its own would lose memory with every
+    // dlclose().
     static bool survivors();
     static void note_survivors();
+
+    // Makes the calling thread known, so that it counts as having used the library.
+    static void note_use();
 
     // All records in ascending thread id.
     static std::vector<Entry> entries();

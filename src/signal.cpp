@@ -81,9 +81,14 @@ void SignalHandlerImpl::apply_signal_handler() {
     struct sigaction action = {};
     action.sa_handler = sig_handler;
     sigemptyset(&action.sa_mask);
+    bool const possible = signo_ > 0 && signo_ < NSIG;
+    if (possible)
+        detail::SignalGate::await(signo_);
     installed_ = sigaction(signo_, &action, &saved_action_) == 0;
     if (!installed_) {
         int const error = errno;
+        if (possible)
+            handlers_.withdraw();
         throw Exception(install_failure(signo_) + ": errno=" + std::to_string(error) + " (" +
                         strerror(error) + ")");
     }

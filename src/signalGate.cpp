@@ -22,6 +22,14 @@ struct WriterLock;
 
 std::atomic<SignalGate::functions_type const*> published[NSIG] = {};
 
+// Published while the first function is still awaited, and the arrivals until then.
+char const no_functions = 0;
+std::atomic<unsigned> missed[NSIG] = {};
+
+SignalGate::functions_type const* awaited() {
+    return reinterpret_cast<SignalGate::functions_type const*>(&no_functions);
+}
+
 // Signal handlers that are inside, counted by the phase in which they came in. A writer turns the phase and
 // waits for the other one to empty, twice: a handler that read the phase before the first turn and counted
 // itself after the wait is caught by the second.
@@ -51,15 +59,30 @@ bool wait_for_handlers() {
 
 } // namespace
 
+namespace {
+
+void call(SignalGate::functions_type const& functions, int signo) {
+    for (boost::shared_ptr<boost::function<void(int)>> const& function : functions)
+        (*function)(signo);
+}
+
+} // namespace
+
 void SignalGate::deliver(int signo) {
     unsigned const side = phase.load() & 1;
     inside[side].fetch_add(1);
     functions_type const* const functions = published[signo].load();
-    if (functions) {
-        for (boost::shared_ptr<boost::function<void(int)>> const& function : *functions)
-            (*function)(signo);
-    }
+    if (functions == awaited())
+        missed[signo].fetch_add(1);
+    else if (functions)
+        call(*functions, signo);
     inside[side].fetch_sub(1);
+}
+
+void SignalGate::await(int signo) {
+    AutoLock const guard(immortal<ThreadMutex, WriterLock>());
+    missed[signo] = 0;
+    published[signo] = awaited();
 }
 
 void SignalGate::publish(int signo, functions_type const& functions) {
@@ -68,9 +91,16 @@ void SignalGate::publish(int signo, functions_type const& functions) {
     // be in a destructor.
     CancelShield const shield;
     AutoLock const guard(immortal<ThreadMutex, WriterLock>());
-    std::unique_ptr<functions_type const> before(published[signo].exchange(next.release()));
-    if (!wait_for_handlers())
-        before.release(); // better lost than freed under a handler that may come back
+    functions_type const* const now = next.release();
+    functions_type const* const before = published[signo].exchange(now);
+    bool const quiet = wait_for_handlers();
+    if (before == awaited()) {
+        // Whoever saw that nobody was there has been counted by now.
+        for (unsigned arrivals = missed[signo].exchange(0); now && arrivals > 0; --arrivals)
+            call(*now, signo);
+    } else if (quiet) {
+        delete before;
+    } // else better lost than freed under a handler that may come back
 }
 
 } // namespace detail

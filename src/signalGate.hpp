@@ -23,6 +23,11 @@ public:
     // Calls the functions published for the signal. Signal-safe if the functions are.
     static void deliver(int signo);
 
+    // Says that there is nobody to call yet, but soon will be: what arrives before the first publish() with
+    // functions is counted, and made up for then. A handler is installed before anybody can be told of its
+    // signal.
+    static void await(int signo);
+
     // Replaces them. Not in signal context. When it returns, none of the functions that were there before and
     // are not any more is running or will run.
     static void publish(int signo, functions_type const& functions);

@@ -458,6 +458,7 @@ void ControllerImpl::Sleep() {
 }
 
 void ControllerImpl::Continue() {
+    thread::Registry::note_use();
     id_t id;
     {
         AutoLock const guard(core_->lock());
@@ -552,7 +553,7 @@ namespace {
 manager_map& loaded_map() {
     if (!managerMap) {
         // A thread that exit() left running must not be ended by an exception.
-        if (!thread::Registry::survivors())
+        if (!thread::Registry::others_alive())
             throw Exception("managerMap not initizalized");
         managerMap = new manager_map;
     }

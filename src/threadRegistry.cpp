@@ -3,6 +3,7 @@
 // The thread records and the hooks that keep them: threadGroup.hpp's registry half.
 #include "registry.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 
@@ -20,6 +21,7 @@ namespace {
 struct RegistryLock;
 
 StaticStuff* the_stuff = nullptr; // guarded by Registry::lock()
+std::atomic<bool> others(false);
 std::atomic<bool> survived(false);
 
 } // namespace
@@ -90,6 +92,7 @@ boost::shared_ptr<Group> Registry::find_or_make_group(Locate locate) {
         record.group_ = made;
     }
     made->insert(self());
+    detail::run_child_hook();
     return made;
 }
 
@@ -169,12 +172,28 @@ std::vector<Registry::Entry> Registry::entries() ZEL_NO_ANALYSIS {
     return all;
 }
 
+bool Registry::others_alive() {
+    return others;
+}
+
 bool Registry::survivors() {
     return survived;
 }
 
 void Registry::note_survivors() {
-    survived = detail::other_threads_alive();
+    std::vector<int> tids;
+    bool const known = detail::other_threads(tids);
+    AutoLock const guard(lock());
+    others = !known || !tids.empty();
+    // When it cannot be told, for want of a descriptor, say, what is kept is lost at worst.
+    survived = !known || std::any_of(tids.begin(), tids.end(),
+                                     [](int tid) ZEL_NO_ANALYSIS { return record_if_any(tid) != nullptr; });
+}
+
+void Registry::note_use() {
+    int const tid = self();
+    AutoLock const guard(lock());
+    record(tid);
 }
 
 boost::shared_ptr<Group> Registry::group_of(Associations& record) {

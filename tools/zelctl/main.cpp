@@ -34,7 +34,7 @@ void limit(int pid, double seconds) {
         "zelctl: process %d has not answered within %g s.\n"
         "Commands are taken once the thread that loaded zel runs its loop: see whether that thread is\n"
         "stopped or busy (/proc/%d/stack, /proc/%d/wchan, State in /proc/%d/status), and whether the socket\n"
-        "@cmd.%d is in /proc/net/unix.\n",
+        "@orn.msg.cmd.%d in /proc/net/unix is there, and its own.\n",
         pid, seconds, pid, pid, pid, pid);
     signal(SIGALRM, give_up);
     msec_alarm(static_cast<unsigned long>(seconds * 1000));
@@ -69,7 +69,8 @@ void list_threads(int pid) {
 int main(int argc, char** argv) {
     CLI::App app("Sends a command to a process that has loaded zel, and prints the answer.\n"
                  "  zelctl 1234 zel tasks\n"
-                 "  zelctl 1234 --follow 10 zel monitor task alarm");
+                 "  zelctl 1234 --follow 10 zel monitor task alarm\n"
+                 "Put -- before a command with words that begin with a dash.");
     int pid = 0;
     double timeout = 5;
     double follow = -1;
@@ -79,7 +80,6 @@ int main(int argc, char** argv) {
     app.add_option("--timeout", timeout, "Seconds to wait for an answer (5)")->check(CLI::Range(0.001, 1e6));
     app.add_option("--follow", follow, "Then print what comes for so many seconds; 0: until the process ends")
         ->check(CLI::Range(0.0, 1e6));
-    app.positionals_at_end();
     app.footer(
         "Ends with 0, with 1 when the process cannot be talked to, with 2 when it did not answer in time.");
     CLI11_PARSE(app, argc, argv);
