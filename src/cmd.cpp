@@ -348,12 +348,17 @@ void serve(State& state) {
                                     boost::bind(CmdQueueHandler, boost::placeholders::_1, queue.get()));
     int turned = 1;
     while (turned != 0 && !state.stop) {
+        // A command that fails is its own affair; the next one is served.
         try {
             turned = RunOnce(-1);
+        } catch (abi::__forced_unwind&) { // the thread is being ended
+            throw;
         } catch (std::exception const& error) {
-            // A command that fails is its own affair; the next one is served.
             Log_SpecEntry(logSpecForceInfo, "src/cmd", __LINE__, "%s: %s", "CommandChannelRunner",
                           error.what());
+        } catch (...) {
+            Log_SpecEntry(logSpecForceInfo, "src/cmd", __LINE__, "%s: a command failed",
+                          "CommandChannelRunner");
         }
     }
 }

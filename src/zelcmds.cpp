@@ -5,7 +5,6 @@
 #include <utility>
 
 #include <dlfcn.h>
-#include <pthread.h>
 
 #include <boost/shared_ptr.hpp>
 
@@ -79,35 +78,16 @@ void switch_monitors(std::string const& args, int fd, Switch Monitored::*directi
     });
 }
 
-// Keeps this library loaded while the command thread is in the dynamic linker: a dlclose() of it by another
-// thread holds the linker's lock and would wait for the command thread, which waits for that lock. The
-// reference is given back by a thread that runs nothing but dlclose(), because it may be the last one, and no
-// code of this library must then be on the way back from it.
-class StayLoaded {
-public:
-    StayLoaded() : self_(nullptr) {
-        Dl_info info;
-        if (dladdr(reinterpret_cast<void*>(&zel_zelcmds_load), &info) != 0)
-            self_ = dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
-    }
-    ~StayLoaded() {
-        if (!self_)
-            return;
-        pthread_attr_t detached;
-        pthread_attr_init(&detached);
-        pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
-        pthread_t thread;
-        // Without a thread the reference stays, and the library with it.
-        pthread_create(&thread, &detached,
-                       reinterpret_cast<void* (*)(void*)>(reinterpret_cast<void*>(dlclose)), self_);
-        pthread_attr_destroy(&detached);
-    }
-    StayLoaded(StayLoaded const&) = delete;
-    StayLoaded& operator=(StayLoaded const&) = delete;
-
-private:
-    void* self_;
-};
+// Makes this library stay for good. A dlclose() of it by another thread holds the dynamic linker's lock and
+// waits for the command thread, which could then be waiting for that same lock in a command below.
+void stay_loaded() {
+    Dl_info info;
+    if (dladdr(reinterpret_cast<void*>(&zel_zelcmds_load), &info) == 0)
+        return;
+    void* const self = dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+    if (self)
+        dlclose(self);
+}
 
 std::string load_library(State& state, std::string const& name) {
     // May run for as long as the module's own constructors do, and register commands.
@@ -133,8 +113,8 @@ void change_libraries(std::string const& args, int fd, std::string (*change)(Sta
     if (!held)
         return;
     if (cmd::stopping())
-        return; // dlclose() may hold the linker's lock, and wait for this thread
-    StayLoaded const stay;
+        return; // dlclose() may be under way already
+    stay_loaded();
     std::string text;
     for_each_word(args, [&](std::string const& name) { text += change(*held, name); });
     cmd::Write(fd, text);

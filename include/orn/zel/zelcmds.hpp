@@ -26,7 +26,9 @@ ORN_API void ProcessCommand(std::string const& args, int resp_fd);
 ORN_API void Monitor(std::string const& args, int fd);
 ORN_API void Unmonitor(std::string const& args, int fd);
 
-// Libraries are named as dlopen() takes them, and unloaded under the name that they were loaded with.
+// Libraries are named as dlopen() takes them, and unloaded under the name that they were loaded with. From
+// the first of these on zel itself stays in the process until it ends: dlclose() of it has no effect any
+// more.
 ORN_API void Load(std::string const& args, int fd);
 ORN_API void Unload(std::string const& args, int fd);
 
