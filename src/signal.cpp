@@ -5,6 +5,8 @@
 #include <cstring>
 #include <vector>
 
+#include <pthread.h>
+
 #include <boost/bind/bind.hpp>
 
 #include <orn/zel/response.hpp>
@@ -358,6 +360,14 @@ boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo) {
 
 void sig_handler(int signo) {
     int const error = errno;
+    // While a thread waits in a system call, a cancellation may act at any instruction, also in here: the
+    // handler must first be out of the gate. Not a scope object, because the unwinding may begin here.
+    int type = PTHREAD_CANCEL_DEFERRED;
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
     orn::zel::detail::SignalGate::deliver(signo);
+    if (type != PTHREAD_CANCEL_DEFERRED) {
+        pthread_testcancel(); // setting the type may act too, but then forgets PTHREAD_CANCELED
+        pthread_setcanceltype(type, nullptr);
+    }
     errno = error;
 }

@@ -9,6 +9,7 @@
 
 #include <orn/zel/core.hpp>
 
+#include "cancel.hpp"
 #include "immortal.hpp"
 
 namespace orn {
@@ -63,6 +64,9 @@ void SignalGate::deliver(int signo) {
 
 void SignalGate::publish(int signo, functions_type const& functions) {
     std::unique_ptr<functions_type const> next(functions.empty() ? nullptr : new functions_type(functions));
+    // The wait below is a cancellation point. Unwound there, this would free what a handler still reads, or
+    // be in a destructor.
+    CancelShield const shield;
     AutoLock const guard(immortal<ThreadMutex, WriterLock>());
     std::unique_ptr<functions_type const> before(published[signo].exchange(next.release()));
     if (!wait_for_handlers())
