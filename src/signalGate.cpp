@@ -20,13 +20,13 @@ namespace {
 
 struct WriterLock;
 
-std::atomic<SignalGate::functions_type const*> published[NSIG];
+std::atomic<SignalGate::functions_type const*> published[NSIG] = {};
 
 // Signal handlers that are inside, counted by the phase in which they came in. A writer turns the phase and
 // waits for the other one to empty, twice: a handler that read the phase before the first turn and counted
 // itself after the wait is caught by the second.
 std::atomic<unsigned> phase(0);
-std::atomic<int> inside[2];
+std::atomic<int> inside[2] = {};
 
 // A signal handler finishes within microseconds of running time. One that has not within this many
 // milliseconds never will, because something jumped out of it or is sitting on top of it.
