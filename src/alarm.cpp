@@ -81,8 +81,12 @@ struct Manager::Table {
     Table() : pipe(false) {}
 
     os::Pipe pipe;
+    // The thread that sets alarms and the one that runs the group's loop may be two. Guards the table and
+    // what its entries hold except the handlers; only the timers' own lock is taken under it, and nothing is
+    // destroyed: a timer waits for its callback, and handlers may come back here.
+    ThreadMutex lock;
     // Destroyed, with its timers, before the pipe they write to.
-    detail::IdTable<boost::shared_ptr<TimerBlob>> alarms;
+    detail::IdTable<boost::shared_ptr<TimerBlob>> alarms ZEL_GUARDED_BY(lock);
 };
 
 Manager::Manager()
@@ -99,12 +103,17 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
     blob->timer.reset(CreateTimer(boost::bind(process_to_fd, id, table_->pipe.WriteFD())));
     blob->handler.swap(handler);
     blob->one_shot = recurringMs == 0;
-    table_->alarms.insert(id, blob);
-    try {
-        blob->timer->Set(initialMs, recurringMs);
-    } catch (...) {
-        table_->alarms.take(id);
-        throw;
+    {
+        boost::shared_ptr<TimerBlob> replaced; // an old one, once the identifiers have wrapped
+        AutoLock const guard(table_->lock);
+        replaced = table_->alarms.take(id);
+        table_->alarms.insert(id, blob);
+        try {
+            blob->timer->Set(initialMs, recurringMs);
+        } catch (...) {
+            table_->alarms.take(id);
+            throw;
+        }
     }
     report([&](std::ostream& line) {
         line << "alarm created: id=" << id << " initial=" << initialMs << " recurring=" << recurringMs;
@@ -113,19 +122,28 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
 }
 
 void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
-    boost::shared_ptr<TimerBlob>* const found = table_->alarms.find(id);
-    if (!found)
-        return;
-    (*found)->one_shot = true;
-    (*found)->timer->Set(timeoutMs, 0);
+    {
+        AutoLock const guard(table_->lock);
+        boost::shared_ptr<TimerBlob>* const found = table_->alarms.find(id);
+        if (!found)
+            return;
+        (*found)->one_shot = true;
+        (*found)->timer->Set(timeoutMs, 0);
+    }
     report([&](std::ostream& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
 }
 
 void Manager::DeleteAlarm(id_t id) {
-    boost::shared_ptr<TimerBlob> const deleted = table_->alarms.take(id);
+    boost::shared_ptr<TimerBlob> deleted;
+    std::unique_ptr<os::Timer> timer;
+    {
+        AutoLock const guard(table_->lock);
+        deleted = table_->alarms.take(id);
+        if (deleted)
+            timer.swap(deleted->timer);
+    }
     // The blob itself may be held by its own handler, which is running; the timer goes now in any case.
-    if (deleted)
-        deleted->timer.reset();
+    timer.reset();
     report_deleted(id);
 }
 
@@ -139,24 +157,30 @@ void Manager::drain(Table& table, fd::Event* event) {
     std::uint32_t word;
     while (detail::read_word(event->fd(), word)) {
         id_t const id = word;
-        boost::shared_ptr<TimerBlob>* const found = table.alarms.find(id);
-        if (!found)
-            continue; // deleted, or fired, after its timer had written
-        report([id](std::ostream& line) { line << "ALARM: id=" << id; });
-        // No lock is held below: a handler may add, reset and delete alarms, its own included.
-        if ((*found)->one_shot) {
-            Handler handler;
-            handler.swap((*found)->handler);
-            table.alarms.take(id); // and with it the timer
-            handler();
-        } else {
-            boost::shared_ptr<TimerBlob> const held = *found;
-            held->handler();
+        // The handler is called where it is, and kept until it returns: it may be running further up the
+        // stack, when it has reset its own alarm and waits for it in a nested turn.
+        boost::shared_ptr<TimerBlob> due;
+        std::unique_ptr<os::Timer> timer;
+        {
+            AutoLock const guard(table.lock);
+            boost::shared_ptr<TimerBlob> const* const found = table.alarms.find(id);
+            if (!found)
+                continue; // deleted, or fired, after its timer had written
+            due = *found;
+            if (due->one_shot) {
+                table.alarms.take(id);
+                timer.swap(due->timer);
+            }
         }
+        report([id](std::ostream& line) { line << "ALARM: id=" << id; });
+        timer.reset();
+        // No lock is held here: a handler may add, reset and delete alarms, its own included.
+        due->handler();
     }
 }
 
 unsigned long Manager::size() const {
+    AutoLock const guard(table_->lock);
     return table_->alarms.size();
 }
 

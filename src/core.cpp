@@ -9,6 +9,7 @@
 
 #include <unistd.h>
 
+#include "identifiers.hpp"
 #include "immortal.hpp"
 
 namespace orn {
@@ -53,6 +54,11 @@ std::uint32_t next = 1; // guarded by the identifier lock
 id_t unique_id() {
     AutoLock lock(detail::immortal<ThreadMutex, IdentifierLock>());
     return next++;
+}
+
+void detail::continue_identifiers_at(std::uint32_t id) {
+    AutoLock lock(detail::immortal<ThreadMutex, IdentifierLock>());
+    next = id;
 }
 
 namespace {

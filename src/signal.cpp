@@ -148,6 +148,33 @@ struct Arrival {
     pid_t owner;
 };
 
+// For lists that replay changes, which lock them once more, under their lock.
+class RecursiveMutex : public Mutex {
+public:
+    RecursiveMutex() : owner_(0), depth_(0) {}
+
+    void Lock() override ZEL_NO_ANALYSIS {
+        int const me = thread::self();
+        if (owner_ != me) {
+            mutex_.Lock();
+            owner_ = me;
+        }
+        ++depth_;
+    }
+
+    void Unlock() override ZEL_NO_ANALYSIS {
+        if (--depth_ == 0) {
+            owner_ = 0;
+            mutex_.Unlock();
+        }
+    }
+
+private:
+    ThreadMutex mutex_;
+    std::atomic<int> owner_; // only ever equal to a thread's id when that thread has set it
+    unsigned depth_;
+};
+
 } // namespace
 
 // What a manager keeps for a signal that it watches. The source outlives the registration in its list, also
@@ -168,23 +195,47 @@ struct Manager::Watch {
     boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<os::Pipe> const& pipe, bool rearm);
     void drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe);
 
-    std::map<int, SignalBundle> bundles;
+    std::vector<int> signals();
+
+private:
+    boost::shared_ptr<HandlerList<int>> find(int signo, bool& retired);
+
+    // The thread that watches and the one that runs the group's loop may be two. A leaf: bundles are made and
+    // destroyed with it released.
+    ThreadMutex lock_;
+    std::map<int, SignalBundle> bundles_ ZEL_GUARDED_BY(lock_);
 };
+
+boost::shared_ptr<HandlerList<int>> Manager::Watch::find(int signo, bool& retired) {
+    AutoLock const guard(lock_);
+    std::map<int, SignalBundle>::const_iterator const it = bundles_.find(signo);
+    if (it == bundles_.end())
+        return boost::shared_ptr<HandlerList<int>>();
+    retired = !it->second.source->impl().installed();
+    return it->second.list;
+}
+
+std::vector<int> Manager::Watch::signals() {
+    std::vector<int> numbers;
+    AutoLock const guard(lock_);
+    for (auto const& item : bundles_)
+        numbers.push_back(item.first);
+    return numbers;
+}
 
 boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::shared_ptr<os::Pipe> const& pipe,
                                                          bool rearm) {
-    std::map<int, SignalBundle>::iterator const it = bundles.find(signo);
-    if (it == bundles.end()) {
-        boost::shared_ptr<HandlerList<int>> const users(new HandlerList<int>);
-        bundles.emplace(signo, SignalBundle(signo, pipe, users));
+    bool retired = false;
+    boost::shared_ptr<HandlerList<int>> users = find(signo, retired);
+    if (users && !(rearm && retired))
         return users;
-    }
-    boost::shared_ptr<HandlerList<int>> const users = it->second.list;
-    if (rearm && !it->second.source->impl().installed()) {
-        SignalBundle fresh(signo, pipe, users);
-        bundles.erase(it);
-        bundles.emplace(signo, fresh);
-    }
+    if (!users)
+        users.reset(new HandlerList<int>(boost::shared_ptr<Mutex>(new RecursiveMutex)));
+    SignalBundle const fresh(signo, pipe, users);
+    std::map<int, SignalBundle>::node_type replaced;
+    AutoLock const guard(lock_);
+    replaced = bundles_.extract(signo);
+    bundles_.emplace(signo, fresh);
     return users;
 }
 
@@ -224,10 +275,7 @@ int Manager::signal_fd() const {
 }
 
 std::vector<int> Manager::signals() const {
-    std::vector<int> numbers;
-    for (auto const& item : watch_->bundles)
-        numbers.push_back(item.first);
-    return numbers;
+    return watch_->signals();
 }
 
 boost::shared_ptr<Manager> manager() {
@@ -365,11 +413,14 @@ boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo) {
 
 void sig_handler(int signo) {
     int const error = errno;
-    // In a system call that waits, a cancellation may act at any instruction, also in here: the handler must
-    // first be out of the gate. Not a scope object, because restoring may begin the unwinding.
-    int state = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    // While a thread waits in a system call, a cancellation may act at any instruction, also in here: the
+    // handler must first be out of the gate. Not a scope object, because the unwinding may begin here.
+    int type = PTHREAD_CANCEL_DEFERRED;
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
     orn::zel::detail::SignalGate::deliver(signo);
-    pthread_setcancelstate(state, nullptr);
+    if (type != PTHREAD_CANCEL_DEFERRED) {
+        pthread_testcancel(); // setting the type may act too, but then forgets PTHREAD_CANCELED
+        pthread_setcanceltype(type, nullptr);
+    }
     errno = error;
 }

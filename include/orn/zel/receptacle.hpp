@@ -253,6 +253,7 @@ public:
                 // No lock is held here: the handler may change this list.
                 if (!held->empty())
                     (*held)(data);
+                lock(); // again: a nested dispatch, which has ended, has opened the list
                 it = handlers_.upper_bound(handle);
             }
         }

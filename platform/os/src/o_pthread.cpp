@@ -122,7 +122,7 @@ bool mapped(Hooks const& hooks) {
 }
 
 std::mutex registryMutex; // leaf: held for copying only
-Hooks registry[hookLimit];
+Hooks registry[hookLimit] = {};
 std::size_t registered = 0;
 
 struct Snapshot {

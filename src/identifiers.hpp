@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: MIT
+//
+// The counter behind unique_id(). Internal: it exists so that what happens when the counter wraps, after four
+// thousand million identifiers, can be tried out.
+#ifndef ZEL_SRC_IDENTIFIERS_HPP
+#define ZEL_SRC_IDENTIFIERS_HPP
+
+#include <cstdint>
+
+namespace orn {
+namespace zel {
+namespace detail {
+
+// The next call of unique_id() returns this.
+void continue_identifiers_at(std::uint32_t id);
+
+} // namespace detail
+} // namespace zel
+} // namespace orn
+
+#endif

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+//
+// Alarms on the real clock: what only its service thread can bring about.
+#include <chrono>
+#include <memory>
+#include <vector>
+
+#include <orn/zel.hpp>
+
+#include "support/Support.hpp"
+
+using namespace orn::zel;
+
+namespace {
+
+class AlarmClock : public support::Loop {};
+
+TEST_F(AlarmClock, an_alarm_is_never_early) {
+    auto const begin = std::chrono::steady_clock::now();
+    bool fired = false;
+    SetAlarm(20, [&] { fired = true; });
+    EXPECT_TRUE(support::run_until([&] { return fired; }));
+    EXPECT_LE(std::chrono::milliseconds(20), std::chrono::steady_clock::now() - begin);
+}
+
+TEST_F(AlarmClock, members_set_and_cancel_while_a_third_thread_runs_the_loop) {
+    std::atomic<long> fired(0);
+    auto const churn = [&] {
+        std::atomic<long> mine(0);
+        long expected = 0;
+        for (int i = 0; i < 300; ++i) {
+            Alarm recurring(0, 1, [&] { ++fired; });
+            Alarm late(1, [&] { ++fired; });
+            for (int j = 0; j < 4; ++j, ++expected)
+                SetAlarm(0, [&] { ++mine; });
+            late.Reset(i % 3 ? 0 : 50000);
+            recurring.Reset(0);
+            EXPECT_LE(OutstandingAlarmCount(), 2u + static_cast<unsigned>(expected));
+            if (i % 16 == 0)
+                sched_yield();
+        }
+        EXPECT_TRUE(support::wait_until([&] { return mine == expected; })) << mine;
+        // A handler that is being called may outlive its cancelling by a moment: let it.
+        EXPECT_TRUE(support::wait_until([] { return OutstandingAlarmCount() == 0; }));
+    };
+    support::Thread const first(churn), second(churn);
+    while (!first.ended() || !second.ended())
+        RunOnce(1);
+    EXPECT_LT(0, fired);
+}
+
+} // namespace

@@ -1,0 +1,243 @@
+// SPDX-License-Identifier: MIT
+//
+// Alarms on a clock that the tests turn by hand.
+#include <climits>
+#include <memory>
+#include <stdexcept>
+
+#include <unistd.h>
+
+#include <orn/zel.hpp>
+
+#include "../src/identifiers.hpp"
+#include "support/FakeTimer.hpp"
+#include "support/Support.hpp"
+
+using namespace orn::zel;
+using fake_timer::advance;
+using support::take;
+
+namespace {
+
+struct NoTimersLeft {
+    ~NoTimersLeft() { EXPECT_EQ(0u, fake_timer::live()) << "unloading ends every timer"; }
+};
+
+// The base that looks is destroyed after the base that unloads.
+class Alarms : private NoTimersLeft, public support::Loop {
+protected:
+    alarm::Handler say(std::string const& text) {
+        return [this, text] { seen += text; };
+    }
+
+    std::string after(unsigned long ms) {
+        seen.clear();
+        advance(ms);
+        EXPECT_EQ("", seen) << "outside of the loop";
+        settle();
+        return seen;
+    }
+
+    std::string seen;
+};
+
+TEST_F(Alarms, fire_at_their_deadline_and_not_before_it) {
+    SetAlarm(100, say("set "));
+    SetAlarm(0, say("now "));
+    Alarm const one(101, say("one "));
+    Alarm const many(50, 20, say("many "));
+    EXPECT_EQ(4u, OutstandingAlarmCount());
+    settle();
+    EXPECT_EQ("", seen);
+    EXPECT_EQ("now ", after(0));
+    EXPECT_EQ("", after(49));
+    EXPECT_EQ("many ", after(1));
+    EXPECT_EQ("many many ", after(49));
+    EXPECT_EQ("set ", after(1));
+    EXPECT_EQ("one ", after(1));
+    EXPECT_EQ(1u, OutstandingAlarmCount());
+    EXPECT_EQ("many many ", after(40));
+}
+
+TEST_F(Alarms, a_one_shot_is_gone_when_its_handler_runs) {
+    unsigned outstanding = 99;
+    std::size_t armed = 99;
+    auto const captured = std::make_shared<int>(0);
+    SetAlarm(5, [&, captured] {
+        outstanding = OutstandingAlarmCount();
+        armed = fake_timer::live();
+        SetAlarm(5, say("next"));
+    });
+    after(5);
+    EXPECT_EQ(0u, outstanding);
+    EXPECT_EQ(0u, armed);
+    EXPECT_EQ(1, captured.use_count());
+    EXPECT_EQ("next", after(5));
+}
+
+TEST_F(Alarms, an_empty_handler_is_refused_without_a_trace) {
+    for (boost::function<void()> const& make :
+         {boost::function<void()>([] { SetAlarm(1, alarm::Handler()); }),
+          boost::function<void()>([] { Alarm const alarm(1, 1, alarm::Handler()); })}) {
+        try {
+            make();
+            FAIL();
+        } catch (orn::zel::Exception const& e) {
+            EXPECT_STREQ("NULL handler", e.what());
+            EXPECT_STREQ("", e.details());
+        }
+    }
+    EXPECT_EQ(0u, OutstandingAlarmCount());
+    EXPECT_EQ(0u, fake_timer::live());
+}
+
+TEST_F(Alarms, a_cancelled_alarm_drops_the_expiries_that_are_under_way) {
+    Alarm alarm(1, 1, say("x"));
+    {
+        Alarm const scoped(1, say("y"));
+        advance(5);
+    }
+    alarm.Cancel();
+    alarm.Cancel();
+    alarm.Reset(1); // inert
+    EXPECT_EQ("", after(5));
+    EXPECT_EQ(0u, OutstandingAlarmCount());
+
+    std::unique_ptr<Alarm> own;
+    own.reset(new Alarm(1, 1, [&] {
+        seen += "own";
+        own.reset();
+    }));
+    EXPECT_EQ("own", after(5)) << "though five expiries were queued";
+}
+
+TEST_F(Alarms, a_reset_alarm_fires_once_more_and_then_vanishes) {
+    Alarm alarm(10, 10, say("x"));
+    EXPECT_EQ("x", after(10));
+    alarm.Reset(25);
+    EXPECT_EQ("", after(24));
+    EXPECT_EQ("x", after(1));
+    EXPECT_EQ(0u, OutstandingAlarmCount());
+    alarm.Reset(1);
+    EXPECT_EQ("", after(100)) << "a fired one-shot is not to be had back";
+
+    Alarm once(10, say("y"));
+    after(9);
+    once.Reset(10);
+    EXPECT_EQ("", after(9));
+    EXPECT_EQ("y", after(1));
+    Alarm const never(ULONG_MAX, ULONG_MAX, say("never"));
+    EXPECT_EQ("", after(4000000000));
+}
+
+TEST_F(Alarms, a_handler_that_resets_its_own_alarm_may_wait_for_it) {
+    auto const captured = std::make_shared<std::string>("kept");
+    std::unique_ptr<Alarm> own;
+    int depth = 0;
+    own.reset(new Alarm(1, 1, [&, captured] {
+        if (++depth == 1) {
+            own->Reset(1);
+            advance(1);
+            RunOnce(0); // fires, now as a one-shot
+        }
+        seen += *captured + std::to_string(captured.use_count() >= 2);
+    }));
+    EXPECT_EQ("kept1kept1", after(1));
+    EXPECT_EQ(0u, OutstandingAlarmCount());
+    EXPECT_EQ(1, captured.use_count());
+    own.reset();
+}
+
+TEST_F(Alarms, an_exception_leaves_the_rest_for_the_next_turn) {
+    SetAlarm(1, say("a"));
+    SetAlarm(1, [] { throw std::runtime_error("handler"); });
+    SetAlarm(1, say("b"));
+    advance(1);
+    EXPECT_THROW(for (int i = 0; i < 3; ++i) RunOnce(0), std::runtime_error);
+    EXPECT_EQ("a", seen);
+    settle();
+    EXPECT_EQ("ab", seen);
+    EXPECT_EQ(0u, OutstandingAlarmCount());
+}
+
+TEST_F(Alarms, a_burst_before_the_loop_turns_loses_nothing) {
+    int calls = 0;
+    Alarm const fast(1, 1, [&] { ++calls; });
+    for (int i = 0; i < 20000; ++i)
+        SetAlarm(80000, [&] { ++calls; });
+    advance(80000);
+    settle();
+    EXPECT_EQ(100000, calls);
+    // Beyond what a pipe can be made to hold nobody blocks, and later ones come through.
+    advance(400000);
+    settle();
+    EXPECT_LT(200000, calls);
+    calls = 0;
+    advance(3);
+    settle();
+    EXPECT_EQ(3, calls);
+}
+
+TEST_F(Alarms, identifiers_that_wrap_still_find_their_alarms) {
+    alarm::manager();
+    detail::continue_identifiers_at(0xFFFFFFFE);
+    for (char const* const text : {"a", "b", "c", "d"})
+        SetAlarm(1, say(text));
+    std::string fired = after(1);
+    EXPECT_EQ(4u, fired.size());
+    EXPECT_EQ(0u, OutstandingAlarmCount());
+
+    orn::os::Pipe pipe(false);
+    alarm::process_to_fd(static_cast<unsigned long>(0x700000005ull), pipe.WriteFD());
+    std::string const word = take(pipe.ReadFD());
+    std::uint32_t const five = 5;
+    EXPECT_EQ(std::string(reinterpret_cast<char const*>(&five), 4), word);
+}
+
+TEST_F(Alarms, the_monitor_tells_the_life_of_each) {
+    orn::os::Pipe observer(false);
+    auto const lines = [&] { return support::without_tid(take(observer.ReadFD())); };
+    alarm::manager();
+    alarm::Monitor("ignored", observer.WriteFD());
+    detail::continue_identifiers_at(700);
+    auto alarm = std::make_unique<Alarm>(3, 4, say("x"));
+    EXPECT_EQ("alarm created: id=700 initial=3 recurring=4\n", lines());
+    after(3);
+    EXPECT_EQ("ALARM: id=700\n", lines());
+    alarm->Reset(9);
+    EXPECT_EQ("alarm created: id=700 timeout=9\n", lines());
+    after(9);
+    EXPECT_EQ("ALARM: id=700\n", lines());
+    alarm->Reset(9);
+    EXPECT_EQ("", lines());
+    alarm.reset();
+    EXPECT_EQ("alarm deleted: id=700\n", lines()) << "although it had fired";
+    SetAlarm(1, say("y"));
+    EXPECT_EQ("alarm created: id=701 initial=1 recurring=0\n", lines());
+    alarm::Unmonitor("whatever", 77);
+    after(1);
+    EXPECT_EQ("", lines());
+}
+
+TEST_F(Alarms, are_counted_per_thread_and_served_by_the_group) {
+    SetAlarm(1, say("mine "));
+    std::atomic<bool> armed(false);
+    std::atomic<bool> fired(false);
+    support::Thread const member([&] {
+        EXPECT_EQ(0u, OutstandingAlarmCount());
+        SetAlarm(1, [&] {
+            seen += "theirs ";
+            fired = true;
+        });
+        EXPECT_EQ(1u, OutstandingAlarmCount());
+        armed = true;
+        EXPECT_TRUE(support::wait_until([&] { return fired.load(); }));
+        EXPECT_EQ(0u, OutstandingAlarmCount());
+    });
+    ASSERT_TRUE(support::wait_until([&] { return armed.load(); }));
+    EXPECT_EQ(1u, OutstandingAlarmCount());
+    advance(1);
+    EXPECT_TRUE(support::run_until([&] { return seen.size() == 12; })) << seen;
+}
+
+} // namespace

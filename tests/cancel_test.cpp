@@ -1,0 +1,198 @@
+// SPDX-License-Identifier: MIT
+//
+// Threads that are cancelled inside the library: locks, roles and hooks are released on the way, and nothing
+// is cancelled where it could not be unwound.
+#include <memory>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <orn/zel.hpp>
+
+#include "support/Support.hpp"
+
+using namespace orn::zel;
+using support::put;
+using support::take;
+
+namespace {
+
+#if defined(__SANITIZE_THREAD__)
+#define SKIP_WITHOUT_CANCELLATION()                                                                          \
+    GTEST_SKIP() << "ThreadSanitizer no longer sees the locks of a thread that was cancelled in a system "   \
+                    "call"
+#else
+#define SKIP_WITHOUT_CANCELLATION()
+#endif
+
+class Cancel : public support::Loop {
+protected:
+    // What must hold once a thread that had the runner role has been cancelled: this one can take it, is
+    // served, and is alone.
+    void expect_loop_goes_on() {
+        EXPECT_FALSE(group->IsRunner(thread::self()));
+        EXPECT_EQ(std::set<int>{thread::self()}, group->Threads());
+        orn::os::Pipe pipe(false);
+        int calls = 0;
+        fd::AutoReceptor const receptor(pipe.ReadFD(), [&](fd::Event* event) {
+            take(event->fd());
+            EXPECT_TRUE(group->IsRunner(thread::self()));
+            ++calls;
+        });
+        put(pipe.WriteFD(), "x");
+        EXPECT_TRUE(support::run_until([&] { return calls == 1; }));
+        EXPECT_FALSE(group->IsRunner(thread::self()));
+    }
+
+    boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
+};
+
+TEST_F(Cancel, a_runner_that_waits_gives_up_its_role_and_its_membership) {
+    SKIP_WITHOUT_CANCELLATION();
+    support::Thread runner([] {
+        for (;;)
+            RunOnce(-1);
+    });
+    ASSERT_TRUE(support::wait_until([&] { return group->IsRunner(runner.tid()); }));
+    ASSERT_TRUE(runner.waits());
+    runner.cancel();
+    EXPECT_TRUE(runner.join());
+    expect_loop_goes_on();
+}
+
+TEST_F(Cancel, a_runner_deep_in_nested_runs_and_in_a_handler_gives_up_all_levels) {
+    SKIP_WITHOUT_CANCELLATION();
+    orn::os::Pipe blocking(true);
+    orn::os::Pipe pipes[3] = {orn::os::Pipe(false), orn::os::Pipe(false), orn::os::Pipe(false)};
+    int leftovers = 0;
+    fd::AutoReceptor const left(pipes[2].ReadFD(), [&](fd::Event* event) {
+        take(event->fd());
+        ++leftovers;
+    });
+    RunOnce(0);
+    support::Thread runner([&] {
+        fd::AutoReceptor const outer(pipes[0].ReadFD(), [&](fd::Event* event) {
+            take(event->fd());
+            put(pipes[1].WriteFD(), "x");
+            for (;;)
+                RunUntilEventOnFd(-1, POLLIN, -1);
+        });
+        fd::AutoReceptor const inner(pipes[1].ReadFD(), [&](fd::Event* event) {
+            take(event->fd());
+            put(pipes[2].WriteFD(), "x"); // nobody's turn until the cancelled one is out of the way
+            char byte;
+            static_cast<void>(read(blocking.ReadFD(), &byte, 1));
+            FAIL();
+        });
+        put(pipes[0].WriteFD(), "x");
+        for (;;)
+            RunOnce(-1);
+    });
+    ASSERT_TRUE(support::wait_until([&] {
+        pollfd entry = {pipes[2].ReadFD(), POLLIN, 0};
+        return poll(&entry, 1, 0) == 1;
+    }));
+    ASSERT_TRUE(runner.waits());
+    EXPECT_TRUE(group->IsRunner(runner.tid()));
+    runner.cancel();
+    EXPECT_TRUE(runner.join());
+    expect_loop_goes_on();
+    EXPECT_EQ(1, leftovers);
+}
+
+TEST_F(Cancel, a_waiting_request_does_not_act_inside_destructors) {
+    orn::os::Pipe observer(false);
+    thread::MonitorThread("", observer.WriteFD());
+    alarm::Monitor("", observer.WriteFD());
+    std::atomic<bool> through(false);
+    support::Thread doomed([&] {
+        orn::os::Pipe pipe(false);
+        auto receptor = std::make_unique<fd::AutoReceptor>(pipe.ReadFD(), [](fd::Event*) {});
+        auto signals = std::make_unique<signal::AutoReceptor>(SIGUSR1, [](int) {});
+        auto alarm = std::make_unique<Alarm>(100000, [] {});
+        o_pthread_cancel(pthread_self());
+        receptor.reset();
+        signals.reset();
+        alarm.reset();
+        { orn::os::Pipe const another(false); }
+        group->WakeUp('x');
+        through = true;
+        pthread_testcancel();
+    });
+    EXPECT_TRUE(doomed.join());
+    EXPECT_TRUE(through);
+    thread::UnmonitorThread("", 0);
+    alarm::Unmonitor("", 0);
+    expect_loop_goes_on();
+    EXPECT_NE(std::string::npos, take(observer.ReadFD()).find("thread cleanup"));
+}
+
+// ---- Signals
+
+std::atomic<int> stage(0);
+
+TEST_F(Cancel, watching_a_signal_waits_for_its_handlers_without_being_cancelled) {
+    boost::shared_ptr<signal::SignalHandler> const source = signal::sigHandler(SIGUSR1);
+    // In signal context: stays inside until it is let go.
+    unsigned long const id = source->handlers().insert([](int) {
+        stage = 1;
+        while (stage != 2)
+            syscall(SYS_sched_yield);
+    });
+    support::Thread inside([] { raise(SIGUSR1); });
+    ASSERT_TRUE(support::wait_until([] { return stage == 1; }));
+    std::atomic<bool> watched(false);
+    support::Thread doomed([&] {
+        o_pthread_cancel(pthread_self());
+        signal::AutoReceptor const receptor(SIGUSR1, [](int) {});
+        watched = true;
+        pthread_testcancel();
+    });
+    ASSERT_TRUE(doomed.waits()); // for the one that is inside
+    stage = 2;
+    EXPECT_TRUE(doomed.join());
+    EXPECT_TRUE(watched);
+    inside.join();
+    source->handlers().remove(id);
+}
+
+TEST_F(Cancel, a_thread_that_receives_signals_is_not_unwound_out_of_their_handler) {
+    SKIP_WITHOUT_CANCELLATION();
+    signal::AutoReceptor const receptor(SIGUSR1, [](int) {});
+    boost::shared_ptr<signal::SignalHandler> const source = signal::sigHandler(SIGUSR1);
+    // Long enough for the request to come while the handler is inside.
+    unsigned long const id = source->handlers().insert([](int) {
+        for (int i = 0; i < 200; ++i)
+            syscall(SYS_sched_yield);
+    });
+    for (int round = 0; round < 50; ++round) {
+        support::Thread target([] {
+            for (;;)
+                RunOnce(-1);
+        });
+        ASSERT_TRUE(target.waits());
+        std::atomic<bool> stop(false);
+        support::Thread sender([&] {
+            sigset_t set, old;
+            sigemptyset(&set);
+            sigaddset(&set, SIGUSR1);
+            signal::block(&set, &old);
+            while (!stop && !target.ended()) {
+                syscall(SYS_tgkill, getpid(), target.tid(), SIGUSR1);
+                sched_yield();
+            }
+        });
+        target.cancel();
+        EXPECT_TRUE(target.join());
+        stop = true;
+    }
+    // A handler that never came out would be waited for here, for a whole second each time.
+    timespec before = {}, after = {};
+    clock_gettime(CLOCK_MONOTONIC, &before);
+    source->handlers().remove(id);
+    clock_gettime(CLOCK_MONOTONIC, &after);
+    EXPECT_LT((after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000, 900);
+    expect_loop_goes_on();
+}
+
+} // namespace

@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: MIT
+//
+// The primitives: identifiers, exceptions, values that may be missing, splitting, locks.
+#include <limits>
+#include <memory>
+#include <sstream>
+#include <vector>
+
+#include <orn/zel/core.hpp>
+
+#include "../src/identifiers.hpp"
+#include "support/Support.hpp"
+
+using namespace orn::zel;
+
+namespace {
+
+std::vector<std::string> fields(std::string const& text, std::string const& separators) {
+    std::vector<std::string> out;
+    split(text, separators, out);
+    return out;
+}
+
+std::vector<std::string> fields(std::string const& text, std::string const& separators, int most) {
+    std::vector<std::string> out;
+    split(text, separators, out, most);
+    return out;
+}
+
+typedef std::vector<std::string> Strings;
+
+TEST(Identifiers, begin_at_1_and_come_from_one_counter) {
+    EXPECT_EQ(1u, unique_id());
+    EXPECT_EQ(2u, basic_ProcessUnique<unsigned long>::next_id());
+    EXPECT_EQ(3u, UniqueId::next_id());
+    EXPECT_EQ(4u, unique_id());
+    std::ostringstream text;
+    text << std::hex << basic_Id<unsigned long>(255);
+    EXPECT_EQ("ff", text.str());
+}
+
+TEST(Identifiers, are_32_bits_wide_and_wrap_whatever_the_width_of_long) {
+    detail::continue_identifiers_at(0xFFFFFFFF);
+    EXPECT_EQ(0xFFFFFFFFu, unique_id());
+    EXPECT_EQ(0u, unique_id());
+    EXPECT_EQ(1u, unique_id());
+}
+
+TEST(Identifiers, are_given_once_to_threads_that_ask_at_the_same_time) {
+    constexpr unsigned each = 20000;
+    std::vector<unsigned long> got[3];
+    {
+        std::vector<std::unique_ptr<support::Thread>> threads;
+        for (std::vector<unsigned long>& mine : got)
+            threads.emplace_back(new support::Thread([&mine] {
+                for (unsigned i = 0; i < each; ++i)
+                    mine.push_back(unique_id());
+            }));
+    }
+    std::set<unsigned long> all;
+    for (std::vector<unsigned long> const& mine : got)
+        all.insert(mine.begin(), mine.end());
+    EXPECT_EQ(3 * each, all.size());
+}
+
+TEST(Split, cuts_at_each_member_of_the_set) {
+    EXPECT_EQ((Strings{"a", "", "b"}), fields("a,,b", ","));
+    EXPECT_EQ((Strings{"", "a"}), fields(",a", ","));
+    EXPECT_EQ((Strings{"a", "b"}), fields("a,b,", ","));
+    EXPECT_EQ((Strings{"", ""}), fields(",,", ","));
+    EXPECT_EQ((Strings{"a", "b", "c"}), fields("a:b;c", ":,;"));
+    EXPECT_EQ((Strings{"a:b"}), fields("a:b", ""));
+    EXPECT_EQ(Strings{}, fields("", ","));
+}
+
+TEST(Split, leaves_the_rest_in_the_last_field) {
+    EXPECT_EQ((Strings{"a", "b,c"}), fields("a,b,c", ",", 2));
+    EXPECT_EQ((Strings{"a", "b", "c"}), fields("a,b,c", ",", 3));
+    EXPECT_EQ((Strings{"a"}), fields("a,", ",", 2));
+    for (int const most : {1, 0, -1, std::numeric_limits<int>::min()})
+        EXPECT_EQ((Strings{"a,b,c"}), fields("a,b,c", ",", most)) << most;
+    EXPECT_EQ(Strings{}, fields("", ",", 1));
+    Strings out{"before"};
+    split("a,b", ",", out);
+    split("c", ",", out, 5);
+    EXPECT_EQ((Strings{"before", "a", "b", "c"}), out);
+}
+
+TEST(PossiblyUndefined, is_copied_with_its_state_but_assigned_only_with_a_value) {
+    PossiblyUndefined<int> none;
+    PossiblyUndefined<int> seven(7);
+    PossiblyUndefined<int> const copy(none);
+    EXPECT_TRUE(copy.undefined());
+    try {
+        seven = none;
+        FAIL();
+    } catch (orn::zel::Exception const& e) {
+        EXPECT_STREQ("undefined value", e.what());
+        EXPECT_STREQ("", e.details());
+        EXPECT_NE(nullptr, dynamic_cast<UndefinedValue const*>(&e));
+    }
+    EXPECT_EQ(7, seven.value());
+    EXPECT_THROW(none.value(), UndefinedValue);
+    none = seven;
+    EXPECT_EQ(7, none.value());
+    none = 8;
+    EXPECT_EQ(8, none.value());
+}
+
+TEST(RecursionCheck, puts_the_flag_back_however_its_scope_ends) {
+    bool flag = false;
+    try {
+        RecursionCheck const outer(flag);
+        EXPECT_FALSE(static_cast<bool>(outer));
+        EXPECT_TRUE(flag);
+        {
+            RecursionCheck const inner(flag);
+            EXPECT_TRUE(static_cast<bool>(inner));
+        }
+        EXPECT_TRUE(flag);
+        throw 1;
+    } catch (int) {
+    }
+    EXPECT_FALSE(flag);
+}
+
+TEST(Locks, exclude_threads_only_when_they_are_real) {
+    ThreadMutex real;
+    Mutex null;
+    long count = 0;
+    {
+        auto const add = [&] {
+            for (int i = 0; i < 20000; ++i) {
+                AutoLock const outer(null);
+                AutoLock const again(null); // does nothing, so may be taken twice
+                AutoLock const guard(real);
+                ++count;
+            }
+        };
+        support::Thread const first(add), second(add);
+    }
+    EXPECT_EQ(40000, count);
+}
+
+TEST(AssertionDeathTest, speaks_and_aborts_in_every_build_type) {
+    EXPECT_EXIT(detail::check(false, "a == b", "src/x", 12), ::testing::KilledBySignal(SIGABRT),
+                "src/x:12: Assertion `a == b' failed");
+}
+
+} // namespace

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: MIT
+//
+// A library that uses zel, to be loaded by a host that knows nothing of either. Loading it brings up
+// everything that needs a descriptor, a thread or a handler of a signal, and unloading it leaves all of that
+// to zel.
+#include <memory>
+
+#include <signal.h>
+
+#include <orn/os/Thread.hpp>
+#include <orn/zel.hpp>
+
+namespace {
+
+using namespace orn::zel;
+
+struct User {
+    User()
+        : arrivals(new signal::AutoReceptor(SIGUSR1, [this](int) { ++calls; })),
+          ticks(new Alarm(0, 1000, [this] { ++calls; })) {
+        raise(SIGUSR1);
+        orn::os::Thread const member([this] { SetAlarm(0, [this] { ++calls; }); });
+        while (calls < 3)
+            RunOnce(-1);
+        SetAlarm(100000, [] {}); // still armed at the end
+    }
+
+    int calls = 0;
+    std::unique_ptr<signal::AutoReceptor> arrivals;
+    std::unique_ptr<Alarm> ticks;
+} user;
+
+} // namespace

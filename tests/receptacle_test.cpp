@@ -1,0 +1,278 @@
+// SPDX-License-Identifier: MIT
+//
+// Handler lists, the one-handler receptacle, and the owner of one registration.
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include <orn/zel/fd.hpp>
+#include <orn/zel/receptacle.hpp>
+
+#include "support/Support.hpp"
+
+using namespace orn::zel;
+
+namespace {
+
+class RecursiveMutex : public Mutex {
+public:
+    RecursiveMutex() {
+        pthread_mutexattr_t attributes;
+        pthread_mutexattr_init(&attributes);
+        pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+        pthread_mutex_init(&mutex_, &attributes);
+        pthread_mutexattr_destroy(&attributes);
+    }
+    ~RecursiveMutex() override { pthread_mutex_destroy(&mutex_); }
+    void Lock() override ZEL_NO_ANALYSIS {
+        pthread_mutex_lock(&mutex_);
+        ++depth;
+    }
+    void Unlock() override ZEL_NO_ANALYSIS {
+        --depth;
+        pthread_mutex_unlock(&mutex_);
+    }
+    int depth = 0; // guarded by itself
+
+private:
+    pthread_mutex_t mutex_;
+};
+
+struct Calls {
+    std::string text;
+    boost::function<void(int)> as(char name) {
+        return [this, name](int value) { text += name + std::to_string(value) + ' '; };
+    }
+    std::string take() { return std::move(text); }
+};
+
+TEST(HandlerList, calls_in_the_order_of_registration) {
+    HandlerList<int> list;
+    Calls calls;
+    unsigned long const a = list.insert(calls.as('a'));
+    unsigned long const b = list.insert(calls.as('b'));
+    list.insert(calls.as('c'));
+    EXPECT_EQ("handler list " + std::to_string(list.id()), list.name());
+    EXPECT_LT(a, b);
+    Dispatch(list, 1);
+    EXPECT_EQ("a1 b1 c1 ", calls.take());
+    list.remove(b);
+    list.remove(b);
+    list.remove(0);
+    EXPECT_EQ(2u, list.count());
+    EXPECT_LT(1000000u, list.capacity());
+    Dispatch(list, 2);
+    EXPECT_EQ("a2 c2 ", calls.take());
+}
+
+TEST(HandlerList, refuses_a_handler_that_is_empty) {
+    HandlerList<int> list;
+    try {
+        list.insert(HandlerList<int>::receptor_type());
+        FAIL();
+    } catch (orn::Exception const& e) {
+        EXPECT_STREQ("Empty handler function", e.what());
+        EXPECT_STREQ("", e.details());
+    }
+    EXPECT_EQ(0u, list.count());
+}
+
+TEST(HandlerList, keeps_changes_for_the_end_of_the_dispatch_but_counts_them_at_once) {
+    HandlerList<int> list;
+    Calls calls;
+    unsigned long self = 0;
+    unsigned long later = 0;
+    std::vector<unsigned> counts;
+    self = list.insert([&](int) {
+        calls.text += "self ";
+        list.remove(self); // stays for this dispatch only
+        counts.push_back(list.count());
+        list.remove(later); // not reached yet, and called all the same
+        counts.push_back(list.count());
+        unsigned long const cancelled = list.insert(calls.as('x'));
+        counts.push_back(list.count());
+        list.remove(cancelled);
+        list.insert(calls.as('n'));
+        counts.push_back(list.count());
+    });
+    later = list.insert(calls.as('l'));
+    Dispatch(list, 1);
+    EXPECT_EQ("self l1 ", calls.take());
+    EXPECT_EQ((std::vector<unsigned>{1, 0, 1, 1}), counts);
+    Dispatch(list, 2);
+    EXPECT_EQ("n2 ", calls.take());
+    EXPECT_EQ(1u, list.count());
+}
+
+TEST(HandlerList, runs_its_hooks_before_the_first_handler_and_after_the_last) {
+    std::string seen;
+    boost::shared_ptr<RecursiveMutex> const mutex(new RecursiveMutex);
+    HandlerList<int> list(
+        mutex,
+        [&](HandlerList<int>* of) {
+            seen += "first" + std::to_string(of->count()) + std::to_string(mutex->depth);
+        },
+        [&](HandlerList<int>* of) { seen += " last" + std::to_string(of->count()); });
+    unsigned long only = list.insert([&](int) {
+        list.remove(only);
+        seen += " removed";
+    });
+    EXPECT_EQ("first00", seen) << "the list still empty, the mutex free";
+    Dispatch(list, 1);
+    EXPECT_EQ("first00 removed last0", seen) << "a removal that waits empties nothing yet";
+    seen.clear();
+    unsigned long const a = list.insert([](int) {});
+    unsigned long const b = list.insert([](int) {});
+    list.remove(a);
+    list.remove(a);
+    EXPECT_EQ("first00", seen);
+    list.remove(b);
+    list.remove(b);
+    EXPECT_EQ("first00 last0", seen) << "once for each time that the list becomes empty";
+    EXPECT_EQ(0, mutex->depth);
+}
+
+TEST(HandlerList, stays_locked_after_an_exception_until_a_dispatch_completes) {
+    HandlerList<int> list;
+    Calls calls;
+    bool angry = true;
+    list.insert([&](int) {
+        if (angry)
+            throw std::runtime_error("handler");
+    });
+    EXPECT_THROW(Dispatch(list, 1), std::runtime_error);
+    list.insert(calls.as('n'));
+    EXPECT_EQ(2u, list.count());
+    angry = false;
+    Dispatch(list, 2);
+    EXPECT_EQ("", calls.take()) << "not part of the dispatch that completes";
+    Dispatch(list, 3);
+    EXPECT_EQ("n3 ", calls.take());
+}
+
+TEST(HandlerList, survives_a_nested_dispatch_that_replays_the_removal_of_the_running_handler) {
+    HandlerList<int> list;
+    auto const alive = std::make_shared<int>(7);
+    std::weak_ptr<int> const watch = alive;
+    std::string seen;
+    unsigned long self = 0;
+    self = list.insert([&, held = alive](int value) {
+        if (value == 1) {
+            list.remove(self);
+            Dispatch(list, 2); // completes, and so replays
+            EXPECT_EQ(7, *held) << "what the running handler captured";
+        }
+        seen += std::to_string(value);
+    });
+    list.insert([&](int value) { seen += "b" + std::to_string(value); });
+    const_cast<std::shared_ptr<int>&>(alive).reset();
+    EXPECT_FALSE(watch.expired());
+    Dispatch(list, 1);
+    EXPECT_EQ("2b21b1", seen);
+    EXPECT_TRUE(watch.expired());
+    EXPECT_EQ(1u, list.count());
+}
+
+TEST(HandlerList, with_a_mutex_takes_changes_from_any_thread_during_a_dispatch) {
+    HandlerList<int> list(boost::shared_ptr<Mutex>(new RecursiveMutex));
+    std::atomic<bool> stop(false);
+    std::atomic<int> calls(0);
+    list.insert([&](int) { ++calls; });
+    {
+        auto const churn = [&] {
+            for (int i = 0; i < 3000; ++i) {
+                AutoReceptor<int> const scoped(list, [&](int) { ++calls; });
+                EXPECT_GE(list.count(), 1u);
+            }
+        };
+        support::Thread first(churn), second(churn);
+        support::Thread dispatcher([&] {
+            while (!stop)
+                Dispatch(list, 1);
+        });
+        first.join();
+        second.join();
+        stop = true;
+    }
+    EXPECT_EQ(1u, list.count());
+    EXPECT_LT(0, calls);
+}
+
+TEST(AutoReceptor, moves_its_registration_and_keeps_to_its_receptacle) {
+    HandlerList<int> one;
+    HandlerList<int> two;
+    AutoReceptor<int> a(one, [](int) {});
+    AutoReceptor<int> b(one, [](int) {});
+    AutoReceptor<int> c(two, [](int) {});
+    EXPECT_EQ(2u, one.count());
+
+    unsigned long const handle = b.handle();
+    a = b; // gives its own up
+    EXPECT_EQ(1u, one.count());
+    EXPECT_EQ(handle, a.handle());
+    EXPECT_EQ(0u, b.handle());
+    a = *&a;
+    EXPECT_EQ(handle, a.handle());
+
+    try {
+        a = c;
+        FAIL();
+    } catch (orn::Exception const& e) {
+        EXPECT_STREQ("receptacle reassignment", e.what());
+        EXPECT_STREQ("orn::zel::AutoReceptor<dataT>& orn::zel::AutoReceptor<dataT>::operator=(const "
+                     "orn::zel::AutoReceptor<dataT>&) [with dataT = int]",
+                     e.details());
+    }
+    EXPECT_EQ(handle, a.handle());
+    EXPECT_EQ(1u, two.count());
+
+    AutoReceptor<int> empty;
+    AutoReceptor<int> other;
+    empty = other;
+    empty = c; // takes the receptacle along
+    EXPECT_EQ(0u, c.handle());
+    EXPECT_THROW(empty = a, orn::Exception);
+    {
+        AutoReceptor<int> const moved(empty);
+        EXPECT_EQ(0u, empty.handle());
+    }
+    EXPECT_EQ(0u, two.count());
+}
+
+TEST(AutoReceptor, may_be_destroyed_by_the_handler_that_it_owns) {
+    HandlerList<int> list;
+    std::unique_ptr<AutoReceptor<int>> own;
+    int calls = 0;
+    own.reset(new AutoReceptor<int>(list, [&](int) {
+        own.reset();
+        ++calls;
+    }));
+    Dispatch(list, 1);
+    Dispatch(list, 1);
+    EXPECT_EQ(1, calls);
+}
+
+TEST(SingleReceptacle, holds_one_handler_which_may_remove_itself) {
+    SingleReceptacle<int> single;
+    int calls = 0;
+    auto const captured = std::make_shared<int>(1);
+    unsigned long id = 0;
+    Dispatch(single, 1);
+    id = single.insert([&, captured](int) {
+        single.remove(id);
+        calls += *captured;
+    });
+    EXPECT_NE(0u, id);
+    EXPECT_EQ(0u, single.insert([](int) {}));
+    single.remove(id + 1);
+    EXPECT_EQ(1u, single.count());
+    EXPECT_EQ(1u, single.capacity());
+    Dispatch(single, 1);
+    Dispatch(single, 1);
+    EXPECT_EQ(1, calls);
+    EXPECT_EQ(0u, single.count());
+    EXPECT_EQ(1, captured.use_count()) << "a removed handler is destroyed";
+    EXPECT_NE(0u, single.insert([](int) {}));
+}
+
+} // namespace

@@ -1,0 +1,289 @@
+// SPDX-License-Identifier: MIT
+//
+// Signals as events of the loop, also while they arrive faster than the loop turns and while what watches
+// them changes.
+#include <cerrno>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <orn/zel.hpp>
+
+#include "support/Support.hpp"
+
+using namespace orn::zel;
+using support::take;
+
+namespace {
+
+class Signals : public support::Loop {
+protected:
+    std::string seen;
+};
+
+std::string refusal(boost::function<void()> const& call) {
+    try {
+        call();
+    } catch (orn::zel::Exception const& e) {
+        EXPECT_STREQ("", e.details());
+        return e.what();
+    }
+    return "accepted";
+}
+
+TEST_F(Signals, each_arrival_is_one_call_of_each_handler_on_the_loop) {
+    signal::AutoReceptor const one(SIGUSR1, [&](int signo) { seen += "a" + std::to_string(signo); });
+    signal::AutoReceptor const two(SIGUSR1, [&](int) { seen += "b "; });
+    {
+        signal::AutoReceptor const gone(SIGUSR2, [&](int) { seen += "c "; });
+        raise(SIGUSR2);
+    }
+    raise(SIGUSR1);
+    raise(SIGUSR1);
+    EXPECT_EQ("", seen);
+    settle();
+    EXPECT_EQ("a10b a10b ", seen);
+    EXPECT_EQ(Signal(SIGUSR1), Signal(SIGUSR1));
+    EXPECT_EQ(2u, Signal(SIGUSR1)->count());
+}
+
+TEST_F(Signals, every_watching_group_gets_its_own_call) {
+    std::atomic<int> theirs(0);
+    std::atomic<bool> ready(false);
+    signal::AutoReceptor const mine(SIGUSR1, [&](int) { seen += "m"; });
+    {
+        support::Thread const other([&] {
+            NewThreadGroup();
+            int const me = thread::self();
+            signal::AutoReceptor const receptor(SIGUSR1, [&](int) {
+                EXPECT_EQ(me, thread::self());
+                ++theirs;
+            });
+            ready = true;
+            EXPECT_TRUE(support::run_until([&] { return theirs == 3; }));
+        });
+        ASSERT_TRUE(support::wait_until([&] { return ready.load(); }));
+        for (int i = 0; i < 3; ++i)
+            raise(SIGUSR1);
+    }
+    settle();
+    EXPECT_EQ("mmm", seen);
+    EXPECT_EQ(3, theirs);
+}
+
+TEST_F(Signals, a_burst_before_the_loop_turns_loses_nothing) {
+    int calls = 0;
+    signal::AutoReceptor const receptor(SIGUSR1, [&](int) { ++calls; });
+    for (int i = 0; i < 100000; ++i)
+        raise(SIGUSR1);
+    settle();
+    EXPECT_EQ(100000, calls);
+    // Beyond what the system lets a pipe hold nobody blocks.
+    for (int i = 0; i < 300000; ++i)
+        raise(SIGUSR1);
+    settle();
+    EXPECT_LT(300000, calls);
+    raise(SIGUSR1);
+    calls = 0;
+    settle();
+    EXPECT_EQ(1, calls);
+}
+
+TEST_F(Signals, an_exception_leaves_what_is_unread_for_the_next_turn) {
+    int calls = 0;
+    signal::AutoReceptor const receptor(SIGUSR1, [&](int) {
+        if (++calls == 1)
+            throw std::runtime_error("handler");
+    });
+    for (int i = 0; i < 3; ++i)
+        raise(SIGUSR1);
+    EXPECT_THROW(RunOnce(-1), std::runtime_error);
+    settle();
+    EXPECT_EQ(3, calls);
+}
+
+TEST_F(Signals, refuses_what_the_system_refuses_and_says_why) {
+    std::string const text = "failed to install handler for signal ";
+    EXPECT_EQ(text + "9: errno=22 (Invalid argument)", refusal([] { Signal(SIGKILL); }));
+    EXPECT_EQ(text + "1000: errno=22 (Invalid argument)",
+              refusal([] { signal::AutoReceptor const receptor(1000, [](int) {}); }));
+    EXPECT_EQ(text + "19", refusal([] { signal::ignore(SIGSTOP); }));
+    EXPECT_THROW(signal::AutoReceptor(SIGUSR1, boost::function<void(int)>()), orn::Exception);
+    EXPECT_EQ(std::vector<int>{SIGUSR1}, signal::manager()->signals()) << "no trace of those refused";
+}
+
+TEST_F(Signals, dispositions_come_back_at_unload_and_watching_starts_anew_after_it) {
+    EXPECT_TRUE(signal::is_default(SIGUSR1));
+    struct sigaction before = {};
+    sigaction(SIGUSR2, nullptr, &before);
+    EXPECT_EQ(0, signal::ignore(SIGUSR2));
+    EXPECT_TRUE(signal::is_ignored(SIGUSR2));
+    signal::AutoReceptor const one(SIGUSR1, [&](int) { seen += "1"; });
+    signal::AutoReceptor const two(SIGUSR2, [&](int) { seen += "2"; });
+    EXPECT_FALSE(signal::is_default(SIGUSR1));
+    EXPECT_FALSE(signal::is_ignored(SIGUSR2));
+    signal::zel_signal_unload();
+    EXPECT_TRUE(signal::is_default(SIGUSR1));
+    EXPECT_TRUE(signal::is_ignored(SIGUSR2));
+    raise(SIGUSR2);
+    signal::zel_signal_load();
+    signal::AutoReceptor const again(SIGUSR1, [&](int) { seen += "a"; });
+    raise(SIGUSR1);
+    settle();
+    EXPECT_EQ("1a", seen) << "the manager and its handlers have lived on";
+    sigaction(SIGUSR2, &before, nullptr);
+}
+
+TEST_F(Signals, the_mask_and_what_is_pending_can_be_asked_for) {
+    signal::AutoReceptor const receptor(SIGUSR1, [&](int) { seen += "x"; });
+    sigset_t set, old, now;
+    sigemptyset(&set);
+    sigaddset(&set, SIGUSR1);
+    EXPECT_EQ(0, signal::block(&set, &old));
+    EXPECT_EQ(0, sigismember(&old, SIGUSR1));
+    EXPECT_EQ(0, signal::blocked(&now));
+    EXPECT_EQ(1, sigismember(&now, SIGUSR1));
+    EXPECT_FALSE(signal::is_pending(SIGUSR1));
+    raise(SIGUSR1);
+    EXPECT_TRUE(signal::is_pending(SIGUSR1));
+    settle();
+    EXPECT_EQ("", seen);
+    EXPECT_EQ(0, signal::unblock(&set, &old));
+    EXPECT_EQ(1, sigismember(&old, SIGUSR1));
+    settle();
+    EXPECT_EQ("x", seen);
+}
+
+TEST_F(Signals, the_listing_names_all_managers_and_the_callers_signals) {
+    orn::os::Pipe answer(false);
+    auto const entry = [](signal::Manager const& manager, fd::Manager const& of) {
+        return "[" + std::to_string(manager.id().value()) + "] fdMgr=" + std::to_string(of.id().value()) +
+               " signal_fd=" + std::to_string(manager.signal_fd());
+    };
+    signal::ListSignals("x", answer.WriteFD());
+    EXPECT_EQ("SignalMgrs:\n signals={ }",
+              take(answer.ReadFD()).substr(std::to_string(thread::self()).size() + 5));
+    std::string const mine = entry(*signal::manager(), *thread::FdMgr());
+    std::string theirs;
+    support::Thread([&] {
+        Signal(SIGHUP);
+        theirs = entry(*signal::manager(), *thread::FdMgr());
+    });
+    Signal(SIGUSR2);
+    Signal(SIGUSR1);
+    signal::ListSignals("x", answer.WriteFD());
+    EXPECT_EQ("tid=" + std::to_string(thread::self()) + " SignalMgrs:\n" + mine + theirs +
+                  " signals={ 10 12 }",
+              take(answer.ReadFD()));
+}
+
+// ---- Signal context
+
+TEST_F(Signals, errno_is_as_before_for_the_code_that_was_interrupted) {
+    boost::shared_ptr<signal::SignalHandler> const source = signal::sigHandler(SIGUSR1);
+    unsigned long const id = source->handlers().insert([](int) { errno = 77; });
+    errno = 5;
+    raise(SIGUSR1);
+    EXPECT_EQ(5, errno);
+    source->handlers().remove(id);
+}
+
+// Arrivals at full rate, from a thread that the test's own loop does not depend on.
+class Storm {
+public:
+    Storm(std::vector<int> signals, long limit)
+        : sender_([this, signals, limit] {
+              sigset_t all;
+              sigfillset(&all);
+              pthread_sigmask(SIG_SETMASK, &all, nullptr);
+              siginfo_t info = {};
+              info.si_code = SI_QUEUE;
+              while (!stop_ && sent_ < limit) {
+                  // Queued, so that none is merged with another; a full queue is tried again.
+                  for (int const signo : signals)
+                      if (syscall(SYS_rt_sigqueueinfo, getpid(), signo, &info) == 0)
+                          ++sent_;
+                      else
+                          sched_yield();
+              }
+          }) {}
+    ~Storm() { stop_ = true; }
+    bool over() const { return sender_.ended(); }
+    long sent() const { return sent_; }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::atomic<long> sent_{0};
+    support::Thread sender_;
+};
+
+TEST_F(Signals, changes_in_several_threads_lose_no_arrival_to_those_who_stay) {
+    int const signo = SIGRTMIN + 1;
+    long const total = 20000;
+    long calls = 0;
+    signal::AutoReceptor const stays(signo, [&](int) { ++calls; });
+    Storm storm({signo}, total);
+    std::atomic<long> entered(0);
+    {
+        // Watch as new threads do, and change the list that signal context reads.
+        auto const churn = [&](int own) {
+            for (int i = 0; i < 12; ++i) {
+                support::Thread([&] {
+                    NewThreadGroup();
+                    signal::AutoReceptor const old(signo, [](int) {});
+                    signal::AutoReceptor const added(own, [](int) {});
+                    RunOnce(0);
+                });
+                auto const counted = std::make_unique<std::atomic<long>>(0);
+                std::atomic<long>* const counter = counted.get();
+                HandlerList<int>& list = signal::sigHandler(signo)->handlers();
+                unsigned long const id = list.insert([counter](int) { ++*counter; });
+                sched_yield();
+                list.remove(id);
+                entered += *counter; // freed now: nobody may be inside any more
+            }
+        };
+        support::Thread const first([&] { churn(SIGRTMIN + 2); });
+        support::Thread const second([&] { churn(SIGRTMIN + 3); });
+        ASSERT_TRUE(
+            support::run_until([&] { return storm.over() && first.ended() && second.ended(); }, 40000));
+    }
+    settle();
+#if defined(__SANITIZE_THREAD__)
+    // ThreadSanitizer itself merges signals that arrive outside of system calls.
+    EXPECT_LT(0, calls);
+#else
+    EXPECT_EQ(total, storm.sent());
+    EXPECT_TRUE(support::run_until([&] { return calls == total; })) << calls;
+#endif
+}
+
+TEST_F(Signals, members_watch_and_unwatch_while_another_thread_runs_their_loop) {
+    int const signo = SIGRTMIN + 1;
+    std::atomic<long> calls(0);
+    signal::AutoReceptor const stays(signo, [](int) {});
+    signal::AutoReceptor const other(SIGRTMIN + 2, [](int) {});
+    Storm storm({signo, SIGRTMIN + 2}, 10000); // not for ever: a turn ends when all arrivals are served
+    {
+        auto const churn = [&] {
+            signal::AutoReceptor const mine(signo, [&](int) { ++calls; });
+            for (int i = 0; i < 300 || !storm.over() || calls == 0; ++i) {
+                signal::AutoReceptor const one(signo, [&](int) { ++calls; });
+                signal::AutoReceptor const two(SIGRTMIN + 2 + i % 8, [&](int) { ++calls; });
+                ASSERT_LE(1u, Signal(signo)->count());
+                if (i % 16 == 0)
+                    raise(signo);
+                sched_yield();
+            }
+        };
+        support::Thread const first(churn), second(churn);
+        ASSERT_TRUE(support::run_until([&] { return first.ended() && second.ended(); }, 40000));
+    }
+    settle();
+    EXPECT_LT(0, calls);
+}
+
+} // namespace

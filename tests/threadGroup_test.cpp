@@ -1,0 +1,400 @@
+// SPDX-License-Identifier: MIT
+//
+// Threads and their groups, the results of the run calls, and what can be observed of both. What handlers do
+// to the turn that calls them is in turn_test.cpp.
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/weak_ptr.hpp>
+#include <orn/zel.hpp>
+
+#include "support/Support.hpp"
+
+using namespace orn::zel;
+using support::put;
+using support::take;
+
+namespace {
+
+class ThreadGroup : public support::Loop {};
+
+// ---- Membership
+
+TEST_F(ThreadGroup, the_first_use_makes_a_group_with_one_member) {
+    boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
+    EXPECT_EQ(group, thread::ThisGroup());
+    EXPECT_EQ(group->id().value(), GroupId());
+    EXPECT_EQ(std::set<int>{thread::self()}, group->Threads());
+    EXPECT_EQ(thread::FdMgr(), thread::FdMgr());
+    EXPECT_EQ(thread::FdMgr(), thread::FdMgr(thread::self()));
+    EXPECT_EQ(thread::FdMgr(1), thread::FdMgr(1)) << "of a thread never seen";
+}
+
+TEST_F(ThreadGroup, a_new_thread_is_a_member_until_it_ends) {
+    boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
+    boost::shared_ptr<fd::Manager> const mine = thread::FdMgr();
+    boost::shared_ptr<thread::Group> second;
+    {
+        support::Thread const member([&] {
+            EXPECT_EQ(group, thread::ThisGroup());
+            EXPECT_NE(mine, thread::FdMgr());
+            EXPECT_EQ((std::set<int>{thread::self(), getpid()}), group->Threads());
+            NewThreadGroup();
+            second = thread::ThisGroup();
+            EXPECT_NE(group->id().value(), GroupId());
+            EXPECT_EQ(std::set<int>{getpid()}, group->Threads());
+            support::Thread const grandchild([&] { EXPECT_EQ(second, thread::ThisGroup()); });
+        });
+    }
+    EXPECT_EQ(0u, second->size());
+    EXPECT_EQ(1u, group->tsize());
+    thread::This().Associate(second);
+    EXPECT_EQ(second, thread::ThisGroup());
+    EXPECT_EQ(0u, group->size());
+    EXPECT_EQ(std::set<int>{thread::self()}, second->Threads());
+}
+
+TEST_F(ThreadGroup, nothing_survives_an_unload) {
+    unsigned long const before = GroupId();
+    boost::weak_ptr<thread::Group> const group = thread::ThisGroup();
+    boost::weak_ptr<fd::Manager> const manager = thread::FdMgr();
+    thread::zel_thread_unload();
+    EXPECT_TRUE(group.expired());
+    EXPECT_TRUE(manager.expired());
+    EXPECT_NE(before, GroupId()) << "made again on demand";
+    thread::zel_thread_load();
+    support::Thread const member([] { EXPECT_EQ(2u, thread::ThisGroup()->size()); });
+}
+
+TEST_F(ThreadGroup, after_fork_the_child_has_an_id_of_its_own) {
+    int const parent = thread::self();
+    EXPECT_EQ(getpid(), parent);
+    int const status = support::in_child([parent] {
+        bool const own = thread::self() != parent && thread::self() == getpid();
+        // It may bring up a group of its own before it replaces itself.
+        return own && RunOnce(0) == 1 ? 0 : 1;
+    });
+    EXPECT_EQ("exit 0", support::describe(status));
+    EXPECT_EQ(parent, thread::self());
+}
+
+TEST(AssociationsDeathTest, an_empty_group_is_a_broken_contract) {
+    EXPECT_DEATH(thread::This().Associate(boost::shared_ptr<thread::Group>()), "Assertion `group' failed");
+}
+
+// ---- Turns
+
+TEST_F(ThreadGroup, wake_ups_end_one_wait_and_are_drained) {
+    EXPECT_EQ(1, RunOnce(-1)) << "the new group's own";
+    EXPECT_EQ(0, RunOnce(0));
+    Exit();
+    Exit();
+    EXPECT_EQ(1, RunOnce(-1));
+    EXPECT_EQ(0, RunOnce(0));
+    boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
+    std::atomic<bool> woken(false);
+    support::Thread const waker([&] {
+        NewThreadGroup(); // nothing that it does later wakes this group
+        EXPECT_TRUE(support::wait_until([&] { return group->IsRunner(getpid()); }) &&
+                    support::waits(getpid()));
+        woken = true;
+        group->WakeUp('x');
+    });
+    while (!woken)
+        RunOnce(-1);
+}
+
+TEST_F(ThreadGroup, a_full_control_pipe_blocks_nobody_and_wakes_the_loop) {
+    boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
+    for (int i = 0; i < 200000; ++i)
+        group->WakeUp('x');
+    orn::os::Pipe pipe(false);
+    int calls = 0;
+    fd::AutoReceptor const receptor(pipe.ReadFD(), [&](fd::Event* event) {
+        take(event->fd());
+        ++calls;
+    });
+    put(pipe.WriteFD(), "x");
+    EXPECT_EQ(2, RunOnce(-1)) << "the change is seen although its byte was lost";
+    EXPECT_EQ(1, calls);
+    EXPECT_EQ(0, RunOnce(0));
+}
+
+TEST_F(ThreadGroup, a_member_that_is_not_the_runner_only_sleeps) {
+    orn::os::Pipe pipe(false);
+    std::atomic<int> by(0);
+    std::atomic<bool> stop(false);
+    {
+        fd::AutoReceptor const receptor(pipe.ReadFD(), [&](fd::Event* event) {
+            take(event->fd());
+            by = thread::self();
+        });
+        support::Thread runner([&] {
+            while (!stop)
+                RunOnce(-1);
+        });
+        boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
+        ASSERT_TRUE(support::wait_until([&] { return group->IsRunner(runner.tid()); }));
+        EXPECT_EQ(0, RunOnce(1));
+        put(pipe.WriteFD(), "x");
+        ASSERT_TRUE(support::wait_until([&] { return by != 0; }));
+        EXPECT_EQ(runner.tid(), by);
+        // It waits for its own descriptors all the same, without serving the group's.
+        orn::os::Pipe own(false);
+        EXPECT_EQ(0, RunUntilEventOnFd(own.ReadFD(), POLLIN, 1));
+        put(own.WriteFD(), "y");
+        EXPECT_EQ(POLLIN, RunUntilEventOnFd(own.ReadFD(), POLLIN, -1));
+        stop = true;
+        Exit();
+        runner.join();
+    }
+    EXPECT_FALSE(thread::ThisGroup()->IsRunner(thread::self()));
+    EXPECT_LT(0, RunOnce(-1)) << "the role is free again";
+}
+
+TEST_F(ThreadGroup, waiting_for_descriptors_serves_the_group_meanwhile) {
+    orn::os::Pipe mine(false);
+    orn::os::Pipe other(false);
+    orn::os::Pipe served(false);
+    std::atomic<int> calls(0);
+    std::unique_ptr<fd::AutoReceptor> late;
+    fd::AutoReceptor const receptor(served.ReadFD(), [&](fd::Event* event) {
+        take(event->fd());
+        if (++calls == 1) // watched while the wait is on, and so part of its next pass
+            late.reset(new fd::AutoReceptor(other.ReadFD(), [&](fd::Event* added) {
+                take(added->fd());
+                put(mine.WriteFD(), "end");
+            }));
+        else
+            put(other.WriteFD(), "x");
+    });
+    EXPECT_EQ(0, RunUntilEventOnFd(mine.ReadFD(), POLLIN, 0));
+    support::Thread feeder([&] {
+        put(served.WriteFD(), "1");
+        support::wait_until([&] { return calls == 1; });
+        EXPECT_TRUE(support::waits(getpid()));
+        put(served.WriteFD(), "2");
+    });
+    pollfd fds[3] = {{mine.WriteFD(), POLLIN, 9}, {mine.ReadFD(), POLLIN, 0}, {-1, POLLIN, 0}};
+    EXPECT_EQ(1, RunUntilEventOnFdSet(fds, 3, -1));
+    EXPECT_EQ(0, fds[0].revents);
+    EXPECT_EQ(POLLIN, fds[1].revents);
+    EXPECT_EQ(2, calls);
+    feeder.join();
+
+    // A descriptor that the group watches too is the caller's for this wait.
+    put(served.WriteFD(), "3");
+    EXPECT_EQ(POLLIN, RunUntilEventOnFd(served.ReadFD(), POLLIN, -1));
+    EXPECT_EQ(2, calls);
+    EXPECT_EQ(0, RunUntilEventOnFdSet(nullptr, 0, 0));
+    EXPECT_EQ(3, calls) << "of nothing at all, it is not";
+    pollfd entry = {7, POLLIN, 0};
+    pollfd same = {7, POLLOUT, 0};
+    EXPECT_TRUE(thread::isInPollset(entry, &same, 1));
+    EXPECT_FALSE(thread::isInPollset(entry, nullptr, 0));
+}
+
+TEST_F(ThreadGroup, a_group_event_starts_the_whole_timeout_anew) {
+    orn::os::Pipe mine(false);
+    orn::os::Pipe served(false);
+    fd::AutoReceptor const receptor(served.ReadFD(), [](fd::Event* event) { take(event->fd()); });
+    while (RunOnce(0) > 0) {
+    }
+    orn::os::Pipe observer(false);
+    thread::MonitorPoll("", observer.WriteFD());
+    put(served.WriteFD(), "x");
+    EXPECT_EQ(0, RunUntilEventOnFd(mine.ReadFD(), POLLIN, 25));
+    thread::UnmonitorPoll("", 0);
+    std::string const lines = take(observer.ReadFD());
+    std::string::size_type const first = lines.find(" timeout=25 ");
+    ASSERT_NE(std::string::npos, first) << lines;
+    EXPECT_NE(std::string::npos, lines.find(" timeout=25 ", first + 1)) << lines;
+}
+
+TEST_F(ThreadGroup, an_interrupted_wait_returns_minus_one) {
+    struct sigaction action = {};
+    struct sigaction before = {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, &before);
+    RunOnce(0);
+    EXPECT_EQ(0u, msec_alarm(10));
+    EXPECT_EQ(-1, RunOnce(-1));
+    EXPECT_EQ(EINTR, errno);
+    pollfd entry = {-1, POLLIN, 3};
+    msec_alarm(10);
+    EXPECT_EQ(-1, RunUntilEventOnFdSet(&entry, 1, -1));
+    EXPECT_EQ(EINTR, errno);
+    msec_alarm(10);
+    EXPECT_EQ(0, RunUntilEventOnFd(-1, POLLIN, -1));
+
+    EXPECT_EQ(0u, msec_alarm(90000));
+    unsigned const left = msec_alarm(3600001);
+    EXPECT_TRUE(left > 89000 && left <= 90000) << left;
+    EXPECT_LT(3500000u, msec_alarm(0));
+    EXPECT_EQ(0u, msec_alarm(0));
+    itimerval short_one = {};
+    short_one.it_value.tv_usec = 900; // any fraction of a millisecond is something
+    sigset_t set, old;
+    sigemptyset(&set);
+    sigaddset(&set, SIGALRM);
+    signal::block(&set, &old);
+    for (unsigned seen = 0; seen != 1;) {
+        setitimer(ITIMER_REAL, &short_one, nullptr);
+        seen = msec_alarm(0);
+        ASSERT_LE(seen, 1u);
+    }
+    sigaction(SIGALRM, &before, nullptr);
+}
+
+TEST_F(ThreadGroup, nests_to_99_levels) {
+    orn::os::Pipe pipe(false);
+    int depth = 0;
+    fd::AutoReceptor const receptor(pipe.ReadFD(), [&](fd::Event*) {
+        if (++depth < 99)
+            RunOnce(-1);
+        else
+            take(pipe.ReadFD());
+    });
+    put(pipe.WriteFD(), "x");
+    while (depth == 0)
+        RunOnce(-1);
+    EXPECT_EQ(99, depth);
+    EXPECT_FALSE(thread::ThisGroup()->IsRunner(thread::self()));
+}
+
+TEST(RunnerDeathTest, the_hundredth_level_ends_the_process) {
+    auto const nest = [] {
+        orn::os::Pipe pipe(false);
+        fd::AutoReceptor const receptor(pipe.ReadFD(), [](fd::Event*) { RunOnce(-1); });
+        put(pipe.WriteFD(), "x");
+        for (;;)
+            RunOnce(-1);
+    };
+    EXPECT_EXIT(nest(), ::testing::KilledBySignal(SIGABRT), "Assertion `runnerDepth < 100' failed");
+}
+
+TEST(RunnerDeathTest, a_descriptor_that_was_never_registered_ends_the_process) {
+    auto const stray = [] {
+        pollfd entry = {1000, POLLIN, POLLIN};
+        thread::ThisGroup()->dispatch(entry);
+    };
+    EXPECT_EXIT(stray(), ::testing::KilledBySignal(SIGABRT), "dispatchset.find.pfd.fd. != dispatchset.end");
+}
+
+// ---- Observation
+
+TEST_F(ThreadGroup, the_poll_monitor_tells_every_wait_and_dispatch) {
+    orn::os::Pipe observer(false);
+    int ctrl = -1; // the first of the two descriptors that the group opens
+    std::set<int> const before = support::descriptors();
+    thread::ThisGroup();
+    for (int const fd : support::descriptors())
+        if (ctrl == -1 && !before.count(fd))
+            ctrl = fd;
+    thread::MonitorPoll("x", observer.WriteFD());
+    EXPECT_EQ(1, RunOnce(0));
+    EXPECT_EQ(0, RunOnce(0));
+    std::string const group = "group=" + std::to_string(GroupId());
+    std::string const in = "poll in  " + group + " timeout=0 fd/event={ " + std::to_string(ctrl) + "/17 }\n";
+    EXPECT_EQ(in + "poll out " + group + " status=1 fd/revent={ " + std::to_string(ctrl) + "/1 }\n" +
+                  "dispatching fd=" + std::to_string(ctrl) + " revents=1\n" + in + "poll out " + group +
+                  " status=0 fd/revent={ " + std::to_string(ctrl) + "/0 }\n",
+              support::without_tid(take(observer.ReadFD())));
+
+    // A descriptor of a thread that has left: reported, not called, and rebuilt without.
+    orn::os::Pipe pipe(false);
+    int calls = 0;
+    fd::AutoReceptor const receptor(pipe.ReadFD(), [&](fd::Event*) { ++calls; });
+    RunOnce(0);
+    put(pipe.WriteFD(), "x");
+    boost::shared_ptr<thread::Group> const old = thread::ThisGroup();
+    old->erase(thread::self());
+    take(observer.ReadFD());
+    EXPECT_LT(0, RunOnce(0));
+    EXPECT_NE(std::string::npos, take(observer.ReadFD())
+                                     .find("fd=" + std::to_string(pipe.ReadFD()) + " from tid=" +
+                                           std::to_string(thread::self()) + ": fdMgr no longer in group\n"));
+    EXPECT_EQ(1, RunOnce(0)) << "its own wake-up";
+    EXPECT_EQ(0, RunOnce(0));
+    EXPECT_EQ(0, calls);
+
+    thread::UnmonitorPoll("x", observer.WriteFD());
+    take(observer.ReadFD());
+    RunOnce(0);
+    EXPECT_EQ("", take(observer.ReadFD()));
+}
+
+TEST_F(ThreadGroup, the_thread_monitor_tells_birth_and_death) {
+    orn::os::Pipe observer(false);
+    thread::MonitorThread("x", observer.WriteFD());
+    int tid = 0;
+    {
+        support::Thread const member([] {});
+        tid = member.tid();
+    }
+    thread::UnmonitorThread("whatever", 77);
+    std::string const lines = take(observer.ReadFD());
+    std::string const me = "tid=" + std::to_string(thread::self()) + " ";
+    std::string const it = "tid=" + std::to_string(tid) + " ";
+    EXPECT_EQ(me + "thread create (this is the parent)\n" + it + "thread start\n" + it + "thread cleanup\n",
+              lines);
+    {
+        support::Thread const unseen([] {});
+    }
+    EXPECT_EQ("", take(observer.ReadFD()));
+}
+
+TEST_F(ThreadGroup, the_thread_listing_goes_to_the_poll_monitor_only) {
+    orn::os::Pipe observer(false);
+    orn::os::Pipe passed(false);
+    thread::This();
+    auto const list = [&] {
+        thread::ListThreads("ignored", passed.WriteFD());
+        EXPECT_EQ("", take(passed.ReadFD()));
+        return take(observer.ReadFD());
+    };
+    EXPECT_EQ("", list());
+    thread::MonitorPoll("x", observer.WriteFD());
+    std::string const me = "thread: " + std::to_string(thread::self());
+    EXPECT_EQ("Threads:\n" + me + " group=none fdMgr=none\n", list());
+    std::string const expected = "Threads:\n" + me + " group=" + std::to_string(GroupId()) +
+                                 " fdMgr=" + std::to_string(thread::FdMgr()->id().value()) + "\n";
+    EXPECT_EQ(expected, list());
+    support::Thread const member([&] {
+        EXPECT_EQ(expected + "thread: " + std::to_string(thread::self()) +
+                      " group=" + std::to_string(GroupId()) + " fdMgr=none\n",
+                  list());
+    });
+    thread::ThisGroup()->display(); // shows nothing, but must not deadlock
+}
+
+TEST_F(ThreadGroup, the_extended_log_has_every_set) {
+    char file[] = "/tmp/zel_log_XXXXXX";
+    ::close(::mkstemp(file));
+    ::setenv("LOG_SINK", file, 1);
+    int const status = support::in_child([] {
+        RunOnce(0);
+        thread::enableExtendedLogging();
+        RunOnce(0);
+        RunUntilEventOnFd(-1, POLLIN, 0);
+        return 0;
+    });
+    ::unsetenv("LOG_SINK");
+    EXPECT_EQ("exit 0", support::describe(status));
+    std::ifstream in(file);
+    std::ostringstream text;
+    text << in.rdbuf();
+    ::unlink(file);
+    EXPECT_NE(std::string::npos, text.str().find("orn::zel::thread::Group::Group(): group "));
+    for (char const* const label : {"zel_poll IN (group=", "zel_poll OUT (group=", "RunFdSet in set (group="})
+        EXPECT_NE(std::string::npos, text.str().find(label)) << label << "\n" << text.str();
+    EXPECT_NE(std::string::npos, text.str().find(") fd/events/revents={ -1/1/0 }"));
+}
+
+} // namespace

@@ -1,0 +1,252 @@
+// SPDX-License-Identifier: MIT
+//
+// What handlers may do to the turn of the loop that calls them: remove and destroy themselves and each other,
+// reuse descriptor numbers, throw, nest, and move their thread to another group.
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <boost/weak_ptr.hpp>
+#include <orn/zel.hpp>
+
+#include "support/Support.hpp"
+
+using namespace orn::zel;
+using support::put;
+using support::take;
+
+namespace {
+
+// A few pipes that are watched, in ascending order of descriptors, which is the order of dispatch.
+class Turn : public support::Loop {
+protected:
+    typedef boost::function<void(fd::Event*)> Handler;
+
+    void watch(std::size_t i, Handler handler) {
+        receptors[i].reset(new fd::AutoReceptor(pipes[i].ReadFD(), handler));
+    }
+
+    Handler reader(std::size_t i) {
+        return [this, i](fd::Event* event) { seen += char('a' + i) + take(event->fd()) + ' '; };
+    }
+
+    void feed() {
+        for (orn::os::Pipe const& pipe : pipes)
+            put(pipe.WriteFD(), "1");
+    }
+
+    orn::os::Pipe pipes[3] = {orn::os::Pipe(false), orn::os::Pipe(false), orn::os::Pipe(false)};
+    std::unique_ptr<fd::AutoReceptor> receptors[3];
+    std::string seen;
+};
+
+TEST_F(Turn, a_handler_destroys_its_own_registration_and_what_it_captured_lives_on) {
+    auto const captured = std::make_shared<std::string>("kept");
+    watch(0, [this, captured](fd::Event* event) {
+        receptors[0].reset();
+        seen += *captured + take(event->fd()) + ' ';
+    });
+    watch(1, reader(1));
+    settle();
+    feed();
+    settle();
+    feed();
+    settle();
+    EXPECT_EQ("kept1 b1 b1 ", seen);
+    EXPECT_EQ(1, captured.use_count());
+}
+
+TEST_F(Turn, a_registration_that_another_handler_of_the_turn_removes_is_not_called) {
+    watch(0, [this](fd::Event* event) {
+        take(event->fd());
+        receptors[1].reset();
+        seen += "a ";
+    });
+    watch(1, reader(1));
+    watch(2, reader(2));
+    settle();
+    feed();
+    settle();
+    EXPECT_EQ("a c1 ", seen);
+}
+
+TEST_F(Turn, a_reused_descriptor_number_does_not_see_the_event_of_the_old_one) {
+    int ends[2];
+    ASSERT_EQ(0, ::pipe2(ends, O_NONBLOCK | O_CLOEXEC)); // a number above the others: dispatched last
+    ASSERT_GT(ends[0], pipes[2].ReadFD());
+    auto old = std::make_unique<fd::AutoReceptor>(ends[0], [&](fd::Event*) { seen += "old "; });
+    std::unique_ptr<fd::AutoReceptor> fresh;
+    watch(0, [&](fd::Event* event) {
+        take(event->fd());
+        old.reset();
+        ASSERT_EQ(ends[0], ::dup2(pipes[2].ReadFD(), ends[0])); // closed, and open again as something else
+        fresh.reset(
+            new fd::AutoReceptor(ends[0], [&](fd::Event* late) { seen += "fresh" + take(late->fd()); }));
+    });
+    settle();
+    put(ends[1], "x");
+    put(pipes[0].WriteFD(), "x");
+    EXPECT_EQ(2, RunOnce(-1));
+    EXPECT_EQ("", seen);
+    settle();
+    EXPECT_EQ("", seen);
+    put(pipes[2].WriteFD(), "7");
+    settle();
+    EXPECT_EQ("fresh7", seen);
+    fresh.reset();
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+TEST_F(Turn, an_exception_leaves_the_run_call_and_the_rest_of_the_turn_comes_next) {
+    bool angry = true;
+    watch(0, [&](fd::Event* event) {
+        take(event->fd());
+        if (angry)
+            throw std::runtime_error("a");
+        seen += "a ";
+    });
+    watch(1, reader(1));
+    settle();
+    feed();
+    EXPECT_THROW(RunOnce(-1), std::runtime_error);
+    EXPECT_FALSE(thread::ThisGroup()->IsRunner(thread::self()));
+    angry = false;
+    put(pipes[0].WriteFD(), "2");
+    EXPECT_EQ(1, RunOnce(-1)) << "the leftover does not count, nor is it polled again";
+    EXPECT_EQ("b1 a ", seen);
+    angry = true;
+    feed();
+    EXPECT_THROW(RunUntilEventOnFd(-1, POLLIN, -1), std::runtime_error);
+    settle();
+    EXPECT_EQ("b1 a b1 ", seen);
+}
+
+TEST_F(Turn, a_nested_turn_takes_the_leftovers_exactly_once) {
+    watch(0, [&](fd::Event* event) {
+        take(event->fd());
+        seen += "a( ";
+        EXPECT_EQ(0, RunOnce(0)) << "nothing new, only what is left over";
+        seen += ") ";
+    });
+    watch(1, reader(1));
+    watch(2, reader(2));
+    settle();
+    feed();
+    EXPECT_EQ(3, RunOnce(-1));
+    EXPECT_EQ("a( b1 c1 ) ", seen);
+    EXPECT_EQ(0, RunOnce(0));
+}
+
+// The same for the other kinds of outer and inner run. The handlers read once and do not expect to find
+// nothing.
+class NestedTurn : public Turn, public ::testing::WithParamInterface<int> {
+protected:
+    static void run(bool until, long timeoutMs) {
+        pollfd none = {-1, POLLIN, 0};
+        if (until)
+            RunUntilEventOnFdSet(&none, 1, timeoutMs);
+        else
+            RunOnce(timeoutMs);
+    }
+};
+
+TEST_P(NestedTurn, dispatches_each_event_once_with_or_without_a_rebuild) {
+    bool const outer_until = GetParam() & 1;
+    bool const inner_until = GetParam() & 2;
+    bool const rebuild = GetParam() & 4;
+    orn::os::Pipe extra(false);
+    std::unique_ptr<fd::AutoReceptor> added;
+    int calls[3] = {};
+    for (std::size_t i = 0; i < 3; ++i)
+        watch(i, [&, i](fd::Event* event) {
+            char byte;
+            EXPECT_EQ(1, read(event->fd(), &byte, 1)) << "an event that was there no more, for " << i;
+            ++calls[i];
+            if (i != 0)
+                return;
+            if (rebuild)
+                added.reset(new fd::AutoReceptor(extra.ReadFD(), [&](fd::Event* late) { take(late->fd()); }));
+            for (int turn = 0; turn < 3; ++turn)
+                run(inner_until, 0);
+            EXPECT_EQ(2, calls[1] + calls[2]) << "the nested run has served them";
+        });
+    settle();
+    for (int round = 1; round <= 3; ++round) {
+        std::fill(calls, calls + 3, 0);
+        feed();
+        run(outer_until, 0);
+        settle();
+        for (int const count : calls)
+            EXPECT_EQ(1, count);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, NestedTurn, ::testing::Range(0, 8));
+
+TEST_F(Turn, a_nested_rebuild_may_shrink_the_set_under_the_outer_turn) {
+    watch(0, [&](fd::Event* event) {
+        take(event->fd());
+        for (std::unique_ptr<fd::AutoReceptor>& receptor : receptors)
+            receptor.reset();
+        while (RunOnce(0) > 0) {
+        }
+        seen += "a ";
+    });
+    watch(1, reader(1));
+    watch(2, reader(2));
+    settle();
+    feed();
+    RunOnce(-1);
+    settle();
+    EXPECT_EQ("a ", seen);
+}
+
+TEST_F(Turn, a_handler_moves_its_thread_to_a_new_group_and_the_old_one_may_die) {
+    boost::weak_ptr<thread::Group> const old = thread::ThisGroup();
+    watch(0, [&](fd::Event* event) {
+        take(event->fd());
+        receptors[0].reset();
+        NewThreadGroup();
+        seen += "a ";
+        EXPECT_FALSE(old.expired()) << "its turn is not over";
+        RunOnce(0); // in the new group, which has the other descriptor now
+        EXPECT_EQ("a b1 ", seen);
+    });
+    watch(1, reader(1));
+    settle();
+    feed();
+    RunOnce(-1);
+    EXPECT_TRUE(old.expired());
+    settle();
+    feed();
+    settle();
+    EXPECT_EQ("a b1 b1 ", seen);
+}
+
+TEST_F(Turn, a_handler_destroys_its_signal_receptor_and_its_alarm) {
+    std::unique_ptr<signal::AutoReceptor> receptor;
+    std::unique_ptr<Alarm> alarm;
+    auto const captured = std::make_shared<int>(0);
+    receptor.reset(new signal::AutoReceptor(SIGUSR1, [&, captured](int) {
+        receptor.reset();
+        RunOnce(0); // which completes nothing, but may replay the removal
+        ++*captured;
+    }));
+    alarm.reset(new Alarm(0, 1, [&, captured] {
+        alarm.reset();
+        *captured += 10;
+    }));
+    raise(SIGUSR1);
+    raise(SIGUSR1);
+    EXPECT_TRUE(support::run_until([&] { return !receptor && !alarm; }));
+    raise(SIGUSR1);
+    settle();
+    EXPECT_EQ(12, *captured) << "both arrivals of the dispatches that were under way, and one expiry";
+    EXPECT_EQ(1, captured.use_count());
+}
+
+} // namespace
