@@ -4,6 +4,7 @@
 #include <orn/zel/cmd.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <deque>
@@ -50,8 +51,9 @@ struct ChannelImpl::Reader {
     void read_lines(int fd);
 
     boost::function<void(std::string const&)> fn;
-    std::string partial;           // a line that has no end yet
-    std::deque<std::string> lines; // that fn has not been given yet
+    std::string partial;             // a line that has no end yet
+    std::deque<std::string> lines;   // that fn has not been given yet
+    std::atomic<bool> closed{false}; // the channel has been given up, maybe in another thread
 };
 
 void ChannelImpl::Reader::read_lines(int fd) {
@@ -73,8 +75,8 @@ void ChannelImpl::Reader::read_lines(int fd) {
         begin = newline + 1;
     }
     // Taken out one at a time: fn may throw, and may run the loop, which then comes back here for the next
-    // one.
-    while (!lines.empty()) {
+    // one. It may also give the channel up, and then has seen its last line.
+    while (!closed && !lines.empty()) {
         std::string line;
         line.swap(lines.front());
         lines.pop_front();
@@ -98,7 +100,9 @@ ChannelImpl::ChannelImpl(int pid, boost::function<void(std::string const&)> fn)
         usleep(10000);
 }
 
-ChannelImpl::~ChannelImpl() = default;
+ChannelImpl::~ChannelImpl() {
+    reader_->closed = true;
+}
 
 ssize_t ChannelImpl::Command(std::string const& command) {
     int self;

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include <dlfcn.h>
+
 #include <orn/LibLoader.hpp>
 #include <orn/os/EnvVar.hpp>
 #include <orn/zel/alarm.hpp>
@@ -23,6 +25,19 @@ namespace {
 
 LibLoader* loader = nullptr;
 
+// A preloaded library that needs this one keeps it loaded until exit(), long after its host may have closed
+// it. exit() closes that library from here: then it must not be the last one that keeps this code mapped.
+void stay_for(std::string const& name) {
+    void* const library = dlopen(name.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+    if (!library)
+        return;
+    void* const needed = dlsym(library, "ZEL_Thread_create_extension");
+    dlclose(library);
+    Dl_info self = {};
+    if (needed == reinterpret_cast<void*>(ZEL_Thread_create_extension) && dladdr(needed, &self) != 0)
+        dlopen(self.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
+}
+
 } // namespace
 
 void ZEL_load__() {
@@ -36,8 +51,10 @@ void ZEL_load__() {
     std::vector<std::string> names;
     split(std::string(os::EnvVar("ZEL_PRELOAD")), " :,;", names);
     loader = new LibLoader;
-    for (std::string const& name : names)
-        loader->load(name);
+    for (std::string const& name : names) {
+        if (loader->load(name))
+            stay_for(name);
+    }
 }
 
 void ZEL_unload__() {
