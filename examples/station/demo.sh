@@ -5,25 +5,40 @@
 #   demo.sh [--short]
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)
-build=${ZEL_BUILD_DIR:-$here/../../build/release}
+build=${ZEL_BUILD_DIR:-${here%/examples/station}/build/release}
 emulator=${ZEL_EMULATOR:-} # for a build for another processor
 scale=${ZEL_TEST_SCALE:-1}
 
-seconds=8
-[ "${1-}" != --short ] || seconds=1
+seconds=13
+short=''
+if [ "${1-}" = --short ]; then
+    seconds=1
+    short=yes
+fi
+modules=$build/examples/modules
+zelctl=$build/tools/zelctl/zelctl
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/station.XXXXXX")
-station='' # its process
-shown=0    # lines of its log that have been shown
+station=''  # its process
+clients=''  # theirs
+follower='' # of a zelctl that goes on
+stranger='' # a process without zel
+shown=0     # lines of the station's log that have been shown
 
 clean_up() {
-    [ -z "$station" ] || kill -KILL "$station" 2>/dev/null || true
+    for process in $station $clients $follower $stranger; do
+        kill -KILL "$process" 2>/dev/null || true
+    done
     rm -rf "$work"
 }
 trap clean_up EXIT
 trap 'exit 1' HUP INT TERM
 
-explain() { printf '\n%s\n' "$*"; }
+# Between the steps there is time to read.
+explain() {
+    [ -n "$short" ] || sleep 0.7
+    printf '\n%s\n' "$*" | fold -s -w 110
+}
 
 # What the station has said since the last call.
 show() {
@@ -61,12 +76,17 @@ program() { # program NAME ARGUMENT...
 # ---- the steps, in the order in which they are shown
 
 step_start() {
-    explain "The station starts. One loop serves all that follows; two more threads of its group take measurements."
-    printf 'name station\nperiod 50\n' >"$work/config"
+    explain "The station starts. One loop serves all that follows; two more threads of its group take" \
+        "measurements, and a task goes through a large file, 64 KiB a slice. ZEL_PRELOAD adds a module that it" \
+        "knows nothing of."
+    file=$build/src/libzel.so
+    [ -n "$short" ] || large=$(c++ -print-prog-name=cc1plus 2>/dev/null) && [ ! -f "${large-}" ] || file=$large
+    printf 'name station\nperiod 50\nhash %s\n' "$file" >"$work/config"
     mkfifo "$work/input"
     # As program() does it, but with the process's own id.
     # shellcheck disable=SC2086
-    $emulator "$build/examples/station/station" "$work/config" <"$work/input" >"$work/log" 2>&1 &
+    ZEL_PRELOAD=$modules/libmemory.so \
+        $emulator "$build/examples/station/station" "$work/config" <"$work/input" >"$work/log" 2>&1 &
     station=$!
     exec 7>"$work/input"
     await 10 said 1 ' port '
@@ -75,11 +95,10 @@ step_start() {
 }
 
 step_clients() {
-    explain "Eight clients ask over TCP for $seconds seconds, a ninth asks 200000 lines before it reads an answer," \
-        "a tenth hangs up in the middle of a line."
-    program station_client "$port" 8 "$seconds" >"$work/client" || failed "the clients have failed"
-    sed 's/^/    /' "$work/client"
-    asked=$(sed -n 's/^\([0-9]*\) lines sent.*/\1/p' "$work/client")
+    explain "Eight clients ask over TCP for $seconds seconds, a ninth asks for 2 MB before it reads an answer, a tenth" \
+        "hangs up in the middle of a line. Meanwhile:"
+    program station_client "$port" 8 "$seconds" >"$work/client" 2>&1 &
+    clients=$!
 }
 
 step_input() {
@@ -109,22 +128,128 @@ step_figures() {
     show
 }
 
-# Another process looks into this one. More of it goes here: each further command is a call of steer().
-step_steer() {
-    zelctl=$build/tools/zelctl/zelctl
-    [ -x "$zelctl" ] && [ -z "$emulator" ] || return 0
-    explain "Nothing was written for it in the station, yet it can be looked into from outside:"
-    steer 'thread: .* group=' zel threads
-    steer 'thread=.* fds={ ' zel fds
+step_served() {
+    explain "The clients have had their answers, all of them and in order:"
+    wait "$clients" || failed "the clients have failed: $(cat "$work/client")"
+    clients=''
+    sed 's/^/    /' "$work/client"
+    asked=$(sed -n 's/^\([0-9]*\) lines sent.*/\1/p' "$work/client")
 }
 
-steer() { # steer PATTERN COMMAND...: the answer has to hold at least three such lines
-    pattern=$1
-    shift
-    echo "    \$ zelctl $station $*"
-    timeout $((30 * scale)) "$zelctl" "$station" "$@" >"$work/answer" || failed "zelctl ended with $?"
+# ---- another process looks into this one
+
+steerable() { [ -x "$zelctl" ] && [ -z "$emulator" ]; }
+
+# ask WORD...: has zelctl ask the station, and shows the answer.
+ask() {
+    echo "    \$ zelctl STATION $*" | sed "s|$modules/|.../|"
+    timeout $((30 * scale)) "$zelctl" "$station" "$@" >"$work/answer" 2>&1 ||
+        failed "zelctl ended with $?: $(cat "$work/answer")"
+    sed "s|$modules/|.../|; s/^/    /" "$work/answer"
+}
+
+answered() { # answered COUNT PATTERN: the last answer held that many such lines at least
+    said "$1" "$2" "$work/answer" || failed "$1 of '$2' expected, not: $(cat "$work/answer")"
+}
+
+step_look() {
+    steerable || return 0
+    explain "Nothing was written for it in the station, yet another process can look into it. Its threads: the loop's," \
+        "two that measure, and the one that answers here; the descriptors that each has the loops watch; the managers" \
+        "through which signals and task slices reach their threads."
+    ask zel threads
+    answered 4 'thread: .* group='
+    ask zel fds
+    answered 4 'thread=.* fds={ '
+    ask zel tasks
+    answered 1 'fdMgr=.* task_fd='
+    ask zel signals
+    answered 1 'signals={ '
+}
+
+# How many slices the station's task has had.
+slices() {
+    timeout $((30 * scale)) "$zelctl" "$station" station >"$work/station" || failed "zelctl ended with $?"
+    sed -n 's/.* \([0-9]*\) slices$/\1/p' "$work/station"
+}
+
+more_slices() { [ "$(slices)" -gt "$1" ]; }
+
+step_progress() {
+    steerable || return 0
+    explain "The station has a command word of its own, which tells how far the file is:"
+    ask station
+    answered 1 '% of .* MiB'
+    before=$(slices)
+    await 10 more_slices "$before"
+    ask station
+}
+
+lines_followed() { wc -l <"$work/followed"; }
+settled() {
+    last=$(lines_followed)
+    sleep 0.3
+    [ "$(lines_followed)" -eq "$last" ]
+}
+
+step_monitors() {
+    steerable || return 0
+    explain "Monitors report each slice and each alarm as it happens. A zelctl switches them on and goes on reading:"
+    echo "    \$ zelctl --follow 0 STATION zel monitor task alarm"
+    "$zelctl" --follow 0 "$station" zel monitor task alarm >"$work/followed" 2>&1 &
+    follower=$!
+    await 10 said 20 '"hash" op=Run' "$work/followed"
+    await 10 said 1 'alarm' "$work/followed"
+    for kind in '"hash"' alarm; do
+        grep -m 3 -i "$kind" "$work/followed" | sed 's/^/    /'
+    done
+    explain "Another one switches them off. The task goes on, and nobody is told any more:"
+    ask zel unmonitor task alarm
+    await 10 settled
+    before=$(slices)
+    await 10 more_slices $((before + 20))
+    [ "$(lines_followed)" -eq "$last" ] || failed "lines came after the monitors had been switched off"
+    echo "    $last lines until then, none in the 20 slices since"
+    kill "$follower"
+    wait "$follower" 2>/dev/null || true
+    follower=''
+}
+
+step_modules() {
+    steerable || return 0
+    explain "A module is loaded into the running station; it brings a command word, which goes when it is unloaded."
+    ask zel load "$modules/libhello.so" /nowhere/libnothing.so
+    answered 1 'libhello.so: loaded$'
+    answered 1 'libnothing.so: cannot open'
+    ask hello visitor
+    answered 1 "^hello visitor, from process $station\$"
+    ask zel unload "$modules/libhello.so"
+    answered 1 'libhello.so: unloaded$'
+    ! grep -q libhello.so "/proc/$station/maps" || failed "the module is still there"
+    explain "The word is nobody's now, and so is echoed. The module of ZEL_PRELOAD is still there:"
+    ask hello visitor
+    answered 1 '^1/1 hello visitor$'
+    ask memory
+    answered 2 'kB$'
+}
+
+step_mistakes() {
+    steerable || return 0
+    explain "A sub-command that there is not; and a process without zel, which the signal of the channel would end:"
+    ask zel sing
+    answered 1 '^\[zel\] sing: no such command$'
+    sleep 60 &
+    stranger=$!
+    echo "    \$ zelctl SLEEP zel threads"
+    status=0
+    timeout $((30 * scale)) "$zelctl" "$stranger" zel threads >"$work/answer" 2>&1 || status=$?
     sed 's/^/    /' "$work/answer"
-    said 3 "$pattern" "$work/answer" || failed "that is not all of it"
+    [ "$status" -eq 1 ] || failed "zelctl ended with $status"
+    answered 1 'does not catch signal 55'
+    kill -0 "$stranger" || failed "the process was ended"
+    kill "$stranger"
+    wait "$stranger" 2>/dev/null || true
+    stranger=''
 }
 
 step_end() {
@@ -142,6 +267,8 @@ step_end() {
     said 1 'hung up in mid-line, [1-9][0-9]* waits' || failed "nobody was waited for"
     said 1 ' 3 from standard input, .* 6 signals, ' || failed "3 lines and 6 signals were sent"
     said 1 ': nothing lost$' || failed "something was lost"
+    said 1 ": cksum $(cksum "$file")\$" || failed "cksum(1) says $(cksum "$file")"
+    echo "    The checksum is what cksum(1) says."
 }
 
 # With what else it may be started: a file, which is always readable, a terminal, or nothing at all.
@@ -181,7 +308,7 @@ conclude() { # conclude INPUT
     tail -n 1 "$work/$1.log" | sed "s/^/    $1: /"
 }
 
-for step in start clients input reload figures steer end other_inputs; do
+for step in start clients input reload figures look progress monitors modules mistakes served end other_inputs; do
     "step_$step"
 done
 explain "All as expected."

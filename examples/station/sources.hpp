@@ -1,21 +1,15 @@
 // SPDX-License-Identifier: MIT
 //
-// What the station listens to besides its clients: the machine it runs on, standard input, and threads that
-// do what would hold up the loop.
+// What the station listens to besides its clients: the machine that it runs on, and standard input.
 #ifndef STATION_SOURCES_HPP
 #define STATION_SOURCES_HPP
 
-#include <atomic>
 #include <fstream>
 #include <limits>
 #include <optional>
 #include <sstream>
 #include <string>
 
-#include <poll.h>
-
-#include <orn/os/Pipe.hpp>
-#include <orn/os/Thread.hpp>
 #include <orn/zel.hpp>
 
 #include "lines.hpp"
@@ -114,81 +108,6 @@ private:
     LineBuffer buffer_;
     unsigned long lines_ = 0;
     std::optional<orn::zel::fd::AutoReceptor> receptor_;
-};
-
-// A thread that measures something slow every now and then. It is a member of its creator's group: what it
-// registers is served by the group's one loop, so the results arrive on the thread that runs the loop.
-class Prober {
-public:
-    Prober(unsigned long (*probe)(), int periodMs)
-        : probe_(probe), periodMs_(periodMs), results_(true), orders_(true), thread_([this] { run(); }) {}
-
-    // Without finish() before, results may stay unread.
-    ~Prober() {
-        order('q');
-        order('q');
-    }
-
-    // Two steps, with turns of the loop between them until drained(): no more probes; and all have arrived.
-    void finish() { order('f'); }
-    bool drained() const { return drained_; }
-
-    unsigned long latest() const { return latest_; }
-    unsigned long sent() const { return sent_; }
-    unsigned long received() const { return received_; }
-
-private:
-    static unsigned long const last = std::numeric_limits<unsigned long>::max();
-
-    void order(char c) {
-        if (write(orders_.WriteFD(), &c, 1) != 1)
-            std::terminate(); // a pipe of our own that takes four bytes in all
-    }
-
-    // On the thread itself, where the receptor is made and destroyed.
-    void run() {
-        orn::zel::fd::AutoReceptor const results(results_.ReadFD(),
-                                                 [this](orn::zel::fd::Event*) { receive(); });
-        pollfd orders = {orders_.ReadFD(), POLLIN, 0};
-        do {
-            unsigned long const result = probe_();
-            ++sent_;
-            report(result);
-        } while (poll(&orders, 1, periodMs_) <= 0);
-        report(last);
-        char two[2]; // the order that ended the probing, and the one to go
-        for (std::size_t got = 0; got < sizeof two;) {
-            ssize_t const n = read(orders_.ReadFD(), two, sizeof two - got);
-            got += n > 0 ? static_cast<std::size_t>(n) : 0;
-        }
-    }
-
-    // One write, and so whole; it blocks while the loop is behind by a pipe's worth.
-    void report(unsigned long result) {
-        while (write(results_.WriteFD(), &result, sizeof result) == -1 && errno == EINTR) {
-        }
-    }
-
-    // On the thread that runs the loop.
-    void receive() {
-        unsigned long result = 0;
-        if (read(results_.ReadFD(), &result, sizeof result) != sizeof result)
-            return;
-        if (result == last) {
-            drained_ = true;
-            return;
-        }
-        ++received_;
-        latest_ = result;
-    }
-
-    unsigned long (*const probe_)();
-    int const periodMs_;
-    std::atomic<unsigned long> sent_{0};
-    unsigned long received_ = 0, latest_ = 0;
-    bool drained_ = false;
-    orn::os::Pipe results_, orders_;
-    orn::os::Thread const thread_; // last: joined first
 };
 
 } // namespace station

@@ -1,44 +1,27 @@
 // SPDX-License-Identifier: MIT
 //
 // A small device daemon on real input, all of it served by one loop: a recurring alarm samples the machine,
-// clients ask questions over TCP, standard input takes the same questions, signals steer it, and threads of
-// the group measure what is slow.
+// clients ask questions over TCP, standard input takes the same questions, signals steer it, a task computes
+// a large file's checksum, threads of the group measure what is slow, and other processes may ask "station".
 //
-//     station [CONFIG]      CONFIG holds lines "period MS" and "name TEXT"; SIGHUP reads it again
+//     station [CONFIG]      CONFIG holds lines "period MS", "name TEXT" and "hash FILE"
 //
-// SIGUSR1 prints figures; SIGINT, SIGTERM, and "quit" on standard input, end it. The exit status is 0 when
-// everything that came in was dealt with, 1 when something was lost, 2 when it could not run.
+// SIGHUP reads the configuration again; the file to hash stays. SIGUSR1 prints figures; SIGINT, SIGTERM, and
+// "quit" on standard input, end it. The exit status is 0 when everything that came in was dealt with, 1 when
+// something was lost, 2 when it could not run.
 #include <cstdlib>
 #include <exception>
 #include <iostream>
 
-#include <dirent.h>
 #include <fcntl.h>
 
+#include "config.hpp"
+#include "hashing.hpp"
 #include "line_service.hpp"
+#include "prober.hpp"
 #include "sources.hpp"
 
 namespace station {
-
-// How many processes there are: a walk through /proc.
-unsigned long count_processes() {
-    unsigned long count = 0;
-    DIR* const proc = opendir("/proc");
-    while (dirent const* const entry = proc ? readdir(proc) : nullptr)
-        count += entry->d_name[0] >= '1' && entry->d_name[0] <= '9' ? 1 : 0;
-    if (proc)
-        closedir(proc);
-    return count;
-}
-
-// How many TCP sockets there are: the kernel composes the table anew for each reader.
-unsigned long count_sockets() {
-    std::ifstream table("/proc/net/tcp");
-    unsigned long count = 0;
-    for (std::string line; std::getline(table, line);)
-        ++count;
-    return count > 0 ? count - 1 : 0; // a headline
-}
 
 // A socket would take the number of a standard descriptor that the program was started without.
 void fill_standard_descriptors() {
@@ -48,35 +31,26 @@ void fill_standard_descriptors() {
     close(fd);
 }
 
-struct Config {
-    unsigned long periodMs = 100;
-    std::string name = "station";
-
-    // Throws and changes nothing when the file is not what it should be.
-    void read(std::string const& path) {
-        std::ifstream file(path);
-        Config next;
-        std::string key;
-        while (file >> key) {
-            if (key == "period" ? !(file >> next.periodMs) : key != "name" || !(file >> next.name))
-                throw std::runtime_error(path + ": not understood");
-        }
-        if (!file.eof() || next.periodMs == 0)
-            throw std::runtime_error(path + ": cannot be read, or a period of 0");
-        *this = next;
-    }
-};
-
 class Station {
 public:
     explicit Station(std::string const& config_path)
-        : config_path_(config_path), service_([this](std::string const& line) { return answer(line); }),
-          input_(STDIN_FILENO, [this](std::string const& line) { typed(line); }),
+        : config_path_(config_path), config_(config_path),
+          service_([this](std::string const& line) { return answer(line); }),
+          input_(STDIN_FILENO, [this](std::string const& line) { typed(line); }), hash_(config_.hash),
           processes_(count_processes, 100), sockets_(count_sockets, 70) {
-        if (!config_path_.empty())
-            config_.read(config_path_);
         sampler_.start(config_.periodMs);
+        processes_.start();
+        sockets_.start();
+        // Called on the command thread, beside the loop, and perhaps still when the word is taken away: it
+        // keeps what it uses.
+        boost::shared_ptr<HashProgress const> const progress = hash_.progress();
+        orn::zel::RegisterCommandModule("station", [progress](std::string const&, int fd) {
+            orn::zel::cmd::Write(fd, progress->text() + '\n');
+        });
     }
+    ~Station() { orn::zel::UnregisterCommandModule("station"); }
+    Station(Station const&) = delete;
+    Station& operator=(Station const&) = delete;
 
     int run() {
         say() << "pid " << getpid() << ", port " << service_.port() << ", a sample every " << config_.periodMs
@@ -101,9 +75,11 @@ private:
         bool late = false;
         orn::zel::Alarm const deadline(1000, [&late] { late = true; });
         service_.close();
-        processes_.finish();
-        sockets_.finish();
-        while ((service_.pending() || !processes_.drained() || !sockets_.drained()) && !late)
+        processes_.stop();
+        sockets_.stop();
+        while ((service_.pending() || !processes_.drained() || !sockets_.drained() ||
+                hash_.progress()->passes == 0) &&
+               !late)
             turn();
     }
 
@@ -150,21 +126,28 @@ private:
         text << traffic.lines << " lines from " << traffic.clients << " clients, " << input_.lines()
              << " from standard input, " << sampler_.samples() << " samples, "
              << processes_.received() + sockets_.received() << " probes (" << processes_.latest()
-             << " processes, " << sockets_.latest() << " sockets), " << signals_ << " signals, " << turns_
+             << " processes, " << sockets_.latest() << " sockets), " << hash_.progress()->slices
+             << " slices in " << hash_.progress()->passes << " passes, " << signals_ << " signals, " << turns_
              << " turns";
         return text.str();
     }
 
+    // What the thread has sent, as it says itself, and never reached the loop. One that could not be drained
+    // in time is not waited for.
+    static unsigned long lost_by(Prober& prober) {
+        return prober.drained() ? prober.join() - prober.received() : 1;
+    }
+
     // Whether nothing was lost.
-    bool summary() const {
+    bool summary() {
         Traffic const& traffic = service_.traffic();
-        unsigned long const lost = (traffic.lines - traffic.answers - traffic.dropped) +
-                                   (processes_.sent() - processes_.received()) +
-                                   (sockets_.sent() - sockets_.received()) + sampler_.failures();
+        unsigned long const lost = (traffic.lines - traffic.answers - traffic.dropped) + lost_by(processes_) +
+                                   lost_by(sockets_) + sampler_.failures() + hash_.differing();
         say() << "served " << figures() << std::endl;
         say() << traffic.lines << " lines in, " << traffic.answers << " answers out, " << traffic.dropped
               << " dropped with their client; " << traffic.cut_off << " hung up in mid-line, "
               << traffic.held_back << " waits for one that did not read" << std::endl;
+        say() << hash_.result() << std::endl;
         say() << (lost == 0 ? "nothing lost" : "LOST: " + std::to_string(lost)) << std::endl;
         return lost == 0;
     }
@@ -176,6 +159,7 @@ private:
     Sampler sampler_;
     LineService service_;
     Input input_;
+    FileHash hash_;
     Prober processes_, sockets_;
     boost::function<void(int)> const handler_ = [this](int signo) { on_signal(signo); };
     orn::zel::signal::AutoReceptor const hangup_{SIGHUP, handler_}, usr1_{SIGUSR1, handler_},

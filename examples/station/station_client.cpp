@@ -25,9 +25,8 @@ namespace {
 
 class Client {
 public:
-    Client(unsigned short port, unsigned long number, int receiveBuffer)
-        : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"),
-          prefix_(std::to_string(number) + '-') {
+    Client(unsigned short port, std::string const& name, int receiveBuffer)
+        : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"), prefix_(name + '-') {
         sockaddr_in const address = station::loopback(port);
         if (receiveBuffer > 0)
             setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
@@ -90,13 +89,13 @@ private:
 int run(unsigned short port, unsigned long clients, unsigned long seconds) {
     std::vector<std::unique_ptr<Client>> all;
     for (unsigned long number = 1; number <= clients; ++number) {
-        all.push_back(std::make_unique<Client>(port, number, 0));
+        all.push_back(std::make_unique<Client>(port, std::to_string(number), 0));
         all.back()->listen();
     }
-    Client(port, 0, 0).raw("echo and gone before the end of the li");
+    Client(port, "gone", 0).raw("echo and gone before the end of the li");
 
-    Client lazy(port, 0, 65536); // a receive buffer that cannot hold the answers
-    lazy.ask(200000);
+    Client lazy(port, std::string(1000, 'x'), 65536); // a receive buffer that cannot hold the answers
+    lazy.ask(2000);
     orn::zel::SetAlarm(500, [&lazy] { lazy.listen(); });
 
     unsigned long asked = 0, answered = 0;

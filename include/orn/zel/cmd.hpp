@@ -1,25 +1,36 @@
 // SPDX-License-Identifier: MIT
 //
 // The command channel: text commands from other processes, and the client side of it. Public. A process that
-// has the library can be sent commands with nothing written for it; a module adds words of its own:
+// has the library can be sent commands with nothing written for it. It may add words of its own; see
+// docs/modules.md for modules that do.
 //
-//     void hello(std::string const& args, int fd) {
-//         orn::zel::cmd::Write(fd, "hello " + args + "\n");
+// From examples/12_cmd.cpp:
+//
+//     void level(std::string const& args, int fd) {
+//         std::pair<std::string, std::string> const words = orn::zel::cmd::GetFirstWord(args);
+//         if (words.first == "set")
+//             orn::zel::cmd::Write(fd, "level is now " + words.second + "\n");
+//         else
+//             orn::zel::cmd::Write(fd, "level set NUMBER, not \"" + args + "\"\n");
 //     }
-//     __attribute__((constructor)) static void load() { orn::zel::RegisterCommandModule("hello", hello); }
-//     __attribute__((destructor)) static void unload() { orn::zel::UnregisterCommandModule("hello"); }
 //
-// and another process calls them:
+// registered with RegisterCommandModule("level", level). Another process calls it, or any other word:
 //
-//     orn::zel::cmd::Channel target = orn::zel::Connect(pid, [](std::string const& line) {
-//     std::puts(line.c_str()); }); target.Command("hello world"); for (;;)
+// From examples/13_Connect.cpp:
+//
+//     bool answered = false;
+//     orn::zel::cmd::Channel target = orn::zel::Connect(pid, [&answered](std::string const& line) {
+//         std::printf("%s\n", line.c_str());
+//         answered = line == "tea tea"; // an answer has no end mark
+//     });
+//     target.Command("twice tea");
+//     while (!answered)
 //         orn::zel::RunOnce(-1);
 //
 // The server side of a process:
 //
-//     Loaded       The registry is there; signal 55 is watched by the group of the thread that loaded the
-//     library.
-//      |  that group dispatches signal 55: InstallCommandChannel()
+//     Loaded       The registry is there; signal 55 is watched by the thread that loaded the library.
+//      |  that thread's group dispatches signal 55: InstallCommandChannel()
 //      v
 //     Installed    The command thread runs a group of its own and serves the queue "cmd.<pid>".
 //      |  the library is taken down

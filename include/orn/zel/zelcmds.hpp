@@ -4,8 +4,8 @@
 // and go in the running process. Public for hosts that want the same answers without a client. As a command:
 //
 //     zel threads | tasks | signals | fds     one listing
-//     zel monitor | unmonitor WORD...         poll, thread, task, alarm: a line for each event, to this
-//     client zel load | unload LIBRARY...            a line for each library
+//     zel monitor | unmonitor WORD...         of poll, thread, task, alarm: this client gets each event
+//     zel load | unload LIBRARY...            a line for each library
 //
 // "zel threads" is written to the poll monitor: switch that on first ("zel monitor poll").
 #ifndef ORN_ZEL_ZELCMDS_HPP
