@@ -154,8 +154,9 @@ void Manager::fd_handler(fd::Event* event) {
 void Manager::drain(Table& table, fd::Event* event) {
     if (!(event->revents() & POLLIN))
         return;
+    detail::QueuedWords queued(event->fd());
     std::uint32_t word;
-    while (detail::read_word(event->fd(), word)) {
+    while (queued.next(word)) {
         id_t const id = word;
         // The handler is called where it is, and kept until it returns: it may be running further up the
         // stack, when it has reset its own alarm and waits for it in a nested turn.

@@ -5,6 +5,7 @@
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
+#include "plainText.hpp"
 #include "registry.hpp"
 
 namespace orn {
@@ -241,7 +242,7 @@ std::ostream& operator<<(std::ostream& os, Events const& events) {
 }
 
 void ListFds(std::string const&, int responseFd) {
-    std::ostringstream text;
+    detail::PlainText text;
     text << "FdMgrs:\n";
     for (thread::Registry::Entry const& entry : thread::Registry::entries()) {
         // A thread that is known but watches nothing has no line; looking must not change what is looked at.

@@ -45,7 +45,7 @@ Finding look_at(char const* tid) {
     std::string line;
     if (!std::getline(file, line))
         return errno == ENOENT || errno == ESRCH ? harmless : unknown;
-    if (line.find("(orn-") != std::string::npos)
+    if (line.find(" (orn-timer) ") != std::string::npos)
         return harmless;
     // The name in parentheses may hold anything; behind it: state, five numbers, flags.
     std::istringstream fields(line.substr(std::min(line.rfind(')'), line.size() - 1) + 1));

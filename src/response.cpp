@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <orn/zel/response.hpp>
 
+#include <locale>
+
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -11,6 +13,8 @@ namespace zel {
 namespace cmd {
 
 Response::Response() {
+    imbue(
+        std::locale::classic()); // whoever reads the answer expects plain digits, whatever the host's locale
     *this << "tid=" << syscall(SYS_gettid) << ' ';
 }
 

@@ -242,8 +242,9 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
 void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe) {
     if (!(event->revents() & POLLIN))
         return;
+    detail::QueuedWords queued(event->fd());
     std::uint32_t word;
-    while (detail::read_word(event->fd(), word)) {
+    while (queued.next(word)) {
         int const signo = static_cast<int>(word);
         boost::shared_ptr<HandlerList<int>> const users = list(signo, pipe, false);
         // No lock is held here: the handlers may change this list, and run a nested loop.

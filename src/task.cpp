@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <new>
-#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -16,6 +15,7 @@
 #include "cancel.hpp"
 #include "immortal.hpp"
 #include "observers.hpp"
+#include "plainText.hpp"
 #include "registry.hpp"
 #include "wire.hpp"
 
@@ -590,7 +590,7 @@ void ListTasks(std::string const&, int fd) {
         if (managerMap)
             known = *managerMap;
     }
-    std::ostringstream text;
+    detail::PlainText text;
     text << "TaskMgrs:\n";
     for (auto const& item : known)
         text << '[' << item.second->id() << "] fdMgr=" << item.first << " task_fd=" << item.second->task_fd()

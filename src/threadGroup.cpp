@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <climits>
 #include <functional>
-#include <sstream>
 
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 
 #include "cancel.hpp"
 #include "observers.hpp"
+#include "plainText.hpp"
 #include "registry.hpp"
 
 namespace orn {
@@ -50,7 +50,7 @@ void list_pollset(std::ostream& os, pollfd const* fds, unsigned long nfds, Membe
 }
 
 void log_pollset(char const* label, pollfd const* fds, unsigned long nfds) {
-    std::ostringstream text;
+    detail::PlainText text;
     text << "(group=" << GroupId() << ") fd/events/revents={ ";
     for (unsigned long i = 0; i < nfds; ++i)
         text << fds[i].fd << '/' << fds[i].events << '/' << fds[i].revents << ' ';
@@ -515,7 +515,7 @@ void display_dispatch(pollfd& pfd) {
 }
 
 void ListThreads(std::string const&, int) {
-    std::ostringstream text;
+    detail::PlainText text;
     text << "Threads:\n";
     for (Registry::Entry const& entry : Registry::entries()) {
         text << "thread: " << entry.tid << " group=";

@@ -4,8 +4,10 @@
 #ifndef ZEL_SRC_WIRE_HPP
 #define ZEL_SRC_WIRE_HPP
 
+#include <climits>
 #include <cstdint>
 
+#include <sys/ioctl.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -22,10 +24,41 @@ ssize_t write_word(int fd, std::uint32_t word);
 // a cancelled thread is not unwound out of a signal handler.
 ssize_t write_word_in_signal(int fd, std::uint32_t word);
 
-// Reads one of them. False when there is none (the read end does not block), or on an error.
+// Reads one word. False when there is none, the read end being non-blocking, or on an error.
 inline bool read_word(int fd, std::uint32_t& word) {
     return read(fd, &word, sizeof word) == static_cast<ssize_t>(sizeof word);
 }
+
+// Takes out what is queued, one word at a time, but not what the handlers of these words go on to queue: a
+// handler that feeds its own pipe, or takes longer than its alarm's period, must not keep the loop from
+// everything else. What it has queued makes the next turn.
+class QueuedWords {
+public:
+    explicit QueuedWords(int fd) : fd_(fd), taken_(0), left_(1) {}
+
+    bool next(std::uint32_t& word) {
+        // Asked once one has been handled: a single word, the usual case, costs one call to read it and one
+        // to see that it was the only one.
+        if (taken_ == 1)
+            left_ = queued();
+        if (left_ == 0)
+            return false;
+        --left_;
+        ++taken_;
+        return read_word(fd_, word);
+    }
+
+private:
+    unsigned long queued() const {
+        int bytes = 0;
+        return ioctl(fd_, FIONREAD, &bytes) == 0 ? static_cast<unsigned long>(bytes) / sizeof(std::uint32_t)
+                                                 : ULONG_MAX;
+    }
+
+    int fd_;
+    unsigned long taken_;
+    unsigned long left_;
+};
 
 } // namespace detail
 } // namespace zel

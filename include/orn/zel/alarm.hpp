@@ -53,8 +53,8 @@ public:
     Alarm(unsigned long initialMs, alarm::Handler handler);
     virtual ~Alarm();
 
-    // Due once, timeoutMs from now, and never again, also when it was recurring. Nothing when the alarm has
-    // been cancelled or, being a one-shot, has fired.
+    // Due once, timeoutMs from now, and never again, also when it was recurring; an expiry that is on its way
+    // already is that once. Nothing when the alarm has been cancelled or, being a one-shot, has fired.
     void Reset(unsigned long timeoutMs);
     // Forgets the alarm for good. Expiries that are under way are dropped.
     void Cancel();

@@ -186,7 +186,7 @@ class RecursionCheck {
 public:
     explicit RecursionCheck(bool& flag) : flag_(&flag), entered_(flag) { flag = true; }
     ~RecursionCheck() { *flag_ = entered_; }
-    explicit operator bool() const { return entered_; }
+    operator bool() const { return entered_; }
 
     RecursionCheck(RecursionCheck const&) = delete;
     RecursionCheck& operator=(RecursionCheck const&) = delete;

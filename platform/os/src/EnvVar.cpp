@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: MIT
 //
-// orn::os::EnvVar over getenv().
+// orn::os::EnvVar over secure_getenv(): a program that runs with more rights than its caller must not load
+// what the caller names.
 #include <orn/os/EnvVar.hpp>
 
-#include <cstdlib>
+#include <stdlib.h>
 
 namespace orn::os {
 
 EnvVar::EnvVar(char const* name) {
-    if (char const* value = name != nullptr ? std::getenv(name) : nullptr) {
+    if (char const* value = name != nullptr ? ::secure_getenv(name) : nullptr) {
         value_ = value;
     }
 }
