@@ -89,7 +89,7 @@ class ProtocolTest(unittest.TestCase):
         with open(f"/proc/{self.pid}/maps", encoding="utf-8") as maps:
             self.assertNotIn(HELLO, maps.read())
 
-    def test_connecting_again_replaces_the_descriptor_and_makes_it_non_blocking(self):
+    def test_connecting_again_replaces_the_descriptor_and_leaves_the_own_end_as_it_was(self):
         answers, answers_in = os.pipe()
         protocol.send(self.pid, protocol.packet(protocol.CONNECT, self.channel.identity, descriptors=1), answers_in)
         self.channel.command(b"foo")
@@ -97,7 +97,7 @@ class ProtocolTest(unittest.TestCase):
         while not got.endswith(b"1/1 foo\n"):
             got += os.read(answers, 4096)
         self.assertEqual(got, b'received "foo"\n1/1 foo\n')
-        self.assertTrue(fcntl.fcntl(answers_in, fcntl.F_GETFL) & os.O_NONBLOCK)
+        self.assertFalse(fcntl.fcntl(answers_in, fcntl.F_GETFL) & os.O_NONBLOCK)
         os.close(answers)
         os.close(answers_in)
 
@@ -106,6 +106,7 @@ class ProtocolTest(unittest.TestCase):
         self.server.terminate()
         while os.read(self.channel.answers, 4096):
             pass
+        self.server.wait(SECONDS)  # a second signal, while the library is taken down, would end it at once
 
     def test_strangers_are_left_alone(self):
         stranger = subprocess.Popen(["sleep", "60"])

@@ -98,8 +98,8 @@ public:
     }
 
 private:
-    static std::size_t const piece = 65536;
-    static unsigned long const pauseMs = 100;
+    static constexpr std::size_t piece = 65536;
+    static constexpr unsigned long pauseMs = 100;
 
     static std::uint64_t size_of(Descriptor const& file) {
         struct stat status = {};
