@@ -36,6 +36,12 @@ int number_from(char const* variable, int otherwise) {
 
 // ---- dlopen() and dlclose() -----------------------------------------------------------------------------
 
+std::size_t others() {
+    return sanitized ? programs::threads_named(::getpid(), "zel-command") +
+                           programs::threads_named(::getpid(), "orn-timer")
+                     : programs::entries_of("/proc/self/task") - 1;
+}
+
 struct Footprint {
     std::size_t descriptors = programs::entries_of("/proc/self/fd");
     std::size_t threads = 0;
@@ -44,10 +50,8 @@ struct Footprint {
     double bytes = static_cast<double>(::mallinfo2().uordblks);
 
     Footprint() {
-        // A thread that has been joined may be listed for a moment longer.
-        wait_until(
-            [this] { return (threads = programs::entries_of("/proc/self/task")) < (sanitized ? 3 : 2); },
-            1000);
+        // A thread that has been joined may be listed for a moment longer. A sanitizer has one of its own.
+        wait_until([this] { return (threads = others()) == 0; }, 1000);
         std::ifstream maps("/proc/self/maps");
         for (std::string line; std::getline(maps, line); ++mappings)
             if (line.find("libzel") != std::string::npos || line.find("_module") != std::string::npos)
