@@ -95,6 +95,13 @@ void SignalHandlerImpl::apply_signal_handler() {
 }
 
 void SignalHandlerImpl::restore_original_handler() {
+    // What was raised while the signal was watched, and no thread has come to take yet, must not end the
+    // process: ignoring a signal discards it.
+    if (saved_action_.sa_handler == SIG_DFL) {
+        struct sigaction ignore = {};
+        ignore.sa_handler = SIG_IGN;
+        sigaction(signo_, &ignore, nullptr);
+    }
     sigaction(signo_, &saved_action_, nullptr);
 }
 

@@ -1,0 +1,54 @@
+# Tests of the command channel, the tool for it and the life of the library, with real processes; included by
+# tests/CMakeLists.txt.
+
+function(zel_add_test_program name)
+    add_executable(${name} programs/${name}.cpp)
+    zel_private_flags(${name})
+    target_link_libraries(${name} PRIVATE ${ARGN})
+endfunction()
+
+function(zel_add_test_module name source)
+    add_library(${name} MODULE modules/${source}.cpp)
+    zel_private_flags(${name})
+    target_link_libraries(${name} PRIVATE ${ARGN})
+endfunction()
+
+# Lets the sources of a test know where the programs and modules are that it starts: NAME=target.
+function(zel_test_starts test)
+    foreach(pair IN LISTS ARGN)
+        string(REPLACE "=" ";" pair ${pair})
+        list(GET pair 0 name)
+        list(GET pair 1 target)
+        target_compile_definitions(${test} PRIVATE ${name}="$<TARGET_FILE:${target}>")
+        add_dependencies(${test} ${target})
+    endforeach()
+endfunction()
+
+zel_add_test_program(channel_target zel)
+zel_add_test_program(channel_client zel)
+zel_add_test_program(fork_program zel)
+zel_add_test_program(lifecycle_host ${CMAKE_DL_LIBS})
+zel_add_test_module(word_module word_module zel)
+zel_add_test_module(channel_module channel_module zel)
+zel_add_test_module(last_words_module last_words_module zel)
+foreach(name first second)
+    zel_add_test_module(${name}_module order_module)
+    target_compile_definitions(${name}_module PRIVATE MODULE_NAME="${name}")
+endforeach()
+
+set(programs support/Programs.cpp)
+zel_add_test(cmd_test SOURCES cmd_test.cpp ${programs} LIBRARIES zel)
+zel_test_starts(cmd_test WORD_MODULE=word_module)
+
+zel_add_test(channel_test SOURCES channel_test.cpp support/Client.cpp ${programs} LIBRARIES zel)
+zel_test_starts(channel_test TARGET=channel_target CLIENT=channel_client FORK_PROGRAM=fork_program
+    WORD_MODULE=word_module)
+
+if(TARGET zelctl)
+    zel_add_test(zelctl_test SOURCES zelctl_test.cpp ${programs})
+    zel_test_starts(zelctl_test TARGET=channel_target ZELCTL=zelctl)
+endif()
+
+zel_add_test(lifecycle_test SOURCES lifecycle_test.cpp ${programs} LIBRARIES ${CMAKE_DL_LIBS} TIMEOUT 120)
+zel_test_starts(lifecycle_test HOST=lifecycle_host TARGET=channel_target CLIENT=channel_client ZEL_LIBRARY=zel
+    CHANNEL_MODULE=channel_module FIRST=first_module SECOND=second_module LAST_WORDS=last_words_module)

@@ -1,0 +1,438 @@
+// SPDX-License-Identifier: MIT
+//
+// The command channel between real processes: what clients may do to a process, and what they may not.
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <orn/zel.hpp>
+
+#include "support/Programs.hpp"
+
+namespace {
+
+using programs::Client;
+using programs::Program;
+using programs::wait_until;
+using programs::Words;
+
+std::string const all_monitors = "zel monitor poll thread task alarm";
+
+// Started, and ready to be signalled.
+class Target : public Program {
+public:
+    explicit Target(Words const& options = {}, int standardInput = -1)
+        : Program(command(options), {}, standardInput) {
+        EXPECT_EQ("ready", line());
+    }
+
+    std::string proc(std::string const& entry) const {
+        return "/proc/" + std::to_string(pid()) + '/' + entry;
+    }
+    std::size_t descriptors() const { return programs::entries_of(proc("fd")); }
+
+private:
+    static Words command(Words words) {
+        words.insert(words.begin(), TARGET);
+        return words;
+    }
+};
+
+// A client in a process of its own that has had its commands taken.
+class OtherClient : public Program {
+public:
+    OtherClient(Target const& target, std::string const& how, Words const& commands)
+        : Program(command(target, how, commands)) {
+        EXPECT_EQ("ready", line());
+    }
+
+private:
+    static Words command(Target const& target, std::string const& how, Words words) {
+        Words const first = {CLIENT, std::to_string(target.pid()), how};
+        words.insert(words.begin(), first.begin(), first.end());
+        return words;
+    }
+};
+
+TEST(Channel, a_process_that_merely_turns_its_loop_is_steered_from_outside) {
+    Target target;
+    EXPECT_EQ(0u, programs::threads_named(target.pid(), "zel-command"));
+    Client client(target.pid());
+    EXPECT_EQ(Words{"1/1 foo"}, client.ask("foo"));
+    EXPECT_EQ(Words{}, client.ask("0 x"));
+    EXPECT_EQ((Words{"1/2 2 x", "2/2 2 x"}), client.ask("2 x"));
+    EXPECT_EQ(Words{"[zel] nothing: no such command"}, client.ask("zel nothing"));
+    EXPECT_EQ("TaskMgrs:", client.ask("zel tasks").at(0));
+
+    std::string const module = WORD_MODULE;
+    EXPECT_EQ(Words{module + ": loaded"}, client.ask("zel load " + module));
+    Client second(target.pid()); // of the same process, so the first one's answers go there now
+    EXPECT_EQ(Words{"hello you"}, second.ask("greet you"));
+    EXPECT_EQ(Words{module + ": unloaded"}, second.ask("zel unload " + module));
+    EXPECT_EQ(Words{"1/1 greet you"}, second.ask("greet you"));
+
+    // Many commands are served in their order.
+    Words expected;
+    for (int i = 0; i < 300; ++i) {
+        std::string const word = "w" + std::to_string(i);
+        ASSERT_LT(0, second.send(word));
+        expected.insert(expected.end(), {"received \"" + word + '"', "1/1 " + word});
+    }
+    expected.push_back("1/1 last");
+    EXPECT_EQ(expected, second.ask("last"));
+    second.send("quit 5");
+    EXPECT_EQ("exit 5", target.end());
+}
+
+TEST(Channel, a_burst_of_signals_and_many_clients_make_one_thread_and_one_queue) {
+    Target target({"busy"});
+    std::vector<std::unique_ptr<Program>> clients;
+    for (int i = 0; i < 4; ++i)
+        clients.emplace_back(
+            new Program({CLIENT, std::to_string(target.pid()), "follow", "c" + std::to_string(i)}));
+    for (int i = 0; i < 10000; ++i)
+        ::sigqueue(target.pid(), 55, sigval{});
+    for (int i = 0; i < 4; ++i) {
+        Words lines;
+        while (lines.size() < 3 && (lines.empty() || !lines.back().empty()))
+            lines.push_back(clients[static_cast<std::size_t>(i)]->line());
+        std::string const word = "c" + std::to_string(i);
+        EXPECT_EQ((Words{"ready", "received \"" + word + '"', "1/1 " + word}), lines);
+    }
+    for (int i = 0; i < 10000; ++i)
+        ::kill(target.pid(), 55);
+    Client client(target.pid());
+    EXPECT_EQ(Words{"1/1 foo"}, client.ask("foo"));
+    EXPECT_EQ(1u, programs::threads_named(target.pid(), "zel-command"));
+    EXPECT_EQ(1u, programs::listening_queues(target.pid()));
+}
+
+TEST(Channel, the_command_thread_takes_none_of_the_applications_signals) {
+    Target target({"take-sigusr2"});
+    Client client(target.pid());
+    EXPECT_EQ("0", client.ask_one("taken"));
+    std::string const tasks = target.proc("task");
+    unsigned long long blocked = 0;
+    for (std::size_t tid = static_cast<std::size_t>(target.pid()), end = tid + 50; tid < end; ++tid) {
+        std::string const own = tasks + '/' + std::to_string(tid);
+        if (programs::text_of(own + "/comm") == "zel-command\n")
+            blocked = programs::mask_of(programs::text_of(own + "/status"), "SigBlk");
+    }
+    for (int const signo : {SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGUSR2, SIGPIPE, SIGALRM, SIGCHLD, 55})
+        EXPECT_TRUE(blocked >> (signo - 1) & 1) << signo;
+    // It would end the process, did any thread have it open.
+    for (int i = 1; i <= 20; ++i) {
+        target.signal(SIGUSR2);
+        ASSERT_TRUE(wait_until([&] { return client.ask_one("taken") == std::to_string(i); }));
+    }
+}
+
+// ---- Observers ------------------------------------------------------------------------------------------
+
+class Observed : public ::testing::Test {
+protected:
+    Observed() : target({"busy"}), control(target.pid()) {}
+
+    // Slices in a millisecond, from a tenth of a second or more.
+    double rate() {
+        unsigned long const before = slices();
+        long const begin = programs::milliseconds();
+        EXPECT_TRUE(
+            wait_until([&] { return slices() > before + 20 && programs::milliseconds() > begin + 100; }));
+        return static_cast<double>(slices() - before) / static_cast<double>(programs::milliseconds() - begin);
+    }
+
+    unsigned long slices() { return std::strtoul(control.ask_one("slices").c_str(), nullptr, 10); }
+
+    Target target;
+    Client control;
+};
+
+TEST_F(Observed, by_a_client_that_has_stopped_it_goes_on_as_before) {
+    double const alone = rate();
+    OtherClient client(target, "follow", {all_monitors});
+    client.line(); // lines come
+    client.stop();
+    // More than any pipe takes.
+    unsigned long const enough = slices() + 5000;
+    ASSERT_TRUE(wait_until([&] { return slices() > enough; }, 20000));
+    EXPECT_GT(rate(), alone / 40);
+    client.signal(SIGCONT);
+    EXPECT_NE("", client.line()) << "and the client may come back";
+    EXPECT_TRUE(target.alive());
+}
+
+TEST_F(Observed, by_a_slow_client_it_goes_on_as_before) {
+    double const alone = rate();
+    OtherClient client(target, "slow", {all_monitors});
+    unsigned long const enough = slices() + 2000;
+    ASSERT_TRUE(wait_until([&] { return slices() > enough; }, 20000));
+    EXPECT_GT(rate(), alone / 40);
+}
+
+TEST_F(Observed, by_clients_that_are_killed_it_survives_with_every_thread_writing) {
+    double const alone = rate();
+    for (int i = 0; i < 5; ++i) {
+        OtherClient client(target, "follow", {all_monitors});
+        client.line();
+        client.signal(SIGKILL);
+        EXPECT_EQ("signal 9", client.end());
+        unsigned long const enough = slices() + 100;
+        ASSERT_TRUE(wait_until([&] { return slices() > enough; })) << i;
+    }
+    EXPECT_GT(rate(), alone / 40);
+    EXPECT_EQ("caught", control.ask_one("sigpipe"));
+    EXPECT_EQ("default", control.ask_one("sigpipe-after-exec"));
+}
+
+TEST(Channel, the_applications_own_choice_about_sigpipe_is_kept) {
+    for (std::string const choice : {"own", "ignore"}) {
+        Target target({"busy", choice + "-sigpipe"});
+        Client control(target.pid());
+        OtherClient client(target, "follow", {all_monitors});
+        client.line();
+        client.signal(SIGKILL);
+        client.end();
+        EXPECT_EQ(choice == "own" ? "own" : "ignored", control.ask_one("sigpipe"));
+        EXPECT_EQ(choice == "own" ? "default" : "ignored", control.ask_one("sigpipe-after-exec"));
+    }
+}
+
+// INSPECTIONS raises the number of clients.
+TEST(Channel, being_looked_into_again_and_again_does_not_use_up_the_descriptors) {
+    char const* const given = std::getenv("INSPECTIONS");
+    int const inspections = given ? std::atoi(given) : 500;
+    Target target;
+    Client control(target.pid());
+    std::size_t const before = target.descriptors();
+    std::string const at = control.ask_one("where");
+    control.ask("zel monitor task");
+    // The descriptor of the monitor is the oldest of those whose reader ends here.
+    std::unique_ptr<Client> watching(new Client(target.pid()));
+    std::string const watched = watching->ask_one("where");
+    watching->ask("zel monitor poll");
+    watching.reset();
+    for (int i = 0; i < inspections; ++i) {
+        Client client(target.pid());
+        if (i % 100 == 0)
+            EXPECT_EQ("FdMgrs:", client.ask("zel fds").at(0));
+        else
+            ASSERT_LT(0, client.send("foo"));
+    }
+    Client last(target.pid());
+    EXPECT_LT(target.descriptors(), before + 80);
+    for (std::string const& kept : {at, watched})
+        EXPECT_EQ(kept, last.ask_one("where " + kept.substr(0, kept.find(' '))));
+}
+
+// ---- Bad input ------------------------------------------------------------------------------------------
+
+class Raw {
+public:
+    explicit Raw(pid_t pid) : name_(orn::zel::cmd::CmdQueueName(pid)) {}
+
+    // Parts: the process id, then the text, as far as they are wanted.
+    ssize_t send(int type, int fd, bool with_pid, std::string const* text) {
+        int self = static_cast<int>(::getpid());
+        o_msg_t message = {};
+        message.type = type;
+        message.fd = fd;
+        if (with_pid)
+            message.parts[message.count++] = {&self, sizeof self};
+        if (text)
+            message.parts[message.count++] = {const_cast<char*>(text->data()), text->size()};
+        return o_msg_send(name_.c_str(), &message, 0);
+    }
+
+private:
+    std::string name_;
+};
+
+TEST(Channel, bad_messages_do_not_keep_the_next_command_from_being_served) {
+    Target target;
+    Client client(target.pid());
+    ASSERT_EQ("1/1 foo", client.ask_one("foo"));
+    std::size_t const before = target.descriptors();
+    orn::os::Pipe const pipe(false);
+    std::string const text("zel fds\0", 8);
+    std::string const short_text("no end", 6);
+    std::string const empty;
+    Raw raw(target.pid());
+    struct {
+        int type;
+        int fd;
+        bool with_pid;
+        std::string const* text;
+    } const bad[] = {{1, 0, true, nullptr},
+                     {1, -1, true, &text},
+                     {1, 0, false, nullptr},
+                     {2, 0, true, nullptr},
+                     {2, 0, false, &text},
+                     {2, 0, false, nullptr},
+                     {2, 0, true, &empty},
+                     {2, 0, true, &short_text},
+                     {0, 0, true, &text},
+                     {3, 0, true, &text},
+                     {-1, 0, true, &text},
+                     {2147483647, 0, true, nullptr},
+                     {1, pipe.WriteFD(), false, nullptr},
+                     {3, pipe.WriteFD(), true, &text},
+                     {2, pipe.WriteFD(), true, &short_text}};
+    for (auto const& message : bad) {
+        raw.send(message.type, message.fd, message.with_pid, message.text);
+        ASSERT_EQ("1/1 next", client.ask("next").back()) << message.type << ' ' << &message - bad;
+    }
+    EXPECT_EQ(before, target.descriptors());
+    EXPECT_EQ("1/1 next", client.ask("next").back());
+}
+
+TEST(Channel, bad_commands_do_not_keep_the_next_one_from_being_served) {
+    Target target;
+    Client client(target.pid());
+    EXPECT_EQ(Words{"1/1 "}, client.ask(""));
+    EXPECT_EQ(Words{"1/1    "}, client.ask("   "));
+    EXPECT_EQ(Words{"1/1 \xff\xfe\x80 \x1b[2J\r\t"}, client.ask("\xff\xfe\x80 \x1b[2J\r\t"));
+    EXPECT_EQ("1/1 cut", client.ask(std::string("cut\0off", 7)).back());
+    EXPECT_EQ((Words{"received \"a", "b\"", "1/1 a", "b"}), client.ask("a\nb"));
+    for (std::size_t const size : {65530u, 65536u, 65537u, 120000u}) {
+        // The echo fills the pipe: what follows it is lost, but the command is not.
+        client.ask("measure " + std::string(size, 'y'));
+        EXPECT_EQ(std::to_string(size), client.ask("measured").back());
+    }
+    EXPECT_EQ(-1, client.send(std::string(O_MSG_MAX_SIZE, 'y')));
+    EXPECT_EQ(EMSGSIZE, errno);
+    EXPECT_EQ(Words{}, client.ask("throw"));
+    EXPECT_EQ(Words{}, client.ask("throw-number"));
+    EXPECT_EQ(Words{"1/1 next"}, client.ask("next"));
+    EXPECT_TRUE(target.alive());
+}
+
+TEST(Channel, a_command_before_the_connection_is_answered_on_standard_input) {
+    int ends[2];
+    ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
+    Target target({}, ends[1]);
+    OtherClient const connected(target, "follow", {"foo"});
+    std::string const text("early\0", 6);
+    ASSERT_EQ(10, Raw(target.pid()).send(2, 0, true, &text));
+    std::string const expected = "received \"early\"\n1/1 early\n";
+    std::string got;
+    while (got.size() < expected.size()) {
+        char buffer[64];
+        pollfd entry = {ends[0], POLLIN, 0};
+        ASSERT_EQ(1, ::poll(&entry, 1, 10000 * programs::scale()));
+        got.append(buffer, static_cast<std::size_t>(::read(ends[0], buffer, sizeof buffer)));
+    }
+    EXPECT_EQ(expected, got);
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+// ---- The client's side ----------------------------------------------------------------------------------
+
+TEST(Channel, lines_of_any_length_reach_the_client_whole) {
+    Target target;
+    Client client(target.pid());
+    for (std::size_t const size : {0u, 1022u, 1023u, 1024u, 1025u, 4096u, 300000u})
+        EXPECT_EQ(Words{std::string(size, 'x')}, client.ask("line " + std::to_string(size)));
+    // A last line without its end becomes the beginning of what comes next.
+    client.send("tail ab");
+    EXPECT_EQ("abreceived \"tail c\"", client.ask("tail c").at(1));
+    EXPECT_EQ("1/1 next", client.ask("next").back());
+}
+
+bool turn_until(std::function<bool()> const& condition) {
+    return wait_until(condition, 10000, [] { orn::zel::RunOnce(20); });
+}
+
+TEST(Channel, the_function_for_lines_may_give_its_channel_up_and_is_not_called_again) {
+    Target target;
+    std::size_t const before = programs::entries_of("/proc/self/fd");
+    Words lines;
+    std::unique_ptr<orn::zel::cmd::Channel> channel;
+    channel.reset(new orn::zel::cmd::Channel(orn::zel::Connect(target.pid(), [&](std::string const& line) {
+        lines.push_back(line);
+        if (line == "1/3 3 x") // the other two came along with it
+            channel.reset();
+    })));
+    channel->Command("3 x");
+    EXPECT_TRUE(turn_until([&] { return !channel; }));
+    EXPECT_EQ("1/3 3 x", lines.back());
+    while (orn::zel::RunOnce(0) > 0) {
+    }
+    EXPECT_EQ("1/3 3 x", lines.back());
+    EXPECT_EQ(before, programs::entries_of("/proc/self/fd"));
+}
+
+TEST(Channel, the_function_for_lines_may_turn_the_loop_and_may_throw) {
+    Target target;
+    Words lines;
+    orn::zel::cmd::Channel channel = orn::zel::Connect(target.pid(), [&](std::string const& line) {
+        lines.push_back(line);
+        if (line == "1/3 3 nest") {
+            channel.Command("inner");
+            EXPECT_TRUE(turn_until([&] { return lines.back() == "1/1 inner"; }));
+        }
+        if (line == "1/3 3 throw")
+            throw std::runtime_error(line);
+    });
+    channel.Command("3 nest");
+    ASSERT_TRUE(turn_until([&] { return lines.size() >= 6; }));
+    EXPECT_EQ((Words{"received \"3 nest\"", "1/3 3 nest", "2/3 3 nest", "3/3 3 nest", "received \"inner\"",
+                     "1/1 inner"}),
+              lines);
+
+    lines.clear();
+    channel.Command("3 throw");
+    EXPECT_THROW(turn_until([] { return false; }), std::runtime_error);
+    channel.Command("next");
+    ASSERT_TRUE(turn_until([&] { return lines.back() == "1/1 next"; }));
+    EXPECT_EQ((Words{"received \"3 throw\"", "1/3 3 throw", "2/3 3 throw", "3/3 3 throw", "received \"next\"",
+                     "1/1 next"}),
+              lines);
+
+    orn::zel::cmd::Channel dumb = orn::zel::Connect(target.pid(), {});
+    dumb.Command("foo");
+    EXPECT_THROW(turn_until([] { return false; }), boost::bad_function_call);
+}
+
+// ---- fork() ---------------------------------------------------------------------------------------------
+
+TEST(Fork, a_signal_that_is_sent_to_a_child_is_not_seen_by_its_parents_loop) {
+    Program program({FORK_PROGRAM, "signal"});
+    EXPECT_EQ("1", program.line());
+    EXPECT_EQ("exit 0", program.end());
+}
+
+TEST(Fork, a_daemon_that_brings_the_library_up_anew_is_steered_under_its_own_id) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "this sanitizer ends a forked child that starts threads";
+#endif
+    Program parent({FORK_PROGRAM, "daemon"});
+    int const child = std::atoi(parent.line().c_str());
+    ASSERT_LT(0, child);
+    ASSERT_NE(parent.pid(), child);
+    {
+        Client to_child(child);
+        EXPECT_TRUE(wait_until([&] { return to_child.ask_one("alarms") == "1"; }));
+        EXPECT_EQ("1/1 foo", to_child.ask_one("foo"));
+        Client to_parent(parent.pid());
+        EXPECT_EQ("1/1 alarms", to_parent.ask("alarms").back());
+    }
+    std::string const own = "/proc/" + std::to_string(child) + "/cmdline";
+    Client last(child);
+    last.send("exit 0");
+    EXPECT_TRUE(wait_until([&] { return programs::text_of(own).empty(); })) << "it has not ended";
+    EXPECT_TRUE(parent.alive());
+}
+
+} // namespace

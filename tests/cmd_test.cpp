@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: MIT
+//
+// The registry of command words and what is answered, without a channel.
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <orn/zel.hpp>
+
+#include "support/Programs.hpp"
+
+namespace {
+
+using orn::zel::cmd::GetFirstWord;
+using orn::zel::cmd::ProcessCommand;
+typedef std::pair<std::string, std::string> Pair;
+
+// Answers go to a socket that keeps the boundaries of writes.
+class Cmd : public ::testing::Test {
+protected:
+    Cmd() { EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends_)); }
+    ~Cmd() override {
+        ::close(ends_[0]);
+        ::close(ends_[1]);
+    }
+
+    int fd() const { return ends_[1]; }
+
+    // What one write() has written, "nothing" when there was none.
+    std::string written() {
+        std::vector<char> buffer(300000);
+        ssize_t const got = ::read(ends_[0], buffer.data(), buffer.size());
+        return got < 0 ? "nothing" : std::string(buffer.data(), static_cast<std::size_t>(got));
+    }
+
+    std::string answer(std::string const& command) {
+        ProcessCommand(command, fd());
+        return written();
+    }
+
+private:
+    int ends_[2];
+};
+
+TEST_F(Cmd, a_word_ends_at_the_first_blank_and_the_rest_keeps_its_inner_ones) {
+    EXPECT_EQ(Pair("a", "b  c "), GetFirstWord("a   b  c "));
+    EXPECT_EQ(Pair("a", ""), GetFirstWord("a"));
+    EXPECT_EQ(Pair("a", ""), GetFirstWord("a   "));
+    EXPECT_EQ(Pair("", "a"), GetFirstWord("  a"));
+    EXPECT_EQ(Pair("", ""), GetFirstWord(""));
+    EXPECT_EQ(Pair("a\tb\nc", "d"), GetFirstWord("a\tb\nc d"));
+    EXPECT_EQ(Pair("a", "\tb"), GetFirstWord("a \tb"));
+}
+
+TEST_F(Cmd, a_word_belongs_to_the_last_who_registered_it_until_it_is_unregistered) {
+    std::string seen;
+    orn::zel::cmd::Register("tasks", [&](std::string const& args, int to) {
+        seen += "one(" + args + (to == fd() ? ")" : ") elsewhere");
+    });
+    ProcessCommand("tasks", fd());
+    ProcessCommand("tasks  a  b", fd());
+    orn::zel::RegisterCommandModule("tasks", [&](std::string const& args, int) { seen += "two" + args; });
+    ProcessCommand("tasks", fd());
+    EXPECT_EQ("one()one(a  b)two", seen);
+    EXPECT_EQ("nothing", written()) << "handlers answer for themselves";
+    orn::zel::UnregisterCommandModule("tasks");
+    orn::zel::UnregisterCommandModule("tasks");
+    EXPECT_EQ("1/1 tasks\n", answer("tasks"));
+
+    orn::zel::cmd::Register("throw", [](std::string const&, int) { throw 1; });
+    EXPECT_THROW(ProcessCommand("throw", fd()), int);
+    orn::zel::cmd::Register("throw", orn::zel::cmd::Handler());
+    EXPECT_EQ("1/1 throw\n", answer("throw")) << "an empty handler is none";
+}
+
+TEST_F(Cmd, a_handler_may_take_its_own_word_away_and_what_it_held_may_use_the_registry) {
+    struct Held {
+        ~Held() {
+            orn::zel::cmd::Register("after", [](std::string const&, int) {});
+        }
+    };
+    auto held = std::make_shared<Held>();
+    std::weak_ptr<Held> const alive = held;
+    orn::zel::cmd::Register("self", [held, alive](std::string const&, int to) {
+        orn::zel::cmd::Unregister("self");
+        orn::zel::cmd::Write(to, alive.expired() ? "gone" : "alive");
+    });
+    held.reset();
+    EXPECT_EQ("alive", answer("self"));
+    EXPECT_TRUE(alive.expired());
+    EXPECT_EQ("1/1 self\n", answer("self"));
+    EXPECT_EQ("nothing", answer("after"));
+}
+
+TEST_F(Cmd, an_unknown_word_is_echoed_as_often_as_its_number_says) {
+    EXPECT_EQ("1/1 foo\n", answer("foo"));
+    EXPECT_EQ("1/1 \n", answer(""));
+    EXPECT_EQ("1/1  3 x\n", answer(" 3 x"));
+    EXPECT_EQ("1/1 -3 x\n", answer("-3 x"));
+    EXPECT_EQ("1/3 3 x\n2/3 3 x\n3/3 3 x\n", answer("3 x"));
+    EXPECT_EQ("1/2 2\n2/2 2\n", answer("2"));
+    EXPECT_EQ("nothing", answer("0 x"));
+    EXPECT_EQ("nothing", answer("000"));
+}
+
+TEST_F(Cmd, a_huge_number_costs_neither_time_nor_memory_and_cuts_no_line) {
+    rusage before = {};
+    ::getrusage(RUSAGE_SELF, &before);
+    long const begin = programs::milliseconds();
+    for (bool const used : {false, true}) {
+        orn::os::Pipe const pipe(false);
+        if (used) { // so that what is free is no whole number of lines, nor of pages
+            ASSERT_EQ(20001, ::write(pipe.WriteFD(), std::string(20001, '-').data(), 20001));
+        }
+        for (std::string const command :
+             {"2000000000 x", "99999999999999999999999 x", "4294967296", "1000000 x"}) {
+            ProcessCommand(command, pipe.WriteFD());
+            std::vector<char> buffer(1 << 20);
+            ssize_t const got = ::read(pipe.ReadFD(), buffer.data(), buffer.size());
+            ASSERT_GT(got, used ? 30000 : 40000) << command;
+            std::string const text(buffer.data(), static_cast<std::size_t>(got));
+            EXPECT_EQ('\n', text.back()) << command;
+            std::string const last = text.substr(text.rfind('\n', text.size() - 2) + 1);
+            EXPECT_EQ('/' + std::to_string(std::min(2147483647L, std::atol(command.c_str()))) + ' ' +
+                          command + '\n',
+                      last.substr(last.find('/')));
+        }
+    }
+    rusage after = {};
+    ::getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(programs::milliseconds() - begin, 2000 * programs::scale());
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 32 * 1024);
+}
+
+TEST_F(Cmd, the_word_zel_answers_or_says_that_there_is_no_such_command) {
+    EXPECT_EQ("[zel] x: no such command\n", answer("zel x y"));
+    EXPECT_EQ("[zel] : no such command\n", answer("zel"));
+    EXPECT_EQ("TaskMgrs:\n", answer("zel tasks").substr(0, 10));
+    EXPECT_NE("nothing", answer("zel fds"));
+    EXPECT_NE("nothing", answer("zel signals"));
+    EXPECT_EQ("nothing", answer("zel threads")) << "goes to the poll monitor";
+}
+
+TEST_F(Cmd, monitors_are_switched_word_by_word_and_unknown_ones_passed_over) {
+    EXPECT_EQ("nothing", answer("zel monitor foo  task bar alarm"));
+    orn::zel::Alarm* const alarm = new orn::zel::Alarm(100000, [] {});
+    EXPECT_NE(std::string::npos, written().find("alarm"));
+    orn::zel::Task task([](orn::zel::task::Controller*) {});
+    task.Name("mine").Run();
+    EXPECT_NE(std::string::npos, written().find("\"mine\" op=new"));
+    EXPECT_EQ("nothing", answer("zel unmonitor alarm"));
+    delete alarm;
+    EXPECT_EQ("nothing", written());
+    EXPECT_EQ("nothing", answer("zel monitor poll thread"));
+    orn::zel::RunOnce(0);
+    EXPECT_NE("nothing", written());
+    ProcessCommand("zel unmonitor poll thread task alarm", fd());
+    while (written() != "nothing") {
+    }
+    orn::zel::RunOnce(0);
+    EXPECT_EQ("nothing", written());
+}
+
+TEST_F(Cmd, modules_come_and_go_and_their_words_with_them) {
+    std::string const module = WORD_MODULE;
+    std::string const none = "libnone.so";
+    std::string const both = answer("zel load " + module + "  " + none);
+    EXPECT_EQ(0u, both.find(module + ": loaded\n" + none)) << both;
+    EXPECT_EQ('\n', both.back());
+    EXPECT_EQ("hello you\n", answer("greet you"));
+    EXPECT_EQ(none + ": not found\n" + module + ": unloaded\n", answer("zel unload " + none + ' ' + module));
+    EXPECT_EQ("1/1 greet you\n", answer("greet you"));
+    EXPECT_EQ(module + ": not found\n", answer("zel unload " + module));
+
+    // The loader counts; the command remembers a library once.
+    EXPECT_EQ(module + ": loaded\n", answer("zel load " + module));
+    EXPECT_EQ(module + ": loaded\n", answer("zel load " + module));
+    EXPECT_EQ(module + ": unloaded\n", answer("zel unload " + module));
+    EXPECT_EQ("hello again\n", answer("greet again"));
+    EXPECT_EQ(module + ": not found\n", answer("zel unload " + module));
+}
+
+TEST_F(Cmd, without_the_library_words_are_echoed_and_nothing_is_kept) {
+    orn::zel::cmd::Register("kept", [](std::string const&, int) {});
+    orn::zel::ZEL_unload__();
+    orn::zel::cmd::Register("early", [](std::string const&, int) {});
+    orn::zel::cmd::Unregister("kept");
+    EXPECT_EQ("1/1 early\n", answer("early"));
+    EXPECT_EQ("1/1 zel tasks\n", answer("zel tasks"));
+    orn::zel::cmd::InstallCommandChannel();
+    EXPECT_EQ(0u, programs::threads_named(::getpid(), "zel-command"));
+    orn::zel::ZEL_load__();
+    EXPECT_EQ("1/1 early\n", answer("early"));
+    EXPECT_EQ("1/1 kept\n", answer("kept"));
+    EXPECT_EQ("TaskMgrs:\n", answer("zel tasks").substr(0, 10));
+}
+
+} // namespace

@@ -1,0 +1,156 @@
+// SPDX-License-Identifier: MIT
+//
+// A process that is steered from outside. Says "ready" once it may be signalled, and then turns its loop. Its
+// arguments, each for itself:
+//
+//     busy             endless tasks, alarms and threads in loops
+//     own-sigpipe      has a handler of its own for SIGPIPE
+//     ignore-sigpipe   ignores it
+//     take-sigusr2     takes SIGUSR2 from the pending signals, where a thread that has it open would die of
+//     it
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <orn/zel.hpp>
+
+namespace {
+
+using namespace orn::zel;
+
+std::atomic<unsigned long> slices(0);
+std::atomic<int> taken(0);
+std::size_t measured = 0; // the command thread's
+std::atomic<int> quit(-1);
+
+void answer(int fd, std::string const& text) {
+    cmd::Write(fd, text + '\n');
+}
+
+void own_handler(int) {}
+
+void sigpipe(std::string const&, int fd) {
+    struct sigaction now = {};
+    sigaction(SIGPIPE, nullptr, &now);
+    answer(fd, now.sa_handler == SIG_DFL       ? "default"
+               : now.sa_handler == SIG_IGN     ? "ignored"
+               : now.sa_handler == own_handler ? "own"
+                                               : "caught");
+}
+
+// What a program that this one executes finds.
+void sigpipe_after_exec(std::string const&, int fd) {
+    char line[128] = "";
+    unsigned long long mask = 0;
+    FILE* const status = popen("exec cat /proc/self/status", "r");
+    while (fgets(line, sizeof line, status))
+        if (strncmp(line, "SigIgn:", 7) == 0)
+            mask = strtoull(line + 7, nullptr, 16);
+    pclose(status);
+    answer(fd, (mask >> (SIGPIPE - 1) & 1) ? "ignored" : "default");
+}
+
+// As large as is asked for, in pieces that the pipe takes.
+void line(std::string const& length, int fd) {
+    std::string const text = std::string(std::strtoul(length.c_str(), nullptr, 10), 'x') + '\n';
+    for (std::size_t at = 0; at < text.size();) {
+        ssize_t const written = write(fd, text.data() + at, std::min<std::size_t>(text.size() - at, 3000));
+        if (written > 0) {
+            at += static_cast<std::size_t>(written);
+        } else {
+            pollfd room = {fd, POLLOUT, 0};
+            poll(&room, 1, 1000);
+        }
+    }
+}
+
+// The number of the descriptor that answers go to, and which pipe that is.
+void where(std::string const& given, int fd) {
+    int const asked = given.empty() ? fd : std::atoi(given.c_str());
+    struct stat status = {};
+    fstat(asked, &status);
+    answer(fd, std::to_string(asked) + ' ' + std::to_string(status.st_ino));
+}
+
+void register_words() {
+    RegisterCommandModule("slices", [](std::string const&, int fd) { answer(fd, std::to_string(slices)); });
+    RegisterCommandModule("taken", [](std::string const&, int fd) { answer(fd, std::to_string(taken)); });
+    RegisterCommandModule("throw", [](std::string const&, int) { throw std::runtime_error("no"); });
+    RegisterCommandModule("throw-number", [](std::string const&, int) { throw 7; });
+    RegisterCommandModule("exit", [](std::string const& n, int) { exit(std::atoi(n.c_str())); });
+    RegisterCommandModule("quit", [](std::string const& n, int) { quit = std::atoi(n.c_str()); });
+    RegisterCommandModule("tail", [](std::string const& text, int fd) { cmd::Write(fd, text); });
+    RegisterCommandModule("measure", [](std::string const& text, int) { measured = text.size(); });
+    RegisterCommandModule("measured",
+                          [](std::string const&, int fd) { answer(fd, std::to_string(measured)); });
+    RegisterCommandModule("line", line);
+    RegisterCommandModule("where", where);
+    RegisterCommandModule("sigpipe", sigpipe);
+    RegisterCommandModule("sigpipe-after-exec", sigpipe_after_exec);
+}
+
+void* member(void*) {
+    orn::zel::Alarm const tick(2, 2, [] {});
+    for (;;)
+        RunOnce(-1);
+}
+
+void* loop(void*) {
+    NewThreadGroup();
+    return member(nullptr);
+}
+
+void be_busy() {
+    RunTask([](task::Controller*) { ++slices; });
+    RunTask([](task::Controller* sleeper) { sleeper->Sleep(); });
+    for (void* (*body)(void*) : {member, loop, loop}) {
+        o_pthread_t thread;
+        o_pthread_create(&thread, nullptr, body, nullptr);
+        o_pthread_detach(thread);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::unique_ptr<orn::zel::Alarm> tick;
+    signal::AutoReceptor const watched(SIGUSR1, [](int) {});
+    register_words();
+    for (int i = 1; i < argc; ++i) {
+        std::string const option = argv[i];
+        if (option == "busy")
+            be_busy();
+        else if (option == "own-sigpipe")
+            ::signal(SIGPIPE, own_handler);
+        else if (option == "ignore-sigpipe")
+            ::signal(SIGPIPE, SIG_IGN);
+        else if (option == "take-sigusr2") {
+            sigset_t set;
+            sigemptyset(&set);
+            sigaddset(&set, SIGUSR2);
+            // Blocked after the library was loaded: threads that it makes later must see to it themselves.
+            pthread_sigmask(SIG_BLOCK, &set, nullptr);
+            tick.reset(new orn::zel::Alarm(1, 1, [set] {
+                timespec const at_once = {0, 0};
+                if (sigtimedwait(&set, nullptr, &at_once) == SIGUSR2)
+                    ++taken;
+            }));
+        }
+    }
+    std::puts("ready");
+    std::fflush(stdout);
+    while (quit < 0)
+        RunOnce(10); // where another member runs the loop, this only sleeps
+    exit(quit);
+}

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: MIT
+#include "Programs.hpp"
+
+#include <algorithm>
+
+#include <orn/zel.hpp>
+
+namespace programs {
+
+struct Client::State {
+    explicit State(pid_t pid)
+        : channel(orn::zel::Connect(pid, [this](std::string const& line) { lines.push_back(line); })) {}
+
+    Words lines;
+    unsigned asked = 0;
+    orn::zel::cmd::Channel channel;
+};
+
+Client::Client(pid_t pid) : state_(new State(pid)) {}
+
+Client::~Client() {
+    delete state_;
+}
+
+ssize_t Client::send(std::string const& command) {
+    return state_->channel.Command(command);
+}
+
+Words Client::ask(std::string const& command) {
+    // Commands are served in order: the answer has ended when the next one is echoed.
+    std::string const mark = "0 mark " + std::to_string(++state_->asked);
+    Words& lines = state_->lines;
+    lines.clear();
+    if (send(command) < 0 || send(mark) < 0)
+        return Words{"not sent"};
+    Words::iterator end;
+    // An answer that fills the pipe may cost the mark: ask again.
+    orn::zel::Alarm const again(250, 250, [&] { send(mark); });
+    auto const answered = [&] {
+        end = std::find(lines.begin(), lines.end(), "received \"" + mark + "\"");
+        return end != lines.end();
+    };
+    if (!wait_until(answered, 10000, [] { orn::zel::RunOnce(20); }))
+        return Words{"no answer"};
+    Words answer(lines.begin(), end);
+    answer.erase(std::remove(answer.begin(), answer.end(), "received \"" + command + "\""), answer.end());
+    return answer;
+}
+
+std::string Client::ask_one(std::string const& command) {
+    Words const answer = ask(command);
+    return answer.size() == 1 ? answer[0] : std::to_string(answer.size()) + " lines";
+}
+
+} // namespace programs
