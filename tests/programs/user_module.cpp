@@ -3,6 +3,7 @@
 // A library that uses zel, to be loaded by a host that knows nothing of either. Loading it brings up
 // everything that needs a descriptor, a thread or a handler of a signal, and unloading it leaves all of that
 // to zel.
+#include <future>
 #include <memory>
 
 #include <signal.h>
@@ -19,7 +20,14 @@ struct User {
         : arrivals(new signal::AutoReceptor(SIGUSR1, [this](int) { ++calls; })),
           ticks(new Alarm(0, 1000, [this] { ++calls; })) {
         raise(SIGUSR1);
-        orn::os::Thread const member([this] { SetAlarm(0, [this] { ++calls; }); });
+        std::promise<void> served; // the loop serves what a thread has set until that thread ends
+        orn::os::Thread const member([&] {
+            SetAlarm(0, [&] {
+                ++calls;
+                served.set_value();
+            });
+            served.get_future().wait();
+        });
         while (calls < 3)
             RunOnce(-1);
         SetAlarm(100000, [] {}); // still armed at the end
