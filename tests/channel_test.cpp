@@ -64,6 +64,27 @@ private:
     }
 };
 
+class Raw {
+public:
+    explicit Raw(pid_t pid) : name_(orn::zel::cmd::CmdQueueName(pid)) {}
+
+    // Parts: the process id, then the text, as far as they are wanted.
+    ssize_t send(int type, int fd, bool with_pid, std::string const* text) {
+        int self = static_cast<int>(::getpid());
+        o_msg_t message = {};
+        message.type = type;
+        message.fd = fd;
+        if (with_pid)
+            message.parts[message.count++] = {&self, sizeof self};
+        if (text)
+            message.parts[message.count++] = {const_cast<char*>(text->data()), text->size()};
+        return o_msg_send(name_.c_str(), &message, 0);
+    }
+
+private:
+    std::string name_;
+};
+
 TEST(Channel, a_process_that_merely_turns_its_loop_is_steered_from_outside) {
     Target target;
     EXPECT_EQ(0u, programs::threads_named(target.pid(), "zel-command"));
@@ -115,6 +136,8 @@ TEST(Channel, a_burst_of_signals_and_many_clients_make_one_thread_and_one_queue)
     EXPECT_EQ(Words{"1/1 foo"}, client.ask("foo"));
     EXPECT_EQ(1u, programs::threads_named(target.pid(), "zel-command"));
     EXPECT_EQ(1u, programs::listening_queues(target.pid()));
+    std::string const before = client.ask_one("slices");
+    EXPECT_TRUE(wait_until([&] { return client.ask_one("slices") != before; })) << "its loop goes on";
 }
 
 TEST(Channel, the_command_thread_takes_none_of_the_applications_signals) {
@@ -195,6 +218,24 @@ TEST_F(Observed, by_clients_that_are_killed_it_survives_with_every_thread_writin
     EXPECT_EQ("default", control.ask_one("sigpipe-after-exec"));
 }
 
+TEST(Channel, a_client_whose_pipe_blocks_and_is_full_blocks_nobody) {
+    Target target({"busy"});
+    OtherClient const installed(target, "follow", {"foo"});
+    int ends[2];
+    ASSERT_EQ(0, ::pipe2(ends, O_CLOEXEC));
+    Raw raw(target.pid());
+    std::string const many = "2000000000 x";
+    ASSERT_LT(0, raw.send(1, ends[1], true, nullptr));
+    ::fcntl(ends[1], F_SETFL, 0); // the client has its say in it at any time
+    for (std::string const& command : {all_monitors, many, many})
+        ASSERT_LT(0, raw.send(2, 0, true, &command));
+    Client control(target.pid());
+    std::string const before = control.ask_one("slices");
+    EXPECT_TRUE(wait_until([&] { return control.ask_one("slices") != before; }));
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
 TEST(Channel, the_applications_own_choice_about_sigpipe_is_kept) {
     for (std::string const choice : {"own", "ignore"}) {
         Target target({"busy", choice + "-sigpipe"});
@@ -236,27 +277,6 @@ TEST(Channel, being_looked_into_again_and_again_does_not_use_up_the_descriptors)
 }
 
 // ---- Bad input ------------------------------------------------------------------------------------------
-
-class Raw {
-public:
-    explicit Raw(pid_t pid) : name_(orn::zel::cmd::CmdQueueName(pid)) {}
-
-    // Parts: the process id, then the text, as far as they are wanted.
-    ssize_t send(int type, int fd, bool with_pid, std::string const* text) {
-        int self = static_cast<int>(::getpid());
-        o_msg_t message = {};
-        message.type = type;
-        message.fd = fd;
-        if (with_pid)
-            message.parts[message.count++] = {&self, sizeof self};
-        if (text)
-            message.parts[message.count++] = {const_cast<char*>(text->data()), text->size()};
-        return o_msg_send(name_.c_str(), &message, 0);
-    }
-
-private:
-    std::string name_;
-};
 
 TEST(Channel, bad_messages_do_not_keep_the_next_command_from_being_served) {
     Target target;

@@ -116,6 +116,20 @@ TEST(Unloading, is_done_within_a_second_while_a_client_floods_the_channel) {
     }
 }
 
+TEST(Unloading, does_not_leave_a_signal_behind_that_would_end_the_process) {
+    void* const handle = ::dlopen(ZEL_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(nullptr, handle) << ::dlerror();
+    // A client has just raised it, and no thread has come to take it.
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, 55);
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    ::raise(55);
+    ASSERT_EQ(0, ::dlclose(handle));
+    ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    EXPECT_TRUE(is_default(55));
+}
+
 // ---- Modules that come and go with the library ----------------------------------------------------------
 
 class Preload : public ::testing::Test {
