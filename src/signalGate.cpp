@@ -80,9 +80,13 @@ void SignalGate::deliver(int signo) {
 }
 
 void SignalGate::await(int signo) {
+    CancelShield const shield;
     AutoLock const guard(immortal<ThreadMutex, WriterLock>());
     missed[signo] = 0;
-    published[signo] = awaited();
+    // Of a handler that an unload in another thread is about to retire, if there is anything.
+    functions_type const* const before = published[signo].exchange(awaited());
+    if (before != awaited() && wait_for_handlers())
+        delete before;
 }
 
 void SignalGate::publish(int signo, functions_type const& functions) {
