@@ -213,7 +213,6 @@ TEST_F(Fd, many_idle_descriptors_change_no_result) {
 
 TEST_F(Fd, two_members_register_while_a_third_runs_the_loop) {
     constexpr int rounds = 400;
-    std::atomic<bool> stop(false);
     std::atomic<int> heard(0);
     support::Thread runner([&] {
         NewThreadGroup();
