@@ -75,7 +75,7 @@ bool other_threads(std::vector<int>& tids) {
         case unknown:
             return false;
         case alive:
-            tids.push_back(std::atoi(entry->d_name));
+            tids.push_back(static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
             break;
         case harmless:
             break;
