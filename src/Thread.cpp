@@ -99,7 +99,7 @@ Thread::Thread(boost::shared_ptr<Runnable> runnable)
 
 Thread::Thread(boost::function<int()> run)
     : Thread([&run] {
-          boost::shared_ptr<Runnable> const work = boost::make_shared<Runnable>();
+          boost::shared_ptr<Runnable> work = boost::make_shared<Runnable>();
           work->run.swap(run);
           return work;
       }()) {}

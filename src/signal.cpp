@@ -134,7 +134,7 @@ boost::shared_ptr<SignalHandler> sigHandler(int signo) {
     handler_map::const_iterator const it = signal_handlers->find(signo);
     if (it != signal_handlers->end())
         return it->second;
-    boost::shared_ptr<SignalHandler> const made(new SignalHandler(signo));
+    boost::shared_ptr<SignalHandler> made(new SignalHandler(signo));
     signal_handlers->insert(std::make_pair(signo, made));
     return made;
 }
