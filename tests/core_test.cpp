@@ -86,6 +86,15 @@ TEST(Split, leaves_the_rest_in_the_last_field) {
     EXPECT_EQ((Strings{"before", "a", "b", "c"}), out);
 }
 
+TEST(Split, takes_its_texts_from_its_own_output) {
+    Strings out{"a field that does not fit into the string object;and another one", ";"};
+    out.shrink_to_fit(); // the first field to be appended moves them all
+    split(out[0], out[1], out);
+    ASSERT_EQ(4u, out.size());
+    EXPECT_EQ("a field that does not fit into the string object", out[2]);
+    EXPECT_EQ("and another one", out[3]);
+}
+
 TEST(PossiblyUndefined, is_copied_with_its_state_but_assigned_only_with_a_value) {
     PossiblyUndefined<int> none;
     PossiblyUndefined<int> seven(7);
