@@ -147,10 +147,18 @@ std::set<int> Group::Threads() const {
 }
 
 void Group::insert(int tid) {
+    admit(tid, false);
+}
+
+void Group::admit(int tid, bool watches) {
     {
         AutoLock const guard(mutex_);
         threads_.insert(tid);
         ++membership_;
+        // In the same step: a set that the runner builds in between would be without the new member, and
+        // taken for the latest.
+        if (watches)
+            advance_version();
     }
     WakeUp('i');
 }
@@ -166,6 +174,10 @@ void Group::erase(int tid) {
 
 void Group::outdate() {
     AutoLock const guard(mutex_);
+    advance_version();
+}
+
+void Group::advance_version() {
     unsigned long const version = poll_version_ + 1;
     if (version < built_version_) { // wrapped
         built_version_ = 0;

@@ -54,6 +54,46 @@ TEST_F(ThreadGroup, a_new_thread_is_a_member_until_it_ends) {
     EXPECT_EQ(std::set<int>{thread::self()}, second->Threads());
 }
 
+namespace control {
+
+std::string bytes;
+
+ssize_t recorded(int fd, void const* data, size_t length) {
+    bytes.append(static_cast<char const*>(data), length);
+    return write(fd, data, length);
+}
+
+} // namespace control
+
+TEST_F(ThreadGroup, a_thread_that_joins_brings_what_it_watches_already) {
+    boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
+    orn::os::Pipe pipe(false);
+    orn::os::Pipe late(false);
+    std::atomic<bool> joined(false);
+    std::atomic<bool> served(false);
+    support::Thread const member([&] {
+        NewThreadGroup();
+        fd::AutoReceptor const receptor(pipe.ReadFD(), [&](fd::Event* event) {
+            take(event->fd());
+            served = true;
+        });
+        EXPECT_TRUE(support::wait_until([&] { return group->IsRunner(getpid()); }) &&
+                    support::waits(getpid()));
+        put(pipe.WriteFD(), "x");
+        control::bytes.clear();
+        orn_zel_thread_group_write = control::recorded;
+        thread::This().Associate(group);
+        orn_zel_thread_group_write = write;
+        EXPECT_EQ("ei", control::bytes) << "nothing but what each move writes";
+        joined = true;
+        EXPECT_TRUE(support::wait_until([&] { return served.load(); }));
+    });
+    RunOnce(0);
+    while (!joined)
+        RunOnce(-1);
+    EXPECT_TRUE(support::run_until([&] { return served.load(); }));
+}
+
 TEST_F(ThreadGroup, nothing_survives_an_unload) {
     unsigned long const before = GroupId();
     boost::weak_ptr<thread::Group> const group = thread::ThisGroup();

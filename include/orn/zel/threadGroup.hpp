@@ -185,6 +185,11 @@ private:
     void rebuild();
     int wait(std::vector<pollfd>& set, long timeoutMs);
 
+    // insert(), for a thread that may have descriptors already.
+    void admit(int tid, bool watches);
+    void advance_version() ZEL_REQUIRES(mutex_);
+    friend class Registry;
+
     basic_Id<unsigned long> id_;
     int const creator_;
     std::set<int> threads_ ZEL_GUARDED_BY(mutex_);
