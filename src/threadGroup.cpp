@@ -32,6 +32,9 @@ struct MonitorTags {
 MonitorTags monitors = {{-1}, {-1}};
 std::atomic<bool> extendedLogging(false);
 
+// What a pipe holds as the kernel makes it: the most that one turn takes out of the control pipe.
+ssize_t const pipe_capacity = 65536;
+
 // The longest that wait() goes without asking first, in turns: the cost of a miss, one system call, is spread
 // over that many.
 unsigned const longest_ask_pause = 63;
@@ -205,8 +208,14 @@ void Group::WakeUp(char c) {
 void Group::ctrl_eater(pollfd pfd) {
     if (!(pfd.revents & POLLIN))
         return;
-    char c;
-    while (read(pfd.fd, &c, 1) == 1) {
+    // Bounded, because members that wake the loop all the time would fill the pipe as fast as it is read and
+    // hold the runner here. What is left, or comes after a read that has emptied the pipe, wakes the next
+    // turn.
+    char block[4096];
+    ssize_t const size = sizeof block;
+    for (ssize_t taken = 0; taken < pipe_capacity; taken += size) {
+        if (read(pfd.fd, block, sizeof block) < size)
+            return;
     }
 }
 

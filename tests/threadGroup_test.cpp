@@ -7,6 +7,7 @@
 #include <memory>
 #include <sstream>
 
+#include <fcntl.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -158,6 +159,14 @@ TEST_F(ThreadGroup, a_full_control_pipe_blocks_nobody_and_wakes_the_loop) {
     EXPECT_EQ(2, RunOnce(-1)) << "the change is seen although its byte was lost";
     EXPECT_EQ(1, calls);
     EXPECT_EQ(0, RunOnce(0));
+}
+
+TEST_F(ThreadGroup, members_that_wake_it_all_the_time_do_not_hold_the_runner) {
+    // A control pipe that is filled as fast as it is read never runs dry; no more does this.
+    int const endless = ::open("/dev/zero", O_RDONLY | O_CLOEXEC);
+    ASSERT_NE(-1, endless);
+    thread::ThisGroup()->ctrl_eater(pollfd{endless, POLLIN, POLLIN});
+    ::close(endless);
 }
 
 TEST_F(ThreadGroup, a_member_that_is_not_the_runner_only_sleeps) {
