@@ -39,10 +39,9 @@ ssize_t const pipe_capacity = 65536;
 // over that many.
 unsigned const longest_ask_pause = 63;
 
+// As it is, negative ones included: observers see what the caller passed.
 int clamp_timeout(long timeoutMs) {
-    if (timeoutMs < 0)
-        return -1;
-    return timeoutMs > INT_MAX ? INT_MAX : static_cast<int>(timeoutMs);
+    return static_cast<int>(std::min<long>(std::max<long>(timeoutMs, INT_MIN), INT_MAX));
 }
 
 template <class Member>

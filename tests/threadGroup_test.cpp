@@ -2,6 +2,7 @@
 //
 // Threads and their groups, the results of the run calls, and what can be observed of both. What handlers do
 // to the turn that calls them is in turn_test.cpp.
+#include <climits>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -366,6 +367,16 @@ TEST_F(ThreadGroup, the_poll_monitor_tells_every_wait_and_dispatch) {
     EXPECT_EQ(1, RunOnce(0)) << "its own wake-up";
     EXPECT_EQ(0, RunOnce(0));
     EXPECT_EQ(0, calls);
+
+    // The timeout is told as it was passed, whatever it is, but for what an int cannot hold.
+    for (long const timeoutMs : {-5L, 5L, LONG_MIN, LONG_MAX}) {
+        Exit();
+        take(observer.ReadFD());
+        EXPECT_EQ(1, RunOnce(timeoutMs));
+        long const told = std::min<long>(std::max<long>(timeoutMs, INT_MIN), INT_MAX);
+        std::string const lines = take(observer.ReadFD());
+        EXPECT_NE(std::string::npos, lines.find(" timeout=" + std::to_string(told) + " ")) << lines;
+    }
 
     thread::UnmonitorPoll("x", observer.WriteFD());
     take(observer.ReadFD());
