@@ -398,10 +398,15 @@ int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count
 // ---- Turns of the loop ----------------------------------------------------------------------------------
 
 void Group::leftovers() {
-    if (undispatched_ > 0) {
-        int const n = static_cast<int>(pollset_.size());
-        dispatch_pollset(pollset_, pollset_.size(), n);
-    }
+    if (undispatched_ == 0)
+        return;
+    dispatch_pollset(pollset_, pollset_.size(), static_cast<int>(pollset_.size()));
+    // A nested turn of one of those handlers may have left results again, at places that this has passed.
+    // They are dropped: the next poll tells what is still true of them. A poll of a combined set would not
+    // clear them, and they would be dispatched a second time.
+    for (pollfd& entry : pollset_)
+        entry.revents = 0;
+    undispatched_ = 0;
 }
 
 void Group::rebuild() {
@@ -459,7 +464,15 @@ int Group::RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs)
         rc = wait(combined, timeoutMs);
         if (rc <= 0)
             break;
-        int const left = dispatch_pollset(combined, base, rc);
+        unsigned long const polled = polls_;
+        int left = dispatch_pollset(combined, base, rc);
+        if (polls_ != polled) {
+            // Nested turns: an exception that a handler has caught may have left results of theirs, which
+            // must not outlast the next poll of this set; and they may have served what the caller waits for,
+            // too.
+            leftovers();
+            left = left > 0 ? poll(combined.data() + base, nfds, 0) : 0;
+        }
         if (left > 0) {
             rc = left;
             break;
