@@ -116,8 +116,8 @@ private:
 
 Group::Group()
     : id_(next_id()), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
-      runner_depth_(0), dispatching_(0), rebuilds_(0), polls_(0), undispatched_(0), membership_(0),
-      built_membership_(0), ask_again_(0), ask_pause_(0) {
+      runner_depth_(0), rebuilds_(0), polls_(0), undispatched_(0), membership_(0), built_membership_(0),
+      ask_again_(0), ask_pause_(0) {
     Log_SpecEntry(logSpecForceInfo, "src/threadGroup", 345, "%s: group %lu: ctrl pipe rd fd=%d",
                   "orn::zel::thread::Group::Group()", id_.value(), ctrl_.ReadFD());
     AutoLock const guard(mutex_);
@@ -257,9 +257,6 @@ bool Group::IsRunner(int tid) const {
 // ---- The poll set ---------------------------------------------------------------------------------------
 
 void Group::setup_pollset() {
-    // Handlers of the present set may be on the stack: it is put aside, not destroyed, until they return.
-    if (dispatching_ > 0)
-        retired_.push_back(std::move(dispatchset_));
     dispatchset_.clear();
     pollset_.clear();
     order_.clear();
@@ -315,32 +312,13 @@ bool isInPollset(pollfd& pfd, pollfd* fds, unsigned long nfds) {
 
 // ---- Dispatching ----------------------------------------------------------------------------------------
 
-// Handlers are running for as long as one of these lives.
-class Group::DispatchScope {
-public:
-    explicit DispatchScope(Group& group) : group_(group) { ++group_.dispatching_; }
-    ~DispatchScope() {
-        if (--group_.dispatching_ == 0 && !group_.retired_.empty()) {
-            // Moved out first: the last reference to a manager may go with it, and end in calls that come
-            // back.
-            std::vector<dispatchset_type> done;
-            done.swap(group_.retired_);
-        }
-    }
-    DispatchScope(DispatchScope const&) = delete;
-    DispatchScope& operator=(DispatchScope const&) = delete;
-
-private:
-    Group& group_;
-};
-
 Group::DispatchInfo const& Group::dispatch_info(pollfd const& pfd) const {
     // Mostly an entry of the group's own set, where its position says more quickly than a search what it is.
     std::less<pollfd const*> const before;
     pollfd const* const begin = pollset_.data();
     if (!before(&pfd, begin) && before(&pfd, begin + pollset_.size()))
         return *order_[static_cast<std::size_t>(&pfd - begin)];
-    dispatchset_type::const_iterator const it = dispatchset_.find(pfd.fd);
+    std::map<int, DispatchInfo>::const_iterator const it = dispatchset_.find(pfd.fd);
     detail::check(it != dispatchset_.end(), "dispatchset.find(pfd.fd) != dispatchset.end()",
                   "src/threadGroup", 663);
     return it->second;
@@ -368,10 +346,11 @@ void Group::dispatch(pollfd& pfd) {
         return;
     }
     display_dispatch(result);
-    DispatchScope const scope(*this);
+    // A copy, since a nested turn may rebuild the set, and so destroy the entry, before the handler returns.
+    boost::function<void(pollfd&)> const handler = info.handler;
     // No lock is held here: the handler may run a nested turn, change any registration or leave the group.
-    if (info.handler)
-        info.handler(result);
+    if (handler)
+        handler(result);
 }
 
 int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count) {

@@ -217,6 +217,26 @@ TEST_F(Turn, an_event_that_a_nested_turn_left_behind_is_delivered_once) {
     EXPECT_EQ("aabcabc", seen);
 }
 
+TEST_F(Turn, a_nested_loop_keeps_no_poll_set_but_the_present_one) {
+    boost::shared_ptr<fd::Manager> const manager = thread::FdMgr(); // each entry of a set holds it
+    watch(0, [&](fd::Event* event) {
+        take(event->fd());
+        long first = 0;
+        for (int turn = 0; turn < 100; ++turn) {
+            watch(1, reader(1)); // which makes the next turn build the set anew
+            RunOnce(0);
+            if (turn == 0)
+                first = manager.use_count();
+        }
+        EXPECT_EQ(first, manager.use_count());
+        seen += "a ";
+    });
+    settle();
+    feed();
+    settle();
+    EXPECT_NE(std::string::npos, seen.find("a "));
+}
+
 TEST_F(Turn, a_nested_rebuild_may_shrink_the_set_under_the_outer_turn) {
     watch(0, [&](fd::Event* event) {
         take(event->fd());

@@ -174,9 +174,6 @@ public:
     void display();
 
 private:
-    class DispatchScope;
-    typedef std::map<int, DispatchInfo> dispatchset_type;
-
     void add_monitors(int tid, boost::shared_ptr<fd::Manager> const& manager);
     void add_entry(int fd, DispatchInfo const& info);
     DispatchInfo const& dispatch_info(pollfd const& pfd) const;
@@ -194,8 +191,8 @@ private:
     int const creator_;
     std::set<int> threads_ ZEL_GUARDED_BY(mutex_);
     os::Pipe ctrl_;
-    std::vector<pollfd> pollset_;  // the runner's
-    dispatchset_type dispatchset_; // the runner's, one entry for each of pollset_
+    std::vector<pollfd> pollset_;             // the runner's
+    std::map<int, DispatchInfo> dispatchset_; // the runner's, one entry for each of pollset_
     std::atomic<unsigned long> built_version_;
     std::atomic<unsigned long> poll_version_;
     mutable ThreadMutex mutex_;
@@ -204,9 +201,6 @@ private:
 
     // The rest is the runner's own. By position in pollset_: what dispatchset_ has for it.
     std::vector<DispatchInfo const*> order_;
-    // A set that is replaced while handlers of it run is kept until they are done.
-    std::vector<dispatchset_type> retired_;
-    unsigned dispatching_;
     unsigned long rebuilds_;
     unsigned long polls_;
     int undispatched_;
