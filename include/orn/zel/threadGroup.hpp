@@ -26,6 +26,10 @@
 // caller into a fresh one. One member at a time, the runner, polls the descriptors of all members and calls
 // their handlers.
 //
+// Let one member of a group make the run calls, and no other, not even bounded ones: between two turns of the
+// loop the role is free, and whoever takes it then leaves that loop's RunOnce(-1) asleep for good. A member
+// that only wants to wait calls poll(); one that wants a loop calls NewThreadGroup() first.
+//
 // One turn of the loop, RunOnce():
 //   1. reserve    Take the runner role, or go one level deeper in it. Not the runner: sleep, and that is all.
 //   2. leftovers  Dispatch what an outer turn polled and has not dispatched yet.
@@ -58,13 +62,15 @@ namespace zel {
 // Runs one turn of the calling thread's group: waits at most timeoutMs milliseconds (negative: without limit,
 // 0: not at all) and calls the handlers of what is ready. Returns the result of poll(): the number of ready
 // descriptors (the group's own wake-ups included), 0 after the timeout, -1 with errno, EINTR among others.
-// While another member of the group is the runner the call only sleeps. An exception of a handler passes
-// through; what was ready besides is dispatched by the next turn. May be called from a handler, 99 levels
-// deep.
+// While another member of the group is the runner the call only sleeps for its timeout: no event ends that,
+// nor does the other's return, so RunOnce(-1) sleeps for ever. An exception of a handler passes through; what
+// was ready besides is dispatched by the next turn. May be called from a handler, 99 levels deep.
 ORN_API int RunOnce(long timeoutMs);
 
 // Waits until one of the caller's descriptors is ready, and serves the group meanwhile. Each pass waits for
 // the whole timeout again. Returns the number of ready entries of fds, whose revents are filled in, 0 or -1.
+// A descriptor that the group watches, too, is the caller's for the length of the call: its handler is not
+// called. A caller that is not the runner polls its own descriptors, and serves nobody.
 ORN_API int RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs);
 
 // The same for one descriptor: its revents, 0 after a timeout or an error.
