@@ -237,11 +237,11 @@ ORN_API int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs);
 // Whether some entry has the same descriptor; events are not compared.
 ORN_API bool isInPollset(pollfd& pfd, pollfd* fds, unsigned long nfds);
 
-// ---- Observation
-// ---------------------------------------------------------------------------------------------- One monitor
-// of each kind per process: a descriptor that a line is written to for each thread operation, or each poll()
-// and dispatch. Any thread; takes effect from the next report. The tag is not used; switching off ignores the
-// descriptor too.
+// ---- Observation ----------------------------------------------------------------------------------------
+
+// One monitor of each kind per process: a descriptor that a line is written to for each thread operation, or
+// each poll() and dispatch. Any thread; takes effect from the next report. The tag is not used; switching off
+// ignores the descriptor too.
 
 ORN_API void MonitorThread(std::string const& tag, int fd);
 ORN_API void UnmonitorThread(std::string const& tag, int fd);
