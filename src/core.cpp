@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 #include <unistd.h>
 
@@ -65,16 +66,18 @@ namespace {
 
 void split_at_most(std::string const& text, std::string const& separators, std::vector<std::string>& out,
                    unsigned long cuts) {
+    std::vector<std::string> fields; // not out, which moves as it grows, and may hold both texts
     std::string::size_type begin = 0;
     for (; cuts > 0; --cuts) {
         std::string::size_type const end = text.find_first_of(separators, begin);
         if (end == std::string::npos)
             break;
-        out.push_back(text.substr(begin, end - begin));
+        fields.push_back(text.substr(begin, end - begin));
         begin = end + 1;
     }
     if (begin < text.size())
-        out.push_back(text.substr(begin));
+        fields.push_back(text.substr(begin));
+    out.insert(out.end(), std::make_move_iterator(fields.begin()), std::make_move_iterator(fields.end()));
 }
 
 } // namespace

@@ -32,14 +32,16 @@ struct MonitorTags {
 MonitorTags monitors = {{-1}, {-1}};
 std::atomic<bool> extendedLogging(false);
 
+// What a pipe holds as the kernel makes it: the most that one turn takes out of the control pipe.
+ssize_t const pipe_capacity = 65536;
+
 // The longest that wait() goes without asking first, in turns: the cost of a miss, one system call, is spread
 // over that many.
 unsigned const longest_ask_pause = 63;
 
+// As it is, negative ones included: observers see what the caller passed.
 int clamp_timeout(long timeoutMs) {
-    if (timeoutMs < 0)
-        return -1;
-    return timeoutMs > INT_MAX ? INT_MAX : static_cast<int>(timeoutMs);
+    return static_cast<int>(std::min<long>(std::max<long>(timeoutMs, INT_MIN), INT_MAX));
 }
 
 template <class Member>
@@ -114,8 +116,8 @@ private:
 
 Group::Group()
     : id_(next_id()), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
-      runner_depth_(0), dispatching_(0), rebuilds_(0), polls_(0), undispatched_(0), membership_(0),
-      built_membership_(0), ask_again_(0), ask_pause_(0) {
+      runner_depth_(0), rebuilds_(0), polls_(0), undispatched_(0), membership_(0), built_membership_(0),
+      ask_again_(0), ask_pause_(0) {
     Log_SpecEntry(logSpecForceInfo, "src/threadGroup", 345, "%s: group %lu: ctrl pipe rd fd=%d",
                   "orn::zel::thread::Group::Group()", id_.value(), ctrl_.ReadFD());
     AutoLock const guard(mutex_);
@@ -147,10 +149,18 @@ std::set<int> Group::Threads() const {
 }
 
 void Group::insert(int tid) {
+    admit(tid, false);
+}
+
+void Group::admit(int tid, bool watches) {
     {
         AutoLock const guard(mutex_);
         threads_.insert(tid);
         ++membership_;
+        // In the same step: a set that the runner builds in between would be without the new member, and
+        // taken for the latest.
+        if (watches)
+            advance_version();
     }
     WakeUp('i');
 }
@@ -166,6 +176,10 @@ void Group::erase(int tid) {
 
 void Group::outdate() {
     AutoLock const guard(mutex_);
+    advance_version();
+}
+
+void Group::advance_version() {
     unsigned long const version = poll_version_ + 1;
     if (version < built_version_) { // wrapped
         built_version_ = 0;
@@ -193,8 +207,14 @@ void Group::WakeUp(char c) {
 void Group::ctrl_eater(pollfd pfd) {
     if (!(pfd.revents & POLLIN))
         return;
-    char c;
-    while (read(pfd.fd, &c, 1) == 1) {
+    // Bounded, because members that wake the loop all the time would fill the pipe as fast as it is read and
+    // hold the runner here. What is left, or comes after a read that has emptied the pipe, wakes the next
+    // turn.
+    char block[4096];
+    ssize_t const size = sizeof block;
+    for (ssize_t taken = 0; taken < pipe_capacity; taken += size) {
+        if (read(pfd.fd, block, sizeof block) < size)
+            return;
     }
 }
 
@@ -237,9 +257,6 @@ bool Group::IsRunner(int tid) const {
 // ---- The poll set ---------------------------------------------------------------------------------------
 
 void Group::setup_pollset() {
-    // Handlers of the present set may be on the stack: it is put aside, not destroyed, until they return.
-    if (dispatching_ > 0)
-        retired_.push_back(std::move(dispatchset_));
     dispatchset_.clear();
     pollset_.clear();
     order_.clear();
@@ -295,32 +312,13 @@ bool isInPollset(pollfd& pfd, pollfd* fds, unsigned long nfds) {
 
 // ---- Dispatching ----------------------------------------------------------------------------------------
 
-// Handlers are running for as long as one of these lives.
-class Group::DispatchScope {
-public:
-    explicit DispatchScope(Group& group) : group_(group) { ++group_.dispatching_; }
-    ~DispatchScope() {
-        if (--group_.dispatching_ == 0 && !group_.retired_.empty()) {
-            // Moved out first: the last reference to a manager may go with it, and end in calls that come
-            // back.
-            std::vector<dispatchset_type> done;
-            done.swap(group_.retired_);
-        }
-    }
-    DispatchScope(DispatchScope const&) = delete;
-    DispatchScope& operator=(DispatchScope const&) = delete;
-
-private:
-    Group& group_;
-};
-
 Group::DispatchInfo const& Group::dispatch_info(pollfd const& pfd) const {
     // Mostly an entry of the group's own set, where its position says more quickly than a search what it is.
     std::less<pollfd const*> const before;
     pollfd const* const begin = pollset_.data();
     if (!before(&pfd, begin) && before(&pfd, begin + pollset_.size()))
         return *order_[static_cast<std::size_t>(&pfd - begin)];
-    dispatchset_type::const_iterator const it = dispatchset_.find(pfd.fd);
+    std::map<int, DispatchInfo>::const_iterator const it = dispatchset_.find(pfd.fd);
     detail::check(it != dispatchset_.end(), "dispatchset.find(pfd.fd) != dispatchset.end()",
                   "src/threadGroup", 663);
     return it->second;
@@ -348,10 +346,11 @@ void Group::dispatch(pollfd& pfd) {
         return;
     }
     display_dispatch(result);
-    DispatchScope const scope(*this);
+    // A copy, since a nested turn may rebuild the set, and so destroy the entry, before the handler returns.
+    boost::function<void(pollfd&)> const handler = info.handler;
     // No lock is held here: the handler may run a nested turn, change any registration or leave the group.
-    if (info.handler)
-        info.handler(result);
+    if (handler)
+        handler(result);
 }
 
 int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count) {
@@ -378,10 +377,15 @@ int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count
 // ---- Turns of the loop ----------------------------------------------------------------------------------
 
 void Group::leftovers() {
-    if (undispatched_ > 0) {
-        int const n = static_cast<int>(pollset_.size());
-        dispatch_pollset(pollset_, pollset_.size(), n);
-    }
+    if (undispatched_ == 0)
+        return;
+    dispatch_pollset(pollset_, pollset_.size(), static_cast<int>(pollset_.size()));
+    // A nested turn of one of those handlers may have left results again, at places that this has passed.
+    // They are dropped: the next poll tells what is still true of them. A poll of a combined set would not
+    // clear them, and they would be dispatched a second time.
+    for (pollfd& entry : pollset_)
+        entry.revents = 0;
+    undispatched_ = 0;
 }
 
 void Group::rebuild() {
@@ -439,7 +443,15 @@ int Group::RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs)
         rc = wait(combined, timeoutMs);
         if (rc <= 0)
             break;
-        int const left = dispatch_pollset(combined, base, rc);
+        unsigned long const polled = polls_;
+        int left = dispatch_pollset(combined, base, rc);
+        if (polls_ != polled) {
+            // Nested turns: an exception that a handler has caught may have left results of theirs, which
+            // must not outlast the next poll of this set; and they may have served what the caller waits for,
+            // too.
+            leftovers();
+            left = left > 0 ? poll(combined.data() + base, nfds, 0) : 0;
+        }
         if (left > 0) {
             rc = left;
             break;

@@ -122,11 +122,14 @@ void Registry::move_to(Locate locate, boost::shared_ptr<Group> const& group) {
     }
     if (left)
         left->erase(self());
+    bool watches;
     {
         AutoLock const guard(lock());
-        locate().group_ = group;
+        Associations& record = locate();
+        record.group_ = group;
+        watches = record.fd_manager_.get() != nullptr;
     }
-    group->insert(self());
+    group->admit(self(), watches);
     // The group that was left may be destroyed here, with no lock held.
 }
 

@@ -29,11 +29,14 @@ std::vector<std::string> fields(std::string const& text, std::string const& sepa
 
 typedef std::vector<std::string> Strings;
 
+unsigned long const first_of_the_process = unique_id(); // whichever test is the first
+
 TEST(Identifiers, begin_at_1_and_come_from_one_counter) {
-    EXPECT_EQ(1u, unique_id());
-    EXPECT_EQ(2u, basic_ProcessUnique<unsigned long>::next_id());
-    EXPECT_EQ(3u, UniqueId::next_id());
-    EXPECT_EQ(4u, unique_id());
+    EXPECT_EQ(1u, first_of_the_process);
+    unsigned long const next = unique_id();
+    EXPECT_EQ(next + 1, basic_ProcessUnique<unsigned long>::next_id());
+    EXPECT_EQ(next + 2, UniqueId::next_id());
+    EXPECT_EQ(next + 3, unique_id());
     std::ostringstream text;
     text << std::hex << basic_Id<unsigned long>(255);
     EXPECT_EQ("ff", text.str());
@@ -84,6 +87,15 @@ TEST(Split, leaves_the_rest_in_the_last_field) {
     split("a,b", ",", out);
     split("c", ",", out, 5);
     EXPECT_EQ((Strings{"before", "a", "b", "c"}), out);
+}
+
+TEST(Split, takes_its_texts_from_its_own_output) {
+    Strings out{"a field that does not fit into the string object;and another one", ";"};
+    out.shrink_to_fit(); // the first field to be appended moves them all
+    split(out[0], out[1], out);
+    ASSERT_EQ(4u, out.size());
+    EXPECT_EQ("a field that does not fit into the string object", out[2]);
+    EXPECT_EQ("and another one", out[3]);
 }
 
 TEST(PossiblyUndefined, is_copied_with_its_state_but_assigned_only_with_a_value) {

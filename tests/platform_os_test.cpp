@@ -17,6 +17,7 @@
 #include <orn/os/Thread.hpp>
 #include <orn/os/o_pthread.h>
 #include <poll.h>
+#include <sched.h>
 #include <stdexcept>
 #include <string>
 #include <sys/resource.h>
@@ -175,6 +176,7 @@ protected:
             EXPECT_EQ(o_pthread_register_extension(&a), 0);
             EXPECT_EQ(o_pthread_register_extension(&b), 0);
         }
+        take_trace(); // of threads of other cases: hooks stay
         lastWords = &pipe_;
     }
     ~PlatformThreadHooks() override {
@@ -293,11 +295,16 @@ TEST(PlatformThread, TheDestructorJoinsAndTheThreadItselfMayCallIt) {
     auto alive = std::make_shared<int>(42);
     std::promise<orn::os::Thread*> self;
     std::promise<int> seen;
-    self.set_value(new orn::os::Thread([&self, &seen, alive] {
+    std::string listed;
+    self.set_value(new orn::os::Thread([&self, &seen, &listed, alive] {
         delete self.get_future().get();
+        listed = "/proc/self/task/" + std::to_string(o_pthread_self());
         seen.set_value(*alive);
     }));
     EXPECT_EQ(seen.get_future().get(), 42);
+    while (::access(listed.c_str(), F_OK) == 0) { // its hooks are not to run in another case
+        ::sched_yield();
+    }
 }
 
 } // namespace

@@ -2,16 +2,19 @@
 //
 // Threads and their groups, the results of the run calls, and what can be observed of both. What handlers do
 // to the turn that calls them is in turn_test.cpp.
+#include <climits>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <sstream>
 
+#include <fcntl.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/weak_ptr.hpp>
+#include <orn/log.h>
 #include <orn/zel.hpp>
 
 #include "support/Support.hpp"
@@ -52,6 +55,46 @@ TEST_F(ThreadGroup, a_new_thread_is_a_member_until_it_ends) {
     EXPECT_EQ(second, thread::ThisGroup());
     EXPECT_EQ(0u, group->size());
     EXPECT_EQ(std::set<int>{thread::self()}, second->Threads());
+}
+
+namespace control {
+
+std::string bytes;
+
+ssize_t recorded(int fd, void const* data, size_t length) {
+    bytes.append(static_cast<char const*>(data), length);
+    return write(fd, data, length);
+}
+
+} // namespace control
+
+TEST_F(ThreadGroup, a_thread_that_joins_brings_what_it_watches_already) {
+    boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
+    orn::os::Pipe pipe(false);
+    orn::os::Pipe late(false);
+    std::atomic<bool> joined(false);
+    std::atomic<bool> served(false);
+    support::Thread const member([&] {
+        NewThreadGroup();
+        fd::AutoReceptor const receptor(pipe.ReadFD(), [&](fd::Event* event) {
+            take(event->fd());
+            served = true;
+        });
+        EXPECT_TRUE(support::wait_until([&] { return group->IsRunner(getpid()); }) &&
+                    support::waits(getpid()));
+        put(pipe.WriteFD(), "x");
+        control::bytes.clear();
+        orn_zel_thread_group_write = control::recorded;
+        thread::This().Associate(group);
+        orn_zel_thread_group_write = write;
+        EXPECT_EQ("ei", control::bytes) << "nothing but what each move writes";
+        joined = true;
+        EXPECT_TRUE(support::wait_until([&] { return served.load(); }));
+    });
+    RunOnce(0);
+    while (!joined)
+        RunOnce(-1);
+    EXPECT_TRUE(support::run_until([&] { return served.load(); }));
 }
 
 TEST_F(ThreadGroup, nothing_survives_an_unload) {
@@ -118,6 +161,14 @@ TEST_F(ThreadGroup, a_full_control_pipe_blocks_nobody_and_wakes_the_loop) {
     EXPECT_EQ(2, RunOnce(-1)) << "the change is seen although its byte was lost";
     EXPECT_EQ(1, calls);
     EXPECT_EQ(0, RunOnce(0));
+}
+
+TEST_F(ThreadGroup, members_that_wake_it_all_the_time_do_not_hold_the_runner) {
+    // A control pipe that is filled as fast as it is read never runs dry; no more does this.
+    int const endless = ::open("/dev/zero", O_RDONLY | O_CLOEXEC);
+    ASSERT_NE(-1, endless);
+    thread::ThisGroup()->ctrl_eater(pollfd{endless, POLLIN, POLLIN});
+    ::close(endless);
 }
 
 TEST_F(ThreadGroup, a_member_that_is_not_the_runner_only_sleeps) {
@@ -214,18 +265,17 @@ TEST_F(ThreadGroup, a_group_event_starts_the_whole_timeout_anew) {
 TEST_F(ThreadGroup, an_interrupted_wait_returns_minus_one) {
     struct sigaction action = {};
     struct sigaction before = {};
-    action.sa_handler = [](int) {};
+    action.sa_handler = [](int) { msec_alarm(10); }; // one that comes before the wait interrupts nothing
     sigaction(SIGALRM, &action, &before);
     RunOnce(0);
     EXPECT_EQ(0u, msec_alarm(10));
     EXPECT_EQ(-1, RunOnce(-1));
     EXPECT_EQ(EINTR, errno);
     pollfd entry = {-1, POLLIN, 3};
-    msec_alarm(10);
     EXPECT_EQ(-1, RunUntilEventOnFdSet(&entry, 1, -1));
     EXPECT_EQ(EINTR, errno);
-    msec_alarm(10);
     EXPECT_EQ(0, RunUntilEventOnFd(-1, POLLIN, -1));
+    msec_alarm(0);
 
     EXPECT_EQ(0u, msec_alarm(90000));
     unsigned const left = msec_alarm(3600001);
@@ -243,6 +293,8 @@ TEST_F(ThreadGroup, an_interrupted_wait_returns_minus_one) {
         seen = msec_alarm(0);
         ASSERT_LE(seen, 1u);
     }
+    signal::unblock(&set, &old); // with the handler still there, for one that is pending
+    msec_alarm(0);
     sigaction(SIGALRM, &before, nullptr);
 }
 
@@ -318,6 +370,16 @@ TEST_F(ThreadGroup, the_poll_monitor_tells_every_wait_and_dispatch) {
     EXPECT_EQ(0, RunOnce(0));
     EXPECT_EQ(0, calls);
 
+    // The timeout is told as it was passed, whatever it is, but for what an int cannot hold.
+    for (long const timeoutMs : {-5L, 5L, LONG_MIN, LONG_MAX}) {
+        Exit();
+        take(observer.ReadFD());
+        EXPECT_EQ(1, RunOnce(timeoutMs));
+        long const told = std::min<long>(std::max<long>(timeoutMs, INT_MIN), INT_MAX);
+        std::string const lines = take(observer.ReadFD());
+        EXPECT_NE(std::string::npos, lines.find(" timeout=" + std::to_string(told) + " ")) << lines;
+    }
+
     thread::UnmonitorPoll("x", observer.WriteFD());
     take(observer.ReadFD());
     RunOnce(0);
@@ -357,13 +419,14 @@ TEST_F(ThreadGroup, the_thread_listing_goes_to_the_poll_monitor_only) {
     thread::MonitorPoll("x", observer.WriteFD());
     std::string const me = "thread: " + std::to_string(thread::self());
     EXPECT_EQ("Threads:\n" + me + " group=none fdMgr=none\n", list());
-    std::string const expected = "Threads:\n" + me + " group=" + std::to_string(GroupId()) +
-                                 " fdMgr=" + std::to_string(thread::FdMgr()->id().value()) + "\n";
-    EXPECT_EQ(expected, list());
+    std::string const first = me + " group=" + std::to_string(GroupId()) +
+                              " fdMgr=" + std::to_string(thread::FdMgr()->id().value()) + "\n";
+    EXPECT_EQ("Threads:\n" + first, list());
     support::Thread const member([&] {
-        EXPECT_EQ(expected + "thread: " + std::to_string(thread::self()) +
-                      " group=" + std::to_string(GroupId()) + " fdMgr=none\n",
-                  list());
+        std::string const mine = "thread: " + std::to_string(thread::self()) +
+                                 " group=" + std::to_string(GroupId()) + " fdMgr=none\n";
+        // In ascending id, and the ids wrap.
+        EXPECT_EQ("Threads:\n" + (thread::self() > getpid() ? first + mine : mine + first), list());
     });
     thread::ThisGroup()->display(); // shows nothing, but must not deadlock
 }
@@ -373,6 +436,7 @@ TEST_F(ThreadGroup, the_extended_log_has_every_set) {
     ::close(::mkstemp(file));
     ::setenv("LOG_SINK", file, 1);
     int const status = support::in_child([] {
+        Log_Reopen(); // what was set when the first record came is what counts
         RunOnce(0);
         thread::enableExtendedLogging();
         RunOnce(0);

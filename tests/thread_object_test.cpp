@@ -343,6 +343,7 @@ TEST_F(ThreadObjectCancellation, OfACreatorWaitsForTheConstructor) {
 
 TEST_F(ThreadObjectHooks, CarryEveryThreadOperation) {
     static std::atomic<int> creates, detaches, exits, joins, cancels;
+    creates = detaches = exits = joins = cancels = 0;
     orn_zel_pthread_create = [](o_pthread_t* thread, o_pthread_attr_t const* attributes,
                                 void* (*start)(void*), void* argument) {
         EXPECT_EQ(attributes, nullptr);
@@ -391,6 +392,8 @@ TEST_F(ThreadObjectHooks, CarryEveryThreadOperation) {
     EXPECT_EQ(joins, 2);
     EXPECT_EQ(cancels, 1);
     orn_zel_pthread_create = o_pthread_create;
+    orn_zel_pthread_detach = o_pthread_detach;
+    orn_zel_pthread_exit = o_pthread_exit;
     orn_zel_pthread_join = o_pthread_join;
     orn_zel_pthread_cancel = o_pthread_cancel;
 }

@@ -26,6 +26,7 @@ protected:
     typedef boost::function<void(fd::Event*)> Handler;
 
     void watch(std::size_t i, Handler handler) {
+        receptors[i].reset(); // before the new one, whose number it would take along
         receptors[i].reset(new fd::AutoReceptor(pipes[i].ReadFD(), handler));
     }
 
@@ -170,6 +171,71 @@ TEST_P(NestedTurn, dispatches_each_event_once_with_or_without_a_rebuild) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, NestedTurn, ::testing::Range(0, 8));
+
+// The handlers read without looking; on a blocking descriptor, one that is called for nothing would hang.
+TEST_F(Turn, an_event_that_a_nested_turn_left_behind_is_delivered_once) {
+    bool angry = false;
+    auto const take_one = [this](int fd, char name) {
+        char byte;
+        EXPECT_EQ(1, read(fd, &byte, 1)) << "an event that was there no more, for " << name;
+        seen += name;
+    };
+    int turns = 0;
+    watch(0, [&](fd::Event* event) {
+        take_one(event->fd(), 'a');
+        while (turns-- > 0) {
+            feed();
+            EXPECT_THROW(RunOnce(0), std::runtime_error); // that of b, with c behind it
+        }
+    });
+    watch(1, [&](fd::Event* event) {
+        take_one(event->fd(), 'b');
+        if (angry)
+            throw std::runtime_error("b");
+    });
+    watch(2, [&](fd::Event* event) { take_one(event->fd(), 'c'); });
+    settle();
+    angry = true;
+    turns = 1;
+    put(pipes[0].WriteFD(), "1");
+    orn::os::Pipe mine(false);
+    EXPECT_EQ(0, RunUntilEventOnFd(mine.ReadFD(), POLLIN, 0));
+    EXPECT_EQ("aabc", seen);
+    settle();
+    EXPECT_EQ("aabc", seen);
+
+    // Nor is the caller told of what a nested turn has taken from its descriptor.
+    angry = false;
+    turns = 0;
+    watch(0, [&](fd::Event* event) {
+        take_one(event->fd(), 'a');
+        settle();
+    });
+    settle();
+    feed();
+    EXPECT_EQ(0, RunUntilEventOnFd(pipes[2].ReadFD(), POLLIN, 0));
+    EXPECT_EQ("aabcabc", seen);
+}
+
+TEST_F(Turn, a_nested_loop_keeps_no_poll_set_but_the_present_one) {
+    boost::shared_ptr<fd::Manager> const manager = thread::FdMgr(); // each entry of a set holds it
+    watch(0, [&](fd::Event* event) {
+        take(event->fd());
+        long first = 0;
+        for (int turn = 0; turn < 100; ++turn) {
+            watch(1, reader(1)); // which makes the next turn build the set anew
+            RunOnce(0);
+            if (turn == 0)
+                first = manager.use_count();
+        }
+        EXPECT_EQ(first, manager.use_count());
+        seen += "a ";
+    });
+    settle();
+    feed();
+    settle();
+    EXPECT_NE(std::string::npos, seen.find("a "));
+}
 
 TEST_F(Turn, a_nested_rebuild_may_shrink_the_set_under_the_outer_turn) {
     watch(0, [&](fd::Event* event) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "Support.hpp"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
@@ -205,13 +206,19 @@ void Loop::settle() {
 }
 
 Loop::~Loop() {
+    orn::zel::thread::UnmonitorThread("", -1); // else the lines go to whatever has the number next
+    orn::zel::thread::UnmonitorPoll("", -1);
     orn::zel::alarm::zel_alarm_unload();
     orn::zel::signal::zel_signal_unload();
     orn::zel::thread::zel_thread_unload();
     orn::zel::signal::release_managers();
     EXPECT_EQ(descriptors_, descriptors());
-    // A thread that has been joined may be listed for a moment longer.
-    EXPECT_TRUE(wait_until([this] { return threads() == threads_; })) << threads().size() << " threads";
+    // A thread that has been joined may be listed for a moment longer: after the test, and before it, too.
+    EXPECT_TRUE(wait_until([this] {
+        std::set<int> const left = threads();
+        return std::includes(threads_.begin(), threads_.end(), left.begin(), left.end());
+    })) << threads().size()
+        << " threads";
     for (auto const& item : dispositions()) {
         EXPECT_EQ(dispositions_[item.first].sa_handler, item.second.sa_handler) << "signal " << item.first;
         unsigned const by_the_system = 0x04000000; // SA_RESTORER

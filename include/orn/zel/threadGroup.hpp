@@ -26,6 +26,10 @@
 // caller into a fresh one. One member at a time, the runner, polls the descriptors of all members and calls
 // their handlers.
 //
+// Let one member of a group make the run calls, and no other, not even bounded ones: between two turns of the
+// loop the role is free, and whoever takes it then leaves that loop's RunOnce(-1) asleep for good. A member
+// that only wants to wait calls poll(); one that wants a loop calls NewThreadGroup() first.
+//
 // One turn of the loop, RunOnce():
 //   1. reserve    Take the runner role, or go one level deeper in it. Not the runner: sleep, and that is all.
 //   2. leftovers  Dispatch what an outer turn polled and has not dispatched yet.
@@ -58,13 +62,15 @@ namespace zel {
 // Runs one turn of the calling thread's group: waits at most timeoutMs milliseconds (negative: without limit,
 // 0: not at all) and calls the handlers of what is ready. Returns the result of poll(): the number of ready
 // descriptors (the group's own wake-ups included), 0 after the timeout, -1 with errno, EINTR among others.
-// While another member of the group is the runner the call only sleeps. An exception of a handler passes
-// through; what was ready besides is dispatched by the next turn. May be called from a handler, 99 levels
-// deep.
+// While another member of the group is the runner the call only sleeps for its timeout: no event ends that,
+// nor does the other's return, so RunOnce(-1) sleeps for ever. An exception of a handler passes through; what
+// was ready besides is dispatched by the next turn. May be called from a handler, 99 levels deep.
 ORN_API int RunOnce(long timeoutMs);
 
 // Waits until one of the caller's descriptors is ready, and serves the group meanwhile. Each pass waits for
 // the whole timeout again. Returns the number of ready entries of fds, whose revents are filled in, 0 or -1.
+// A descriptor that the group watches, too, is the caller's for the length of the call: its handler is not
+// called. A caller that is not the runner polls its own descriptors, and serves nobody.
 ORN_API int RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs);
 
 // The same for one descriptor: its revents, 0 after a timeout or an error.
@@ -174,9 +180,6 @@ public:
     void display();
 
 private:
-    class DispatchScope;
-    typedef std::map<int, DispatchInfo> dispatchset_type;
-
     void add_monitors(int tid, boost::shared_ptr<fd::Manager> const& manager);
     void add_entry(int fd, DispatchInfo const& info);
     DispatchInfo const& dispatch_info(pollfd const& pfd) const;
@@ -185,12 +188,17 @@ private:
     void rebuild();
     int wait(std::vector<pollfd>& set, long timeoutMs);
 
+    // insert(), for a thread that may have descriptors already.
+    void admit(int tid, bool watches);
+    void advance_version() ZEL_REQUIRES(mutex_);
+    friend class Registry;
+
     basic_Id<unsigned long> id_;
     int const creator_;
     std::set<int> threads_ ZEL_GUARDED_BY(mutex_);
     os::Pipe ctrl_;
-    std::vector<pollfd> pollset_;  // the runner's
-    dispatchset_type dispatchset_; // the runner's, one entry for each of pollset_
+    std::vector<pollfd> pollset_;             // the runner's
+    std::map<int, DispatchInfo> dispatchset_; // the runner's, one entry for each of pollset_
     std::atomic<unsigned long> built_version_;
     std::atomic<unsigned long> poll_version_;
     mutable ThreadMutex mutex_;
@@ -199,9 +207,6 @@ private:
 
     // The rest is the runner's own. By position in pollset_: what dispatchset_ has for it.
     std::vector<DispatchInfo const*> order_;
-    // A set that is replaced while handlers of it run is kept until they are done.
-    std::vector<dispatchset_type> retired_;
-    unsigned dispatching_;
     unsigned long rebuilds_;
     unsigned long polls_;
     int undispatched_;
@@ -232,11 +237,11 @@ ORN_API int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs);
 // Whether some entry has the same descriptor; events are not compared.
 ORN_API bool isInPollset(pollfd& pfd, pollfd* fds, unsigned long nfds);
 
-// ---- Observation
-// ---------------------------------------------------------------------------------------------- One monitor
-// of each kind per process: a descriptor that a line is written to for each thread operation, or each poll()
-// and dispatch. Any thread; takes effect from the next report. The tag is not used; switching off ignores the
-// descriptor too.
+// ---- Observation ----------------------------------------------------------------------------------------
+
+// One monitor of each kind per process: a descriptor that a line is written to for each thread operation, or
+// each poll() and dispatch. Any thread; takes effect from the next report. The tag is not used; switching off
+// ignores the descriptor too.
 
 ORN_API void MonitorThread(std::string const& tag, int fd);
 ORN_API void UnmonitorThread(std::string const& tag, int fd);
