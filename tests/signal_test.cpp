@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include <sys/syscall.h>
@@ -15,6 +16,7 @@
 
 #include <orn/zel.hpp>
 
+#include "../src/signalGate.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;
@@ -307,6 +309,43 @@ TEST_F(Signals, changes_in_several_threads_lose_no_arrival_to_those_who_stay) {
     HandlerList<int>& list = signal::sigHandler(signo)->handlers();
     list.remove(list.insert([](int) {}));
     EXPECT_EQ(0, Held::living) << "while nobody is inside, a change frees all that is retired";
+}
+
+TEST(SignalGate, frees_no_function_that_runs_and_makes_up_for_arrivals_that_came_too_early) {
+    using orn::zel::detail::SignalGate;
+    int const signo = SIGUSR1;
+    std::atomic<bool> stop(false);
+    std::atomic<long> arrivals(0), calls(0);
+    auto const publish_another = [&] {
+        boost::shared_ptr<boost::function<void(int)>> const function(new boost::function<void(int)>);
+        *function = [&calls, use = user_of_something()](int value) {
+            use(value);
+            ++calls;
+        };
+        SignalGate::publish(signo, {function});
+        SignalGate::reclaim();
+    };
+    SignalGate::await(signo);
+    auto const arrive = [&] {
+        while (!stop) {
+            ++arrivals;
+            SignalGate::deliver(signo);
+        }
+    };
+    std::thread first(arrive), second(arrive);
+    for (int i = 0; i < 3000; ++i) {
+        publish_another();
+        if (i % 2 == 0)
+            SignalGate::await(signo);
+    }
+    stop = true;
+    first.join();
+    second.join();
+    publish_another();
+    EXPECT_EQ(arrivals, calls);
+    SignalGate::publish(signo, {});
+    SignalGate::drain();
+    EXPECT_EQ(0, Held::living);
 }
 
 sigjmp_buf way_out;
