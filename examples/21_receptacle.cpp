@@ -2,6 +2,9 @@
 //
 // A list of handlers of one's own, which tolerates changes while it is dispatched.
 #include <cstdio>
+#include <thread>
+
+#include <boost/make_shared.hpp>
 
 #include <orn/zel.hpp>
 
@@ -16,7 +19,11 @@ int main() {
     });
     orn::zel::Dispatch(list, 7);
     orn::zel::Dispatch(list, 8);
+    // One that any thread may change needs a mutex which its thread can take again:
+    orn::zel::HandlerList<int> shared(boost::make_shared<orn::zel::RecursiveThreadMutex>());
     // [/use]
+    std::thread([&shared] { shared.insert([](int value) { std::printf("shared: %d\n", value); }); }).join();
+    orn::zel::Dispatch(shared, 9);
     std::printf("handlers left: %u\n", list.count());
     return 0;
 }

@@ -47,6 +47,19 @@ int run(Thread::RunData& data) {
     return data.start ? data.runnable->Run() : 0;
 }
 
+// What the thread layer gets. Under a name of its own inside this file, since a function of the application's
+// that is called threadProc takes the place of the exported one.
+extern "C" void* run_thread(void* ptr) {
+    detail::check(ptr != nullptr, "ptr", "src/Thread", 50);
+    // A copy: the object may be gone before its thread.
+    boost::shared_ptr<Thread::RunData> const data = *static_cast<boost::shared_ptr<Thread::RunData>*>(ptr);
+    data->thread_id = thread::self();
+    Ending const ending(*data);
+    void* const result = reinterpret_cast<void*>(static_cast<std::intptr_t>(run(*data)));
+    orn_zel_pthread_exit(result);
+    return result; // for a replacement that comes back
+}
+
 } // namespace
 
 // ---- Runnable -------------------------------------------------------------------------------------------
@@ -118,7 +131,7 @@ void Thread::InitializeThread() {
         return;
     // Cancelled in here, the object would be taken from under its thread.
     detail::CancelShield const shield;
-    int const error = orn_zel_pthread_create(&handle_, nullptr, threadProc, &run_data_);
+    int const error = orn_zel_pthread_create(&handle_, nullptr, run_thread, &run_data_);
     if (error != 0)
         throw std::system_error(error, std::generic_category(), "thread");
     while (!run_data_->initialized)
@@ -179,14 +192,4 @@ PossiblyUndefined<int> Thread::Status() const {
 } // namespace zel
 } // namespace orn
 
-void* threadProc(void* ptr) {
-    using namespace orn::zel;
-    detail::check(ptr != nullptr, "ptr", "src/Thread", 50);
-    // A copy: the object may be gone before its thread.
-    boost::shared_ptr<Thread::RunData> const data = *static_cast<boost::shared_ptr<Thread::RunData>*>(ptr);
-    data->thread_id = thread::self();
-    Ending const ending(*data);
-    void* const result = reinterpret_cast<void*>(static_cast<std::intptr_t>(run(*data)));
-    orn_zel_pthread_exit(result);
-    return result; // for a replacement that comes back
-}
+extern "C" void* threadProc(void* ptr) __attribute__((alias("run_thread")));

@@ -33,6 +33,7 @@
 #include "process.hpp"
 #include "registry.hpp"
 #include "responseFds.hpp"
+#include "signalFork.hpp"
 
 namespace orn {
 namespace zel {
@@ -421,6 +422,8 @@ void zel_cmd_load() {
         state() = boost::shared_ptr<State>(new State);
     }
     watch_channel_signal();
+    // A client that knocks at a child which has not come to use the library yet must not end it.
+    detail::keep_in_children(channel_signal);
     detail::set_child_hook(watch_channel_signal);
 }
 

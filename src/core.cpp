@@ -44,6 +44,26 @@ void ThreadMutex::Unlock() ZEL_NO_ANALYSIS {
     o_pthread_mutex_unlock(&mutex_);
 }
 
+RecursiveThreadMutex::RecursiveThreadMutex() : RecursiveThreadMutex(own_) {}
+RecursiveThreadMutex::RecursiveThreadMutex(Mutex& other) : mutex_(other), owner_(0), depth_(0) {}
+RecursiveThreadMutex::~RecursiveThreadMutex() = default;
+
+void RecursiveThreadMutex::Lock() ZEL_NO_ANALYSIS {
+    int const me = o_pthread_self();
+    if (owner_.load(std::memory_order_relaxed) != me) {
+        mutex_.Lock();
+        owner_.store(me, std::memory_order_relaxed);
+    }
+    ++depth_;
+}
+
+void RecursiveThreadMutex::Unlock() ZEL_NO_ANALYSIS {
+    if (--depth_ == 0) {
+        owner_.store(0, std::memory_order_relaxed);
+        mutex_.Unlock();
+    }
+}
+
 namespace {
 
 struct IdentifierLock;

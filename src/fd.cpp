@@ -230,15 +230,17 @@ std::ostream& operator<<(std::ostream& os, Events const& events) {
         char const* name;
     } const names[] = {{POLLIN, "IN"},   {POLLPRI, "PRI"}, {POLLOUT, "OUT"},
                        {POLLERR, "ERR"}, {POLLHUP, "HUP"}, {POLLNVAL, "NVAL"}};
-    os << '{' << events.value() << ':';
+    // Composed first: the stream may be writing in another base.
+    std::string text = '{' + std::to_string(events.value()) + ':';
     char const* separator = "";
     for (auto const& item : names) {
         if (events.value() & item.bit) {
-            os << separator << item.name;
+            text += separator;
+            text += item.name;
             separator = ",";
         }
     }
-    return os << '}';
+    return os << text + '}';
 }
 
 void ListFds(std::string const&, int responseFd) {

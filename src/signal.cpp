@@ -2,10 +2,13 @@
 #include <orn/zel/signal.hpp>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <vector>
 
 #include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <boost/bind/bind.hpp>
 
@@ -13,9 +16,60 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "immortal.hpp"
-#include "process.hpp"
+#include "signalFork.hpp"
 #include "signalGate.hpp"
 #include "wire.hpp"
+
+namespace {
+
+// The C library cancels a thread that waits in a system call by a signal of its own, which unwinds from where
+// it arrives. In the middle of a handler there may be nothing to unwind by, and the thread would end without
+// giving up its place in its group. So that signal stays blocked in the handler. sigaddset() refuses it.
+void add_cancellation(sigset_t& mask) {
+    unsigned const signo = 32; // glibc's SIGCANCEL
+    unsigned const bits = CHAR_BIT * sizeof(unsigned long);
+    // The words of the set, as the kernel has them.
+    reinterpret_cast<unsigned long*>(&mask)[(signo - 1) / bits] |= 1UL << ((signo - 1) % bits);
+}
+
+// Of the signals that are pending the system delivers the one with the lowest number. Where one that is
+// watched is pending again whenever its handler returns, the cancellation would never have its turn. In here
+// it is only noted, since cancellation is deferred; and so seldom that nobody pays for the system calls.
+void let_cancellation_in() {
+    static std::atomic<unsigned> arrivals(0);
+    if (arrivals.fetch_add(1, std::memory_order_relaxed) % 16 != 0)
+        return;
+    sigset_t mask;
+    sigemptyset(&mask);
+    add_cancellation(mask);
+    // pthread_sigmask() refuses it, too.
+    syscall(SYS_rt_sigprocmask, SIG_UNBLOCK, &mask, nullptr, NSIG / 8);
+    syscall(SYS_rt_sigprocmask, SIG_BLOCK, &mask, nullptr, NSIG / 8);
+}
+
+} // namespace
+
+extern "C" {
+
+// What sigaction() gets. Under a name of its own inside this file, since a function of the application's that
+// is called sig_handler takes the place of the exported one.
+static void receive_signal(int signo) {
+    int const error = errno;
+    // A request that was made while the thread waits in a system call acts at the end, from a place that can
+    // be unwound, and out of the gate. Not a scope object, because the unwinding may begin here.
+    int type = PTHREAD_CANCEL_DEFERRED;
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
+    orn::zel::detail::SignalGate::deliver(signo);
+    if (type != PTHREAD_CANCEL_DEFERRED) {
+        let_cancellation_in();
+        pthread_testcancel(); // setting the type may act too, but then forgets PTHREAD_CANCELED
+        pthread_setcanceltype(type, nullptr);
+    }
+    errno = error;
+}
+
+void sig_handler(int signo) __attribute__((alias("receive_signal")));
+}
 
 namespace orn {
 namespace zel {
@@ -41,6 +95,13 @@ std::string install_failure(int signo) {
     return "failed to install handler for signal " + std::to_string(signo);
 }
 
+bool ends_the_process_by_default(int signo) {
+    for (int const harmless : {SIGCHLD, SIGCONT, SIGURG, SIGWINCH, SIGTSTP, SIGTTIN, SIGTTOU})
+        if (signo == harmless)
+            return false;
+    return true;
+}
+
 } // namespace
 
 // ---- The process-wide handlers --------------------------------------------------------------------------
@@ -53,9 +114,12 @@ bool SignalHandlerImpl::PublishedList::insert_handler(std::pair<const unsigned l
 }
 
 void SignalHandlerImpl::PublishedList::remove_handler(id_t handle) {
-    AutoLock const guard(lock_);
-    HandlerList<int>::remove_handler(handle);
-    publish();
+    {
+        AutoLock const guard(lock_);
+        HandlerList<int>::remove_handler(handle);
+        publish();
+    }
+    detail::SignalGate::reclaim(); // with the lock released: what is destroyed may come back here
 }
 
 void SignalHandlerImpl::PublishedList::withdraw() {
@@ -79,8 +143,9 @@ SignalHandlerImpl::~SignalHandlerImpl() {
 
 void SignalHandlerImpl::apply_signal_handler() {
     struct sigaction action = {};
-    action.sa_handler = sig_handler;
+    action.sa_handler = receive_signal;
     sigemptyset(&action.sa_mask);
+    add_cancellation(action.sa_mask);
     bool const possible = signo_ > 0 && signo_ < NSIG;
     if (possible)
         detail::SignalGate::await(signo_);
@@ -92,12 +157,14 @@ void SignalHandlerImpl::apply_signal_handler() {
         throw Exception(install_failure(signo_) + ": errno=" + std::to_string(error) + " (" +
                         strerror(error) + ")");
     }
+    detail::handler_installed(signo_, saved_action_);
 }
 
 void SignalHandlerImpl::restore_original_handler() {
     // What was raised while the signal was watched, and no thread has come to take yet, must not end the
-    // process: ignoring a signal discards it.
-    if (saved_action_.sa_handler == SIG_DFL) {
+    // process: ignoring a signal discards it. Where the default is harmless there is no need, and it does
+    // harm: while SIGCHLD is ignored the exit statuses of children are lost.
+    if (saved_action_.sa_handler == SIG_DFL && ends_the_process_by_default(signo_)) {
         struct sigaction ignore = {};
         ignore.sa_handler = SIG_IGN;
         sigaction(signo_, &ignore, nullptr);
@@ -105,10 +172,16 @@ void SignalHandlerImpl::restore_original_handler() {
     sigaction(signo_, &saved_action_, nullptr);
 }
 
+bool SignalHandlerImpl::installed() const {
+    return installed_ && detail::handler_in_place(signo_);
+}
+
 void SignalHandlerImpl::retire() {
     if (!installed_.exchange(false))
         return;
-    restore_original_handler();
+    // A child of fork() has got its dispositions back already, and may have chosen others.
+    if (detail::handler_given_up(signo_))
+        restore_original_handler();
     handlers_.withdraw();
 }
 
@@ -132,8 +205,12 @@ boost::shared_ptr<SignalHandler> sigHandler(int signo) {
     if (!signal_handlers)
         signal_handlers = new handler_map;
     handler_map::const_iterator const it = signal_handlers->find(signo);
-    if (it != signal_handlers->end())
+    if (it != signal_handlers->end()) {
+        // Inherited from the parent of a fork(), and now watched in the child as well.
+        if (!it->second->impl().installed())
+            it->second->impl().apply_signal_handler();
         return it->second;
+    }
     boost::shared_ptr<SignalHandler> made(new SignalHandler(signo));
     signal_handlers->insert(std::make_pair(signo, made));
     return made;
@@ -147,39 +224,12 @@ namespace {
 struct Arrival {
     void operator()(int signo) const {
         // In a child of fork(), whose pipe is its parent's: the parent was not sent this signal.
-        if (detail::process_id() == owner)
+        if (detail::lineage() == born)
             detail::write_word_in_signal(pipe->WriteFD(), static_cast<std::uint32_t>(signo));
     }
 
-    boost::shared_ptr<os::Pipe> pipe;
-    pid_t owner;
-};
-
-// For lists that replay changes, which lock them once more, under their lock.
-class RecursiveMutex : public Mutex {
-public:
-    RecursiveMutex() : owner_(0), depth_(0) {}
-
-    void Lock() override ZEL_NO_ANALYSIS {
-        int const me = thread::self();
-        if (owner_ != me) {
-            mutex_.Lock();
-            owner_ = me;
-        }
-        ++depth_;
-    }
-
-    void Unlock() override ZEL_NO_ANALYSIS {
-        if (--depth_ == 0) {
-            owner_ = 0;
-            mutex_.Unlock();
-        }
-    }
-
-private:
-    ThreadMutex mutex_;
-    std::atomic<int> owner_; // only ever equal to a thread's id when that thread has set it
-    unsigned depth_;
+    boost::shared_ptr<os::Pipe> pipe; // so that it outlives an arrival that is under way
+    unsigned born;
 };
 
 } // namespace
@@ -189,7 +239,7 @@ private:
 struct Manager::SignalBundle {
     SignalBundle(int signo, boost::shared_ptr<os::Pipe> const& pipe,
                  boost::shared_ptr<HandlerList<int>> const& users)
-        : source(sigHandler(signo)), registration(source->handlers(), Arrival{pipe, detail::process_id()}),
+        : source(sigHandler(signo)), registration(source->handlers(), Arrival{pipe, detail::lineage()}),
           list(users) {}
 
     boost::shared_ptr<SignalHandler> source;
@@ -205,22 +255,12 @@ struct Manager::Watch {
     std::vector<int> signals();
 
 private:
-    boost::shared_ptr<HandlerList<int>> find(int signo, bool& retired);
-
-    // The thread that watches and the one that runs the group's loop may be two. A leaf: bundles are made and
-    // destroyed with it released.
+    // The thread that watches and the one that runs the group's loop may be two. No other lock's holder comes
+    // for this one. A bundle is made under it: whoever came second would otherwise put an empty list in the
+    // place of one that has handlers, or have each arrival written twice.
     ThreadMutex lock_;
     std::map<int, SignalBundle> bundles_ ZEL_GUARDED_BY(lock_);
 };
-
-boost::shared_ptr<HandlerList<int>> Manager::Watch::find(int signo, bool& retired) {
-    AutoLock const guard(lock_);
-    std::map<int, SignalBundle>::const_iterator const it = bundles_.find(signo);
-    if (it == bundles_.end())
-        return boost::shared_ptr<HandlerList<int>>();
-    retired = !it->second.source->impl().installed();
-    return it->second.list;
-}
 
 std::vector<int> Manager::Watch::signals() {
     std::vector<int> numbers;
@@ -232,17 +272,23 @@ std::vector<int> Manager::Watch::signals() {
 
 boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::shared_ptr<os::Pipe> const& pipe,
                                                          bool rearm) {
-    bool retired = false;
-    boost::shared_ptr<HandlerList<int>> users = find(signo, retired);
-    if (users && !(rearm && retired))
-        return users;
-    if (!users)
-        users.reset(new HandlerList<int>(boost::shared_ptr<Mutex>(new RecursiveMutex)));
-    SignalBundle const fresh(signo, pipe, users);
-    std::map<int, SignalBundle>::node_type replaced;
-    AutoLock const guard(lock_);
-    replaced = bundles_.extract(signo);
-    bundles_.emplace(signo, fresh);
+    std::map<int, SignalBundle>::node_type replaced; // withdrawn with the lock released
+    boost::shared_ptr<HandlerList<int>> users;
+    {
+        AutoLock const guard(lock_);
+        std::map<int, SignalBundle>::const_iterator const found = bundles_.find(signo);
+        if (found != bundles_.end()) {
+            users = found->second.list;
+            if (!rearm || found->second.source->impl().installed())
+                return users;
+        } else {
+            users.reset(new HandlerList<int>(boost::shared_ptr<Mutex>(new RecursiveThreadMutex)));
+        }
+        SignalBundle const fresh(signo, pipe, users);
+        replaced = bundles_.extract(signo);
+        bundles_.emplace(signo, fresh);
+    }
+    detail::SignalGate::reclaim(); // with the lock released: what is destroyed may come back here
     return users;
 }
 
@@ -296,12 +342,16 @@ boost::shared_ptr<Manager> manager() {
         if (found)
             return found;
     }
-    // Made with the lock released, since it registers with the group. Only the thread itself has this key.
+    // Made with the lock released, since it registers with the group. Only the thread itself has this key,
+    // but it may have been here meanwhile: making a group in a child of fork() watches the channel's signal.
     boost::shared_ptr<Manager> const made(new Manager);
     AutoLock const guard(state_lock());
     if (!managers)
         managers = new manager_map;
-    return (*managers)[key] = made;
+    boost::shared_ptr<Manager>& kept = (*managers)[key];
+    if (!kept)
+        kept = made;
+    return kept;
 }
 
 AutoReceptor::AutoReceptor(int signo, boost::function<void(int)> handler)
@@ -401,6 +451,7 @@ void zel_signal_unload() {
     // Explicitly, because the bundles of managers that live on share the handlers.
     for (auto const& item : *doomed)
         item.second->impl().retire();
+    detail::SignalGate::drain(); // the code that signal context runs may be unmapped next
 }
 
 void release_managers() {
@@ -418,17 +469,3 @@ boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo) {
 
 } // namespace zel
 } // namespace orn
-
-void sig_handler(int signo) {
-    int const error = errno;
-    // While a thread waits in a system call, a cancellation may act at any instruction, also in here: the
-    // handler must first be out of the gate. Not a scope object, because the unwinding may begin here.
-    int type = PTHREAD_CANCEL_DEFERRED;
-    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
-    orn::zel::detail::SignalGate::deliver(signo);
-    if (type != PTHREAD_CANCEL_DEFERRED) {
-        pthread_testcancel(); // setting the type may act too, but then forgets PTHREAD_CANCELED
-        pthread_setcanceltype(type, nullptr);
-    }
-    errno = error;
-}

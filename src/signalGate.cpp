@@ -2,7 +2,6 @@
 #include "signalGate.hpp"
 
 #include <atomic>
-#include <memory>
 
 #include <poll.h>
 #include <signal.h>
@@ -18,93 +17,117 @@ namespace detail {
 
 namespace {
 
+struct Snapshot {
+    SignalGate::functions_type functions;
+    Snapshot* next; // among the retired ones
+};
+
 struct WriterLock;
 
-std::atomic<SignalGate::functions_type const*> published[NSIG] = {};
+// Never waited under, and no function is called or destroyed under it.
+ThreadMutex& writer_lock() {
+    return immortal<ThreadMutex, WriterLock>();
+}
 
-// Published while the first function is still awaited, and the arrivals until then.
-char const no_functions = 0;
+// A signal handler raises inside before it reads published; a writer replaces published before it reads
+// inside. All of it is sequentially consistent, so a writer that reads 0 knows that whoever comes in later
+// reads the replacement, and that whoever has read what was there before has left.
+std::atomic<int> inside(0);
+std::atomic<Snapshot*> published[NSIG] = {};
+Snapshot* retired = nullptr; // guarded by the writer lock
+
+// Published while the first function is still awaited, and the arrivals that nobody has been told of.
+char no_functions = 0;
 std::atomic<unsigned> missed[NSIG] = {};
 
-SignalGate::functions_type const* awaited() {
-    return reinterpret_cast<SignalGate::functions_type const*>(&no_functions);
+Snapshot* awaited() {
+    return reinterpret_cast<Snapshot*>(&no_functions);
 }
 
-// Signal handlers that are inside, counted by the phase in which they came in. A writer turns the phase and
-// waits for the other one to empty, twice: a handler that read the phase before the first turn and counted
-// itself after the wait is caught by the second.
-std::atomic<unsigned> phase(0);
-std::atomic<int> inside[2] = {};
+class Inside {
+public:
+    Inside() { inside.fetch_add(1); }
+    ~Inside() { inside.fetch_sub(1); }
+    Inside(Inside const&) = delete;
+    Inside& operator=(Inside const&) = delete;
+};
 
-// A signal handler finishes within microseconds of running time. One that has not within this many
-// milliseconds never will, because something jumped out of it or is sitting on top of it.
-int const longest_wait_ms = 1000;
-
-bool drain(unsigned side) {
-    for (int waited = 0; inside[side].load() != 0; ++waited) {
-        if (waited == longest_wait_ms)
-            return false;
-        poll(nullptr, 0, 1);
-    }
-    return true;
-}
-
-bool wait_for_handlers() {
-    for (int turn = 0; turn < 2; ++turn) {
-        if (!drain(phase.fetch_add(1) & 1))
-            return false;
-    }
-    return true;
-}
-
-} // namespace
-
-namespace {
-
-void call(SignalGate::functions_type const& functions, int signo) {
-    for (boost::shared_ptr<boost::function<void(int)>> const& function : functions)
+void call(Snapshot const* snapshot, int signo) {
+    if (!snapshot)
+        return;
+    for (boost::shared_ptr<boost::function<void(int)>> const& function : snapshot->functions)
         (*function)(signo);
+}
+
+// Whoever counts an arrival and whoever ends the waiting both come here, each after its own step. So at least
+// one of them meets the functions and the count, and the exchange gives each arrival to one of them only.
+void make_up(int signo) {
+    Snapshot const* const now = published[signo].load();
+    if (now == awaited())
+        return;
+    for (unsigned arrivals = missed[signo].exchange(0); arrivals > 0; --arrivals)
+        call(now, signo);
+}
+
+void replace(int signo, Snapshot* next) {
+    AutoLock const guard(writer_lock());
+    Snapshot* const before = published[signo].exchange(next);
+    if (before && before != awaited()) {
+        before->next = retired;
+        retired = before;
+    }
 }
 
 } // namespace
 
 void SignalGate::deliver(int signo) {
-    unsigned const side = phase.load() & 1;
-    inside[side].fetch_add(1);
-    functions_type const* const functions = published[signo].load();
-    if (functions == awaited())
-        missed[signo].fetch_add(1);
-    else if (functions)
-        call(*functions, signo);
-    inside[side].fetch_sub(1);
+    Inside const scope;
+    Snapshot const* const now = published[signo].load();
+    if (now != awaited())
+        return call(now, signo);
+    missed[signo].fetch_add(1);
+    make_up(signo);
 }
 
 void SignalGate::await(int signo) {
-    CancelShield const shield;
-    AutoLock const guard(immortal<ThreadMutex, WriterLock>());
-    missed[signo] = 0;
-    // Of a handler that an unload in another thread is about to retire, if there is anything.
-    functions_type const* const before = published[signo].exchange(awaited());
-    if (before != awaited() && wait_for_handlers())
-        delete before;
+    replace(signo, awaited());
 }
 
 void SignalGate::publish(int signo, functions_type const& functions) {
-    std::unique_ptr<functions_type const> next(functions.empty() ? nullptr : new functions_type(functions));
-    // The wait below is a cancellation point. Unwound there, this would free what a handler still reads, or
-    // be in a destructor.
+    replace(signo, functions.empty() ? nullptr : new Snapshot{functions, nullptr});
+    Inside const scope;
+    make_up(signo);
+}
+
+void SignalGate::reclaim() {
+    Snapshot* doomed = nullptr;
+    {
+        AutoLock const guard(writer_lock());
+        if (inside == 0)
+            std::swap(doomed, retired);
+    }
+    // Closing a pipe is a cancellation point, and the caller may be a destructor.
     CancelShield const shield;
-    AutoLock const guard(immortal<ThreadMutex, WriterLock>());
-    functions_type const* const now = next.release();
-    functions_type const* const before = published[signo].exchange(now);
-    bool const quiet = wait_for_handlers();
-    if (before == awaited()) {
-        // Whoever saw that nobody was there has been counted by now.
-        for (unsigned arrivals = missed[signo].exchange(0); now && arrivals > 0; --arrivals)
-            call(*now, signo);
-    } else if (quiet) {
-        delete before;
-    } // else better lost than freed under a handler that may come back
+    while (doomed) {
+        Snapshot* const next = doomed->next;
+        delete doomed;
+        doomed = next;
+    }
+}
+
+void SignalGate::drain() {
+    // A signal handler finishes within microseconds of running time. One that has not within this many
+    // milliseconds never will, because something jumped out of it or is sitting on top of it: better lost
+    // than freed under a handler that may come back.
+    int const longest_wait_ms = 1000;
+    CancelShield const shield;
+    for (int waited = 0; inside != 0 && waited < longest_wait_ms; ++waited)
+        poll(nullptr, 0, 1);
+    reclaim();
+}
+
+void SignalGate::forked() {
+    inside = 0;
 }
 
 } // namespace detail

@@ -427,10 +427,29 @@ TEST(Channel, the_function_for_lines_may_turn_the_loop_and_may_throw) {
 
 // ---- fork() ---------------------------------------------------------------------------------------------
 
-TEST(Fork, a_signal_that_is_sent_to_a_child_is_not_seen_by_its_parents_loop) {
+TEST(Fork, a_child_gets_back_what_was_there_before_its_parent_watched_a_signal) {
     Program program({FORK_PROGRAM, "signal"});
-    EXPECT_EQ("1", program.line());
+    EXPECT_EQ("signal 15\nexit 2\nexit 3\n1\n", program.rest());
     EXPECT_EQ("exit 0", program.end());
+}
+
+TEST(Fork, no_signal_to_a_child_is_told_to_its_parent_at_whatever_moment_it_comes) {
+    Program program({FORK_PROGRAM, "group"});
+    EXPECT_EQ("0", program.line(20000));
+    EXPECT_EQ("exit 0", program.end());
+}
+
+TEST(Fork, a_daemon_whose_first_act_is_to_watch_a_signal_is_steered_and_served) {
+    Program parent({FORK_PROGRAM, "fresh"});
+    int const child = std::atoi(parent.line().c_str());
+    ASSERT_LT(0, child);
+    Client client(child);
+    EXPECT_EQ("0", client.ask_one("watched"));
+    ::kill(child, SIGTERM);
+    EXPECT_TRUE(wait_until([&] { return client.ask_one("watched") == "1"; }));
+    client.send("exit 0");
+    EXPECT_TRUE(
+        wait_until([&] { return programs::text_of("/proc/" + std::to_string(child) + "/cmdline").empty(); }));
 }
 
 TEST(Fork, a_daemon_that_brings_the_library_up_anew_is_steered_under_its_own_id) {

@@ -287,8 +287,8 @@ TEST_F(Fd, lack_of_descriptors_is_thrown_and_the_loop_goes_on) {
 
 TEST_F(Fd, prints_events_and_lists_descriptors) {
     std::ostringstream text;
-    text << fd::Events(25) << fd::Events(0) << fd::Events(0x21) << fd::Events(4) << fd::Events(0x40)
-         << fd::Events(2) << fd::Events(-32768);
+    text << std::hex << std::showbase << fd::Events(25) << fd::Events(0) << fd::Events(0x21) << fd::Events(4)
+         << fd::Events(0x40) << fd::Events(2) << fd::Events(-32768);
     EXPECT_EQ("{25:IN,ERR,HUP}{0:}{33:IN,NVAL}{4:OUT}{64:}{2:PRI}{-32768:}", text.str());
 
     orn::os::Pipe answer(false);

@@ -14,28 +14,17 @@ using namespace orn::zel;
 
 namespace {
 
-class RecursiveMutex : public Mutex {
+class CountingMutex : public RecursiveThreadMutex {
 public:
-    RecursiveMutex() {
-        pthread_mutexattr_t attributes;
-        pthread_mutexattr_init(&attributes);
-        pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-        pthread_mutex_init(&mutex_, &attributes);
-        pthread_mutexattr_destroy(&attributes);
-    }
-    ~RecursiveMutex() override { pthread_mutex_destroy(&mutex_); }
     void Lock() override ZEL_NO_ANALYSIS {
-        pthread_mutex_lock(&mutex_);
+        RecursiveThreadMutex::Lock();
         ++depth;
     }
     void Unlock() override ZEL_NO_ANALYSIS {
         --depth;
-        pthread_mutex_unlock(&mutex_);
+        RecursiveThreadMutex::Unlock();
     }
     int depth = 0; // guarded by itself
-
-private:
-    pthread_mutex_t mutex_;
 };
 
 struct Calls {
@@ -102,7 +91,7 @@ TEST(HandlerList, keeps_changes_for_the_end_of_the_dispatch_but_counts_them_at_o
 
 TEST(HandlerList, runs_its_hooks_before_the_first_handler_and_after_the_last) {
     std::string seen;
-    boost::shared_ptr<RecursiveMutex> const mutex(new RecursiveMutex);
+    boost::shared_ptr<CountingMutex> const mutex(new CountingMutex);
     HandlerList<int> list(
         mutex,
         [&](HandlerList<int>* of) {
@@ -169,8 +158,24 @@ TEST(HandlerList, survives_a_nested_dispatch_that_replays_the_removal_of_the_run
     EXPECT_EQ(1u, list.count());
 }
 
-TEST(HandlerList, with_a_mutex_takes_changes_from_any_thread_during_a_dispatch) {
-    HandlerList<int> list(boost::shared_ptr<Mutex>(new RecursiveMutex));
+TEST(HandlerList, keeps_the_handler_that_a_handle_has_already) {
+    HandlerList<int> list;
+    Calls calls;
+    unsigned long const handle = list.insert(calls.as('a'));
+    EXPECT_TRUE(list.insert_handler(std::make_pair(handle, calls.as('b'))));
+    EXPECT_EQ(1u, list.count());
+    Dispatch(list, 1);
+    EXPECT_EQ("a1 ", calls.take());
+}
+
+// Of either kind: on a plain one, which it shares with other code, the list stacks a recursive one.
+class WithMutex : public ::testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(HandlerList, WithMutex, ::testing::Bool());
+
+TEST_P(WithMutex, takes_changes_from_any_thread_during_a_dispatch) {
+    boost::shared_ptr<Mutex> const mutex(GetParam() ? static_cast<Mutex*>(new RecursiveThreadMutex)
+                                                    : static_cast<Mutex*>(new ThreadMutex));
+    HandlerList<int> list(mutex);
     std::atomic<bool> stop(false);
     std::atomic<int> calls(0);
     list.insert([&](int value) {
@@ -178,12 +183,16 @@ TEST(HandlerList, with_a_mutex_takes_changes_from_any_thread_during_a_dispatch) 
         if (value == 1)
             Dispatch(list, 2); // opens the list when it ends, while the outer one is still under way
     });
-    list.insert([&](int) { ++calls; });
+    list.insert([&](int) {
+        list.remove(list.insert([&](int) { ++calls; })); // replayed with the mutex held
+        ++calls;
+    });
     {
         auto const churn = [&] {
             for (int i = 0; i < 3000; ++i) {
                 AutoReceptor<int> const scoped(list, [&](int) { ++calls; });
                 EXPECT_GE(list.count(), 1u);
+                AutoLock const guard(*mutex); // is free between the list's own steps
             }
         };
         support::Thread first(churn), second(churn);

@@ -3,15 +3,20 @@
 // Signals as events of the loop, also while they arrive faster than the loop turns and while what watches
 // them changes.
 #include <cerrno>
+#include <csetjmp>
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <orn/zel.hpp>
 
+#include "../src/signalGate.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;
@@ -137,6 +142,23 @@ TEST_F(Signals, dispositions_come_back_at_unload_and_watching_starts_anew_after_
     sigaction(SIGUSR2, &before, nullptr);
 }
 
+TEST_F(Signals, unloading_loses_no_exit_status_of_a_child) {
+    for (int i = 0; i < 100; ++i) {
+        pid_t const child = fork();
+        if (child == 0)
+            _exit(i);
+        int status = -1;
+        pid_t got = 0;
+        for (; got == 0; got = waitpid(child, &status, WNOHANG)) {
+            Signal(SIGCHLD);
+            signal::zel_signal_unload();
+            signal::zel_signal_load();
+        }
+        ASSERT_EQ(child, got) << i;
+        ASSERT_EQ(i, WEXITSTATUS(status));
+    }
+}
+
 TEST_F(Signals, the_mask_and_what_is_pending_can_be_asked_for) {
     signal::AutoReceptor const receptor(SIGUSR1, [&](int) { seen += "x"; });
     sigset_t set, old, now;
@@ -220,13 +242,39 @@ private:
     support::Thread sender_;
 };
 
+// What a function in signal context uses. It notices when that is destroyed too early, and how often it is.
+class Held {
+public:
+    Held() { ++living; }
+    ~Held() {
+        alive_ = false;
+        --living;
+    }
+    void use() {
+        if (!alive_)
+            std::abort();
+        syscall(SYS_sched_yield);
+        if (!alive_)
+            std::abort();
+    }
+    static std::atomic<int> living;
+
+private:
+    std::atomic<bool> alive_{true};
+};
+
+std::atomic<int> Held::living(0);
+
+boost::function<void(int)> user_of_something() {
+    return [held = std::make_shared<Held>()](int) { held->use(); };
+}
+
 TEST_F(Signals, changes_in_several_threads_lose_no_arrival_to_those_who_stay) {
     int const signo = SIGRTMIN + 1;
     long const total = 20000;
     long calls = 0;
     signal::AutoReceptor const stays(signo, [&](int) { ++calls; });
     Storm storm({signo}, total);
-    std::atomic<long> entered(0);
     {
         // Watch as new threads do, and change the list that signal context reads.
         auto const churn = [&](int own) {
@@ -237,16 +285,12 @@ TEST_F(Signals, changes_in_several_threads_lose_no_arrival_to_those_who_stay) {
                     signal::AutoReceptor const added(own, [](int) {});
                     RunOnce(0);
                 });
-                auto const counted = std::make_unique<std::atomic<long>>(0);
-                std::atomic<long>* const counter = counted.get();
                 HandlerList<int>& list = signal::sigHandler(signo)->handlers();
-                unsigned long const id = list.insert([counter](int) {
-                    syscall(SYS_sched_yield);
-                    ++*counter;
-                });
-                sched_yield();
-                list.remove(id);
-                entered += *counter; // freed now: nobody may be inside any more
+                for (int change = 0; change < 20; ++change) {
+                    unsigned long const id = list.insert(user_of_something());
+                    sched_yield();
+                    list.remove(id); // a signal handler may be in it now
+                }
             }
         };
         support::Thread const first([&] { churn(SIGRTMIN + 2); });
@@ -262,6 +306,97 @@ TEST_F(Signals, changes_in_several_threads_lose_no_arrival_to_those_who_stay) {
     EXPECT_EQ(total, storm.sent());
     EXPECT_TRUE(support::run_until([&] { return calls == total; })) << calls;
 #endif
+    HandlerList<int>& list = signal::sigHandler(signo)->handlers();
+    list.remove(list.insert([](int) {}));
+    EXPECT_EQ(0, Held::living) << "while nobody is inside, a change frees all that is retired";
+}
+
+TEST(SignalGate, frees_no_function_that_runs_and_makes_up_for_arrivals_that_came_too_early) {
+    using orn::zel::detail::SignalGate;
+    int const signo = SIGUSR1;
+    std::atomic<bool> stop(false);
+    std::atomic<long> arrivals(0), calls(0);
+    auto const publish_another = [&] {
+        boost::shared_ptr<boost::function<void(int)>> const function(new boost::function<void(int)>);
+        *function = [&calls, use = user_of_something()](int value) {
+            use(value);
+            ++calls;
+        };
+        SignalGate::publish(signo, {function});
+        SignalGate::reclaim();
+    };
+    SignalGate::await(signo);
+    auto const arrive = [&] {
+        while (!stop) {
+            ++arrivals;
+            SignalGate::deliver(signo);
+        }
+    };
+    std::thread first(arrive), second(arrive);
+    for (int i = 0; i < 3000; ++i) {
+        publish_another();
+        if (i % 2 == 0)
+            SignalGate::await(signo);
+    }
+    stop = true;
+    first.join();
+    second.join();
+    publish_another();
+    EXPECT_EQ(arrivals, calls);
+    SignalGate::publish(signo, {});
+    SignalGate::drain();
+    EXPECT_EQ(0, Held::living);
+}
+
+sigjmp_buf way_out;
+
+int unload_after_a_jump() {
+    unsigned long id = 0;
+    {
+        HandlerList<int>& list = signal::sigHandler(SIGUSR1)->handlers();
+        id = list.insert([used = user_of_something()](int signo) {
+            used(signo);
+            siglongjmp(way_out, 1);
+        });
+        if (sigsetjmp(way_out, 1) == 0)
+            raise(SIGUSR1);
+        list.remove(id);
+        list.remove(list.insert([](int) {}));
+    }
+    if (Held::living != 1)
+        return 1; // freed, although its caller has not come back
+    signal::zel_signal_unload();
+    return Held::living == 1 && signal::is_default(SIGUSR1) ? 0 : 2;
+}
+
+TEST_F(Signals, a_function_that_is_jumped_out_of_is_neither_freed_nor_waited_for_without_end) {
+    EXPECT_EQ("exit 0", support::describe(support::in_child(unload_after_a_jump)));
+}
+
+TEST_F(Signals, a_member_that_watches_what_arrives_all_the_time_is_served) {
+    int const signo = SIGRTMIN + 1;
+    signal::AutoReceptor const stays(signo, [](int) {});
+    std::atomic<bool> stop(false);
+    std::atomic<int> unserved(0);
+    {
+        support::Thread const sender([&] {
+            while (!stop)
+                raise(signo);
+        });
+        auto const lane = [&] {
+            for (int i = 0; i < 20; ++i)
+                support::Thread([&] {
+                    auto const calls = std::make_shared<std::atomic<int>>(0); // outlives a call under way
+                    signal::AutoReceptor const mine(signo, [calls](int) { ++*calls; });
+                    if (!support::wait_until([&] { return *calls > 0; }, 5000))
+                        ++unserved;
+                });
+        };
+        support::Thread const first(lane), second(lane);
+        support::run_until([&] { return first.ended() && second.ended(); }, 250000);
+        stop = true;
+    }
+    EXPECT_EQ(0, unserved);
 }
 
 TEST_F(Signals, members_watch_and_unwatch_while_another_thread_runs_their_loop) {

@@ -2,10 +2,20 @@
 //
 // A process that forks and does not execute anything.
 //
-//     signal   a child sends itself a signal that the parent watches; prints how often the parent saw it
+//     signal   children send themselves signals that the parent watches; prints what became of each child,
+//     and
+//              how often the parent saw a signal
+//     group    signals reach the whole process group while the parent forks; prints how many the parent saw
+//     too
+//              many or too few
+//     fresh    a child of a process with a single thread leaves the session, watches a signal before it does
+//              anything else, and prints its process id
 //     daemon   a child leaves the session, brings the library up anew and prints its process id
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <string>
 
 #include <poll.h>
@@ -19,23 +29,108 @@ namespace {
 
 using namespace orn::zel;
 
-int signal_in_child() {
-    int seen = 0;
-    signal::AutoReceptor const watched(SIGUSR1, [&](int) { ++seen; });
-    while (RunOnce(0) > 0) {
+int handled = 0;
+
+int wait_for(pid_t child) {
+    int status = 0;
+    while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
     }
+    return status;
+}
+
+void in_child(std::function<void()> const& body) {
     pid_t const child = fork();
     if (child == 0) {
-        for (int i = 0; i < 100; ++i)
-            raise(SIGUSR1);
-        _exit(0);
+        body();
+        _exit(handled);
     }
-    waitpid(child, nullptr, 0);
-    raise(SIGUSR1);
+    int const status = wait_for(child);
+    std::printf(WIFSIGNALED(status) ? "signal %d\n" : "exit %d\n",
+                WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status));
+    std::fflush(stdout);
+}
+
+void watch(int signo, int& seen) {
+    static_cast<void>(Signal(signo)->insert([&seen](int) { ++seen; }));
+}
+
+int signal_in_child() {
+    ::signal(SIGUSR1, SIG_IGN);
+    ::signal(SIGUSR2, [](int) { ++handled; });
+    int seen = 0;
+    for (int const signo : {SIGTERM, SIGUSR1, SIGUSR2, SIGCHLD})
+        watch(signo, seen);
+    in_child([] { raise(SIGTERM); }); // its default
+    in_child([] {                     // what was there before they were watched
+        for (int const signo : {SIGUSR1, SIGUSR2, SIGUSR2, SIGCHLD, 55})
+            raise(signo);
+    });
+    in_child([] { // watches anew, and gives up again
+        while (RunOnce(0) > 0) {
+        }
+        watch(SIGTERM, handled);
+        watch(SIGUSR1, handled);
+        for (int const signo : {SIGTERM, SIGUSR1, SIGTERM})
+            raise(signo);
+        while (RunOnce(0) > 0) {
+        }
+        ::signal(SIGUSR2, SIG_IGN);
+        signal::zel_signal_unload();
+        for (int const signo : {SIGUSR1, SIGUSR2}) // the latter as the child itself has set it meanwhile
+            raise(signo);
+    });
+    while (RunOnce(0) > 0) {
+    }
+    seen = 0; // of the children that ended
+    raise(SIGTERM);
     while (RunOnce(0) > 0) {
     }
     std::printf("%d\n", seen);
     return 0;
+}
+
+int signals_to_the_group() {
+    int const signo = SIGRTMIN + 1;
+    int const total = 2000;
+    setpgid(0, 0);
+    ::signal(signo, SIG_IGN);
+    int seen = 0;
+    watch(signo, seen);
+    pid_t const sender = fork();
+    if (sender == 0) {
+        for (int i = 0; i < total; ++i) {
+            kill(0, signo);
+            poll(nullptr, 0, i % 8 == 0);
+        }
+        _exit(0);
+    }
+    while (waitpid(sender, nullptr, WNOHANG) == 0) {
+        pid_t const child = fork();
+        if (child == 0)
+            _exit(0);
+        wait_for(child);
+        RunOnce(0);
+    }
+    while (RunOnce(0) > 0) {
+    }
+    std::printf("%d\n", seen - total);
+    return 0;
+}
+
+int fresh_child() {
+    if (fork() != 0)
+        for (;;) // until it is killed
+            pause();
+    setsid();
+    std::atomic<int> ended(0);
+    static_cast<void>(Signal(SIGTERM)->insert([&](int) { ++ended; }));
+    RegisterCommandModule("watched",
+                          [&](std::string const&, int fd) { cmd::Write(fd, std::to_string(ended) + '\n'); });
+    RegisterCommandModule("exit", [](std::string const& status, int) { exit(std::atoi(status.c_str())); });
+    std::printf("%d\n", getpid());
+    std::fflush(stdout);
+    for (;;)
+        RunOnce(-1);
 }
 
 // The parent has a command thread, a client and everything else that a child does not get.
@@ -66,5 +161,10 @@ int daemon_child() {
 } // namespace
 
 int main(int argc, char** argv) {
-    return argc > 1 && std::string(argv[1]) == "signal" ? signal_in_child() : daemon_child();
+    std::string const mode = argc > 1 ? argv[1] : "";
+    if (mode == "signal")
+        return signal_in_child();
+    if (mode == "group")
+        return signals_to_the_group();
+    return mode == "fresh" ? fresh_child() : daemon_child();
 }

@@ -17,6 +17,7 @@
 #ifndef ORN_ZEL_CORE_HPP
 #define ORN_ZEL_CORE_HPP
 
+#include <atomic>
 #include <exception>
 #include <ostream>
 #include <string>
@@ -89,6 +90,27 @@ public:
 
 private:
     o_pthread_mutex_t mutex_;
+};
+
+// The real lock for code that comes back to what it has locked: the thread that has it may take it again, and
+// gives it up when it has unlocked it as often. The kind that HandlerList works with.
+class ORN_API ZEL_CAPABILITY("mutex") RecursiveThreadMutex : public Mutex {
+public:
+    RecursiveThreadMutex();
+    // Excludes by another lock, which it takes once for all levels and which must outlive it.
+    explicit RecursiveThreadMutex(Mutex& other);
+    ~RecursiveThreadMutex() override;
+    void Lock() override ZEL_ACQUIRE();
+    void Unlock() override ZEL_RELEASE();
+
+    RecursiveThreadMutex(RecursiveThreadMutex const&) = delete;
+    RecursiveThreadMutex& operator=(RecursiveThreadMutex const&) = delete;
+
+private:
+    ThreadMutex own_;
+    Mutex& mutex_;
+    std::atomic<int> owner_; // 0 when free; only ever equal to a thread's id when that thread has set it
+    unsigned depth_;
 };
 
 // Holds a lock for a scope. The lock must outlive the scope.

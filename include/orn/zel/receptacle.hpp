@@ -15,6 +15,8 @@
 //     });
 //     orn::zel::Dispatch(list, 7);
 //     orn::zel::Dispatch(list, 8);
+//     // One that any thread may change needs a mutex which its thread can take again:
+//     orn::zel::HandlerList<int> shared(boost::make_shared<orn::zel::RecursiveThreadMutex>());
 #ifndef ORN_ZEL_RECEPTACLE_HPP
 #define ORN_ZEL_RECEPTACLE_HPP
 
@@ -61,6 +63,14 @@ template <>
 struct TypeName<int> {
     static char const* text() { return "int"; }
 };
+
+// The mutex, or one on top of it that can be taken again where it cannot be itself: the thread that replays a
+// list's changes would wait for itself.
+inline boost::shared_ptr<Mutex> recursive(boost::shared_ptr<Mutex> const& mutex) {
+    if (!dynamic_cast<ThreadMutex*>(mutex.get()))
+        return mutex;
+    return boost::shared_ptr<Mutex>(new RecursiveThreadMutex(*mutex), [mutex](Mutex* made) { delete made; });
+}
 
 } // namespace detail
 
@@ -183,8 +193,10 @@ void Dispatch(SingleReceptacle<dataT>& receptacle, dataT const& event) {
 //      v                                       |  unlock: replay
 //     Dispatching (insert and remove are kept as operations)
 //
-// With a mutex, insert(), remove() and count() may be called from any thread; the mutex must then be
-// recursive, since the replay takes it again. Without one, all calls belong to one thread. One list must not
+// With a mutex, insert(), remove() and count() may be called from any thread. The replay takes the mutex
+// again, so it is a RecursiveThreadMutex, or a recursive one of your own; of a ThreadMutex the list makes a
+// recursive one, which only the list can take again. Without a mutex, all calls belong to one thread. One
+// list must not
 // be dispatched by two threads at once. A handler that runs a nested loop may meet its own list in dispatch
 // again: the nested dispatch replays what was kept so far, and the outer one goes on with those that are
 // still there.
@@ -199,8 +211,8 @@ public:
     // dispatch and then with the mutex held.
     explicit HandlerList(boost::shared_ptr<Mutex> mutex = boost::shared_ptr<Mutex>(),
                          hook_type const& on_first = hook_type(), hook_type const& on_last = hook_type())
-        : locked_(false), mutex_(mutex), on_first_handler_(on_first), on_last_handler_(on_last),
-          id_(unique_id()), name_("handler list " + std::to_string(id_)) {}
+        : locked_(false), mutex_(detail::recursive(mutex)), on_first_handler_(on_first),
+          on_last_handler_(on_last), id_(unique_id()), name_("handler list " + std::to_string(id_)) {}
 
     ~HandlerList() override {}
 
@@ -288,7 +300,7 @@ public:
         if (locked_)
             cached_ops_.push_back(boost::shared_ptr<list_op>(new add_op(this, entry.first, entry.second)));
         else
-            handlers_[entry.first] = boost::shared_ptr<receptor_type>(new receptor_type(entry.second));
+            handlers_.emplace(entry.first, boost::shared_ptr<receptor_type>(new receptor_type(entry.second)));
         return true;
     }
 

@@ -15,6 +15,15 @@
 // replaces whatever was there; the disposition before is put back when the library is taken down, not
 // earlier. Each arrival gives one call, except where the system merges pending signals. New signals may be
 // watched at any time, from any thread, also while they arrive.
+//
+// The handlers of a signal are called in the order of their registration, those that are there when the
+// arrival's turn comes: one whose receptor an earlier handler of the same arrival has destroyed is still
+// called, so what it uses has to live on for that long. A handler that throws ends its arrival for the
+// thread: the handlers after it are not called, arrivals that are still in the pipe wait for the next turn,
+// and registrations made or ended before the next arrival take effect after that one.
+//
+// In a child of fork() each watched signal has the disposition back that it had before it was watched. A
+// child that goes on to use the library watches its signals anew.
 #ifndef ORN_ZEL_SIGNAL_HPP
 #define ORN_ZEL_SIGNAL_HPP
 
@@ -92,6 +101,11 @@ public:
 
     // Signal-safe: tells every watching manager.
     void handle_signal();
+    // What is called in signal context, so only signal-safe functions may be inserted here. One that has been
+    // removed may still be running in another thread, when remove() has returned, and what it was made of is
+    // destroyed only when no signal's handler is running, by a later change here or by the unloading. So it
+    // holds what it uses. One that is jumped out of keeps from then on all that is removed from being
+    // destroyed; unloading waits a second for it.
     HandlerList<int>& handlers();
     SignalHandlerImpl& impl() { return *impl_; }
 
@@ -111,13 +125,12 @@ public:
     void apply_signal_handler();
     void restore_original_handler();
 
-    bool installed() const { return installed_; }
+    bool installed() const;
     // Puts the disposition before back now, however long this lives on.
     void retire();
 
 private:
-    // The handlers in the form that signal context reads: every change publishes a new, immutable snapshot,
-    // and returns when no signal handler that may have seen the one before is running any more.
+    // The handlers in the form that signal context reads: every change publishes a new, immutable snapshot.
     class PublishedList : public HandlerList<int> {
     public:
         explicit PublishedList(SignalHandlerImpl& owner) : owner_(owner) {}
@@ -128,7 +141,7 @@ private:
     private:
         void publish();
         SignalHandlerImpl& owner_;
-        ThreadMutex lock_; // managers of several threads come and go; never taken in signal context
+        RecursiveThreadMutex lock_; // managers of several threads come and go; never taken in signal context
     };
 
     int const signo_;

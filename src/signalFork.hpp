@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: MIT
+//
+// What becomes of watched signals in a child of fork(). Internal to signals. A child inherits the library's
+// handlers and the pipes behind them, which are its parent's. So the child gets back what was in force before
+// each signal was watched, with every signal blocked from before the fork until that is done: none that is
+// sent to it is lost, or told to its parent.
+#ifndef ZEL_SRC_SIGNALFORK_HPP
+#define ZEL_SRC_SIGNALFORK_HPP
+
+#include <signal.h>
+
+namespace orn {
+namespace zel {
+namespace detail {
+
+// How many forks lie between this process and the one that loaded the library. What signal context holds of a
+// parent's is told by it. Signal-safe.
+unsigned lineage();
+
+// That the library's handler is installed in this process, and what was in force before.
+void handler_installed(int signo, struct sigaction const& before);
+bool handler_in_place(int signo);
+// True when it was in place. Before the disposition is put back.
+bool handler_given_up(int signo);
+
+// Leaves the handler in place in children, where it does nothing until they watch the signal themselves: for
+// a signal that others send without asking, and whose default action ends a process.
+void keep_in_children(int signo);
+
+} // namespace detail
+} // namespace zel
+} // namespace orn
+
+#endif

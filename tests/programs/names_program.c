@@ -1,0 +1,17 @@
+/* SPDX-License-Identifier: MIT
+ *
+ * Functions of an application that has never heard of the library, under names that the library has, too. */
+#include <stdlib.h>
+
+void sig_handler(int signo);
+void* threadProc(void* argument);
+
+void sig_handler(int signo) {
+    (void)signo;
+    abort();
+}
+
+void* threadProc(void* argument) {
+    (void)argument;
+    abort();
+}
