@@ -125,10 +125,13 @@ private:
         void remove_handler(id_t handle) override;
         void withdraw();
 
+    protected:
+        bool knows(unsigned long handle) const override;
+
     private:
         void publish();
         SignalHandlerImpl& owner_;
-        ThreadMutex lock_; // managers of several threads come and go; never taken in signal context
+        mutable ThreadMutex lock_; // managers of several threads come and go; never taken in signal context
     };
 
     int const signo_;
