@@ -8,12 +8,14 @@
 #include <boost/bind/bind.hpp>
 #include <boost/make_shared.hpp>
 
+#include <orn/log.h>
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
 #include "idTable.hpp"
 #include "immortal.hpp"
 #include "observers.hpp"
+#include "process.hpp"
 #include "registry.hpp"
 #include "wire.hpp"
 
@@ -54,16 +56,6 @@ void report_deleted(id_t id) {
     report([id](std::ostream& line) { line << "alarm deleted: id=" << id; });
 }
 
-// Empty when the thread has none; makes nothing, so that a destructor may call it.
-boost::shared_ptr<Manager> manager_if_any() {
-    boost::shared_ptr<fd::Manager> const fd_manager = thread::Registry::fd_manager_if_any(thread::self());
-    AutoLock const guard(map_lock());
-    if (!managerMap || !fd_manager)
-        return boost::shared_ptr<Manager>();
-    manager_map::const_iterator const it = managerMap->find(fd_manager->id().value());
-    return it == managerMap->end() ? boost::shared_ptr<Manager>() : it->second;
-}
-
 } // namespace
 
 void process_to_fd(unsigned long id, int fd) {
@@ -85,28 +77,48 @@ struct Manager::Table {
     // what its entries hold except the handlers; only the timers' own lock is taken under it, and nothing is
     // destroyed: a timer waits for its callback, and handlers may come back here.
     ThreadMutex lock;
+
+    id_t draw_id() ZEL_REQUIRES(lock) {
+        return detail::draw_id([this](id_t id) ZEL_NO_ANALYSIS { return alarms.find(id) != nullptr; });
+    }
+
     // Destroyed, with its timers, before the pipe they write to.
     detail::IdTable<boost::shared_ptr<TimerBlob>> alarms ZEL_GUARDED_BY(lock);
 };
 
 Manager::Manager()
-    : id_(next_id()), table_(new Table), monitor_(Fd(table_->pipe.ReadFD())),
+    : id_(detail::draw_id()), tid_(thread::self()), pid_(detail::process_id()), table_(new Table),
+      monitor_(Fd(table_->pipe.ReadFD())),
       receptor_(*monitor_, [table = table_](fd::Event* event) { drain(*table, event); }) {}
 
 Manager::~Manager() = default;
 
+void Manager::note_caller(char const* function, id_t id) const {
+    int const caller = thread::self();
+    if (caller == tid_ || detail::process_id() != pid_)
+        return;
+    // The alarms of a thread that has ended are served by nobody.
+    if (!thread::Registry::fd_manager_if_any(tid_))
+        return;
+    boost::shared_ptr<thread::Group> const group = thread::Registry::group_if_any();
+    if (group && group->Threads().count(tid_) != 0)
+        return;
+    Log_SpecEntry(logSpecForceInfo, "src/alarm", __LINE__,
+                  "%s: alarm %lu belongs to thread %d, and thread %d is of another group", function, id, tid_,
+                  caller);
+}
+
 id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handler handler) {
     if (handler.empty())
         throw Exception("NULL handler");
-    id_t const id = unique_id();
     boost::shared_ptr<TimerBlob> const blob = boost::make_shared<TimerBlob>();
-    blob->timer.reset(CreateTimer(boost::bind(process_to_fd, id, table_->pipe.WriteFD())));
     blob->handler.swap(handler);
     blob->one_shot = recurringMs == 0;
+    id_t id;
     {
-        boost::shared_ptr<TimerBlob> replaced; // an old one, once the identifiers have wrapped
         AutoLock const guard(table_->lock);
-        replaced = table_->alarms.take(id);
+        id = table_->draw_id();
+        blob->timer.reset(CreateTimer(boost::bind(process_to_fd, id, table_->pipe.WriteFD())));
         table_->alarms.insert(id, blob);
         try {
             blob->timer->Set(initialMs, recurringMs);
@@ -122,6 +134,7 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
 }
 
 void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
+    note_caller("ResetAlarm", id);
     {
         AutoLock const guard(table_->lock);
         boost::shared_ptr<TimerBlob>* const found = table_->alarms.find(id);
@@ -134,6 +147,7 @@ void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
 }
 
 void Manager::DeleteAlarm(id_t id) {
+    note_caller("DeleteAlarm", id);
     boost::shared_ptr<TimerBlob> deleted;
     std::unique_ptr<os::Timer> timer;
     {
@@ -195,12 +209,16 @@ boost::shared_ptr<Manager> manager() {
         if (found)
             return found;
     }
-    // Made with the lock released, since it registers with the group. Only the thread itself has this key.
+    // Made with the lock released, since it registers with the group. Only the thread itself has this key,
+    // but making a group may run the child's hook, which may come back here: what is there then stays.
     boost::shared_ptr<Manager> const made(new Manager);
     AutoLock const guard(map_lock());
     if (!managerMap)
         managerMap = new manager_map;
-    return (*managerMap)[key] = made;
+    boost::shared_ptr<Manager>& slot = (*managerMap)[key];
+    if (!slot)
+        slot = made;
+    return slot;
 }
 
 void Monitor(std::string const&, int fd) {
@@ -240,14 +258,26 @@ AlarmImpl::~AlarmImpl() {
     Cancel();
 }
 
+void AlarmImpl::Set(unsigned long initialMs, unsigned long recurringMs, Handler const& handler) {
+    boost::shared_ptr<Manager> const home = manager();
+    id = home->AddAlarm(initialMs, recurringMs, handler);
+    home_ = home;
+}
+
+void AlarmImpl::Reset(unsigned long timeoutMs) {
+    if (id == 0)
+        return;
+    if (boost::shared_ptr<Manager> const home = home_.lock())
+        home->ResetAlarm(id, timeoutMs);
+}
+
 void AlarmImpl::Cancel() {
     if (id == 0)
         return;
-    boost::shared_ptr<Manager> const owner = manager_if_any();
-    if (owner)
-        owner->DeleteAlarm(id);
+    if (boost::shared_ptr<Manager> const home = home_.lock())
+        home->DeleteAlarm(id);
     else
-        report_deleted(id);
+        report_deleted(id); // an unload has taken the alarm away
     id = 0;
 }
 
@@ -255,7 +285,7 @@ void AlarmImpl::Cancel() {
 
 Alarm::Alarm(unsigned long initialMs, unsigned long recurringMs, alarm::Handler handler)
     : impl_(new alarm::AlarmImpl) {
-    impl_->id = alarm::manager()->AddAlarm(initialMs, recurringMs, handler);
+    impl_->Set(initialMs, recurringMs, handler);
 }
 
 Alarm::Alarm(unsigned long initialMs, alarm::Handler handler) : Alarm(initialMs, 0, handler) {}
@@ -265,8 +295,7 @@ Alarm::~Alarm() {
 }
 
 void Alarm::Reset(unsigned long timeoutMs) {
-    if (impl_->id != 0)
-        alarm::manager()->ResetAlarm(impl_->id, timeoutMs);
+    impl_->Reset(timeoutMs);
 }
 
 void Alarm::Cancel() {

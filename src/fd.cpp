@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include <orn/zel/fd.hpp>
 
+#include <set>
+
 #include <orn/log.h>
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
+#include "immortal.hpp"
 #include "plainText.hpp"
 #include "registry.hpp"
 
@@ -61,7 +64,7 @@ void ManagerAssociation::dissociate() {
 MonitorImpl::MonitorImpl() : MonitorImpl(-1, 0) {}
 
 MonitorImpl::MonitorImpl(int fd, short events)
-    : id_(next_id()), fd_(fd), events_(events), expired_(0), registration_(0), association_(this) {}
+    : id_(detail::draw_id()), fd_(fd), events_(events), expired_(0), registration_(0), association_(this) {}
 
 MonitorImpl::~MonitorImpl() = default;
 
@@ -134,11 +137,37 @@ void MonitorMap::Unlock() ZEL_NO_ANALYSIS {
     mutex_.Unlock();
 }
 
-Manager::Manager() : id_(next_id()), registrations_(0) {
+namespace {
+
+struct LiveIdsLock;
+struct LiveIds;
+
+ThreadMutex& live_ids_lock() {
+    return detail::immortal<ThreadMutex, LiveIdsLock>();
+}
+
+// The identifiers of all managers there are. A thread's alarms, signals and tasks are found by that of its
+// manager, so no two may be equal, not even when the counter has wrapped. Empty, and so without memory of its
+// own, when the last manager goes.
+std::set<id_t>& live_ids() {
+    return detail::immortal<std::set<id_t>, LiveIds>();
+}
+
+id_t draw_live_id() {
+    AutoLock const guard(live_ids_lock());
+    return detail::draw_id([](id_t id) { return !live_ids().insert(id).second; });
+}
+
+} // namespace
+
+Manager::Manager() : id_(draw_live_id()), registrations_(0) {
     Log_SpecEntry(logSpecForceInfo, "src/fd", 174, "%s", "orn::zel::fd::Manager::Manager()");
 }
 
-Manager::~Manager() = default;
+Manager::~Manager() {
+    AutoLock const guard(live_ids_lock());
+    live_ids().erase(id_.value());
+}
 
 void Manager::insert(MonitorImpl* monitor) {
     boost::shared_ptr<thread::Group> const group = thread::ThisGroup();

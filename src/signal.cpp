@@ -122,6 +122,11 @@ void SignalHandlerImpl::PublishedList::remove_handler(id_t handle) {
     detail::SignalGate::reclaim(); // with the lock released: what is destroyed may come back here
 }
 
+bool SignalHandlerImpl::PublishedList::knows(unsigned long handle) const {
+    AutoLock const guard(lock_);
+    return HandlerList<int>::knows(handle);
+}
+
 void SignalHandlerImpl::PublishedList::withdraw() {
     AutoLock const guard(lock_);
     detail::SignalGate::publish(owner_.signo_, detail::SignalGate::functions_type());
@@ -306,7 +311,7 @@ void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& 
 }
 
 Manager::Manager()
-    : id_(next_id()), pipe_(new os::Pipe(false)), watch_(new Watch),
+    : id_(detail::draw_id()), pipe_(new os::Pipe(false)), watch_(new Watch),
       receptor_(pipe_->ReadFD(),
                 [watch = watch_, pipe = pipe_](fd::Event* event) { watch->drain(event, pipe); }) {}
 

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include <orn/zel/task.hpp>
 
+#include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <new>
 #include <utility>
 #include <vector>
@@ -37,6 +39,10 @@ unsigned long const retired_before_reuse = 1024;
 // In the pipe: no task, just a reason for the loop to turn.
 std::uint32_t const nudge = 0;
 
+// As many rounds, each in a slice of the one before it, go on with the rest of the turn. Slices that all run
+// a nested turn would otherwise pile up until the loop's own limit of 99 levels ends the process.
+unsigned const most_rounds = 32;
+
 std::atomic<int> monitorFd(-1);
 
 // Of managers that went while other threads lived on: what those still point to. Guarded by map_lock().
@@ -49,26 +55,34 @@ ThreadMutex& map_lock() {
 }
 
 // First in, first out, in one block of memory that is kept: in the long run nothing is allocated.
-class IdQueue {
+template <class T>
+class Fifo {
 public:
-    bool empty() const { return head_ == words_.size(); }
+    bool empty() const { return head_ == items_.size(); }
+    std::size_t size() const { return items_.size() - head_; }
 
-    std::uint32_t pop() { return words_[head_++]; }
+    T pop() { return items_[head_++]; }
 
-    // For so many push() that do not fail.
+    // For so many items more, which are then pushed without fail.
     void make_room(std::size_t count) {
-        if (head_ > 0 && head_ >= words_.size() / 2) {
-            words_.erase(words_.begin(), words_.begin() + static_cast<std::ptrdiff_t>(head_));
+        if (head_ > 0 && head_ >= items_.size() / 2) {
+            items_.erase(items_.begin(), place(0));
             head_ = 0;
         }
-        if (words_.capacity() - words_.size() < count)
-            words_.reserve(2 * words_.size() + count);
+        if (items_.capacity() - items_.size() < count)
+            items_.reserve(std::max(2 * items_.capacity(), items_.size() + count));
     }
 
-    void push(std::uint32_t word) { words_.push_back(word); }
+    void push(T item) { items_.push_back(item); }
+    // Before so many that are there.
+    void push_before(std::size_t count, T item) { items_.insert(place(size() - count), item); }
 
 private:
-    std::vector<std::uint32_t> words_;
+    typename std::vector<T>::iterator place(std::size_t at) {
+        return items_.begin() + static_cast<std::ptrdiff_t>(head_ + at);
+    }
+
+    std::vector<T> items_;
     std::size_t head_ = 0;
 };
 
@@ -104,9 +118,7 @@ public:
         ControllerImpl& task_;
     };
 
-    Core()
-        : pipe_(false), all_(nullptr), first_retired_(nullptr), last_retired_(nullptr), retired_count_(0),
-          rounds_(0), nudged_(false), any_overdue_(false) {}
+    Core() : pipe_(false), rounds_(0), nudged_(false), any_overdue_(false) {}
     ~Core();
     Core(Core const&) = delete;
     Core& operator=(Core const&) = delete;
@@ -116,10 +128,13 @@ public:
     ControllerImpl& open(Spec const& spec);
     void remove(id_t id);
     void schedule(id_t id);
+    void hold(id_t id);
+    bool deepest() const { return rounds_.load(std::memory_order_relaxed) >= most_rounds; }
     void run(id_t id);
     void handle(fd::Event* event);
-    void load(int fd);
-    void run_queue();
+    // The result is for run_queue(): how many identifiers it leaves in the queue.
+    std::size_t load(int fd);
+    void run_queue(std::size_t rest);
     void list(std::ostream& text);
 
     ThreadMutex& lock() { return lock_; }
@@ -129,65 +144,52 @@ private:
 
     ControllerImpl* vacant() ZEL_REQUIRES(lock_);
     ControllerImpl* pin(id_t id) ZEL_REQUIRES(lock_);
-    ControllerImpl* pin_next();
+    ControllerImpl* pin_next(std::size_t rest);
     void unpin(ControllerImpl& task);
     void retire(ControllerImpl& task, Functions& functions) ZEL_REQUIRES(lock_);
     void post(std::uint32_t word);
-    void take_words(std::uint32_t const* words, std::size_t count) ZEL_REQUIRES(lock_);
-    void take_overdue() ZEL_REQUIRES(lock_);
+    void take_words(std::uint32_t const* words, std::size_t count, std::size_t rest) ZEL_REQUIRES(lock_);
+    void take_overdue(std::size_t rest) ZEL_REQUIRES(lock_);
+    bool nudge_wanted() const ZEL_REQUIRES(lock_) { return !queue_.empty() && rounds_ > 0 && !deepest(); }
+    void settle_nudge();
     void end_round();
+    void release_held();
 
     os::Pipe pipe_;
     ThreadMutex lock_; // a leaf; guards the tasks' fields too
     std::map<id_t, ControllerImpl*> tasks_ ZEL_GUARDED_BY(lock_);
-    IdQueue queue_ ZEL_GUARDED_BY(lock_);
-    ControllerImpl* all_ ZEL_GUARDED_BY(lock_);
-    ControllerImpl* first_retired_ ZEL_GUARDED_BY(lock_); // the oldest
-    ControllerImpl* last_retired_ ZEL_GUARDED_BY(lock_);
-    unsigned long retired_count_ ZEL_GUARDED_BY(lock_);
-    unsigned rounds_ ZEL_GUARDED_BY(lock_); // run_queue() on the stack
-    bool nudged_ ZEL_GUARDED_BY(lock_);     // a round's nudge is in the pipe
+    Fifo<std::uint32_t> queue_ ZEL_GUARDED_BY(lock_);
+    Fifo<std::uint32_t> held_ ZEL_GUARDED_BY(lock_); // scheduled by the ends of slices in the deepest rounds
+    std::vector<std::unique_ptr<ControllerImpl>> all_ ZEL_GUARDED_BY(lock_);
+    Fifo<ControllerImpl*> retired_ ZEL_GUARDED_BY(lock_);
+    std::atomic<unsigned> rounds_;      // run_queue() on the stack; changed by the runner, under the lock
+    bool nudged_ ZEL_GUARDED_BY(lock_); // a nudge is in the pipe for the rest of the queue
     bool any_overdue_ ZEL_GUARDED_BY(lock_);
 };
 
 Core::~Core() ZEL_NO_ANALYSIS {
     // All functions first: what they hold may still steer another of these tasks when it goes.
-    for (ControllerImpl* task = all_; task; task = task->next_) {
+    for (auto const& task : all_) {
         Functions functions;
         functions.fn.swap(task->spec_.fn);
         functions.done.swap(task->spec_.done);
     }
-    while (all_) {
-        ControllerImpl* const task = all_;
-        all_ = task->next_;
-        delete task;
-    }
 }
 
 ControllerImpl* Core::vacant() {
-    ControllerImpl* task = first_retired_;
-    if (retired_count_ > retired_before_reuse) {
-        first_retired_ = task->next_retired_;
-        --retired_count_;
-        return task;
-    }
-    task = new ControllerImpl(this);
-    task->next_ = all_;
-    all_ = task;
-    return task;
+    // For every task there is and one more: retiring them must not fail.
+    retired_.make_room(all_.size() - retired_.size() + 1);
+    if (retired_.size() > retired_before_reuse)
+        return retired_.pop();
+    all_.push_back(std::unique_ptr<ControllerImpl>(new ControllerImpl(this)));
+    return all_.back().get();
 }
 
 void Core::retire(ControllerImpl& task, Functions& functions) {
     functions.fn.swap(task.spec_.fn);
     functions.done.swap(task.spec_.done);
     task.retired_ = true;
-    task.next_retired_ = nullptr;
-    if (retired_count_ == 0)
-        first_retired_ = &task;
-    else
-        last_retired_->next_retired_ = &task;
-    last_retired_ = &task;
-    ++retired_count_;
+    retired_.push(&task);
 }
 
 ControllerImpl& Core::open(Spec const& spec) {
@@ -196,10 +198,8 @@ ControllerImpl& Core::open(Spec const& spec) {
     AutoLock const guard(lock_);
     ControllerImpl& task = *vacant();
     try {
-        // Not one that a live task has kept from before the counter wrapped.
-        do {
-            task.id_ = ControllerImpl::next_id();
-        } while (task.id_ == 0 || !tasks_.emplace(task.id_, &task).second);
+        task.id_ =
+            detail::draw_id([&](id_t id) ZEL_NO_ANALYSIS { return !tasks_.emplace(id, &task).second; });
     } catch (...) {
         retire(task, none);
         throw;
@@ -266,57 +266,90 @@ void Core::post(std::uint32_t word) {
     detail::write_word(pipe_.WriteFD(), nudge);
 }
 
-void Core::take_words(std::uint32_t const* words, std::size_t count) {
+void Core::take_words(std::uint32_t const* words, std::size_t count, std::size_t rest) {
     for (std::size_t i = 0; i < count; ++i) {
         if (words[i] == nudge)
             nudged_ = false;
-        else
+        else if (rest == 0)
             queue_.push(words[i]);
+        else
+            queue_.push_before(rest, words[i]);
     }
 }
 
-void Core::take_overdue() {
+void Core::take_overdue(std::size_t rest) {
     if (!any_overdue_)
         return;
     for (auto const& item : tasks_) {
         if (!item.second->overdue_)
             continue;
-        queue_.make_room(1);
-        queue_.push(static_cast<std::uint32_t>(item.first));
+        queue_.make_room(2); // one stays for settle_nudge()
+        queue_.push_before(rest, static_cast<std::uint32_t>(item.first));
         item.second->overdue_ = false;
     }
     any_overdue_ = false;
 }
 
-void Core::load(int fd) {
+// In the deepest rounds what has just been scheduled goes before the rest of the turn, which is left to the
+// rounds above: a slice down there may wait for what it has started or continued, and for nothing else.
+std::size_t Core::load(int fd) {
     std::size_t const most = 256;
     std::uint32_t words[most];
-    ssize_t got;
-    do {
-        {
-            AutoLock const guard(lock_);
-            queue_.make_room(most); // before they are out of the pipe
-        }
-        got = read(fd, words, sizeof words);
-        if (got < 1)
-            break;
+    std::size_t rest;
+    {
         AutoLock const guard(lock_);
-        take_words(words, static_cast<std::size_t>(got) / sizeof *words);
-    } while (got == static_cast<ssize_t>(sizeof words));
+        rest = deepest() ? queue_.size() : 0;
+        queue_.make_room(most); // before they are out of the pipe
+    }
+    for (;;) {
+        ssize_t const got = read(fd, words, sizeof words);
+        AutoLock const guard(lock_);
+        if (got > 0)
+            take_words(words, static_cast<std::size_t>(got) / sizeof *words, rest);
+        if (got < static_cast<ssize_t>(sizeof words))
+            break;
+        queue_.make_room(most);
+    }
     AutoLock const guard(lock_);
-    take_overdue();
+    take_overdue(rest);
+    return rest;
 }
 
 void Core::handle(fd::Event* event) {
     if (!(event->revents() & POLLIN))
         return;
-    load(event->fd());
-    run_queue();
+    run_queue(load(event->fd()));
 }
 
 // Rounds nest: a slice may run the loop. While one slice runs and others of its turn are still in the queue,
 // a nudge in the pipe has that loop come here for them; without it, a task that waits in a nested loop for
-// one of them would wait for ever.
+// one of them would wait for ever. It goes with what it was for, since it must not make the loop turn once
+// more. Does not throw.
+void Core::settle_nudge() {
+    detail::CancelShield const shield;
+    bool wanted;
+    {
+        AutoLock const guard(lock_);
+        wanted = nudge_wanted();
+        if (wanted == nudged_)
+            return;
+    }
+    std::uint32_t word = nudge;
+    if (wanted) {
+        // A pipe that cannot take it is full, and does as well.
+        bool const written = detail::write_word(pipe_.WriteFD(), word) > 0;
+        AutoLock const guard(lock_);
+        nudged_ = written;
+    } else if (detail::read_word(pipe_.ReadFD(), word)) {
+        // What another thread wrote before the nudge comes out first, and joins the queue: the nudge, which
+        // is still there, is for it then. No memory is asked for: the queue is empty, or load() has left
+        // room.
+        AutoLock const guard(lock_);
+        queue_.make_room(1);
+        take_words(&word, 1, 0);
+    }
+}
+
 class Core::Round {
 public:
     explicit Round(Core& core) : core_(core) {
@@ -331,49 +364,61 @@ private:
     Core& core_;
 };
 
-// The nudge goes with what it was for: it must not make the loop turn once more.
 void Core::end_round() {
-    detail::CancelShield const shield;
+    bool settled;
     {
         AutoLock const guard(lock_);
         --rounds_;
-        if (!nudged_ || (rounds_ > 0 && !queue_.empty()))
-            return;
-        nudged_ = false;
+        settled = nudge_wanted() == nudged_;
     }
-    std::uint32_t word;
-    // Before it there may be what another thread wrote meanwhile, which stays for the next turn.
-    while (detail::read_word(pipe_.ReadFD(), word) && word != nudge)
-        post(word);
+    if (rounds_ == most_rounds - 1)
+        release_held();
+    if (!settled)
+        settle_nudge();
 }
 
-ControllerImpl* Core::pin_next() {
+ControllerImpl* Core::pin_next(std::size_t rest) {
     ControllerImpl* task = nullptr;
+    bool settled;
     {
         AutoLock const guard(lock_);
-        while (!task) {
-            if (queue_.empty())
-                return nullptr;
+        while (!task && queue_.size() > rest)
             task = pin(queue_.pop());
-        }
-        if (queue_.empty() || nudged_)
-            return task;
-        nudged_ = true;
+        settled = nudged_ != queue_.empty() || deepest();
     }
-    // A pipe that cannot take it is full, and does as well.
-    if (detail::write_word(pipe_.WriteFD(), nudge) < 1) {
-        AutoLock const guard(lock_);
-        nudged_ = false;
-    }
+    if (!settled)
+        settle_nudge();
     return task;
 }
 
-void Core::run_queue() {
+void Core::run_queue(std::size_t rest) {
     Round const round(*this);
-    while (ControllerImpl* const task = pin_next()) {
+    while (ControllerImpl* const task = pin_next(rest)) {
         Pin const pinned(*this, *task);
         // No lock is held here: the body may complete, cancel and start tasks, and run a nested loop.
         task->Run();
+    }
+}
+
+// Instead of schedule() at the end of a slice in the deepest rounds: the identifier is kept until they have
+// ended. From the pipe the nested turns of the slices that follow would take it up, each those of all before
+// it.
+void Core::hold(id_t id) {
+    AutoLock const guard(lock_);
+    held_.make_room(1);
+    held_.push(static_cast<std::uint32_t>(id));
+}
+
+void Core::release_held() {
+    for (;;) {
+        id_t id;
+        {
+            AutoLock const guard(lock_);
+            if (held_.empty())
+                return;
+            id = held_.pop();
+        }
+        schedule(id);
     }
 }
 
@@ -405,12 +450,11 @@ Controller::~Controller() = default;
 
 ControllerImpl::ControllerImpl(Core* core)
     : core_(core), pooled_(true), id_(0), complete_(false), sleeping_(false), runCount_(0), listed_(false),
-      retired_(false), overdue_(false), pins_(0), next_(nullptr), next_retired_(nullptr) {}
+      retired_(false), overdue_(false), pins_(0) {}
 
 ControllerImpl::ControllerImpl(Manager* manager, Spec const& spec)
-    : core_(manager->core().get()), pooled_(false), id_(next_id()), spec_(spec), complete_(false),
-      sleeping_(false), runCount_(0), listed_(false), retired_(false), overdue_(false), pins_(0),
-      next_(nullptr), next_retired_(nullptr) {
+    : core_(manager->core().get()), pooled_(false), id_(detail::draw_id()), spec_(spec), complete_(false),
+      sleeping_(false), runCount_(0), listed_(false), retired_(false), overdue_(false), pins_(0) {
     display_task("new");
 }
 
@@ -443,7 +487,11 @@ void ControllerImpl::Run() {
     ++runCount_;
     display_task("Run");
     spec_.fn(this);
-    if (!complete_ && !sleeping_)
+    if (complete_ || sleeping_)
+        return;
+    if (core_->deepest())
+        core_->hold(id_);
+    else
         core_->schedule(id_);
 }
 
@@ -490,7 +538,7 @@ void ControllerImpl::Complete() {
 // ---- Manager --------------------------------------------------------------------------------------------
 
 Manager::Manager()
-    : id_(next_id()), core_(new Core), monitor_(Fd(core_->read_fd())),
+    : id_(detail::draw_id()), core_(new Core), monitor_(Fd(core_->read_fd())),
       receptor_(*monitor_, [core = core_](fd::Event* event) { core->handle(event); }) {
     Log_SpecEntry(logSpecForceInfo, "src/task", __LINE__, "%s: task pipe rd fd=%d",
                   "orn::zel::task::Manager::Manager()", core_->read_fd());
@@ -507,7 +555,7 @@ id_t Manager::NewTask(Spec const& spec) {
         task.display_task("new");
         core_->schedule(id);
     } catch (...) {
-        core_->remove(id); // the observer's descriptor is a cancellation point
+        core_->remove(id); // the observer's line may find no memory: no task then that nobody schedules
         throw;
     }
     if (Log_Enabled(logSpecInfo))
@@ -540,7 +588,7 @@ void Manager::load_task_queue(int fd) {
 }
 
 void Manager::run_task_queue() {
-    core_->run_queue();
+    core_->run_queue(0);
 }
 
 int Manager::task_fd() const {
@@ -568,19 +616,25 @@ void check_loaded() {
 } // namespace
 
 boost::shared_ptr<Manager> manager() {
-    check_loaded(); // before the thread is given an fd manager
-    id_t const key = thread::FdMgr()->id().value();
+    // Asked for without making one: a refusal leaves no trace of the thread.
+    boost::shared_ptr<fd::Manager> const fd_manager = thread::Registry::fd_manager_if_any(thread::self());
     {
         AutoLock const guard(map_lock());
-        manager_map& managers = loaded_map();
-        manager_map::const_iterator const it = managers.find(key);
+        manager_map const& managers = loaded_map();
+        manager_map::const_iterator const it =
+            fd_manager ? managers.find(fd_manager->id().value()) : managers.end();
         if (it != managers.end())
             return it->second;
     }
-    // Made with the lock released, since it registers with the group. Only the thread itself has this key.
+    // Made with the lock released, since it registers with the group. Only the thread itself has this key,
+    // but making a group may run the child's hook, which may come back here: what is there then stays.
     boost::shared_ptr<Manager> const made(new Manager);
+    id_t const key = thread::FdMgr()->id().value();
     AutoLock const guard(map_lock());
-    return loaded_map()[key] = made;
+    boost::shared_ptr<Manager>& slot = loaded_map()[key];
+    if (!slot)
+        slot = made;
+    return slot;
 }
 
 void ListTasks(std::string const&, int fd) {

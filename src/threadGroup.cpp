@@ -115,7 +115,7 @@ private:
 // ---- Life and members -----------------------------------------------------------------------------------
 
 Group::Group()
-    : id_(next_id()), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
+    : id_(detail::draw_id()), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
       runner_depth_(0), rebuilds_(0), polls_(0), undispatched_(0), membership_(0), built_membership_(0),
       ask_again_(0), ask_pause_(0) {
     Log_SpecEntry(logSpecForceInfo, "src/threadGroup", 345, "%s: group %lu: ctrl pipe rd fd=%d",

@@ -6,6 +6,7 @@
 
 #include <climits>
 #include <cstdint>
+#include <ctime>
 
 #include <sys/ioctl.h>
 #include <sys/types.h>
@@ -29,18 +30,22 @@ inline bool read_word(int fd, std::uint32_t& word) {
     return read(fd, &word, sizeof word) == static_cast<ssize_t>(sizeof word);
 }
 
-// Takes out what is queued, one word at a time, but not what the handlers of these words go on to queue: a
-// handler that feeds its own pipe, or takes longer than its alarm's period, must not keep the loop from
-// everything else. What it has queued makes the next turn.
+// Takes out what is queued, one word at a time, but not what the handlers of these words go on to queue, and
+// for some 20 ms at most: a handler that feeds its own pipe, or takes longer than its alarm's period, must
+// not keep the loop from everything else. What is left keeps the pipe readable, and so makes the next turn.
 class QueuedWords {
 public:
-    explicit QueuedWords(int fd) : fd_(fd), taken_(0), left_(1) {}
+    explicit QueuedWords(int fd) : fd_(fd), taken_(0), left_(1), begin_(0) {}
 
     bool next(std::uint32_t& word) {
         // Asked once one has been handled: a single word, the usual case, costs one call to read it and one
         // to see that it was the only one.
-        if (taken_ == 1)
+        if (taken_ == 1) {
             left_ = queued();
+            begin_ = left_ > 0 ? now_ms() : 0;
+        } else if (taken_ > 1 && now_ms() - begin_ >= most_ms) {
+            return false;
+        }
         if (left_ == 0)
             return false;
         --left_;
@@ -49,6 +54,16 @@ public:
     }
 
 private:
+    static constexpr std::uint32_t most_ms = 20;
+
+    // Exact to one tick of the kernel's, some milliseconds: a fraction of what the exact time costs.
+    static std::uint32_t now_ms() {
+        timespec now = {};
+        clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+        return static_cast<std::uint32_t>(now.tv_sec) * 1000 +
+               static_cast<std::uint32_t>(now.tv_nsec / 1000000);
+    }
+
     unsigned long queued() const {
         int bytes = 0;
         return ioctl(fd_, FIONREAD, &bytes) == 0 ? static_cast<unsigned long>(bytes) / sizeof(std::uint32_t)
@@ -58,6 +73,7 @@ private:
     int fd_;
     unsigned long taken_;
     unsigned long left_;
+    std::uint32_t begin_; // of the second word; wraps, so only differences count
 };
 
 } // namespace detail

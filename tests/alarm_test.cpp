@@ -4,12 +4,16 @@
 #include <climits>
 #include <memory>
 #include <stdexcept>
+#include <vector>
 
+#include <poll.h>
 #include <unistd.h>
 
+#include <orn/log.h>
 #include <orn/zel.hpp>
 
 #include "../src/identifiers.hpp"
+#include "../src/process.hpp"
 #include "support/FakeTimer.hpp"
 #include "support/Support.hpp"
 
@@ -18,6 +22,17 @@ using fake_timer::advance;
 using support::take;
 
 namespace {
+
+// The first record settles for the whole process where its log goes, and opens it.
+struct LogFile {
+    LogFile() {
+        ::close(::mkstemp(path));
+        ::setenv("LOG_SINK", path, 1);
+        Log_SpecEntry(logSpecForceInfo, "tests", __LINE__, "%s", "begin");
+    }
+    ~LogFile() { ::unlink(path); }
+    char path[32] = "/tmp/zel_log_XXXXXX";
+} const log_file;
 
 struct NoTimersLeft {
     ~NoTimersLeft() { EXPECT_EQ(0u, fake_timer::live()) << "unloading ends every timer"; }
@@ -166,16 +181,52 @@ TEST_F(Alarms, a_burst_before_the_loop_turns_loses_nothing) {
     for (int i = 0; i < 20000; ++i)
         SetAlarm(80000, [&] { ++calls; });
     advance(80000);
-    settle();
+    settle_all();
     EXPECT_EQ(100000, calls);
     // Beyond what a pipe can be made to hold nobody blocks, and later ones come through.
     advance(400000);
-    settle();
+    settle_all();
     EXPECT_LT(200000, calls);
     calls = 0;
     advance(3);
-    settle();
+    settle_all();
     EXPECT_EQ(3, calls);
+}
+
+// A turn that took all there is would be longer each time, since so much more has come meanwhile.
+TEST_F(Alarms, and_signals_with_slow_handlers_leave_the_loop_to_others_after_a_while) {
+    orn::os::Pipe ready(false);
+    support::put(ready.WriteFD(), "x");
+    fd::AutoReceptor const neighbour(ready.ReadFD(), [&](fd::Event*) { seen += '|'; });
+    settle();
+    int handled = 0;
+    auto const work = [&] {
+        ::poll(nullptr, 0, 5);
+        ++handled;
+        seen += 's';
+    };
+    signal::AutoReceptor const receptor(SIGUSR1, [&](int) { work(); });
+    boost::function<void()> const queue_alarms = [&] {
+        for (int i = 0; i < 40; ++i)
+            SetAlarm(1, work);
+        advance(1);
+    };
+    boost::function<void()> const queue_signals = [] {
+        for (int i = 0; i < 40; ++i)
+            raise(SIGUSR1);
+    };
+    for (boost::function<void()> const& queue : {queue_alarms, queue_signals}) {
+        queue();
+        seen.clear();
+        handled = 0;
+        while (handled < 40)
+            RunOnce(0);
+        // 20 ms, a tick of the kernel's coarse clock, and those that are under way at either end.
+        EXPECT_EQ(std::string::npos, seen.find(std::string(11, 's'))) << seen;
+        EXPECT_NE(std::string::npos, seen.find("ss")) << "more than one a turn when they are quick";
+        RunOnce(0);
+        EXPECT_EQ(40, handled);
+    }
 }
 
 TEST_F(Alarms, identifiers_that_wrap_still_find_their_alarms) {
@@ -192,6 +243,104 @@ TEST_F(Alarms, identifiers_that_wrap_still_find_their_alarms) {
     std::string const word = take(pipe.ReadFD());
     std::uint32_t const five = 5;
     EXPECT_EQ(std::string(reinterpret_cast<char const*>(&five), 4), word);
+}
+
+TEST_F(Alarms, identifiers_that_wrap_meet_no_living_ones) {
+    unsigned long const old = alarm::manager()->AddAlarm(5, 0, say("old "));
+    detail::continue_identifiers_at(static_cast<std::uint32_t>(old));
+    SetAlarm(5, say("new "));
+    detail::continue_identifiers_at(0);
+    Alarm zero(5, say("zero"));
+    EXPECT_EQ(3u, OutstandingAlarmCount());
+    zero.Cancel();
+    EXPECT_EQ(2u, OutstandingAlarmCount()) << "0 would not be cancelled";
+    EXPECT_EQ("old new ", after(5));
+
+    SetAlarm(5, say("mine"));
+    detail::continue_identifiers_at(static_cast<std::uint32_t>(thread::FdMgr()->id().value()));
+    support::Thread const member([] {
+        EXPECT_EQ(0u, OutstandingAlarmCount()) << "served by another thread's manager";
+        detail::continue_identifiers_at(0);
+        NewThreadGroup();
+        EXPECT_NE(0u, GroupId());
+    });
+}
+
+TEST_F(Alarms, any_member_of_the_group_may_cancel_and_reset_and_a_stranger_is_logged) {
+    std::vector<std::unique_ptr<Alarm>> alarms;
+    for (char const* const name : {"a ", "b ", "c ", "d "})
+        alarms.emplace_back(new Alarm(1, 1, say(name)));
+    int stranger = 0;
+    {
+        support::Thread const member([&] {
+            alarms[0].reset();
+            alarms[1]->Reset(7);
+        });
+    }
+    EXPECT_EQ(std::string::npos, support::text_of(log_file.path).find("src/alarm"));
+    {
+        support::Thread const other([&] {
+            NewThreadGroup();
+            stranger = thread::self();
+            alarms[2]->Cancel();
+            alarms[3]->Reset(8);
+            EXPECT_EQ(0u, OutstandingAlarmCount());
+        });
+    }
+    EXPECT_EQ(2u, OutstandingAlarmCount());
+    EXPECT_EQ("", after(6));
+    EXPECT_EQ("b d ", after(2));
+    std::string const ids = " belongs to thread " + std::to_string(thread::self()) + ", and thread " +
+                            std::to_string(stranger) + " is of another group";
+    std::string const text = support::text_of(log_file.path);
+    std::string::size_type const first = text.find(ids);
+    EXPECT_NE(std::string::npos, first) << text;
+    EXPECT_NE(std::string::npos, text.find(ids, first + 1)) << text;
+}
+
+TEST_F(Alarms, that_an_unload_has_taken_away_still_tell_of_their_end) {
+    orn::os::Pipe observer(false);
+    auto alarm = std::make_unique<Alarm>(1, say("x"));
+    alarm::Monitor("", observer.WriteFD());
+    alarm::zel_alarm_unload();
+    EXPECT_EQ(0u, fake_timer::live());
+    alarm->Reset(1);
+    EXPECT_EQ(0u, fake_timer::live());
+    EXPECT_EQ("", take(observer.ReadFD()));
+    alarm.reset();
+    EXPECT_EQ(0u, support::without_tid(take(observer.ReadFD())).find("alarm deleted: id="));
+    alarm::Unmonitor("", 0);
+    alarm::zel_alarm_load();
+    EXPECT_EQ("", after(1));
+}
+
+int hooked = 0;
+
+// The first group of a child of fork() is made together with its first manager, and runs the hook.
+TEST_F(Alarms, and_tasks_of_the_childs_hook_are_kept_while_a_manager_is_made) {
+    for (bool const alarms : {true, false}) {
+        detail::set_child_hook(alarms ? [] { SetAlarm(1, [] { ++hooked; }); } : [] {
+            RunTask([](task::Controller* self) {
+                ++hooked;
+                self->Complete();
+            });
+        });
+        int const status = support::in_child([&] {
+            task::zel_task_load();
+            if (alarms)
+                SetAlarm(1, [] { ++hooked; });
+            else
+                RunTask([](task::Controller* self) {
+                    ++hooked;
+                    self->Complete();
+                });
+            advance(1);
+            settle();
+            return hooked;
+        });
+        detail::set_child_hook(nullptr);
+        EXPECT_EQ("exit 2", support::describe(status));
+    }
 }
 
 TEST_F(Alarms, the_monitor_tells_the_life_of_each) {

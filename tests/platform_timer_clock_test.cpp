@@ -11,13 +11,31 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <orn/os/Timer.hpp>
+#include <poll.h>
 #include <pthread.h>
 #include <random>
+#include <sched.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <vector>
+
+namespace {
+
+std::atomic<int> threadCreationMs{0};
+
+} // namespace
+
+// The linker has the service's call of pthread_create() come here.
+extern "C" int __real_pthread_create(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*);
+extern "C" int __wrap_pthread_create(pthread_t* thread, pthread_attr_t const* attributes,
+                                     void* (*start)(void*), void* argument) {
+    if (threadCreationMs > 0) {
+        ::poll(nullptr, 0, threadCreationMs);
+    }
+    return __real_pthread_create(thread, attributes, start, argument);
+}
 
 namespace {
 
@@ -304,6 +322,51 @@ void run_without_threads() {
     Timer other([&](Timer*) { fired.up(); });
     other.Set(10, 0);
     std::_Exit(fired.reaches(1) && fired.value() == 1 ? 7 : 2);
+}
+
+// The first call makes the thread, which takes longer than its delay: so it is due before the second, by more
+// than their delays say.
+void set_first_timer_slowly() {
+    threadCreationMs = 100;
+    std::atomic<int> calls{0};
+    std::atomic<int> place{0};
+    Count fired;
+    Timer first([&](Timer*) {
+        place = ++calls;
+        fired.up();
+    });
+    Timer second([&](Timer*) {
+        ++calls;
+        fired.up();
+    });
+    first.Set(100, 0);
+    second.Set(50, 0);
+    std::_Exit(fired.reaches(2) && place == 1 ? 7 : 1);
+}
+
+// SCHED_BATCH, since that one needs no privilege.
+void set_first_timer_in_a_batch() {
+    struct sched_param const none{};
+    ::pthread_setschedparam(::pthread_self(), SCHED_BATCH, &none);
+    Count fired;
+    std::atomic<int> inherited{-1};
+    std::atomic<int> chosen{-1};
+    Timer timer([&](Timer*) {
+        (fired.value() == 0 ? inherited : chosen) = ::sched_getscheduler(0);
+        ::sched_setscheduler(0, SCHED_OTHER, &none);
+        fired.up();
+    });
+    timer.Set(0, 1);
+    ::pthread_setschedparam(::pthread_self(), SCHED_OTHER, &none);
+    std::_Exit(fired.reaches(2) && inherited == SCHED_BATCH && chosen == SCHED_OTHER ? 7 : 1);
+}
+
+TEST_F(TimerClockDeathTest, ADelayCountsFromTheCallAlsoWhenTheThreadIsStillToBeMade) {
+    EXPECT_EXIT(set_first_timer_slowly(), ::testing::ExitedWithCode(7), "");
+}
+
+TEST_F(TimerClockDeathTest, TheThreadInheritsThePolicyOfTheFirstSetterAndMayChooseAnotherInACallback) {
+    EXPECT_EXIT(set_first_timer_in_a_batch(), ::testing::ExitedWithCode(7), "");
 }
 
 TEST_F(TimerClockDeathTest, ExitFromACallbackEndsTheProcess) {

@@ -8,6 +8,7 @@
 #include <orn/zel/fd.hpp>
 #include <orn/zel/receptacle.hpp>
 
+#include "../src/identifiers.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;
@@ -87,6 +88,31 @@ TEST(HandlerList, keeps_changes_for_the_end_of_the_dispatch_but_counts_them_at_o
     Dispatch(list, 2);
     EXPECT_EQ("n2 ", calls.take());
     EXPECT_EQ(1u, list.count());
+}
+
+TEST(HandlerList, and_a_single_receptacle_take_no_identifier_that_is_0_or_in_use) {
+    std::string seen;
+    HandlerList<int> list;
+    auto const insert_as = [&](unsigned long next, std::string const& text) {
+        detail::continue_identifiers_at(static_cast<std::uint32_t>(next));
+        return list.insert([&seen, text](int) { seen += text; });
+    };
+    unsigned long const old = list.insert([&](int) {
+        seen += 'o';
+        unsigned long const kept = insert_as(1000, "k");
+        EXPECT_NE(kept, insert_as(kept, "l"));
+    });
+    EXPECT_NE(0u, insert_as(0, "z"));
+    insert_as(old, "n");
+    EXPECT_EQ(3u, list.count());
+    Dispatch(list, 1);
+    EXPECT_EQ(3u, seen.size()) << seen;
+    EXPECT_EQ(5u, list.count());
+
+    SingleReceptacle<int> single;
+    detail::continue_identifiers_at(0);
+    EXPECT_NE(0u, single.insert([](int) {}));
+    EXPECT_EQ(1u, single.count());
 }
 
 TEST(HandlerList, runs_its_hooks_before_the_first_handler_and_after_the_last) {

@@ -341,6 +341,60 @@ TEST_F(TaskNesting, SliceMayWaitForATaskOfItsOwnTurn) {
     EXPECT_EQ(zel::RunOnce(0), 0); // what woke the nested loop has gone
 }
 
+// Each but the last would otherwise be one level more on the stack, and the loop ends the process at a
+// hundred.
+TEST_F(TaskNesting, ManyThatEachRunANestedTurnShareOneTurn) {
+    int const count = 150;
+    std::vector<std::unique_ptr<zel::Task>> tasks;
+    std::string order;
+    int depth = 0;
+    int deepest = 0;
+    int slices = 0;
+    for (int i = 0; i < count; ++i) {
+        tasks.emplace_back(new zel::Task([&](Controller*) {
+            ++slices;
+            deepest = std::max(deepest, ++depth);
+            zel::RunOnce(0);
+            --depth;
+        }));
+        tasks.back()->Run();
+    }
+    for (int turn = 1; turn <= 20; ++turn) {
+        EXPECT_EQ(zel::RunOnce(0), 1);
+        EXPECT_EQ(slices, turn * count);
+    }
+    EXPECT_GT(deepest, 20);
+    EXPECT_LT(deepest, 50);
+}
+
+TEST_F(TaskNesting, TheDeepestMayWaitForWhatTheyStartAndThoseAboveForTheirTurn) {
+    int waiting = 0;
+    int helped = 0;
+    bool last = false;
+    for (int i = 0; i < 90; ++i) {
+        zel::RunTask([&, i](Controller* self) {
+            self->Complete();
+            bool done = false;
+            ++waiting;
+            zel::RunTask([&](Controller* helper) {
+                helper->Complete();
+                done = true;
+                ++helped;
+            });
+            while (!done || (i < 20 && !last))
+                ASSERT_GE(zel::RunOnce(10000), 1);
+        });
+    }
+    zel::RunTask([&](Controller* self) {
+        self->Complete();
+        last = true;
+    });
+    while (!last || helped < 90)
+        ASSERT_GE(zel::RunOnce(10000), 1);
+    EXPECT_EQ(waiting, 90);
+    EXPECT_EQ(zel::RunOnce(0), 0);
+}
+
 TEST_F(TaskNesting, ControllerOnTheStackIsNobodyElses) {
     int ended = 0;
     bool strangers = false;

@@ -19,6 +19,14 @@
 #include <orn/zel.hpp>
 
 namespace support {
+
+std::string text_of(std::string const& path) {
+    std::ifstream file(path);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
 namespace {
 
 std::set<int> numbers_in(char const* directory) {
@@ -30,13 +38,6 @@ std::set<int> numbers_in(char const* directory) {
     found.erase(std::string(directory) == "/proc/self/fd" ? ::dirfd(dir) : -1);
     ::closedir(dir);
     return found;
-}
-
-std::string text_of(std::string const& path) {
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
 }
 
 std::map<int, struct sigaction> dispositions() {
@@ -202,6 +203,11 @@ Loop::Loop() {
 
 void Loop::settle() {
     for (int turn = 0; turn < 5 && orn::zel::RunOnce(0) > 0; ++turn) {
+    }
+}
+
+void Loop::settle_all() {
+    while (orn::zel::RunOnce(0) > 0) {
     }
 }
 

@@ -33,6 +33,7 @@ std::set<int> descriptors();
 std::set<int> threads(); ///< the timers' service thread, which stays until exit(), is not counted
 bool waits(int tid);     ///< true once the thread is in a system call that waits; false after 10 s, scaled
 
+std::string text_of(std::string const& path);
 void put(int fd, std::string const& text); ///< writes it whole, or fails the test
 std::string take(int fd);                  ///< everything that a non-blocking descriptor has to offer
 
@@ -78,7 +79,8 @@ protected:
     Loop();
     ~Loop() override;
 
-    static void settle(); ///< turns until there is nothing left to do; five turns at most
+    static void settle();     ///< turns until there is nothing left to do; five turns at most
+    static void settle_all(); ///< the same, however many turns that takes
 
 private:
     std::set<int> descriptors_;

@@ -16,9 +16,14 @@
 //         orn::zel::RunOnce(-1);
 //
 // All times are in milliseconds. A delay of 0 is due at once, on the next turn of the loop; an alarm is never
-// early; a recurring alarm keeps its phase, and periods that a stalled process missed are skipped. An alarm
-// belongs to the thread that set it: cancel, reset and destroy it there. A handler may do so with its own
-// alarm too.
+// early; a recurring alarm keeps its phase, and periods that a stalled process missed are skipped.
+//
+// An alarm belongs to the thread that set it. Any thread of that thread's group may cancel, reset and destroy
+// it, and a handler its own alarm; one thread at a time for one object. When the thread that runs the loop
+// has taken up an expiry, another thread that cancels does not wait for it: the handler may just be about to
+// start, or run on for a while, so what it refers to must outlive that; what it holds by value does. There is
+// no further call. A thread of another group has the same effect, and is logged with the numbers of both
+// threads, since it is rarely meant.
 #ifndef ORN_ZEL_ALARM_HPP
 #define ORN_ZEL_ALARM_HPP
 
@@ -26,8 +31,11 @@
 #include <memory>
 #include <string>
 
+#include <sys/types.h>
+
 #include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
 
 #include <orn/os/Pipe.hpp>
 #include <orn/os/Timer.hpp>
@@ -118,7 +126,12 @@ private:
 
     static void drain(Table& table, fd::Event* event);
 
+    // Logs a call from a thread that is not of the group which serves this manager.
+    void note_caller(char const* function, id_t id) const;
+
     basic_Id<unsigned long> id_;
+    int const tid_; // whose alarms these are, and in which process: a child of fork() serves none of them
+    pid_t const pid_;
     boost::shared_ptr<Table> table_;
     boost::shared_ptr<fd::Monitor> monitor_;
     AutoReceptor<fd::Event*> receptor_;
@@ -131,9 +144,14 @@ class ORN_API AlarmImpl {
 public:
     AlarmImpl() : id(0) {}
     virtual ~AlarmImpl();
+    void Set(unsigned long initialMs, unsigned long recurringMs, Handler const& handler);
+    void Reset(unsigned long timeoutMs);
     void Cancel();
 
     id_t id; // 0 once cancelled
+
+private:
+    boost::weak_ptr<Manager> home_; // where the alarm is, whichever thread calls; gone after an unload
 };
 
 // By fd manager identifier; null while the subsystem is not loaded. managerMutex guards the map.

@@ -135,6 +135,26 @@ typedef unsigned long id_t;
 // lock held; not from a signal handler.
 ORN_API id_t unique_id();
 
+namespace detail {
+
+// Draws again while the identifier is 0, or taken(id) says that it names something alive: once the counter
+// has wrapped it meets what has lived on.
+template <class Taken>
+id_t draw_id(Taken taken) {
+    id_t id;
+    do {
+        id = unique_id();
+    } while (id == 0 || taken(id));
+    return id;
+}
+
+// For what is printed, and looked up by nobody.
+inline id_t draw_id() {
+    return draw_id([](id_t) { return false; });
+}
+
+} // namespace detail
+
 // A typed identifier, so that it prints as a number and is not mistaken for one.
 template <class T>
 class basic_Id {

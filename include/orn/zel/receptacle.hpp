@@ -149,7 +149,7 @@ public:
         if (id_ != 0)
             return 0;
         handler_ = boost::shared_ptr<receptor_type>(new receptor_type(handler));
-        id_ = unique_id();
+        id_ = detail::draw_id();
         return id_;
     }
 
@@ -212,7 +212,7 @@ public:
     explicit HandlerList(boost::shared_ptr<Mutex> mutex = boost::shared_ptr<Mutex>(),
                          hook_type const& on_first = hook_type(), hook_type const& on_last = hook_type())
         : locked_(false), mutex_(detail::recursive(mutex)), on_first_handler_(on_first),
-          on_last_handler_(on_last), id_(unique_id()), name_("handler list " + std::to_string(id_)) {}
+          on_last_handler_(on_last), id_(detail::draw_id()), name_("handler list " + std::to_string(id_)) {}
 
     ~HandlerList() override {}
 
@@ -223,7 +223,7 @@ public:
     unsigned long insert(receptor_type const& handler) override {
         if (handler.empty())
             throw orn::Exception("Empty handler function", "");
-        unsigned long const handle = unique_id();
+        unsigned long const handle = detail::draw_id([this](id_t id) { return knows(id); });
         return insert_handler(std::pair<const unsigned long, receptor_type>(handle, handler)) ? handle : 0;
     }
 
@@ -350,6 +350,7 @@ public:
             list_->insert_handler(std::pair<const unsigned long, receptor_type>(handle_, receptor_));
         }
         int tally() override { return 1; }
+        unsigned long handle() const { return handle_; }
 
     private:
         HandlerList* list_;
@@ -376,6 +377,20 @@ protected:
         for (auto const& entry : handlers_)
             all.push_back(entry.second);
         return all;
+    }
+
+    // Whether the handle belongs to a handler that is there, or will be at the end of the dispatch. A list
+    // with a lock of its own takes that here, too.
+    virtual bool knows(unsigned long handle) const {
+        Locked const guard(*this);
+        if (handlers_.count(handle) != 0)
+            return true;
+        for (boost::shared_ptr<list_op> const& op : cached_ops_) {
+            // Only an add_op adds.
+            if (op->tally() > 0 && static_cast<add_op const&>(*op).handle() == handle)
+                return true;
+        }
+        return false;
     }
 
 private:

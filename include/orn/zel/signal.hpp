@@ -138,10 +138,13 @@ private:
         void remove_handler(id_t handle) override;
         void withdraw();
 
+    protected:
+        bool knows(unsigned long handle) const override;
+
     private:
         void publish();
         SignalHandlerImpl& owner_;
-        RecursiveThreadMutex lock_; // managers of several threads come and go; never taken in signal context
+        mutable RecursiveThreadMutex lock_; // managers of several threads come and go; never in signal context
     };
 
     int const signo_;

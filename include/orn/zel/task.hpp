@@ -30,9 +30,10 @@
 //     Task::Cancel(), from any of the first three ----------> Cancelled: done is not called
 //
 // A slice runs on a later turn than the call that scheduled it. A body may do to its task what anybody may:
-// complete, cancel or destroy the handle; it may run a nested loop, in which other tasks go on, and throw:
-// the exception leaves the run call, and the task waits for a Continue(). Identifiers of the same turn that
-// were still to run then wait until some task of the thread is scheduled.
+// complete, cancel or destroy the handle; it may run a nested loop, in which other tasks go on, also those of
+// the same turn (below 32 nested slices only those that are started or continued down there); and it may
+// throw: the exception leaves the run call, and the task waits for a Continue(). Identifiers of the same turn
+// that were still to run then wait until some task of the thread is scheduled.
 #ifndef ORN_ZEL_TASK_HPP
 #define ORN_ZEL_TASK_HPP
 
@@ -170,8 +171,6 @@ private:
     bool retired_;  // over, and waiting for reuse
     bool overdue_;  // scheduled while the pipe could not take it
     unsigned pins_; // slices and completions that are on some stack
-    ControllerImpl* next_;
-    ControllerImpl* next_retired_;
 };
 
 // The tasks of one fd manager, and so of one thread. Lives until the library is taken down.

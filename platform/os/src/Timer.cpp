@@ -197,6 +197,8 @@ void TimerService::disarm_all() {
 // ---------------------------------------------------------------- from any thread
 
 void TimerService::set(Timer& timer, unsigned long initialMs, unsigned long recurringMs) {
+    // First of all: the delay counts from the call, whatever the lock and the making of the thread take.
+    std::uint64_t const called = now_ns();
     bool wake = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -206,7 +208,7 @@ void TimerService::set(Timer& timer, unsigned long initialMs, unsigned long recu
         }
         make_room();
         start();
-        timer.deadlineNs_ = after(now_ns(), ns_of(initialMs));
+        timer.deadlineNs_ = after(called, ns_of(initialMs));
         timer.periodNs_ = ns_of(recurringMs);
         arm(timer);
         if (timer.deadlineNs_ < sleepsUntil_) {
@@ -251,6 +253,12 @@ void TimerService::make_conditions() {
 }
 
 // Under the mutex: two timers that are set at once must not start two threads.
+//
+// The thread inherits the scheduling policy, niceness and processors of the caller. A fixed ordinary policy
+// would make every alarm of a real-time loop wait for whatever else is ready on its processor: three switches
+// an alarm instead of two, and a worst delay of 4 ms instead of 0.3 beside one busy process. A fixed
+// real-time policy needs a privilege, and callbacks would go before threads that the application has put
+// first.
 void TimerService::start() {
     if (started_) {
         return;

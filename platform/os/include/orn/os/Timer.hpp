@@ -31,12 +31,14 @@ public:
     Timer& operator=(Timer const&) = delete;
 
     /// Replaces any earlier setting: the callback runs initialMs from now and then, unless recurringMs is 0,
-    /// every recurringMs. An initialMs of 0 fires at once. Never early; the phase is kept, and periods that
-    /// were missed in a stall are skipped. Delays past the clock's range never end.
+    /// every recurringMs. Delays count from the call. An initialMs of 0 fires at once. Never early; the phase
+    /// is kept, and periods that were missed in a stall are skipped. Delays past the clock's range never end.
     ///
-    /// The first call starts the service thread; std::system_error when there is none to be had,
-    /// std::bad_alloc without memory: the timer is then disarmed. Does nothing once the library is being
-    /// unloaded. A child of fork() finds every timer disarmed, and may set them anew.
+    /// The first call starts the service thread, which inherits the caller's scheduling policy, niceness and
+    /// processors: let it be made by the thread whose timers matter most, or have a callback, which runs on
+    /// the service thread, set them with sched_setscheduler(0, ...). std::system_error when there is none to
+    /// be had, std::bad_alloc without memory: the timer is then disarmed. Does nothing once the library is
+    /// being unloaded. A child of fork() finds every timer disarmed, and may set them anew.
     void Set(unsigned long initialMs, unsigned long recurringMs);
 
 private:
