@@ -7,7 +7,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "observers.hpp"
+#include "observer.hpp"
 #include "registry.hpp"
 
 namespace orn {
