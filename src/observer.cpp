@@ -56,6 +56,11 @@ void forget_observer(int fd) {
         observer->forget(fd);
 }
 
+void renew_observers() {
+    for (Observer* const observer : observers)
+        observer->renew();
+}
+
 } // namespace detail
 } // namespace zel
 } // namespace orn

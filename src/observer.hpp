@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include <orn/zel/response.hpp>
@@ -47,6 +48,9 @@ public:
         write(line.str());
     }
 
+    // In a child of fork(): the thread that held the lock, if any, is not there.
+    void renew() { new (&lock_) std::mutex; }
+
     // A text as it is. Lost when nobody watches. An observer whose reader has gone is dropped: it must not
     // cost anything any more. Keeps errno.
     void write(std::string const& text);
@@ -65,6 +69,7 @@ extern Observer task_observer;
 // The same for all of them.
 bool is_observer(int fd);
 void forget_observer(int fd);
+void renew_observers();
 
 } // namespace detail
 } // namespace zel

@@ -363,7 +363,7 @@ TEST(Channel, a_command_before_the_connection_is_carried_out_and_its_answer_goes
 }
 
 TEST(Channel, whoever_offers_anything_but_a_pipe_is_refused_in_words) {
-    Target target({"busy"});
+    Target target;
     Client control(target.pid());
     control.ask("foo");
     std::size_t const before = target.descriptors();

@@ -409,6 +409,24 @@ TEST_F(ThreadGroup, an_observer_whose_reader_has_gone_is_dropped) {
     EXPECT_NE("", take(file.ReadFD())) << "the next one is served";
 }
 
+TEST_F(ThreadGroup, a_child_of_fork_may_report_whatever_line_was_being_written) {
+    Watching observer;
+    std::atomic<bool> go_on(true);
+    pollfd entry = {-1, 0, 0};
+    support::Thread const reporting([&] {
+        while (go_on)
+            thread::display_dispatch(entry);
+    });
+    std::string end = "exit 0";
+    for (int i = 0; i < 50 && end == "exit 0"; ++i)
+        end = support::describe(support::in_child([&] {
+            thread::display_dispatch(entry);
+            return 0;
+        }));
+    EXPECT_EQ("exit 0", end);
+    go_on = false;
+}
+
 TEST_F(ThreadGroup, the_thread_monitor_tells_birth_and_death) {
     orn::os::Pipe observer(false);
     thread::MonitorThread("x", observer.WriteFD());
