@@ -65,6 +65,7 @@ class Channel:
         self.pid, self.marks = pid, 0
         self.identity = struct.pack("=i", os.getpid())
         self.answers, answers_in = os.pipe()
+        os.fchmod(answers_in, 0o622)  # the process opens it anew, perhaps as another user than root
         os.kill(pid, CHANNEL_SIGNAL)
         deadline = time.monotonic() + seconds
         while True:

@@ -1,20 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include <orn/zel/alarm.hpp>
 
-#include <atomic>
-
 #include <sys/time.h>
 
 #include <boost/bind/bind.hpp>
 #include <boost/make_shared.hpp>
 
 #include <orn/log.h>
-#include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
 #include "idTable.hpp"
 #include "immortal.hpp"
-#include "observers.hpp"
+#include "observer.hpp"
 #include "process.hpp"
 #include "registry.hpp"
 #include "wire.hpp"
@@ -32,8 +29,6 @@ namespace {
 
 struct ManagerMapLock;
 
-std::atomic<int> monitor_fd(-1);
-
 // Behind managerMutex, and good before load and after unload as well: threads that the process's exit leaves
 // running still come for it.
 ThreadMutex& map_lock() {
@@ -43,13 +38,7 @@ ThreadMutex& map_lock() {
 // One line to whoever watches the alarms; compose is called only when somebody does.
 template <class Compose>
 void report(Compose compose) {
-    int const observer = monitor_fd;
-    if (observer == -1)
-        return;
-    cmd::Response line;
-    compose(line);
-    line << '\n';
-    cmd::Write(observer, line);
+    detail::alarm_observer.report(compose);
 }
 
 void report_deleted(id_t id) {
@@ -222,19 +211,11 @@ boost::shared_ptr<Manager> manager() {
 }
 
 void Monitor(std::string const&, int fd) {
-    monitor_fd = fd;
+    detail::alarm_observer.watch(fd);
 }
 
 void Unmonitor(std::string const&, int) {
-    monitor_fd = -1;
-}
-
-bool is_observer(int fd) {
-    return monitor_fd == fd;
-}
-
-void forget_observer(int fd) {
-    detail::forget(monitor_fd, fd);
+    detail::alarm_observer.unwatch();
 }
 
 void zel_alarm_load() {

@@ -15,7 +15,6 @@
 
 #include <cxxabi.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -143,57 +142,60 @@ public:
         return std::string(data, strnlen(data, message_.parts[1].length));
     }
 
-    // The caller owns the descriptor from here on; -1 when none came along.
-    int take_fd() {
-        int const fd = message_.fd;
-        message_.fd = -1;
-        return fd;
-    }
+    // The message's own, closed with it; -1 when none came along.
+    int fd() const { return message_.fd; }
 
 private:
     int pid_ = 0;
     o_msg_t message_;
 };
 
-// A descriptor that does not block, whatever the client does: O_NONBLOCK belongs to the open file, which the
-// client shares, so a pipe is opened anew. Takes the descriptor over.
-int without_blocking(int fd) {
-    struct stat what;
-    if (fstat(fd, &what) == 0 && S_ISFIFO(what.st_mode)) {
-        int const own =
-            open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-        if (own != -1) {
-            close(fd);
-            return own;
-        }
+// The same pipe, on a descriptor that does not block whatever the client does: O_NONBLOCK belongs to the open
+// file, which the client shares and may change at any time. Nothing but a pipe can be opened anew and still
+// be what it was. -1 when that fails, and why.
+int open_anew(int fd, std::string& why) {
+    struct stat what = {};
+    if (fstat(fd, &what) == 0 && !S_ISFIFO(what.st_mode)) {
+        why = "it is no pipe";
+        return -1;
     }
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-    return fd;
+    int const own = open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (own == -1)
+        why = strerror(errno);
+    return own;
 }
 
-void connect_client(State& state, Message& message) {
-    int const fd = message.take_fd();
+// Tells the client on what it has offered, which must not make this thread wait.
+void refuse(Message const& message, std::string const& why) {
+    std::string const text =
+        "[zel] not connected: answers go to a pipe that this process can open anew: " + why + '\n';
+    Log_SpecEntry(logSpecForceInfo, "src/cmd", __LINE__, "%s: pid=%d: not connected: %s", "CmdQueueHandler",
+                  message.pid(), why.c_str());
+    int const before = fcntl(message.fd(), F_GETFL);
+    fcntl(message.fd(), F_SETFL, before | O_NONBLOCK);
+    Write(message.fd(), text);
+    fcntl(message.fd(), F_SETFL, before);
+}
+
+void connect_client(State& state, Message const& message) {
     Log_SpecEntry(logSpecForceInfo, "src/cmd", __LINE__, "%s: pid=%d, resp_fd=%d", "CmdQueueHandler",
-                  message.pid(), fd);
-    if (fd == -1)
-        return; // nowhere to answer; a connection that the client had before stays
-    // A client that does not read must not stop the command thread, nor any thread that writes a monitor
-    // line.
-    state.clients.remember(message.pid(), without_blocking(fd));
-}
-
-bool writable(int fd) {
-    pollfd entry = {fd, POLLOUT, 0};
-    return poll(&entry, 1, 0) == 1 && entry.revents == POLLOUT;
+                  message.pid(), message.fd());
+    if (message.fd() == -1)
+        return; // nowhere to answer
+    std::string why;
+    int const own = open_anew(message.fd(), why);
+    if (own == -1)
+        refuse(message, why); // a connection that the client had before stays here, too
+    else
+        state.clients.remember(message.pid(), own);
 }
 
 void serve_command(State& state, Message const& message) {
     std::string const command = message.text();
     Log_SpecEntry(logSpecForceInfo, "src/cmd", __LINE__, "%s: pid=%d, cmd='%s'", "CmdQueueHandler",
                   message.pid(), command.c_str());
+    // -1, nowhere, for a client that has not connected: every other number is somebody's.
     int const fd = state.clients.of(message.pid());
-    if (!state.clients.knows(message.pid()) && !writable(fd))
-        return; // standard input, which is the application's and may block
     Write(fd, "received \"" + command + "\"\n");
     ProcessCommand(command, fd);
 }
@@ -201,14 +203,14 @@ void serve_command(State& state, Message const& message) {
 // ---- The answer to a word that nobody has ---------------------------------------------------------------
 
 // How much text the descriptor takes now without a line being cut: what a pipe has free, in whole pages,
-// since a page that is begun is not always filled up.
+// since a page that is begun is not always filled up. Up to PIPE_BUF is written whole or not at all.
 std::size_t room(int fd) {
     int const size = fcntl(fd, F_GETPIPE_SZ);
     int used = 0;
     if (size <= 0 || ioctl(fd, FIONREAD, &used) != 0)
         return 65536; // no pipe; what a pipe takes as a rule
     int const begun = 2 * 4096;
-    return static_cast<std::size_t>(std::max(size - used - begun, 0));
+    return static_cast<std::size_t>(std::max({size - used - begun, std::min(size - used, PIPE_BUF), 0}));
 }
 
 void echo(std::string const& command, int fd) {

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <deque>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <orn/log.h>
@@ -90,6 +91,8 @@ ChannelImpl::ChannelImpl(int pid, boost::function<void(std::string const&)> fn)
                 [reader = reader_](fd::Event* event) { reader->read_lines(event->fd()); }) {
     Log_SpecEntry(logSpecForceInfo, "src/cmd", __LINE__, "%s: response_fd=%d", "ChannelImpl",
                   response_.ReadFD());
+    // For a target that runs as another user than this process, which is root then: it opens the pipe anew.
+    fchmod(response_.WriteFD(), S_IRUSR | S_IWUSR | S_IWGRP | S_IWOTH);
     raise_channel_signal(pid);
     int self;
     o_msg_t message = message_of(message_connect, self);

@@ -16,6 +16,8 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include "observer.hpp"
+
 namespace orn {
 namespace zel {
 namespace detail {
@@ -26,6 +28,7 @@ std::atomic<pid_t> current(0);
 
 void note() {
     current = getpid();
+    renew_observers();
 }
 
 // Withdrawn by the C library when this library is unmapped.

@@ -2,12 +2,12 @@
 #include "responseFds.hpp"
 
 #include <algorithm>
-#include <vector>
 
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
-#include "observers.hpp"
+#include "observer.hpp"
 #include "registry.hpp"
 
 namespace orn {
@@ -16,74 +16,74 @@ namespace detail {
 
 namespace {
 
-std::size_t const most_unused = 64;
+// Whose reader has gone, of those that are kept.
+std::size_t limit_of_unused() {
+    std::size_t const most = 64;
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur / 8 > most)
+        return most;
+    return static_cast<std::size_t>(limit.rlim_cur / 8);
+}
 
-// The other end has been closed: for a pipe's write end that is an error, for a socket a hang-up.
-bool ended(int fd) {
+bool has_reader(int fd) {
     pollfd entry = {fd, 0, 0};
-    return poll(&entry, 1, 0) > 0 && (entry.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0;
+    return poll(&entry, 1, 0) < 1;
 }
 
 } // namespace
 
 void ResponseFds::remember(int pid, int fd) {
-    all_.push_back(fd);
+    all_.push_back({pid, fd});
     by_pid_[pid] = fd;
-    if (all_.size() > most_unused)
-        give_back();
-}
-
-bool ResponseFds::knows(int pid) const {
-    return by_pid_.count(pid) != 0;
+    if (all_.size() < next_look_)
+        return;
+    give_back(limit_of_unused());
+    // All are looked at, so not each time: a share of what there is has to come first.
+    next_look_ = all_.size() + std::max<std::size_t>(all_.size() / 64, 8);
 }
 
 int ResponseFds::of(int pid) const {
     std::map<int, int>::const_iterator const it = by_pid_.find(pid);
-    return it == by_pid_.end() ? 0 : it->second;
+    return it == by_pid_.end() ? -1 : it->second;
 }
 
-bool ResponseFds::in_use(int fd) const {
-    for (auto const& client : by_pid_) {
-        if (client.second == fd)
-            return !ended(fd);
-    }
-    return false; // its process has connected again since
+// Unless its process has connected again since, or has ended.
+bool ResponseFds::in_use(Client const& client) const {
+    return of(client.pid) == client.fd && has_reader(client.fd);
 }
 
-void ResponseFds::give_back() {
-    std::vector<int> unused;
-    std::copy_if(all_.begin(), all_.end(), std::back_inserter(unused),
-                 [this](int fd) { return !in_use(fd); });
-    if (unused.size() <= most_unused)
-        return;
-    unused.resize(unused.size() - most_unused);
-    for (int const fd : unused) {
-        if (is_observer(fd)) {
-            quiet_.erase(fd);
+void ResponseFds::give_back(std::size_t most_unused) {
+    std::vector<bool> unused;
+    for (Client const& client : all_)
+        unused.push_back(!in_use(client));
+    std::size_t const count = static_cast<std::size_t>(std::count(unused.begin(), unused.end(), true));
+    std::size_t excess = count - std::min(count, most_unused);
+    std::vector<Client> kept;
+    for (std::size_t i = 0; i < all_.size(); ++i) {
+        Client const& client = all_[i];
+        bool const oldest = unused[i] && excess > 0;
+        if (oldest)
+            --excess;
+        if (!oldest || is_observer(client.fd)) {
+            kept.push_back(client);
             continue;
         }
-        // Not at once: a thread may have read the monitor's number before it was switched off, and be about
-        // to write.
-        if (quiet_.insert(fd).second)
-            continue;
-        quiet_.erase(fd);
-        all_.erase(std::find(all_.begin(), all_.end(), fd));
-        for (std::map<int, int>::iterator it = by_pid_.begin(); it != by_pid_.end();)
-            it = it->second == fd ? by_pid_.erase(it) : std::next(it);
-        close(fd);
+        if (of(client.pid) == client.fd)
+            by_pid_.erase(client.pid);
+        close(client.fd);
     }
+    all_.swap(kept);
 }
 
 void ResponseFds::forget() {
     // A thread that exit() leaves running may be about to write a line: then the descriptors stay open.
     bool const closing = !thread::Registry::survivors();
-    for (int const fd : all_) {
-        forget_observer(fd);
+    for (Client const& client : all_) {
+        forget_observer(client.fd);
         if (closing)
-            close(fd);
+            close(client.fd);
     }
     all_.clear();
-    quiet_.clear();
     by_pid_.clear();
 }
 

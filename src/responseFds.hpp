@@ -5,9 +5,9 @@
 #ifndef ZEL_SRC_RESPONSEFDS_HPP
 #define ZEL_SRC_RESPONSEFDS_HPP
 
-#include <deque>
+#include <cstddef>
 #include <map>
-#include <set>
+#include <vector>
 
 namespace orn {
 namespace zel {
@@ -16,27 +16,30 @@ namespace detail {
 // A client's descriptor stays open after the client has gone, since a monitor may still write to it and must
 // not hit another file that got the number. But a process that is looked into again and again must not run
 // out: of the descriptors that nobody reads any more, or that their process has replaced, and that no monitor
-// writes to, the most recent 64 are kept.
+// writes to, the most recent 64 are kept, and never more than an eighth of what the process may have.
 class ResponseFds {
 public:
     // Takes the descriptor over, in place of the one that the process had.
     void remember(int pid, int fd);
 
-    bool knows(int pid) const;
-
-    // Where to answer a process; 0, standard input, when it has never connected.
+    // Where to answer a process; -1 when it has never connected.
     int of(int pid) const;
 
     // Switches off the monitors that write to them, and closes all.
     void forget();
 
 private:
-    bool in_use(int fd) const;
-    void give_back();
+    struct Client {
+        int pid;
+        int fd;
+    };
 
-    std::map<int, int> by_pid_;
-    std::deque<int> all_; // in the order in which they came
-    std::set<int> quiet_; // that were no monitor's when they were last looked at
+    bool in_use(Client const& client) const;
+    void give_back(std::size_t most_unused);
+
+    std::map<int, int> by_pid_; // the latest of each process
+    std::vector<Client> all_;   // in the order in which they came
+    std::size_t next_look_ = 0; // at this size of the table
 };
 
 } // namespace detail

@@ -16,7 +16,7 @@
 
 #include "cancel.hpp"
 #include "immortal.hpp"
-#include "observers.hpp"
+#include "observer.hpp"
 #include "plainText.hpp"
 #include "registry.hpp"
 #include "wire.hpp"
@@ -42,8 +42,6 @@ std::uint32_t const nudge = 0;
 // As many rounds, each in a slice of the one before it, go on with the rest of the turn. Slices that all run
 // a nested turn would otherwise pile up until the loop's own limit of 99 levels ends the process.
 unsigned const most_rounds = 32;
-
-std::atomic<int> monitorFd(-1);
 
 // Of managers that went while other threads lived on: what those still point to. Guarded by map_lock().
 std::vector<boost::shared_ptr<Core>>* outlived = nullptr;
@@ -466,17 +464,11 @@ basic_Id<unsigned long> ControllerImpl::id() const {
 }
 
 void ControllerImpl::display_task(std::string const& op) {
-    int const observer = monitorFd;
-    if (observer == -1)
-        return;
-    cmd::Response line;
-    {
+    detail::task_observer.report([&](std::ostream& line) {
         AutoLock const guard(core_->lock());
         line << "task " << id_ << " \"" << spec_.name << "\" op=" << op << " runCount=" << runCount_;
         flags(line, *this);
-    }
-    line << '\n';
-    cmd::Write(observer, line.str());
+    });
 }
 
 void ControllerImpl::Run() {
@@ -655,19 +647,11 @@ void ListTasks(std::string const&, int fd) {
 }
 
 void Monitor(std::string const&, int fd) {
-    monitorFd = fd;
+    detail::task_observer.watch(fd);
 }
 
 void Unmonitor(std::string const&, int) {
-    monitorFd = -1;
-}
-
-bool is_observer(int fd) {
-    return monitorFd == fd;
-}
-
-void forget_observer(int fd) {
-    detail::forget(monitorFd, fd);
+    detail::task_observer.unwatch();
 }
 
 void zel_task_load() {

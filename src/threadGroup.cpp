@@ -13,7 +13,7 @@
 #include <orn/zel/response.hpp>
 
 #include "cancel.hpp"
-#include "observers.hpp"
+#include "observer.hpp"
 #include "plainText.hpp"
 #include "registry.hpp"
 
@@ -23,13 +23,6 @@ namespace thread {
 
 namespace {
 
-// What observers have asked for, process-wide. Set from the command channel while loops run.
-struct MonitorTags {
-    std::atomic<int> thread;
-    std::atomic<int> poll;
-};
-
-MonitorTags monitors = {{-1}, {-1}};
 std::atomic<bool> extendedLogging(false);
 
 // What a pipe holds as the kernel makes it: the most that one turn takes out of the control pipe.
@@ -64,26 +57,19 @@ void log_pollset(char const* label, pollfd const* fds, unsigned long nfds) {
 int traced_poll(pollfd* fds, unsigned long nfds, int timeoutMs, bool ask_first, bool& answered) {
     if (extendedLogging)
         log_pollset("zel_poll IN", fds, nfds);
-    int const observer = monitors.poll;
-    if (observer != -1) {
-        cmd::Response line;
+    detail::poll_observer.report([&](std::ostream& line) {
         line << "poll in  group=" << GroupId() << " timeout=" << timeoutMs << " fd/event={ ";
         list_pollset(line, fds, nfds, &pollfd::events);
-        line << '\n';
-        cmd::Write(observer, line);
-    }
+    });
     int rc = ask_first ? poll(fds, nfds, 0) : 0;
     answered = rc != 0;
     if (!answered)
         rc = poll(fds, nfds, timeoutMs);
     int const error = errno;
-    if (observer != -1) {
-        cmd::Response line;
+    detail::poll_observer.report([&](std::ostream& line) {
         line << "poll out group=" << GroupId() << " status=" << rc << " fd/revent={ ";
         list_pollset(line, fds, nfds, &pollfd::revents);
-        line << '\n';
-        cmd::Write(observer, line);
-    }
+    });
     if (extendedLogging)
         log_pollset("zel_poll OUT", fds, nfds);
     errno = error;
@@ -336,12 +322,9 @@ void Group::dispatch(pollfd& pfd) {
     pollfd result = pfd;
     pfd.revents = 0; // first, so that a nested turn does not dispatch it again
     if (info.tid != 0 && left_group(info.tid)) {
-        int const observer = monitors.poll;
-        if (observer != -1) {
-            cmd::Response line;
-            line << "fd=" << result.fd << " from tid=" << info.tid << ": fdMgr no longer in group\n";
-            cmd::Write(observer, line);
-        }
+        detail::poll_observer.report([&](std::ostream& line) {
+            line << "fd=" << result.fd << " from tid=" << info.tid << ": fdMgr no longer in group";
+        });
         bump();
         return;
     }
@@ -480,28 +463,19 @@ int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs) {
 // ---- Observation ----------------------------------------------------------------------------------------
 
 void MonitorThread(std::string const&, int fd) {
-    monitors.thread = fd;
+    detail::thread_observer.watch(fd);
 }
 
 void UnmonitorThread(std::string const&, int) {
-    monitors.thread = -1;
+    detail::thread_observer.unwatch();
 }
 
 void MonitorPoll(std::string const&, int fd) {
-    monitors.poll = fd;
+    detail::poll_observer.watch(fd);
 }
 
 void UnmonitorPoll(std::string const&, int) {
-    monitors.poll = -1;
-}
-
-bool is_observer(int fd) {
-    return monitors.thread == fd || monitors.poll == fd;
-}
-
-void forget_observer(int fd) {
-    detail::forget(monitors.thread, fd);
-    detail::forget(monitors.poll, fd);
+    detail::poll_observer.unwatch();
 }
 
 void enableExtendedLogging() {
@@ -509,21 +483,12 @@ void enableExtendedLogging() {
 }
 
 void display_thread_op(std::string const& op) {
-    int const observer = monitors.thread;
-    if (observer == -1)
-        return;
-    cmd::Response line;
-    line << "thread " << op << '\n';
-    cmd::Write(observer, line);
+    detail::thread_observer.report([&](std::ostream& line) { line << "thread " << op; });
 }
 
 void display_dispatch(pollfd& pfd) {
-    int const observer = monitors.poll;
-    if (observer == -1)
-        return;
-    cmd::Response line;
-    line << "dispatching fd=" << pfd.fd << " revents=" << pfd.revents << '\n';
-    cmd::Write(observer, line);
+    detail::poll_observer.report(
+        [&](std::ostream& line) { line << "dispatching fd=" << pfd.fd << " revents=" << pfd.revents; });
 }
 
 void ListThreads(std::string const&, int) {
@@ -542,7 +507,7 @@ void ListThreads(std::string const&, int) {
             text << "none";
         text << '\n';
     }
-    cmd::Write(monitors.poll, text.str());
+    detail::poll_observer.write(text.str());
 }
 
 } // namespace thread

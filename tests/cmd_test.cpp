@@ -142,6 +142,23 @@ TEST_F(Cmd, a_huge_number_costs_neither_time_nor_memory_and_cuts_no_line) {
     EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 32 * 1024);
 }
 
+TEST_F(Cmd, a_small_pipe_gets_as_many_numbered_lines_as_fit) {
+    for (int const size : {4096, 8192}) {
+        for (std::size_t const unread : {0u, 20u}) {
+            orn::os::Pipe const pipe(false);
+            if (::fcntl(pipe.WriteFD(), F_SETPIPE_SZ, size) != size)
+                GTEST_SKIP() << "pages of this machine are larger";
+            std::string text(unread, '-');
+            ASSERT_EQ(static_cast<ssize_t>(unread), ::write(pipe.WriteFD(), text.data(), unread));
+            ProcessCommand("1000000 x", pipe.WriteFD());
+            text.resize(2 * static_cast<std::size_t>(size));
+            text.resize(static_cast<std::size_t>(::read(pipe.ReadFD(), &text[0], text.size())));
+            EXPECT_GT(text.size(), 4000u) << size << ' ' << unread;
+            EXPECT_EQ('\n', text.back());
+        }
+    }
+}
+
 TEST_F(Cmd, the_word_zel_answers_or_says_that_there_is_no_such_command) {
     EXPECT_EQ("[zel] x: no such command\n", answer("zel x y"));
     EXPECT_EQ("[zel] : no such command\n", answer("zel"));

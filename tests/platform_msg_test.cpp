@@ -20,6 +20,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <random>
+#include <sched.h>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -84,6 +85,7 @@ public:
     Child& operator=(Child const&) = delete;
 
     pid_t pid() const { return pid_; }
+    bool running() const { return ::waitpid(pid_, nullptr, WNOHANG) == 0; }
     bool succeeded() {
         int status = -1;
         ::waitpid(pid_, &status, 0);
@@ -191,18 +193,20 @@ struct Header {
     std::uint32_t lengths[4] = {4, 0, 0, 0};
 };
 
-int bare_socket(std::string const& name, bool listens = false) {
+int bare_socket(std::string const& name, bool listens = false, int flags = 0) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::string const path = "orn.msg." + name;
     std::memcpy(address.sun_path + 1, path.data(), path.size());
     auto const size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size());
     auto const* generic = reinterpret_cast<sockaddr const*>(&address);
-    int const fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (listens) {
-        return ::bind(fd, generic, size) == 0 && ::listen(fd, 5) == 0 ? fd : -1;
+    int const fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0);
+    bool const made =
+        listens ? ::bind(fd, generic, size) == 0 && ::listen(fd, 5) == 0 : ::connect(fd, generic, size) == 0;
+    if (!made) {
+        ::close(fd);
     }
-    return ::connect(fd, generic, size) == 0 ? fd : -1;
+    return made ? fd : -1;
 }
 
 bool bare_send(int socket, std::string const& bytes, std::vector<int> const& descriptors = {}) {
@@ -347,31 +351,54 @@ TEST(PlatformMsg, ASenderOfAnotherUserIsTurnedAway) {
     std::string const name = name_of(::getpid());
     Inbox inbox(name);
     Gate taken;
-    Gate over;
     Child stranger([&] {
         Pipe pipe(true);
-        bool const handedOver = ::setuid(nobody) == 0 && send_to(name, 2, 666, "", pipe.WriteFD());
-        taken.open();
-        for (int i = 0; i < 2000; ++i) { // some of which find the other end closed already
-            send_to(name, 2, 667);
+        bool sent = ::setuid(nobody) == 0 && send_to(name, 2, 666, "", pipe.WriteFD());
+        for (taken.open(); sent; send_to(name, 2, 667)) { // which may find the other end closed already
         }
-        over.open();
-        return handedOver;
+        return sent;
     });
     ASSERT_TRUE(taken.wait());
     auto const before = open_descriptors();
-    int ended = 0;
-    while (!readable(over.fd(), 0) && ended == 0) {
-        EXPECT_FALSE(inbox.take_waiting());
-        siginfo_t state{};
-        ::waitid(P_PID, static_cast<id_t>(stranger.pid()), &state, WEXITED | WNOHANG | WNOWAIT);
-        ended = state.si_pid;
+    Child owner([&] {
+        int sent = 0;
+        while (sent < 50 && send_to(name, 2, sent)) {
+            ++sent;
+        }
+        return sent == 50;
+    });
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_TRUE(inbox.take());
+        EXPECT_EQ(inbox.number, i);
     }
-    EXPECT_TRUE(stranger.succeeded());
-    ASSERT_TRUE(send_to(name, 2, 1));
-    ASSERT_TRUE(inbox.take());
-    EXPECT_EQ(inbox.number, 1);
+    EXPECT_TRUE(owner.succeeded());
+    EXPECT_TRUE(stranger.running());
     EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(PlatformMsg, AProcessWithBorrowedRightsServesAndTrustsRootAlone) {
+    bool const root = ::geteuid() == 0;
+    auto const become = [](int dumpable) {
+        return (::geteuid() != 0 || ::setuid(nobody) == 0) && ::prctl(PR_SET_DUMPABLE, dumpable) == 0;
+    };
+    Gate ready, sent;
+    Child other([&] {
+        bool const plain = become(1);
+        Inbox inbox(name_of(::getpid()));
+        ready.open();
+        bool const served = plain && inbox.take() && inbox.number == 1 && become(0);
+        ready.open();
+        return served && sent.wait() && (root ? inbox.take() && inbox.number == 3 : !inbox.take_waiting());
+    });
+    std::string const name = name_of(other.pid());
+    Child sender([&] {
+        return become(1) && ready.wait() && send_to(name, 2, 1) && ready.wait() && send_to(name, 2, 2) &&
+               become(0) && refusal(name) == EACCES;
+    });
+    EXPECT_TRUE(sender.succeeded());
+    EXPECT_TRUE(!root || send_to(name, 2, 3));
+    sent.open();
+    EXPECT_TRUE(other.succeeded());
 }
 
 TEST(PlatformMsg, AQueueOfAnotherProcessUnderTheNameOfThisOneGetsNothing) {
@@ -634,6 +661,35 @@ TEST(PlatformMsg, AStoppedReceiverHoldsSendersForAboutASecond) {
     EXPECT_TRUE(send_to(name, 2, -1));
     EXPECT_TRUE(receiver.succeeded());
     EXPECT_EQ(refusal(name), ECONNREFUSED);
+}
+
+TEST(PlatformMsg, ASenderOutlastsABacklogInWhichOthersAreQuicker) {
+    std::string const name = name_of(::getpid());
+    int const listener = bare_socket(name, true);
+    auto const crowd = [&] { // takes every place that is free
+        while (bare_socket(name, false, SOCK_NONBLOCK) >= 0) {
+        }
+    };
+    crowd();
+    // A place becomes free again and again, and is gone before the sender runs: both have one processor,
+    // which a batch process does not take from another when it wakes up.
+    cpu_set_t here{};
+    CPU_SET(static_cast<unsigned>(::sched_getcpu()), &here);
+    ::sched_setaffinity(0, sizeof here, &here);
+    Child sender([&] {
+        sched_param const none = {};
+        ::sched_setscheduler(0, SCHED_BATCH, &none);
+        return send_to(name, 2, 7);
+    });
+    for (int i = 0; i < 32; ++i) { // longer than a sender waits for a receiver that has stopped
+        EXPECT_LT(0, ::accept(listener, nullptr, nullptr));
+        crowd();
+        ::poll(nullptr, 0, 50);
+    }
+    while (readable(listener, 0)) {
+        EXPECT_LT(0, ::accept(listener, nullptr, nullptr)); // not closed: it may be the sender's
+    }
+    EXPECT_TRUE(sender.succeeded());
 }
 
 TEST(PlatformMsg, WithoutDescriptorsTheQueueIsQuietAndLosesNothing) {

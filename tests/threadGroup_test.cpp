@@ -7,6 +7,7 @@
 #include <fstream>
 #include <memory>
 #include <sstream>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/time.h>
@@ -384,6 +385,107 @@ TEST_F(ThreadGroup, the_poll_monitor_tells_every_wait_and_dispatch) {
     take(observer.ReadFD());
     RunOnce(0);
     EXPECT_EQ("", take(observer.ReadFD()));
+}
+
+// A descriptor of an observer's, whose number another pipe can be given.
+class Watching {
+public:
+    Watching() {
+        struct sigaction ignored = {};
+        ignored.sa_handler = SIG_IGN;
+        EXPECT_EQ(0, sigaction(SIGPIPE, &ignored, &before_));
+        EXPECT_EQ(0, ::pipe2(ends_, O_CLOEXEC | O_NONBLOCK));
+        thread::MonitorPoll("", ends_[1]);
+    }
+    ~Watching() {
+        thread::UnmonitorPoll("", 0);
+        read_no_more();
+        ::close(ends_[1]);
+        sigaction(SIGPIPE, &before_, nullptr);
+    }
+    void read_no_more() { ::close(std::exchange(ends_[0], -1)); }
+    std::string lines() const { return take(ends_[0]); }
+    // As when the observer's descriptor is closed and the application opens a file.
+    void number_goes_to(int file) { EXPECT_EQ(ends_[1], ::dup3(file, ends_[1], O_CLOEXEC)); }
+
+private:
+    int ends_[2];
+    struct sigaction before_;
+};
+
+TEST_F(ThreadGroup, no_line_lands_in_another_file_that_gets_the_observers_number) {
+    orn::os::Pipe const file(false);
+    {
+        Watching observer;
+        boost::shared_ptr<thread::Group> group;
+        support::Thread const looping([&] {
+            NewThreadGroup();
+            group = thread::ThisGroup();
+            RunOnce(0); // its own wake-up
+            RunOnce(-1);
+        });
+        std::string lines;
+        EXPECT_TRUE(support::wait_until([&] {
+            lines += observer.lines();
+            return lines.find(" timeout=-1 ") != std::string::npos;
+        }));
+        EXPECT_TRUE(looping.waits());
+        thread::UnmonitorPoll("", 0);
+        observer.number_goes_to(file.WriteFD());
+        group->WakeUp('x');
+    }
+    EXPECT_EQ("", take(file.ReadFD())) << "written by a wait that had begun before";
+
+    std::atomic<bool> turn(true);
+    support::Thread const looping([&] {
+        NewThreadGroup();
+        while (turn)
+            RunOnce(0);
+    });
+    for (int i = 0; i < 2000; ++i) {
+        Watching observer;
+        EXPECT_TRUE(i % 10 != 0 || support::wait_until([&] { return !observer.lines().empty(); }));
+        thread::UnmonitorPoll("", 0);
+        observer.number_goes_to(file.WriteFD());
+    }
+    turn = false;
+    EXPECT_EQ("", take(file.ReadFD())) << "written by a report that was under way";
+}
+
+TEST_F(ThreadGroup, an_observer_whose_reader_has_gone_is_dropped) {
+    orn::os::Pipe const file(false);
+    Watching observer;
+    RunOnce(0);
+    EXPECT_NE("", observer.lines());
+    observer.read_no_more();
+    errno = 7;
+    pollfd entry = {-1, 0, 0};
+    thread::display_dispatch(entry);
+    EXPECT_EQ(7, errno);
+    observer.number_goes_to(file.WriteFD());
+    RunOnce(0);
+    EXPECT_EQ("", take(file.ReadFD()));
+    thread::MonitorPoll("", file.WriteFD());
+    RunOnce(0);
+    EXPECT_NE("", take(file.ReadFD())) << "the next one is served";
+}
+
+TEST_F(ThreadGroup, a_child_of_fork_may_report_whatever_line_was_being_written) {
+    Watching observer;
+    std::atomic<bool> go_on(true);
+    pollfd entry = {-1, 0, 0};
+    support::Thread const reporting([&] {
+        while (go_on)
+            thread::display_dispatch(entry);
+    });
+    std::string end = "exit 0";
+    for (int i = 0; i < 50 && end == "exit 0"; ++i)
+        end = support::describe(support::in_child([&] {
+            thread::display_dispatch(entry);
+            return 0;
+        }));
+    EXPECT_EQ("exit 0", end);
+    go_on = false;
 }
 
 TEST_F(ThreadGroup, the_thread_monitor_tells_birth_and_death) {

@@ -45,7 +45,7 @@ bool wait_until(std::function<bool()> const& condition, int limitMs, std::functi
 // ---- Program
 
 Program::Program(Words const& command, std::map<std::string, std::string> const& environment,
-                 int standardInput) {
+                 int standardInput, uid_t user) {
     int out[2];
     int err[2];
     if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0)
@@ -60,6 +60,8 @@ Program::Program(Words const& command, std::map<std::string, std::string> const&
             ::setenv(item.first.c_str(), item.second.c_str(), 1);
         if (standardInput != -1)
             ::dup2(standardInput, 0);
+        if (user != 0 && ::setuid(user) != 0)
+            ::_exit(126);
         ::dup2(out[1], 1);
         ::dup2(err[1], 2);
         ::execv(words[0], words.data());
@@ -173,12 +175,29 @@ std::size_t entries_of(std::string const& directory) {
     return names_in(directory).size();
 }
 
-std::size_t threads_named(pid_t pid, std::string const& name) {
+Words threads_of(pid_t pid, std::string const& name) {
     std::string const directory = "/proc/" + std::to_string(pid) + "/task";
-    Words const all = names_in(directory);
-    return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), [&](std::string const& tid) {
-        return text_of(directory + '/' + tid + "/comm") == name + '\n';
-    }));
+    Words found;
+    for (std::string const& tid : names_in(directory))
+        if (text_of(directory + '/' + tid + "/comm") == name + '\n')
+            found.push_back(directory + '/' + tid);
+    return found;
+}
+
+std::size_t threads_named(pid_t pid, std::string const& name) {
+    return threads_of(pid, name).size();
+}
+
+long cpu_milliseconds(pid_t pid) {
+    std::string const stat = text_of("/proc/" + std::to_string(pid) + "/stat");
+    std::istringstream fields(stat.substr(std::min(stat.size(), stat.rfind(')') + 1)));
+    std::string skipped;
+    for (int i = 0; i < 11; ++i)
+        fields >> skipped;
+    long user = 0;
+    long system = 0;
+    fields >> user >> system;
+    return (user + system) * 1000 / ::sysconf(_SC_CLK_TCK);
 }
 
 std::size_t listening_queues(pid_t pid) {

@@ -29,7 +29,7 @@ long milliseconds(); ///< of a clock that does not jump
 class Program {
 public:
     explicit Program(Words const& command, std::map<std::string, std::string> const& environment = {},
-                     int standardInput = -1);
+                     int standardInput = -1, uid_t user = 0); ///< user, when it is not 0
     ~Program();
     Program(Program const&) = delete;
     Program& operator=(Program const&) = delete;
@@ -57,7 +57,9 @@ private:
 
 std::string text_of(std::string const& path);
 std::size_t entries_of(std::string const& directory); ///< "." and ".." are not counted
+Words threads_of(pid_t pid, std::string const& name); ///< "/proc/<pid>/task/<tid>" of each that is called so
 std::size_t threads_named(pid_t pid, std::string const& name);
+long cpu_milliseconds(pid_t pid);        ///< that the process has used up, in steps of the kernel's
 std::size_t listening_queues(pid_t pid); ///< command queues of this process, as the kernel lists them
 /// The mask behind "SigCgt:", "SigBlk:" and so on in a status file.
 unsigned long long mask_of(std::string const& status, std::string const& key);

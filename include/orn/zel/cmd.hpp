@@ -38,8 +38,9 @@
 //     Unloaded     The command thread has ended and was joined.
 //
 // Command handlers run on the command thread, one at a time, in the order in which the commands arrive. They
-// answer on the descriptor that they are given, which never blocks, and must not close it. What a handler
-// throws is logged, and the next command is served.
+// answer on the descriptor that they are given, which is a pipe's and never blocks, and must not close it.
+// What a handler throws is logged, and the next command is served. A process with rights that its user has
+// not (set-user-ID and the like) is served for root alone, and talks to root's processes alone.
 #ifndef ORN_ZEL_CMD_HPP
 #define ORN_ZEL_CMD_HPP
 
@@ -60,7 +61,8 @@ namespace zel {
 
 namespace cmd {
 
-// args: the text behind the command word and the blanks after it. fd: where to answer.
+// args: the text behind the command word and the blanks after it. fd: where to answer; -1, where writing
+// fails, for a client that has not connected.
 typedef boost::function<void(std::string const& args, int fd)> Handler;
 
 // Gives a word to a handler, in place of the one that had it. Any thread. Nothing happens while the library

@@ -13,6 +13,7 @@
 // whose packet is not there yet are kept, few of them and the oldest for so long only as there is room.
 #include <orn/os/o_msg.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -26,7 +27,10 @@
 #include <new>
 #include <optional>
 #include <pthread.h>
+#include <sys/auxv.h>
 #include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
 #include <sys/un.h>
@@ -37,12 +41,17 @@ namespace {
 
 constexpr char addressPrefix[] = "orn.msg.";
 constexpr std::int64_t sendLimitMs = 1000;
+// While others are let in. Were it for ever, a flood would hold the caller's loop for ever.
+constexpr std::int64_t crowdedLimitMs = 10000;
 constexpr long acceptPauseMs = 100;
 // What a stopped receiver lets pile up: kernel memory that any local user can fill.
 constexpr int backlog = 64;
 constexpr std::size_t pendingLimit = 32;
 // Connections looked at by one call: a flood of useless ones must not keep the caller's loop from turning.
+// Strangers are dropped in a row, since they must not come faster than they go, but no more than take some
+// milliseconds.
 constexpr int connectionsPerCall = 64;
+constexpr int strangersPerCall = 1024;
 // From here on it is worth asking for the room, which a small device's default may not have.
 constexpr ssize_t largeSize = 64 * 1024;
 
@@ -193,6 +202,13 @@ bool runs_as(pid_t process, uid_t user) {
     return std::strtoul(at, nullptr, 10) == user;
 }
 
+// Whether this process may do more than the user that it runs as: a set-user-ID or set-group-ID program, one
+// with capabilities of its file's, one that has changed its user, or keeps others from looking into it. That
+// user may not trace it, and must not steer it in any other way.
+bool has_borrowed_rights() {
+    return ::getauxval(AT_SECURE) != 0 || ::prctl(PR_GET_DUMPABLE) != 1;
+}
+
 // The kernel's word for who made the queue, which is not always who is meant: abstract names are anybody's to
 // take. Nor is the id enough where users differ. A listener keeps the id of the process that made it after
 // that has ended and the id has gone to another.
@@ -205,7 +221,8 @@ bool is_meant(int connection, char const* name) {
     bool const found = process && *process > 0 && *process == owner->pid;
     uid_t const self = ::geteuid();
     bool const trusted =
-        owner->uid == self || owner->uid == 0 || (self == 0 && found && runs_as(owner->pid, owner->uid));
+        owner->uid == 0 || (!has_borrowed_rights() &&
+                            (owner->uid == self || (self == 0 && found && runs_as(owner->pid, owner->uid))));
     if (trusted && (found || !process)) {
         return true;
     }
@@ -215,7 +232,7 @@ bool is_meant(int connection, char const* name) {
 
 bool may_send_here(int connection) {
     auto const sender = peer_of(connection);
-    return sender && (sender->uid == 0 || sender->uid == ::geteuid());
+    return sender && (sender->uid == 0 || (sender->uid == ::geteuid() && !has_borrowed_rights()));
 }
 
 // ---------------------------------------------------------------- sending
@@ -226,11 +243,22 @@ std::int64_t now_us() {
     return static_cast<std::int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
 }
 
-// Waits while the receiver's backlog is full. Signals do not lengthen the wait.
+// How often the calling thread has gone to sleep.
+long sleeps_so_far() {
+    rusage usage{};
+    ::getrusage(RUSAGE_THREAD, &usage);
+    return usage.ru_nvcsw;
+}
+
+// Waits while the receiver's backlog is full. Signals do not lengthen the wait, but places that become free
+// do, since the backlog then drains and others have merely been quicker: the system wakes a connect() for
+// each, and sends it back to sleep when the place has gone.
 bool connect_in_time(int socket, Address const& address) {
-    std::int64_t const end = now_us() + sendLimitMs * 1000;
+    std::int64_t const last = now_us() + crowdedLimitMs * 1000;
+    std::int64_t end = now_us() + sendLimitMs * 1000;
     for (;;) {
-        std::int64_t const left = end - now_us();
+        std::int64_t const now = now_us();
+        std::int64_t const left = std::min(end, last) - now;
         if (left <= 0) { // as a time-out 0 would be for ever
             errno = EAGAIN;
             return false;
@@ -241,11 +269,15 @@ bool connect_in_time(int socket, Address const& address) {
         if (::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
             return false;
         }
+        long const sleeps = sleeps_so_far();
         if (::connect(socket, generic(address), address.size) == 0) {
             return true;
         }
-        if (errno != EINTR) {
+        if (errno != EINTR && errno != EAGAIN) {
             return false;
+        }
+        if (sleeps_so_far() > sleeps + 1) { // one is the wait itself
+            end = now_us() + sendLimitMs * 1000;
         }
     }
 }
@@ -413,7 +445,7 @@ private:
     };
 
     bool watch(int fd);
-    bool accept_one();
+    bool accept_one(int& strangers);
     void pause_accepting();
     void go_on_accepting();
     Outcome take_first(o_msg_t& to);
@@ -506,26 +538,30 @@ void o_msg_queue::go_on_accepting() {
     paused_ = false;
 }
 
-// False when nobody waits or nobody can be let in.
-bool o_msg_queue::accept_one() {
-    if (paused_) {
-        return false;
-    }
-    Descriptor socket(unless_interrupted(
-        [this] { return ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK); }));
-    if (!socket.open()) {
-        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != ECONNABORTED) {
-            pause_accepting();
+// The next connection of somebody who may send here; those of others on the way to it are dropped unread, up
+// to the number that is left of them. False when nobody waits or nobody can be let in.
+bool o_msg_queue::accept_one(int& strangers) {
+    while (!paused_) {
+        Descriptor socket(unless_interrupted(
+            [this] { return ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK); }));
+        if (!socket.open()) {
+            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != ECONNABORTED) {
+                pause_accepting();
+            }
+            return false;
         }
-        return false;
-    }
-    if (may_send_here(socket.get())) {
-        if (pendingCount_ == pendingLimit) {
-            drop(0);
+        if (may_send_here(socket.get())) {
+            if (pendingCount_ == pendingLimit) {
+                drop(0);
+            }
+            pending_[pendingCount_++].socket = std::move(socket);
+            return true;
         }
-        pending_[pendingCount_++].socket = std::move(socket);
+        if (--strangers == 0) {
+            return false;
+        }
     }
-    return true;
+    return false;
 }
 
 // Leaves the set first: where a child of fork() still has the socket, closing it here does not take it out,
@@ -575,13 +611,14 @@ ssize_t o_msg_queue::receive(o_msg_t& to) {
     }
     go_on_accepting();
     bool more = true;
+    int strangers = strangersPerCall;
     for (int i = 0; more && i < connectionsPerCall; ++i) {
         Outcome outcome = Outcome::nothingYet;
         if (pendingCount_ == pendingLimit) { // or accepting would drop a message that is there
             outcome = take_first(to);
         }
         if (outcome == Outcome::nothingYet) {
-            more = accept_one();
+            more = accept_one(strangers);
             outcome = take_first(to);
         }
         if (outcome == Outcome::received) {

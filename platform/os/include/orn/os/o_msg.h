@@ -24,7 +24,8 @@
  *     a queue takes messages from processes that run as its own effective user, and from root;
  *     a sender gives a message to queues that its own effective user or root created. When the name ends in a
  *     dot and a decimal number, as in "cmd.1234", only the queue that process 1234 created will do, and root
- *     may then send to any user's process.
+ *     may then send to any user's process;
+ *     a process that may do more than its user (AT_SECURE, or not dumpable) deals with root alone, both ways.
  *
  * Every descriptor is close-on-exec. In a child of fork() the queues of its parent are closed; the parent's
  * go on as if nothing had been. Failing functions set errno. */
@@ -84,10 +85,11 @@ ORN_API ssize_t o_msg_data_size(o_msg_t const* message);
  *
  *     ECONNREFUSED   there is no such queue
  *     EACCES         there is one, but whoever created it is not to be trusted with the message
- *     EAGAIN         its process has been behind with its messages for a second
+ *     EAGAIN         its process has been behind with its messages for a second, or has let in others only
+ *                    for ten
  *     EMSGSIZE       more data than O_MSG_MAX_SIZE
  *
- * and what else the system reports. Blocks for about a second at most, and is a cancellation point. That a
+ * and what else the system reports. Blocks for about ten seconds at most, and is a cancellation point. That a
  * message was handed over does not mean that it was welcome: the receiver drops what it does not trust or
  * understand. Messages that one thread sends to one queue arrive in this order. Any thread. */
 ORN_API ssize_t o_msg_send(char const* name, o_msg_t const* message, int flags);

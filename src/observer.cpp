@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: MIT
+#include "observer.hpp"
+
+#include <cerrno>
+
+namespace orn {
+namespace zel {
+namespace detail {
+
+Observer thread_observer;
+Observer poll_observer;
+Observer alarm_observer;
+Observer task_observer;
+
+namespace {
+
+Observer* const observers[] = {&thread_observer, &poll_observer, &alarm_observer, &task_observer};
+
+} // namespace
+
+void Observer::watch(int fd) {
+    std::lock_guard<std::mutex> const guard(lock_);
+    fd_.store(fd, std::memory_order_release);
+}
+
+void Observer::forget(int fd) {
+    // Without the lock where that is enough: an application's own observer may be one that blocks.
+    if (!is(fd))
+        return;
+    std::lock_guard<std::mutex> const guard(lock_);
+    fd_.compare_exchange_strong(fd, -1);
+}
+
+void Observer::write(std::string const& text) {
+    int const error = errno;
+    {
+        std::lock_guard<std::mutex> const guard(lock_);
+        int const fd = fd_.load(std::memory_order_relaxed);
+        // EBADF: it was closed while it was watched. Its number must not be tried again, since the next file
+        // gets it.
+        if (fd != -1 && cmd::Write(fd, text) == -1 && (errno == EPIPE || errno == EBADF))
+            fd_.store(-1, std::memory_order_release);
+    }
+    errno = error;
+}
+
+bool is_observer(int fd) {
+    for (Observer const* const observer : observers)
+        if (observer->is(fd))
+            return true;
+    return false;
+}
+
+void forget_observer(int fd) {
+    for (Observer* const observer : observers)
+        observer->forget(fd);
+}
+
+void renew_observers() {
+    for (Observer* const observer : observers)
+        observer->renew();
+}
+
+} // namespace detail
+} // namespace zel
+} // namespace orn
