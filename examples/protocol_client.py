@@ -5,6 +5,7 @@
   protocol_client.py PID WORD...
 """
 
+import fcntl
 import os
 import select
 import signal
@@ -57,6 +58,29 @@ def send(pid, data, *descriptors):
 # [/send]
 
 
+# [pipe]
+F_SETPIPE_SZ = 1031  # Linux: fcntl.F_SETPIPE_SZ from Python 3.10 on
+
+
+def enlarge(pipe):
+    """To a mebibyte, or to what this user may have."""
+    for size in (1 << 20, 1 << 19, 1 << 18, 1 << 17):
+        try:
+            return fcntl.fcntl(pipe, F_SETPIPE_SZ, size)
+        except PermissionError:
+            pass
+
+
+def full(pipe):
+    """Whether there is no room. Ask before each read: only reading makes room, so it cannot be missed."""
+    end = os.open(f"/proc/self/fd/{pipe}", os.O_WRONLY | os.O_NONBLOCK)
+    try:
+        return not select.select([], [end], [], 0)[1]
+    finally:
+        os.close(end)
+# [/pipe]
+
+
 class Channel:
     # [connect]
     def __init__(self, pid, seconds=5):
@@ -66,6 +90,7 @@ class Channel:
         self.identity = struct.pack("=i", os.getpid())
         self.answers, answers_in = os.pipe()
         os.fchmod(answers_in, 0o622)  # the process opens it anew, perhaps as another user than root
+        enlarge(answers_in)
         os.kill(pid, CHANNEL_SIGNAL)
         deadline = time.monotonic() + seconds
         while True:
@@ -84,8 +109,9 @@ class Channel:
         send(self.pid, packet(COMMAND, self.identity, text + b"\0"))
 
     def ask(self, text):
-        """The lines of the answer."""
+        """The lines of the answer; self.lost then tells whether some may be missing."""
         self.marks += 1
+        self.lost = False
         mark = b"mark-%d-%d" % (os.getpid(), self.marks)  # a word that nobody has
         end = b'received "%s"\n' % mark
         self.command(text)
@@ -95,6 +121,7 @@ class Channel:
             if not select.select([self.answers], [], [], 0.25)[0]:
                 self.command(mark)  # the pipe was full, and the first mark was lost
                 continue
+            self.lost = self.lost or full(self.answers)
             data = os.read(self.answers, 65536)
             if not data:
                 raise EOFError(f"process {self.pid} has ended")
@@ -116,7 +143,9 @@ def main():
         channel = Channel(int(sys.argv[1]))
         for line in channel.ask(os.fsencode(" ".join(sys.argv[2:]))):
             print(line)
-        return 0
+        if channel.lost:
+            print("protocol_client: lines were lost: the pipe was full", file=sys.stderr)
+        return 1 if channel.lost else 0
     except (OSError, EOFError) as error:
         print(f"protocol_client: {error}", file=sys.stderr)
         return 1

@@ -54,6 +54,16 @@ class ProtocolTest(unittest.TestCase):
         self.assertEqual(lines, [f"{i}/100000 100000 x" for i in range(1, len(lines) + 1)])
         self.still_serves()
 
+    def test_a_long_answer_is_whole_or_known_to_be_cut(self):
+        text = b"x" * 100000
+        self.assertEqual(self.channel.ask(b"twice " + text), [f"{text.decode()} {text.decode()}"])
+        self.assertFalse(self.channel.lost)
+        fcntl.fcntl(self.channel.answers, protocol.F_SETPIPE_SZ, 65536)
+        self.assertLess(len(self.channel.ask(b"twice " + text)[0]), 200001)
+        self.assertTrue(self.channel.lost)
+        self.still_serves()
+        self.assertFalse(self.channel.lost)
+
     def test_what_is_no_message_is_dropped(self):
         identity = self.channel.identity
         good = protocol.packet(protocol.COMMAND, identity, b"foo\0")

@@ -8,7 +8,10 @@
 #include <cerrno>
 #include <csignal>
 #include <deque>
+#include <vector>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,6 +36,14 @@ void raise_channel_signal(int pid) {
     }
 }
 
+// The target writes an answer at once and does not wait for room, so the pipe should take all of a long
+// listing. The kernel may refuse the full size to a user who has many large pipes.
+void enlarge(int pipe) {
+    int const usual = 65536;
+    for (int size = 16 * usual; size > usual && fcntl(pipe, F_SETPIPE_SZ, size) == -1;)
+        size /= 2;
+}
+
 // The part that every message begins with.
 o_msg_t message_of(MessageType type, int& pid) {
     pid = getpid();
@@ -47,26 +58,40 @@ o_msg_t message_of(MessageType type, int& pid) {
 } // namespace
 
 struct ChannelImpl::Reader {
-    explicit Reader(boost::function<void(std::string const&)> const& line_function) : fn(line_function) {}
+    Reader(boost::function<void(std::string const&)> const& line_function, int write_end)
+        : fn(line_function), room(write_end), buffer(16384) {}
 
     void read_lines(int fd);
+    bool full() const;
 
     boost::function<void(std::string const&)> fn;
+    int const room;                          // the write end, which tells whether the pipe is full
+    std::atomic<bool> counting{false};       // how often it is
+    std::atomic<unsigned long> overflows{0}; // the count
+    std::vector<char> buffer;
     std::string partial;             // a line that has no end yet
     std::deque<std::string> lines;   // that fn has not been given yet
     std::atomic<bool> closed{false}; // the channel has been given up, maybe in another thread
 };
 
+// Only this side takes anything out. So a pipe without room for one of the target's writes is still full when
+// it is looked at before the next read.
+bool ChannelImpl::Reader::full() const {
+    pollfd entry = {room, POLLOUT, 0};
+    return poll(&entry, 1, 0) == 0;
+}
+
 void ChannelImpl::Reader::read_lines(int fd) {
-    char buffer[1024];
-    ssize_t const got = read(fd, buffer, sizeof buffer);
+    if (counting && full())
+        ++overflows;
+    ssize_t const got = read(fd, buffer.data(), buffer.size());
     if (got < 1) {
         if (got == 0 || (errno != EAGAIN && errno != EINTR))
             partial.clear();
         return;
     }
-    char const* const end = buffer + got;
-    for (char const* begin = buffer; begin != end;) {
+    char const* const end = buffer.data() + got;
+    for (char const* begin = buffer.data(); begin != end;) {
         char const* const newline = std::find(begin, end, '\n');
         partial.append(begin, newline);
         if (newline == end)
@@ -86,13 +111,17 @@ void ChannelImpl::Reader::read_lines(int fd) {
 }
 
 ChannelImpl::ChannelImpl(int pid, boost::function<void(std::string const&)> fn)
-    : queue_name_(CmdQueueName(pid)), response_(false), reader_(new Reader(fn)),
+    : ChannelImpl(pid, fn, [] { usleep(10000); }) {}
+
+ChannelImpl::ChannelImpl(int pid, boost::function<void(std::string const&)> fn, boost::function<void()> wait)
+    : queue_name_(CmdQueueName(pid)), response_(false), reader_(new Reader(fn, response_.WriteFD())),
       receptor_(response_.ReadFD(),
                 [reader = reader_](fd::Event* event) { reader->read_lines(event->fd()); }) {
     Log_SpecEntry(logSpecForceInfo, "src/cmd", __LINE__, "%s: response_fd=%d", "ChannelImpl",
                   response_.ReadFD());
     // For a target that runs as another user than this process, which is root then: it opens the pipe anew.
     fchmod(response_.WriteFD(), S_IRUSR | S_IWUSR | S_IWGRP | S_IWOTH);
+    enlarge(response_.WriteFD());
     raise_channel_signal(pid);
     int self;
     o_msg_t message = message_of(message_connect, self);
@@ -100,7 +129,7 @@ ChannelImpl::ChannelImpl(int pid, boost::function<void(std::string const&)> fn)
     ssize_t const size = o_msg_data_size(&message);
     // Until the target's loop has turned and its queue is there.
     while (o_msg_send(queue_name_.c_str(), &message, 0) != size)
-        usleep(10000);
+        wait();
 }
 
 ChannelImpl::~ChannelImpl() {
@@ -116,6 +145,14 @@ ssize_t ChannelImpl::Command(std::string const& command) {
     return o_msg_send(queue_name_.c_str(), &message, 0);
 }
 
+void ChannelImpl::CountOverflows() {
+    reader_->counting = true;
+}
+
+unsigned long ChannelImpl::Overflows() const {
+    return reader_->overflows;
+}
+
 void ChannelImpl::ResponseHandler(fd::Event* event) {
     reader_->read_lines(event->fd());
 }
@@ -126,10 +163,23 @@ ssize_t Channel::Command(std::string const& command) {
     return impl_->Command(command);
 }
 
+void Channel::CountOverflows() {
+    impl_->CountOverflows();
+}
+
+unsigned long Channel::Overflows() const {
+    return impl_->Overflows();
+}
+
 } // namespace cmd
 
 cmd::Channel Connect(int pid, boost::function<void(std::string const&)> fn) {
     return cmd::Channel(boost::shared_ptr<cmd::ChannelImpl>(new cmd::ChannelImpl(pid, fn)));
+}
+
+cmd::Channel ConnectWith(int pid, boost::function<void(std::string const&)> fn,
+                         boost::function<void()> wait) {
+    return cmd::Channel(boost::shared_ptr<cmd::ChannelImpl>(new cmd::ChannelImpl(pid, fn, wait)));
 }
 
 } // namespace zel

@@ -75,6 +75,14 @@ void line(std::string const& length, int fd) {
     }
 }
 
+// As many lines as are asked for, in one piece.
+void lines(std::string const& count, int fd) {
+    std::string text;
+    for (unsigned long i = std::strtoul(count.c_str(), nullptr, 10); i > 0; --i)
+        text += "one of many lines, with number " + std::to_string(i) + '\n';
+    cmd::Write(fd, text);
+}
+
 // The number of the descriptor that answers go to, and which pipe that is.
 void where(std::string const& given, int fd) {
     int const asked = given.empty() ? fd : std::atoi(given.c_str());
@@ -95,6 +103,7 @@ void register_words() {
     RegisterCommandModule("measured",
                           [](std::string const&, int fd) { answer(fd, std::to_string(measured)); });
     RegisterCommandModule("line", line);
+    RegisterCommandModule("lines", lines);
     RegisterCommandModule("where", where);
     RegisterCommandModule("sigpipe", sigpipe);
     RegisterCommandModule("sigpipe-after-exec", sigpipe_after_exec);

@@ -119,6 +119,13 @@ std::string Program::errors() {
     return all;
 }
 
+std::string Program::error_line(int limitMs) {
+    std::string text;
+    while (text.find('\n') == std::string::npos && fill(text, errors_, limitMs)) {
+    }
+    return text;
+}
+
 bool Program::alive() {
     int status = 0;
     if (status_.empty() && ::waitpid(pid_, &status, WNOHANG) == pid_)

@@ -38,6 +38,7 @@ public:
     std::string line(int limitMs = 10000); ///< the next one of its output, "" at its end or at the deadline
     std::string rest();                    ///< of its output, up to its end
     std::string errors();                  ///< of its standard error, up to its end
+    std::string error_line(int limitMs = 10000); ///< the next one there, and whatever has come behind it
     /// "exit <n>" or "signal <n>" once it has ended, "hung" after the deadline.
     std::string end(int limitMs = 10000);
     bool alive();

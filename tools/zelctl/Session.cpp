@@ -1,86 +1,248 @@
 // SPDX-License-Identifier: MIT
 #include "Session.hpp"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <random>
+#include <sstream>
 
 #include <signal.h>
 #include <unistd.h>
+
+#include "Failure.hpp"
+#include "Output.hpp"
+#include "Target.hpp"
 
 namespace zelctl {
 
 namespace {
 
-int const channel_signal = 55;
-unsigned long const ask_again_ms = 250;
-
-std::string name_of(int pid) {
-    return "process " + std::to_string(pid);
-}
-
-// The mask of caught signals from /proc/<pid>/status; false when it cannot be read.
-bool caught_signals(int pid, unsigned long long& mask) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string key;
-    while (status >> key) {
-        if (key == "SigCgt:")
-            return static_cast<bool>(status >> std::hex >> mask);
-        std::getline(status, key);
-    }
-    return false;
-}
+unsigned long const look_around_ms = 250;
 
 std::string echo_of(std::string const& command) {
     return "received \"" + command + "\"";
 }
 
+// As the process does it, so that it and this tool never read a command differently.
+std::vector<std::string> words_of(std::string const& command) {
+    std::vector<std::string> words;
+    for (std::string rest = command; !rest.empty();) {
+        std::pair<std::string, std::string> split = orn::zel::cmd::GetFirstWord(rest);
+        words.push_back(split.first);
+        rest.swap(split.second);
+    }
+    return words;
+}
+
+bool is(std::vector<std::string> const& words, std::string const& second) {
+    return words.size() >= 2 && words[0] == "zel" && words[1] == second;
+}
+
+std::set<std::string> kinds_in(std::vector<std::string> const& words) {
+    std::set<std::string> kinds;
+    for (std::string const kind : {"poll", "thread", "task", "alarm"}) {
+        if (std::find(words.begin() + 2, words.end(), kind) != words.end())
+            kinds.insert(kind);
+    }
+    return kinds;
+}
+
+// How many numbered lines answer a command that begins with a number and is nobody's.
+unsigned long numbered_lines(std::string const& command) {
+    bool const numbered = !command.empty() && command[0] >= '0' && command[0] <= '9';
+    return numbered ? static_cast<unsigned long>(
+                          std::min<long>(std::strtol(command.c_str(), nullptr, 10), INT_MAX))
+                    : 0;
+}
+
 } // namespace
 
-void make_sure_it_listens(int pid) {
-    if (kill(pid, 0) != 0)
-        throw Refusal(name_of(pid) + ": " + strerror(errno));
-    unsigned long long mask = 0;
-    if (!caught_signals(pid, mask))
-        throw Refusal(name_of(pid) + ": cannot read /proc/" + std::to_string(pid) + "/status");
-    if (!(mask >> (channel_signal - 1) & 1))
-        throw Refusal(name_of(pid) +
-                      " does not catch signal 55: it has not loaded zel, and the signal would end it");
+Session::Session(Target const& target, Output& output, double seconds, std::function<int()> caught)
+    : target_(target), output_(output), seconds_(seconds), caught_(caught),
+      mark_("zelctl-" + std::to_string(getpid()) + '-'), marks_(0), complete_(false), lines_(0),
+      overflows_(0), cut_(false), listing_over_(false), failed_listings_(0), wants_listing_(false),
+      ended_(false), timed_out_(false), keeps_monitors_(false), following_(false), send_error_(0),
+      notices_(target.pid(), [this](std::string const& kind, Notice notice) { take_notice(kind, notice); }) {
+    if (target.descriptor() != -1) {
+        end_receptor_.reset(new orn::zel::fd::AutoReceptor(target.descriptor(), [this](orn::zel::fd::Event*) {
+            ended_ = true;
+            end_receptor_.reset(); // it would stay readable
+        }));
+    }
+    limit_.reset(
+        new orn::zel::Alarm(static_cast<unsigned long>(seconds * 1000), [this] { timed_out_ = true; }));
+    tick_.reset(new orn::zel::Alarm(look_around_ms, look_around_ms, [this] { look_around(); }));
 }
 
-Session::Session(int pid, Print print)
-    : pid_(pid), print_(print), mark_("zelctl-" + std::to_string(getpid()) + '-'), marks_(0),
-      complete_(false),
-      channel_(orn::zel::Connect(pid, [this](std::string const& line) { take_line(line); })) {}
+Session::~Session() {
+    if (monitors_.empty() || !channel_)
+        return;
+    std::string command = "zel unmonitor";
+    for (std::string const& kind : monitors_)
+        command += ' ' + kind;
+    channel_->Command(command); // handed over: it is served although nobody waits for the answer
+    for (std::string const& kind : monitors_) {
+        if (!keeps_monitors_)
+            notify(target_.pid(), kind, free_again);
+    }
+}
+
+// ---- Waiting --------------------------------------------------------------------------------------------
+
+// One turn of the loop. A signal that comes just before it has the tick's time to wait.
+void Session::turn(long ms) {
+    if (following_) {
+        // A reader that is slow must not keep the loop from notices and from the end, so lines that there is
+        // no room for are tried again soon.
+        orn::zel::RunOnce(output_.waiting() ? 20 : ms);
+        output_.flush_some();
+    } else {
+        orn::zel::RunOnce(ms);
+        output_.flush();
+    }
+    int const signo = caught_();
+    if (signo != 0)
+        throw Interrupted{signo};
+    int const error = output_.error();
+    if (error == EPIPE)
+        throw Interrupted{SIGPIPE};
+    if (error != 0)
+        throw Failure(refused, std::string("standard output: ") + strerror(error));
+    if (!timed_out_)
+        return;
+    std::ostringstream text;
+    text << target_.name() << " has not answered within " << seconds_ << " s: ";
+    if (failed_listings_ > 0)
+        text << "the list of threads goes to the poll monitor, which others have taken each time";
+    else
+        text << target_.why_silent(channel_ != nullptr, send_error_);
+    throw Failure(zelctl::timed_out, text.str());
+}
+
+// What has no descriptor to wait for.
+void Session::look_around() {
+    ended_ = ended_ || (target_.descriptor() == -1 && target_.ended());
+    if (keeps_monitors_)
+        open_notices();
+}
+
+bool Session::open_notices() {
+    bool all = true;
+    for (std::string const& kind : monitors_)
+        all = notices_.open(kind) && all;
+    return all;
+}
+
+// What the process has written before it ended.
+void Session::drain() {
+    while (orn::zel::RunOnce(0) > 0) {
+    }
+    output_.flush();
+}
+
+void Session::pause(unsigned long ms) {
+    bool over = false;
+    orn::zel::Alarm const end(ms, [&] { over = true; });
+    while (!over && !ended_)
+        turn();
+}
+
+// ---- Commands and answers -------------------------------------------------------------------------------
+
+void Session::connect() {
+    channel_.reset(new orn::zel::cmd::Channel(orn::zel::ConnectWith(
+        target_.pid(), [this](std::string const& line) { take_line(line); },
+        [this] {
+            send_error_ = errno;
+            turn(10);
+            if (ended_)
+                throw Failure(refused, target_.name() + " has ended");
+        })));
+    channel_->CountOverflows();
+    send_error_ = 0;
+}
 
 void Session::send(std::string const& command) {
-    if (channel_.Command(command) < 0)
-        throw Refusal(name_of(pid_) + " does not take the command: " + strerror(errno));
+    while (channel_->Command(command) < 0) {
+        send_error_ = errno;
+        if (send_error_ == EAGAIN) { // its queue is full
+            turn(0);
+        } else {
+            // At its end a process closes its queue a moment before it is known to have ended.
+            bool const ended = send_error_ == ECONNREFUSED && target_.ended(100);
+            throw Failure(refused, target_.name() +
+                                       (ended ? " has ended"
+                                              : std::string(" does not take the command: ") +
+                                                    (send_error_ == ECONNREFUSED ? "it has unloaded zel"
+                                                                                 : strerror(send_error_))));
+        }
+    }
+    send_error_ = 0;
 }
 
-void Session::run(std::string const& command) {
-    // Commands are served in order: once a second one, which nobody has, is echoed, the first has been
-    // answered.
-    std::string const end = mark_ + std::to_string(++marks_);
-    expected_echo_ = echo_of(command);
-    end_ = echo_of(end);
+// Commands are served in order: once another one, which nobody has, is echoed, those before it have been
+// answered.
+void Session::wait_for_answer() {
+    std::string const mark = mark_ + std::to_string(++marks_);
+    end_ = echo_of(mark);
     complete_ = false;
-    send(command);
-    send(end);
-    // An answer that fills the pipe may cost the mark: ask again.
-    orn::zel::Alarm const again(ask_again_ms, ask_again_ms, [&] { send(end); });
-    while (!complete_)
-        orn::zel::RunOnce(-1);
+    send(mark);
+    // A full pipe may cost the mark's echo: ask again.
+    orn::zel::Alarm const again(look_around_ms, look_around_ms, [&] { channel_->Command(mark); });
+    while (!complete_) {
+        turn();
+        if (!ended_)
+            continue;
+        drain();
+        if (!complete_)
+            throw Failure(refused, target_.name() + " has ended, perhaps in the middle of the answer");
+    }
 }
 
-void Session::follow(unsigned long ms) {
-    bool over = false;
-    std::unique_ptr<orn::zel::Alarm> limit;
-    if (ms > 0)
-        limit.reset(new orn::zel::Alarm(ms, [&] { over = true; }));
-    orn::zel::Alarm const alive(ask_again_ms, ask_again_ms, [&] { over = over || kill(pid_, 0) != 0; });
-    while (!over)
-        orn::zel::RunOnce(-1);
+void Session::run(std::string const& command, bool keep_monitors) {
+    std::vector<std::string> const words = words_of(command);
+    if (is(words, "threads")) {
+        list_threads();
+        return;
+    }
+    if (is(words, "monitor"))
+        take_monitors(kinds_in(words), keep_monitors);
+    ask(command);
+    if (is(words, "unmonitor")) {
+        for (std::string const& kind : kinds_in(words))
+            notify(target_.pid(), kind, switched_off);
+    }
+}
+
+// Ready for notices before the monitors are this one's, since from then on they may go to another.
+void Session::take_monitors(std::set<std::string> const& kinds, bool keep) {
+    if (keep) {
+        for (std::string const& kind : kinds)
+            notify(target_.pid(), kind, taken);
+    }
+    monitors_ = kinds;
+    keeps_monitors_ = keep;
+    // The one before leaves its place as soon as it is told; one that is stopped does not.
+    for (int attempts = 50; keep && !open_notices() && attempts > 0; --attempts)
+        pause(10);
+}
+
+void Session::ask(std::string const& command) {
+    command_ = command;
+    echoes_.insert(echo_of(command));
+    send(command);
+    wait_for_answer();
+    // It does not send more numbered lines than the pipe has room for.
+    unsigned long const numbered = numbered_lines(command);
+    cut_ = lines_ < numbered && first_line_ == "1/" + std::to_string(numbered) + ' ' + command;
+}
+
+bool Session::lines_lost() const {
+    return cut_ || (channel_ && channel_->Overflows() != overflows_);
 }
 
 void Session::take_line(std::string const& line) {
@@ -91,14 +253,102 @@ void Session::take_line(std::string const& line) {
     std::string::size_type const at = line.find(echo);
     if (at != std::string::npos) {
         if (at > 0)
-            print_(line.substr(0, at));
+            take_answer(line.substr(0, at));
         complete_ = complete_ || line.compare(at, std::string::npos, end_) == 0;
         return;
     }
-    if (!expected_echo_.empty() && line == expected_echo_)
-        expected_echo_.clear();
+    std::multiset<std::string>::iterator const expected = echoes_.find(line);
+    if (expected != echoes_.end())
+        echoes_.erase(expected);
     else
-        print_(line);
+        take_answer(line);
+}
+
+void Session::take_answer(std::string const& line) {
+    if (wants_listing_) {
+        take_listing(line);
+        return;
+    }
+    if (++lines_ == 1)
+        first_line_ = line;
+    std::size_t const most = 4 << 20;
+    if (following_ && output_.waiting() > most)
+        cut_ = true;
+    else
+        output_.line(line);
+}
+
+// ---- The list of threads --------------------------------------------------------------------------------
+
+// It is written to the poll monitor alone, of which a process has one. So the monitor is borrowed for a
+// moment, and the list is asked for again until one whole one has come: another client may take the monitor
+// at any time, and a busy process may fill the pipe with the monitor's own lines.
+void Session::list_threads() {
+    unsigned const enough = 5;
+    std::minstd_rand random(static_cast<unsigned>(getpid()));
+    wants_listing_ = true; // between two attempts, too: the monitor's last lines may be late
+    while (!list_once() || (lines_lost() && failed_listings_ < enough)) {
+        ++failed_listings_;
+        // Others who try the same must not do so in step, and the more there are the longer it takes.
+        pause(5 + random() % (20u << std::min(failed_listings_, enough)));
+    }
+    wants_listing_ = false;
+    for (std::string const& line : listing_)
+        output_.line(line);
+    monitors_.erase("poll");
+    notify(target_.pid(), "poll", free_again);
+}
+
+bool Session::list_once() {
+    overflows_ = channel_->Overflows();
+    listing_.clear();
+    listing_over_ = false;
+    monitors_.insert("poll");
+    // Not one after the other's answer: the shorter it takes, the less there is to be lost.
+    for (std::string const command : {"zel monitor poll", "zel threads", "zel unmonitor poll"})
+        send(command);
+    wait_for_answer();
+    return !listing_.empty();
+}
+
+// One list is one write, so its lines come together. That of another client may come, too.
+void Session::take_listing(std::string const& line) {
+    bool const first = listing_.empty() && line == "Threads:";
+    bool const next = !listing_.empty() && !listing_over_ && line.compare(0, 8, "thread: ") == 0;
+    if (first || next)
+        listing_.push_back(line);
+    else
+        listing_over_ = !listing_.empty();
+}
+
+// ---- Following ------------------------------------------------------------------------------------------
+
+void Session::follow(unsigned long ms) {
+    limit_.reset();
+    timed_out_ = false;
+    following_ = true;
+    bool over = false;
+    std::unique_ptr<orn::zel::Alarm> limit;
+    if (ms > 0)
+        limit.reset(new orn::zel::Alarm(ms, [&] { over = true; }));
+    while (!over && !ended_)
+        turn();
+    if (ended_)
+        drain();
+}
+
+void Session::take_notice(std::string const& kind, Notice notice) {
+    if (notice == free_again) {
+        std::string const again = "zel monitor " + kind;
+        echoes_.insert(echo_of(again));
+        channel_->Command(again);
+        return;
+    }
+    monitors_.erase(kind);
+    notices_.close(kind);
+    std::fprintf(stderr,
+                 "zelctl: another zelctl has %s the %s monitor of %s, none of its lines come here any more\n",
+                 notice == taken ? "taken" : "switched off", kind.c_str(), target_.name().c_str());
 }
 
 } // namespace zelctl

@@ -1,55 +1,109 @@
 // SPDX-License-Identifier: MIT
 //
-// One conversation of zelctl with a process: from making sure that it may be signalled to knowing that an
-// answer is complete. Internal to the tool; the command line is main.cpp's.
+// One conversation of zelctl with a process: connecting, commands and their answers, following monitors, and
+// switching them off however it ends. Internal to the tool; the command line is main.cpp's.
+//
+// Everything that it waits for is an event of one loop: answers, the end of the process, the time limit. Only
+// signals are a flag, since they may also come while a slow reader holds up the output.
 #ifndef ZELCTL_SESSION_HPP
 #define ZELCTL_SESSION_HPP
 
 #include <functional>
 #include <memory>
-#include <stdexcept>
+#include <set>
 #include <string>
+#include <vector>
 
 #include <orn/zel.hpp>
 
+#include "Notices.hpp"
+
 namespace zelctl {
 
-// Why a process is not talked to, in plain words.
-class Refusal : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-// Throws Refusal unless the process exists, may be signalled and catches signal 55, whose default action
-// would end it.
-void make_sure_it_listens(int pid);
+class Output;
+class Target;
 
 class Session {
 public:
-    typedef std::function<void(std::string const&)> Print;
+    // caught: the number of the signal that asks for the end, 0 as long as none has come.
+    Session(Target const& target, Output& output, double seconds, std::function<int()> caught);
+    // Switches off the monitors that this one has switched on.
+    ~Session();
+    Session(Session const&) = delete;
+    Session& operator=(Session const&) = delete;
 
-    // Connects; waits for as long as the process takes to turn its loop.
-    Session(int pid, Print print);
+    // These throw Failure, or Interrupted once a signal has come; all but follow() when the seconds are over,
+    // too.
 
-    // Sends the command and runs the loop until everything that it answered has been printed. Throws Refusal
-    // when the process does not take it.
-    void run(std::string const& command);
+    void connect();
+
+    // Sends the command and prints what it answers. keep_monitors: those that it switches on will be
+    // followed.
+    void run(std::string const& command, bool keep_monitors);
 
     // Prints what comes for that long, monitor lines mostly; 0: until the process has ended.
     void follow(unsigned long ms);
 
-private:
-    void take_line(std::string const& line);
-    void send(std::string const& command);
+    // Whether some of what should have been printed has not come.
+    bool lines_lost() const;
+    // Whether the process has only sent the command back, which means that its word is nobody's.
+    bool echoed() const { return lines_ == 1 && first_line_ == "1/1 " + command_; }
+    // Those that this one has switched on.
+    std::set<std::string> const& monitors() const { return monitors_; }
 
-    int const pid_;
-    Print print_;
-    std::string expected_echo_; // of the command itself, which is not part of the answer
-    std::string const mark_;    // what the commands that mark the end of an answer begin with
+private:
+    void turn(long ms = -1);
+    void look_around();
+    bool open_notices();
+    void take_monitors(std::set<std::string> const& kinds, bool keep);
+    void drain();
+    void pause(unsigned long ms);
+    void send(std::string const& command);
+    void wait_for_answer();
+    void ask(std::string const& command);
+    void list_threads();
+    bool list_once();
+    void take_line(std::string const& line);
+    void take_answer(std::string const& line);
+    void take_listing(std::string const& line);
+    void take_notice(std::string const& kind, Notice notice);
+
+    Target const& target_;
+    Output& output_;
+    double const seconds_;
+    std::function<int()> caught_;
+
+    // The end of an answer.
+    std::string const mark_; // what the commands that mark it begin with
     unsigned long marks_;
-    std::string end_; // the echo that the present answer ends with
-    bool complete_;
-    orn::zel::cmd::Channel channel_;
+    std::string end_; // the echo of the present one
+    bool complete_;   // it has come
+
+    // The answer.
+    std::string command_;
+    std::multiset<std::string> echoes_; // of commands, to come yet, which are no part of answers
+    unsigned long lines_;
+    std::string first_line_;
+    unsigned long overflows_; // of the channel, before the answer
+    bool cut_;                // by the process itself, or by this one
+
+    // The list of threads.
+    std::vector<std::string> listing_;
+    bool listing_over_;
+    unsigned failed_listings_;
+    bool wants_listing_;
+
+    bool ended_;     // the process has
+    bool timed_out_; // the seconds are over
+    bool keeps_monitors_;
+    bool following_;
+    int send_error_; // errno of the last attempt
+    std::set<std::string> monitors_;
+    Notices notices_;
+    std::unique_ptr<orn::zel::cmd::Channel> channel_;
+    std::unique_ptr<orn::zel::fd::AutoReceptor> end_receptor_;
+    std::unique_ptr<orn::zel::Alarm> limit_;
+    std::unique_ptr<orn::zel::Alarm> tick_;
 };
 
 } // namespace zelctl

@@ -94,6 +94,12 @@ public:
     // line by line to the function that was given to Connect(), and has no end mark.
     ssize_t Command(std::string const& command);
 
+    // From here on counts how often the pipe for answers is found full, at the cost of a system call a read.
+    // The target does not wait for room: text that comes then is cut or lost, perhaps in the middle of a
+    // line. An answer during which the number stays the same is whole. Any thread.
+    void CountOverflows();
+    unsigned long Overflows() const;
+
 private:
     boost::shared_ptr<ChannelImpl> impl_;
 };
@@ -109,6 +115,12 @@ ORN_API void UnregisterCommandModule(std::string const& word);
 // does not have the library: make sure before, from the SigCgt line of /proc/<pid>/status. fn is called with
 // each line of an answer, without its newline, on the calling thread's group; it may give the channel up.
 ORN_API cmd::Channel Connect(int pid, boost::function<void(std::string const&)> fn);
+
+// The same for a caller who does not wait for ever. wait is called after each attempt that failed, with its
+// reason in errno (see o_msg_send()), and returns when it is time for the next one. It may run the loop. What
+// it throws gives the connection up and passes to the caller.
+ORN_API cmd::Channel ConnectWith(int pid, boost::function<void(std::string const&)> fn,
+                                 boost::function<void()> wait);
 
 namespace cmd {
 
@@ -127,11 +139,14 @@ ORN_API std::string CmdQueueName(int pid);
 class ORN_API ChannelImpl {
 public:
     ChannelImpl(int pid, boost::function<void(std::string const&)> fn);
+    ChannelImpl(int pid, boost::function<void(std::string const&)> fn, boost::function<void()> wait);
     virtual ~ChannelImpl();
     ChannelImpl(ChannelImpl const&) = delete;
     ChannelImpl& operator=(ChannelImpl const&) = delete;
 
     ssize_t Command(std::string const& command);
+    void CountOverflows();
+    unsigned long Overflows() const;
     void ResponseHandler(fd::Event* event);
 
 private:

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+//
+// What the zelctls that use the monitors of one process tell each other. A process has one monitor of a kind,
+// and does not say who has it: without a word, the one that is followed would fall silent. Internal to the
+// tool.
+#ifndef ZELCTL_NOTICES_HPP
+#define ZELCTL_NOTICES_HPP
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include <orn/zel.hpp>
+
+namespace zelctl {
+
+enum Notice {
+    taken = 1,        // the sender has it now, and keeps it
+    switched_off = 2, // on request
+    free_again = 3    // the sender had it for a moment
+};
+
+// Tells the zelctl that follows this monitor of the process, if there is one.
+void notify(int pid, std::string const& kind, Notice notice);
+
+// Receives the notices about the monitors that this zelctl follows, from its own user and root.
+class Notices {
+public:
+    typedef std::function<void(std::string const& kind, Notice notice)> Handler;
+
+    Notices(int pid, Handler handler) : pid_(pid), handler_(handler) {}
+    Notices(Notices const&) = delete;
+    Notices& operator=(Notices const&) = delete;
+
+    // False while another zelctl receives them, which leaves that when it is told that the monitor is taken.
+    bool open(std::string const& kind);
+    void close(std::string const& kind) { queues_.erase(kind); }
+
+private:
+    struct Queue;
+
+    void receive(std::string const& kind);
+
+    int const pid_;
+    Handler handler_;
+    std::map<std::string, std::shared_ptr<Queue>> queues_; // by kind
+};
+
+} // namespace zelctl
+
+#endif

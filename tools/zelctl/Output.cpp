@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: MIT
+#include "Output.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+
+#include <poll.h>
+#include <unistd.h>
+
+namespace zelctl {
+
+namespace {
+
+unsigned char byte(std::string const& text, std::size_t at) {
+    return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
+}
+
+// The length of the character there, when it is one that a terminal shows; else 0. Overlong forms, halves of
+// pairs and the control characters from U+0080 on do not count.
+std::size_t shown(std::string const& text, std::size_t at) {
+    unsigned char const first = byte(text, at);
+    unsigned char const second = byte(text, at + 1);
+    if (first < 0x80)
+        return first == '\t' || (first >= ' ' && first != 0x7f) ? 1 : 0;
+    std::size_t const length = first < 0xc2 ? 0 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : first < 0xf5 ? 4 : 0;
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(text, at + i) & 0xc0) != 0x80)
+            return 0;
+    }
+    bool const control = first == 0xc2 && second < 0xa0;
+    bool const overlong = (first == 0xe0 && second < 0xa0) || (first == 0xf0 && second < 0x90);
+    bool const beyond = (first == 0xed && second >= 0xa0) || (first == 0xf4 && second >= 0x90);
+    return control || overlong || beyond ? 0 : length;
+}
+
+} // namespace
+
+std::string printable(std::string const& text) {
+    std::string result;
+    for (std::size_t at = 0; at < text.size();) {
+        std::size_t const length = shown(text, at);
+        if (length > 0) {
+            result.append(text, at, length);
+        } else {
+            char code[5];
+            std::snprintf(code, sizeof code, "\\x%02x", byte(text, at));
+            result += code;
+        }
+        at += std::max<std::size_t>(length, 1);
+    }
+    return result;
+}
+
+Output::Output(std::function<bool()> give_up)
+    : give_up_(give_up), terminal_(isatty(STDOUT_FILENO) != 0), error_(0) {}
+
+void Output::line(std::string const& text) {
+    kept_ += terminal_ ? printable(text) : text;
+    kept_ += '\n';
+}
+
+void Output::flush() {
+    while (!kept_.empty() && error_ == 0 && !give_up_())
+        write_kept(100);
+}
+
+void Output::write_kept(int wait_ms) {
+    std::size_t done = 0;
+    // Small pieces, and only with room for them: a pipe that nobody reads must not keep a signal waiting.
+    for (pollfd room = {STDOUT_FILENO, POLLOUT, 0}; done < kept_.size() && poll(&room, 1, wait_ms) > 0;) {
+        ssize_t const written =
+            write(STDOUT_FILENO, kept_.data() + done, std::min<std::size_t>(kept_.size() - done, PIPE_BUF));
+        if (written >= 0) {
+            done += static_cast<std::size_t>(written);
+        } else if (errno != EINTR && errno != EAGAIN) {
+            error_ = errno;
+            kept_.clear();
+            return;
+        }
+    }
+    kept_.erase(0, done);
+}
+
+int Output::error() {
+    pollfd entry = {STDOUT_FILENO, 0, 0};
+    if (error_ == 0 && poll(&entry, 1, 0) > 0 && (entry.revents & POLLERR) != 0)
+        error_ = EPIPE;
+    return error_;
+}
+
+} // namespace zelctl
