@@ -1,5 +1,6 @@
-# The three ways in which another project takes zel in, each configured, built and run as a project of its own:
-# find_package and pkg-config against an installed copy, and add_subdirectory. Against a library built with a
+# The ways in which another project takes zel in, each configured, built and run as a project of its own:
+# find_package and pkg-config against an installed copy, and add_subdirectory, also with a platform layer that is
+# not built in. Against a library built with a
 # sanitizer they would need its flags as well, so there they are left out; so are they where the result would
 # not run on this machine.
 
@@ -28,7 +29,15 @@ if(NOT ZEL_SANITIZE AND NOT CMAKE_CROSSCOMPILING AND ZEL_INSTALL AND PROJECT_IS_
     set_tests_properties(consumer.find_package PROPERTIES FIXTURES_REQUIRED zel_installed)
 
     zel_add_consumer(add_subdirectory -DZEL_SOURCE_DIR=${PROJECT_SOURCE_DIR})
-    set_tests_properties(consumer.add_subdirectory PROPERTIES PROCESSORS 2)
+    zel_add_consumer(external -DZEL_SOURCE_DIR=${PROJECT_SOURCE_DIR})
+    set_tests_properties(consumer.add_subdirectory consumer.external PROPERTIES PROCESSORS 2)
+
+    # The tool finds the library under a prefix that the dynamic linker does not know.
+    if(TARGET zelctl)
+        add_test(NAME consumer.zelctl COMMAND ${consumers_prefix}/${CMAKE_INSTALL_BINDIR}/zelctl --help)
+        zel_test_properties(consumer.zelctl LABELS consumer)
+        set_tests_properties(consumer.zelctl PROPERTIES FIXTURES_REQUIRED zel_installed)
+    endif()
 
     find_program(ZEL_PKG_CONFIG pkg-config)
     mark_as_advanced(ZEL_PKG_CONFIG)
