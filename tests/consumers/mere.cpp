@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A program that is linked with zel and leaves all calls to modules: the library has to come with it also where the
-// linker leaves out what is not called.
+// A program that is linked with zel and leaves all calls to modules: the library has to come with it also
+// where the linker leaves out what is not called.
 #include <cstdlib>
 
 #include <dlfcn.h>
