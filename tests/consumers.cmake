@@ -50,3 +50,21 @@ if(NOT ZEL_SANITIZE AND NOT CMAKE_CROSSCOMPILING AND ZEL_INSTALL AND PROJECT_IS_
         set_tests_properties(consumer.pkg_config PROPERTIES FIXTURES_REQUIRED zel_installed)
     endif()
 endif()
+
+# A package says which processors it is for; also one that was made on a machine with another.
+set(architecture_x86_64 amd64)
+set(architecture_i686 i386)
+set(architecture_powerpc powerpc)
+set(architecture_mips mips)
+set(architecture_armv7l armhf)
+find_program(ZEL_DPKG_DEB dpkg-deb)
+find_program(ZEL_DPKG_ARCHITECTURE dpkg-architecture)
+mark_as_advanced(ZEL_DPKG_DEB ZEL_DPKG_ARCHITECTURE)
+if(NOT ZEL_SANITIZE AND ZEL_INSTALL AND PROJECT_IS_TOP_LEVEL AND ZEL_DPKG_DEB AND ZEL_DPKG_ARCHITECTURE
+        AND DEFINED architecture_${CMAKE_SYSTEM_PROCESSOR})
+    add_test(NAME package COMMAND ${CMAKE_CPACK_COMMAND} -G DEB -B ${CMAKE_CURRENT_BINARY_DIR}/packages
+        WORKING_DIRECTORY ${PROJECT_BINARY_DIR})
+    zel_test_properties(package LABELS consumer)
+    set_tests_properties(package PROPERTIES PASS_REGULAR_EXPRESSION
+        "libzel${PROJECT_VERSION_MAJOR}_${PROJECT_VERSION}_${architecture_${CMAKE_SYSTEM_PROCESSOR}}.deb generated")
+endif()
