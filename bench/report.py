@@ -2,8 +2,10 @@
 """Measures, and puts the figures into docs/performance.md.
 
   bench/report.py               runs all benchmarks (some minutes), then rewrites the tables
-  bench/report.py --short       the same in a minute, for a look: the figures say so
+  bench/report.py --short       the same in a minute, for a look: the page says so
   bench/report.py --from DIR    rewrites the tables from what script/bench --json DIR has left
+
+A median of fewer than ten rounds says little: unless --short is given, too, such figures are refused.
 
 A table stands between the lines "<!-- figures: PROGRAM -->" and "<!-- /figures -->" and is rewritten whole:
 figures of a program that has not run are taken out. "machine" in place of a program is where it was measured.
@@ -24,6 +26,7 @@ END = "<!-- /figures -->"
 # Seconds for each benchmark. A round of lateness takes half a second.
 MIN_TIME = {"lateness": 15}
 DEFAULT_MIN_TIME = 2
+FEWEST_ROUNDS = 10
 CONTEXT = ["machine", "processors", "kernel", "compiler", "commit", "date", "libevent", "libuv", "command"]
 
 
@@ -56,6 +59,15 @@ def load(directory):
     if not results:
         raise SystemExit(f"report: no results in {directory}")
     return results
+
+
+def refuse_few_rounds(results):
+    few = [f"  {program}: {benchmark['run_name']}: {benchmark['iterations']}"
+           for program, result in sorted(results.items())
+           for benchmark in result["benchmarks"] if benchmark["iterations"] < FEWEST_ROUNDS]
+    if few:
+        raise SystemExit("\n".join([f"report: fewer than {FEWEST_ROUNDS} rounds (more time for the program in MIN_TIME,"
+                                    " or --short for a look):", *few]))
 
 
 def counters(benchmark):
@@ -94,7 +106,7 @@ def tables(result):
     return lines[1:]
 
 
-def machine(results, command):
+def machine(results, command, short):
     merged = {}
     for result in results.values():
         context = dict(result["context"], processors=result["context"]["num_cpus"], command=f"`{command}`")
@@ -105,10 +117,11 @@ def machine(results, command):
                 if str(context[name]) not in merged[name]:
                     merged[name].append(str(context[name]))
     # More than one commit or compiler would be figures that do not belong together: it shows.
-    return ["| | |", "|---|---|"] + [f"| {name} | {' / '.join(merged[name])} |" for name in CONTEXT if name in merged]
+    table = ["| | |", "|---|---|"] + [f"| {name} | {' / '.join(merged[name])} |" for name in CONTEXT if name in merged]
+    return (["**A short run, for a look: rows of few rounds say little.**", ""] if short else []) + table
 
 
-def rewrite(lines, results, command):
+def rewrite(lines, results, command, short):
     output, inside = [], False
     for line in lines:
         match = BEGIN.match(line)
@@ -122,7 +135,7 @@ def rewrite(lines, results, command):
             inside = True
             name = match.group(1)
             if name == "machine":
-                body = machine(results, command)
+                body = machine(results, command, short)
             else:
                 body = tables(results[name]) if name in results else ["Not measured."]
             output += ["", *body, ""]
@@ -145,12 +158,14 @@ def main():
         measure(arguments.short)
         directory = DIRECTORY
     results = load(directory)
+    if not arguments.short:
+        refuse_few_rounds(results)
     command = "bench/report.py" + (" --short" if arguments.short else "")
     if arguments.directory:
         command = f"script/bench --json {arguments.directory}"
     with open(PAGE, encoding="utf-8") as file:
         lines = file.read().splitlines()
-    text = "\n".join(rewrite(lines, results, command)) + "\n"
+    text = "\n".join(rewrite(lines, results, command, arguments.short)) + "\n"
     with open(PAGE, "w", encoding="utf-8") as file:
         file.write(text)
     print(f"{PAGE}: figures of {', '.join(sorted(results))}")

@@ -15,6 +15,9 @@ install(TARGETS ${zel_exported} EXPORT zelTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 if(TARGET zelctl)
+    # It finds the library beside it, wherever the tree is installed or moved to.
+    file(RELATIVE_PATH zel_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+    set_target_properties(zelctl PROPERTIES INSTALL_RPATH "$ORIGIN/${zel_libraries}")
     install(TARGETS zelctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 endif()
 
@@ -46,6 +49,9 @@ else()
     set(zel_pc_libdir "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
     set(zel_pc_includedir "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 endif()
+# A vendor's platform libraries, which programs use themselves.
+list(TRANSFORM ZEL_PLATFORM_LIBRARIES PREPEND " " OUTPUT_VARIABLE zel_pc_platform)
+list(JOIN zel_pc_platform "" zel_pc_platform)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/zel.pc.in ${PROJECT_BINARY_DIR}/cmake/zel.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/cmake/zel.pc DESTINATION ${zel_pc_dir} COMPONENT dev)
 
@@ -56,7 +62,18 @@ endif()
 set(CPACK_GENERATOR TGZ)
 find_program(ZEL_DPKG_DEB dpkg-deb)
 mark_as_advanced(ZEL_DPKG_DEB)
-if(ZEL_DPKG_DEB)
+if(CMAKE_CROSSCOMPILING)
+    # Left to itself, the package names the architecture of this machine.
+    find_program(ZEL_DPKG_ARCHITECTURE dpkg-architecture)
+    mark_as_advanced(ZEL_DPKG_ARCHITECTURE)
+    if(ZEL_DPKG_ARCHITECTURE)
+        execute_process(COMMAND ${CMAKE_CXX_COMPILER} -dumpmachine
+            OUTPUT_VARIABLE zel_triplet OUTPUT_STRIP_TRAILING_WHITESPACE)
+        execute_process(COMMAND ${ZEL_DPKG_ARCHITECTURE} -f -t${zel_triplet} -qDEB_HOST_ARCH
+            OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+    endif()
+endif()
+if(ZEL_DPKG_DEB AND (CPACK_DEBIAN_PACKAGE_ARCHITECTURE OR NOT CMAKE_CROSSCOMPILING))
     list(APPEND CPACK_GENERATOR DEB)
 endif()
 set(CPACK_PACKAGE_NAME zel)

@@ -1,7 +1,7 @@
 # What the tests, the examples and the benchmarks share: the environment and the time limits of a test.
 
 set(zel_default_scale 1)
-if(ZEL_SANITIZE)
+if(ZEL_SANITIZE OR CMAKE_CROSSCOMPILING_EMULATOR)
     set(zel_default_scale 4)
 endif()
 if(DEFINED ENV{ZEL_TEST_SCALE})
@@ -11,6 +11,11 @@ set(ZEL_TEST_SCALE ${zel_default_scale} CACHE STRING "Whole number that time lim
 
 # The tests find the scale in their environment, too.
 set(zel_test_environment ZEL_TEST_SCALE=${ZEL_TEST_SCALE})
+if(CMAKE_CROSSCOMPILING_EMULATOR)
+    # For tests that start programs, which the emulator does not follow.
+    list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " zel_emulator)
+    list(APPEND zel_test_environment "ZEL_TEST_EMULATOR=${zel_emulator}")
+endif()
 if(ZEL_SANITIZE MATCHES "address")
     list(APPEND zel_test_environment
         ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:strict_init_order=1:check_initialization_order=1)

@@ -1,5 +1,6 @@
-# The three ways in which another project takes zel in, each configured, built and run as a project of its own:
-# find_package and pkg-config against an installed copy, and add_subdirectory. Against a library built with a
+# The ways in which another project takes zel in, each configured, built and run as a project of its own:
+# find_package and pkg-config against an installed copy, and add_subdirectory, also with a platform layer that is
+# not built in. Against a library built with a
 # sanitizer they would need its flags as well, so there they are left out; so are they where the result would
 # not run on this machine.
 
@@ -28,7 +29,15 @@ if(NOT ZEL_SANITIZE AND NOT CMAKE_CROSSCOMPILING AND ZEL_INSTALL AND PROJECT_IS_
     set_tests_properties(consumer.find_package PROPERTIES FIXTURES_REQUIRED zel_installed)
 
     zel_add_consumer(add_subdirectory -DZEL_SOURCE_DIR=${PROJECT_SOURCE_DIR})
-    set_tests_properties(consumer.add_subdirectory PROPERTIES PROCESSORS 2)
+    zel_add_consumer(external -DZEL_SOURCE_DIR=${PROJECT_SOURCE_DIR})
+    set_tests_properties(consumer.add_subdirectory consumer.external PROPERTIES PROCESSORS 2)
+
+    # The tool finds the library under a prefix that the dynamic linker does not know.
+    if(TARGET zelctl)
+        add_test(NAME consumer.zelctl COMMAND ${consumers_prefix}/${CMAKE_INSTALL_BINDIR}/zelctl --help)
+        zel_test_properties(consumer.zelctl LABELS consumer)
+        set_tests_properties(consumer.zelctl PROPERTIES FIXTURES_REQUIRED zel_installed)
+    endif()
 
     find_program(ZEL_PKG_CONFIG pkg-config)
     mark_as_advanced(ZEL_PKG_CONFIG)
@@ -40,4 +49,22 @@ if(NOT ZEL_SANITIZE AND NOT CMAKE_CROSSCOMPILING AND ZEL_INSTALL AND PROJECT_IS_
         zel_test_properties(consumer.pkg_config LABELS consumer)
         set_tests_properties(consumer.pkg_config PROPERTIES FIXTURES_REQUIRED zel_installed)
     endif()
+endif()
+
+# A package says which processors it is for; also one that was made on a machine with another.
+set(architecture_x86_64 amd64)
+set(architecture_i686 i386)
+set(architecture_powerpc powerpc)
+set(architecture_mips mips)
+set(architecture_armv7l armhf)
+find_program(ZEL_DPKG_DEB dpkg-deb)
+find_program(ZEL_DPKG_ARCHITECTURE dpkg-architecture)
+mark_as_advanced(ZEL_DPKG_DEB ZEL_DPKG_ARCHITECTURE)
+if(NOT ZEL_SANITIZE AND ZEL_INSTALL AND PROJECT_IS_TOP_LEVEL AND ZEL_DPKG_DEB AND ZEL_DPKG_ARCHITECTURE
+        AND DEFINED architecture_${CMAKE_SYSTEM_PROCESSOR})
+    add_test(NAME package COMMAND ${CMAKE_CPACK_COMMAND} -G DEB -B ${CMAKE_CURRENT_BINARY_DIR}/packages
+        WORKING_DIRECTORY ${PROJECT_BINARY_DIR})
+    zel_test_properties(package LABELS consumer)
+    set_tests_properties(package PROPERTIES PASS_REGULAR_EXPRESSION
+        "libzel${PROJECT_VERSION_MAJOR}_${PROJECT_VERSION}_${architecture_${CMAKE_SYSTEM_PROCESSOR}}.deb generated")
 endif()

@@ -115,6 +115,22 @@ TEST_F(PlatformLog, RecordsOfSeveralThreadsStayWholeAcrossRotation) {
     }
 }
 
+TEST_F(PlatformLog, AFileMayBecomeLargerThanTwoGigabytes) {
+    std::ofstream(path_).close();
+    ASSERT_EQ(::truncate(path_.c_str(), 0x7fffffff - 50), 0); // takes no room on the disk
+    use(path_.c_str());
+    Log_SpecEntry(logSpecForceInfo, "src/x", 1, "%s", "across the limit");
+    use(path_.c_str());
+    Log_SpecEntry(logSpecForceInfo, "src/x", 2, "%s", "behind it");
+    std::ifstream file(path_);
+    file.seekg(0x7fffffff - 50);
+    std::string line;
+    std::getline(file, line);
+    EXPECT_NE(line.find("across the limit"), std::string::npos) << line;
+    std::getline(file, line);
+    EXPECT_NE(line.find("behind it"), std::string::npos) << line;
+}
+
 TEST_F(PlatformLog, ASinkThatTakesNothingHurtsNobody) {
     ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
     use(path_.c_str()); // no reader: does not wait for one
@@ -196,6 +212,7 @@ TEST_F(PlatformLibLoader, ABusyPlatformLayerIsUnloadedWithoutATrace) {
         }
         ASSERT_EQ(lines().size(), round + 1);
     }
+    EXPECT_TRUE(Log_Enabled(logSpecForceInfo)) << "the variable is this program's";
     pid_t const child = ::fork(); // with no handler of the library left behind
     if (child == 0) {
         ::_exit(0);

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <future>
 #include <gtest/gtest.h>
@@ -309,7 +310,7 @@ void run_without_threads() {
     ::pthread_getattr_default_np(&usual);
     pthread_attr_t huge;
     ::pthread_attr_init(&huge);
-    ::pthread_attr_setstacksize(&huge, std::size_t{1} << 50); // no room for that anywhere
+    ::pthread_attr_setstacksize(&huge, SIZE_MAX / 16 * 15); // no room for that anywhere
     ::pthread_setattr_default_np(&huge);
     Count fired;
     Timer timer([&](Timer*) { fired.up(); });

@@ -179,7 +179,10 @@ TEST_F(ThreadObjectEnd, DestructorStopsAndJoins) {
         thread.Start();
         tid = thread.Id();
     }
-    EXPECT_FALSE(alive(tid));
+    // The kernel may have one that has been joined for a moment longer; one that goes on would be there for
+    // good.
+    while (alive(tid))
+        std::this_thread::yield();
 }
 
 TEST_F(ThreadObjectEnd, DetachedThreadOutlivesItsObjectAndCannotBeJoined) {

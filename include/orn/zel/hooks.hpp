@@ -2,7 +2,9 @@
 //
 // Function pointers that a host may replace, so that zel runs over another thread layer or another way of
 // writing. Public, for hosts only. Replace them before the library is used from a second thread: they are
-// plain variables, read without a lock.
+// plain variables, read without a lock. To tell whether one has been replaced, keep what it held at first: in
+// a program that is not position-independent the address of o_pthread_create, say, is another than the
+// library's.
 #ifndef ORN_ZEL_HOOKS_HPP
 #define ORN_ZEL_HOOKS_HPP
 

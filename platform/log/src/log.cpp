@@ -205,6 +205,8 @@ void fork_done() {
 }
 
 // The one object with a life: closes the file after the last ordinary static object of this library has gone.
+// What is enabled stays as it is: in a program that has this layer as well, the variable may be the
+// program's.
 class Lifetime {
 public:
     Lifetime() { ::pthread_atfork(fork_prepare, fork_done, fork_done); }
@@ -212,7 +214,6 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         if (sink == Sink::file || sink == Sink::unread) {
             close_sink();
-            enable(0);
         }
     }
     Lifetime(Lifetime const&) = delete;

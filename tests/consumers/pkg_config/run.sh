@@ -11,7 +11,9 @@ cp -a "$prefix" "$out/moved"
 PKG_CONFIG_PATH=$out/moved/$libdir/pkgconfig
 export PKG_CONFIG_PATH
 "$pkg_config" --exact-version="$version" zel
-# Unquoted on purpose: these are lists of arguments.
-# shellcheck disable=SC2046
-"$compiler" -std=c++17 "$here/../main.cpp" $("$pkg_config" --cflags --libs zel) -o "$out/consumer"
-LD_LIBRARY_PATH=$out/moved/$libdir "$out/consumer"
+for program in main mere; do
+    # Unquoted on purpose: these are lists of arguments.
+    # shellcheck disable=SC2046
+    "$compiler" -std=c++17 -Wl,--as-needed "$here/../$program.cpp" $("$pkg_config" --cflags --libs zel) -o "$out/$program"
+    LD_LIBRARY_PATH=$out/moved/$libdir "$out/$program"
+done

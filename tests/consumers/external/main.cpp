@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: MIT
+//
+// A program on a vendor's platform: it makes a thread and a pipe of that, and zel's loop serves both. All
+// three have to be of the one library that has them.
+#include <cstdlib>
+#include <cstring>
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <orn/log.h>
+#include <orn/os/Thread.hpp>
+#include <orn/zel.hpp>
+
+namespace {
+
+bool of_the_vendor(char const* name) {
+    void* const address = dlsym(RTLD_DEFAULT, name);
+    Dl_info info = {};
+    return address && dladdr(address, &info) != 0 && std::strstr(info.dli_fname, "libvendor");
+}
+
+} // namespace
+
+int main() {
+    if (!of_the_vendor("o_pthread_create") || !of_the_vendor("o_msg_send") || !of_the_vendor("Log_SpecEntry"))
+        return EXIT_FAILURE;
+    Log_SpecEntry(logSpecForceInfo, "consumer", __LINE__, "%s", "begins");
+    orn::os::Pipe const pipe(false);
+    bool answered = false;
+    orn::zel::id_t const group = orn::zel::GroupId();
+    orn::zel::id_t others = 0;
+    orn::zel::fd::AutoReceptor const receptor(pipe.ReadFD(), [&](orn::zel::fd::Event*) { answered = true; });
+    {
+        // Its hooks are zel's: the thread is a member of its creator's group.
+        orn::os::Thread const thread([&] {
+            others = orn::zel::GroupId();
+            if (write(pipe.WriteFD(), "x", 1) != 1)
+                std::abort();
+        });
+    }
+    while (!answered)
+        orn::zel::RunOnce(10000);
+    return others == group ? EXIT_SUCCESS : EXIT_FAILURE;
+}

@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: MIT
+//
+// Linked into each test of a build for another processor whose programs an emulator runs. The emulator does
+// not follow exec(): programs of this build are started with it before them. And it has faults of its own:
+// the tests that meet them are skipped, by name.
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// Class, byte order and machine: the same in all programs of this build.
+struct Kind {
+    unsigned char bytes[20] = {};
+
+    explicit Kind(char const* path) {
+        int const fd = open(path, O_RDONLY | O_CLOEXEC);
+        if (fd == -1 || read(fd, bytes, sizeof bytes) != static_cast<ssize_t>(sizeof bytes))
+            bytes[0] = 0;
+        close(fd);
+    }
+    bool operator==(Kind const& other) const {
+        return bytes[0] != 0 && std::memcmp(bytes, other.bytes, 6) == 0 &&
+               std::memcmp(bytes + 18, other.bytes + 18, 2) == 0;
+    }
+};
+
+std::size_t const most_words = 64;
+
+// ---- The emulator's faults
+
+struct Fault {
+    char const* tests; // a pattern
+    char const* reason;
+};
+
+char const* const forked = "qemu: a child of fork() that makes a thread ends the emulator";
+char const* const received = "qemu: descriptors that the caller has no room for stay open";
+char const* const taken_away =
+    "qemu: a signal that arrives while its handler is taken away is delivered to address 0";
+#if defined(__powerpc__)
+char const* const cancelled = "qemu-ppc: a thread that is cancelled in a system call cannot be unwound";
+#endif
+
+Fault const faults[] = {
+    {"Fork.a_daemon_that_brings_the_library_up_anew_is_steered_under_its_own_id", forked},
+    {"TimerClock.AChildOfForkHasItsOwnServiceAndNoneOfItsParentsTimers", forked},
+    {"PlatformMsg.WhatIsNoMessageIsDroppedWholeAndTheNextOneIsServed", received},
+    {"PlatformMsg.RandomPacketsNeitherLeakNorStopTheQueue", received},
+    {"Places/ExitFrom.*", taken_away},
+#if defined(__powerpc__)
+    {"Cancel.*", cancelled},
+    {"ThreadObjectCancellation.*", cancelled},
+    {"ThreadObjectEnd.DestructorStopsAndJoins", cancelled},
+    {"ThreadObjectHooks.CarryEveryThreadOperation", cancelled},
+    {"PlatformMsg.AStoppedReceiverHoldsSendersForAboutASecond", cancelled},
+#endif
+};
+
+// ctest runs each case in a process of its own, so that the case is what the filter says.
+class Skips : public ::testing::Environment {
+public:
+    void SetUp() override {
+        for (Fault const& fault : faults)
+            if (fnmatch(fault.tests, GTEST_FLAG_GET(filter).c_str(), 0) == 0)
+                GTEST_SKIP() << "[  SKIPPED ] " << fault.reason;
+    }
+};
+
+::testing::Environment* const skips = ::testing::AddGlobalTestEnvironment(new Skips);
+
+} // namespace
+
+// In place of the C library's, also for GoogleTest, which starts its own program for some death tests. Called
+// between fork() and exec(), so nothing is allocated.
+extern "C" int execv(char const* path, char* const words[]) noexcept {
+    char emulator[1024];
+    char* all[most_words + 1];
+    std::size_t count = 0;
+    char const* const setting = std::getenv("ZEL_TEST_EMULATOR");
+    bool const emulated =
+        setting && std::strlen(setting) < sizeof emulator && Kind(path) == Kind("/proc/self/exe");
+    if (emulated) {
+        std::strcpy(emulator, setting);
+        char* rest = nullptr;
+        for (char* word = strtok_r(emulator, " ", &rest); word; word = strtok_r(nullptr, " ", &rest))
+            all[count++] = word;
+        all[count++] = const_cast<char*>(path);
+        words += *words ? 1 : 0;
+    }
+    while (*words && count < most_words)
+        all[count++] = *words++;
+    all[count] = nullptr;
+    return execve(emulated ? all[0] : path, all, environ);
+}
+
+extern "C" int execl(char const* path, char const* word, ...) noexcept {
+    char* words[most_words + 1] = {};
+    std::size_t count = 0;
+    va_list more;
+    va_start(more, word);
+    for (; word && count < most_words; word = va_arg(more, char const*))
+        words[count++] = const_cast<char*>(word);
+    va_end(more);
+    return execv(path, words);
+}
