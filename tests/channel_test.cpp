@@ -540,7 +540,13 @@ TEST(Fork, a_child_gets_back_what_was_there_before_its_parent_watched_a_signal) 
 
 TEST(Fork, no_signal_to_a_child_is_told_to_its_parent_at_whatever_moment_it_comes) {
     Program program({FORK_PROGRAM, "group"});
-    EXPECT_EQ("0", program.line(20000));
+    std::string const too_many = program.line(20000);
+#if defined(__SANITIZE_THREAD__)
+    // Which merges signals of its own accord.
+    EXPECT_TRUE(too_many == "0" || too_many[0] == '-') << too_many;
+#else
+    EXPECT_EQ("0", too_many);
+#endif
     EXPECT_EQ("exit 0", program.end());
 }
 
