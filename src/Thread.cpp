@@ -192,4 +192,6 @@ PossiblyUndefined<int> Thread::Status() const {
 } // namespace zel
 } // namespace orn
 
-extern "C" void* threadProc(void* ptr) __attribute__((alias("run_thread")));
+void* threadProc(void* ptr) {
+    return orn::zel::run_thread(ptr);
+}

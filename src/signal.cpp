@@ -72,7 +72,9 @@ static void receive_signal(int signo) {
     errno = error;
 }
 
-void sig_handler(int signo) __attribute__((alias("receive_signal")));
+void sig_handler(int signo) {
+    receive_signal(signo);
+}
 }
 
 namespace orn {

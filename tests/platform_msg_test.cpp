@@ -354,7 +354,9 @@ TEST(PlatformMsg, ASenderOfAnotherUserIsTurnedAway) {
     Child stranger([&] {
         Pipe pipe(true);
         bool sent = ::setuid(nobody) == 0 && send_to(name, 2, 666, "", pipe.WriteFD());
-        for (taken.open(); sent; send_to(name, 2, 667)) { // which may find the other end closed already
+        taken.open();
+        while (sent) {
+            send_to(name, 2, 667); // which may find the other end closed already
         }
         return sent;
     });

@@ -144,7 +144,7 @@ private:
     private:
         void publish();
         SignalHandlerImpl& owner_;
-        mutable RecursiveThreadMutex lock_; // managers of several threads come and go; never in signal context
+        mutable RecursiveThreadMutex lock_; // threads come and go; never taken in signal context
     };
 
     int const signo_;
