@@ -105,6 +105,9 @@ Thread::Thread(boost::function<int()> run)
       }()) {}
 
 Thread::~Thread() {
+    // Detached before Start(), the thread is waiting for a call that nobody can make any more.
+    if (detached_)
+        run_data_->stop = true;
     if (stopped_ || detached_)
         return;
     // Waiting for a thread is a cancellation point, and a destructor cannot let the unwinding out.
