@@ -15,6 +15,7 @@
 #include "immortal.hpp"
 #include "observers.hpp"
 #include "registry.hpp"
+#include "shutdown.hpp"
 #include "wire.hpp"
 
 namespace orn {
@@ -227,6 +228,8 @@ void zel_alarm_load() {
 }
 
 void zel_alarm_unload() {
+    if (detail::Shutdown::keeps())
+        return;
     std::unique_ptr<manager_map> doomed; // with its alarms and timers, outside the lock
     AutoLock const guard(map_lock());
     doomed.reset(managerMap);

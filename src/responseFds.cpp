@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "observers.hpp"
-#include "registry.hpp"
+#include "shutdown.hpp"
 
 namespace orn {
 namespace zel {
@@ -76,7 +76,7 @@ void ResponseFds::give_back() {
 
 void ResponseFds::forget() {
     // A thread that exit() leaves running may be about to write a line: then the descriptors stay open.
-    bool const closing = !thread::Registry::survivors();
+    bool const closing = !Shutdown::keeps();
     for (int const fd : all_) {
         forget_observer(fd);
         if (closing)

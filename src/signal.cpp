@@ -14,6 +14,7 @@
 
 #include "immortal.hpp"
 #include "process.hpp"
+#include "shutdown.hpp"
 #include "signalGate.hpp"
 #include "wire.hpp"
 
@@ -101,6 +102,9 @@ void SignalHandlerImpl::restore_original_handler() {
         struct sigaction ignore = {};
         ignore.sa_handler = SIG_IGN;
         sigaction(signo_, &ignore, nullptr);
+        // A client that comes late must not end a process that is in exit().
+        if (signo_ == detail::channel_signal && detail::Shutdown::exiting())
+            return;
     }
     sigaction(signo_, &saved_action_, nullptr);
 }
