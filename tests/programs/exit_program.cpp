@@ -28,6 +28,14 @@
 #include <orn/os/Timer.hpp>
 #include <orn/zel.hpp>
 
+#if defined(__SANITIZE_ADDRESS__)
+// The sanitizer's own constructor in the library is run again, too, and takes the globals for others of the
+// same names.
+extern "C" ORN_API char const* __asan_default_options() {
+    return "detect_odr_violation=0";
+}
+#endif
+
 namespace {
 
 using namespace orn::zel;
