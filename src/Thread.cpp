@@ -12,6 +12,10 @@
 
 #include "cancel.hpp"
 
+// What the thread layer gets. It is not exported, so no function of the application's takes its place, as one
+// that is called threadProc takes the exported one's.
+extern "C" void* orn_zel_run_thread(void* ptr);
+
 namespace orn {
 namespace zel {
 
@@ -45,19 +49,6 @@ int run(Thread::RunData& data) {
             usleep(poll_microseconds);
     }
     return data.start ? data.runnable->Run() : 0;
-}
-
-// What the thread layer gets. Under a name of its own inside this file, since a function of the application's
-// that is called threadProc takes the place of the exported one.
-extern "C" void* run_thread(void* ptr) {
-    detail::check(ptr != nullptr, "ptr", "src/Thread", 50);
-    // A copy: the object may be gone before its thread.
-    boost::shared_ptr<Thread::RunData> const data = *static_cast<boost::shared_ptr<Thread::RunData>*>(ptr);
-    data->thread_id = thread::self();
-    Ending const ending(*data);
-    void* const result = reinterpret_cast<void*>(static_cast<std::intptr_t>(run(*data)));
-    orn_zel_pthread_exit(result);
-    return result; // for a replacement that comes back
 }
 
 } // namespace
@@ -118,6 +109,9 @@ Thread::Thread(boost::function<int()> run)
       }()) {}
 
 Thread::~Thread() {
+    // Detached before Start(), the thread is waiting for a call that nobody can make any more.
+    if (detached_)
+        run_data_->stop = true;
     if (stopped_ || detached_)
         return;
     // Waiting for a thread is a cancellation point, and a destructor cannot let the unwinding out.
@@ -131,7 +125,7 @@ void Thread::InitializeThread() {
         return;
     // Cancelled in here, the object would be taken from under its thread.
     detail::CancelShield const shield;
-    int const error = orn_zel_pthread_create(&handle_, nullptr, run_thread, &run_data_);
+    int const error = orn_zel_pthread_create(&handle_, nullptr, orn_zel_run_thread, &run_data_);
     if (error != 0)
         throw std::system_error(error, std::generic_category(), "thread");
     while (!run_data_->initialized)
@@ -192,6 +186,19 @@ PossiblyUndefined<int> Thread::Status() const {
 } // namespace zel
 } // namespace orn
 
-void* threadProc(void* ptr) {
-    return orn::zel::run_thread(ptr);
+extern "C" {
+
+void* orn_zel_run_thread(void* ptr) {
+    using namespace orn::zel;
+    detail::check(ptr != nullptr, "ptr", "src/Thread", 50);
+    // A copy: the object may be gone before its thread.
+    boost::shared_ptr<Thread::RunData> const data = *static_cast<boost::shared_ptr<Thread::RunData>*>(ptr);
+    data->thread_id = thread::self();
+    Ending const ending(*data);
+    void* const result = reinterpret_cast<void*>(static_cast<std::intptr_t>(run(*data)));
+    orn_zel_pthread_exit(result);
+    return result; // for a replacement that comes back
+}
+
+void* threadProc(void* ptr) __attribute__((alias("orn_zel_run_thread")));
 }

@@ -14,6 +14,7 @@
 #include "observer.hpp"
 #include "process.hpp"
 #include "registry.hpp"
+#include "shutdown.hpp"
 #include "wire.hpp"
 
 namespace orn {
@@ -226,6 +227,8 @@ void zel_alarm_load() {
 }
 
 void zel_alarm_unload() {
+    if (detail::Shutdown::keeps())
+        return;
     std::unique_ptr<manager_map> doomed; // with its alarms and timers, outside the lock
     AutoLock const guard(map_lock());
     doomed.reset(managerMap);

@@ -32,6 +32,7 @@
 #include "process.hpp"
 #include "registry.hpp"
 #include "responseFds.hpp"
+#include "shutdown.hpp"
 #include "signalFork.hpp"
 
 namespace orn {
@@ -40,10 +41,14 @@ namespace cmd {
 
 namespace {
 
-int const channel_signal = 55;
+using detail::channel_signal;
+
+// exit() waits so many milliseconds for a command that is under way. A command takes a few; one that takes
+// this long waits for the thread that is in exit(), as a rule, and would wait for ever.
+int const longest_command_ms = 1000;
 
 struct State {
-    State() : signal_handle(0), runner_process(0), stop(false), ended(false) {}
+    State() : signal_handle(0), runner_process(0), runner_tid(0), left(false), stop(false), ended(false) {}
 
     std::map<std::string, Handler> commands;
     boost::shared_ptr<Receptacle<int, unsigned long>> signal;
@@ -52,6 +57,8 @@ struct State {
     boost::shared_ptr<os::Thread> runner;
     pid_t runner_process;                          // where the runner runs: fork() does not copy it
     boost::shared_ptr<thread::Group> runner_group; // set by the runner once it can be woken
+    int runner_tid;                                // and this, too
+    bool left;                                     // in exit(), in the middle of a command
     std::atomic<bool> stop;
     std::atomic<bool> ended; // the runner has left, or could not begin
 };
@@ -107,12 +114,14 @@ void survive_sigpipe() {
     sigaction(SIGPIPE, &action, nullptr);
 }
 
+// Threads that exit() leaves running may be writing a line to a client that has gone: then it is ignored from
+// here on. What is put back never points into this library, which may yet be unmapped.
 void restore_sigpipe() {
     struct sigaction current = {};
     if (sigaction(SIGPIPE, nullptr, &current) != 0 || current.sa_handler != ignore_sigpipe)
         return;
     struct sigaction action = {};
-    action.sa_handler = SIG_DFL;
+    action.sa_handler = detail::Shutdown::keeps() ? SIG_IGN : SIG_DFL;
     sigaction(SIGPIPE, &action, nullptr);
 }
 
@@ -335,6 +344,7 @@ void serve(State& state) {
     {
         AutoLock const guard(state_lock());
         state.runner_group = thread::ThisGroup();
+        state.runner_tid = thread::self();
     }
     boost::shared_ptr<MsgQueue> const queue(
         o_msg_create_queue(CmdQueueName(getpid()).c_str(), O_MSG_EXCLUSIVE), [](MsgQueue* opened) {
@@ -434,20 +444,41 @@ bool stopping() {
     return !state() || state()->stop;
 }
 
-void stop_channel() {
+namespace {
+
+bool ends_in_time(State const& state) {
+    for (int waited = 0; !state.ended; ++waited) {
+        if (waited == longest_command_ms)
+            return false;
+        poll(nullptr, 0, 1);
+    }
+    return true;
+}
+
+} // namespace
+
+bool stop_channel() {
     boost::shared_ptr<os::Thread> runner; // joined when it goes, with the lock released
     boost::shared_ptr<thread::Group> group;
+    boost::shared_ptr<State> const held = current();
+    if (!held || held->left)
+        return !held;
     {
         AutoLock const guard(state_lock());
-        if (!state())
-            return;
-        state()->stop = true;
-        runner = take_runner(*state());
-        if (runner)
-            group = state()->runner_group;
+        held->stop = true;
+        runner = take_runner(*held);
+        if (runner && held->runner_tid != thread::self())
+            group = held->runner_group;
     }
-    if (group)
-        group->WakeUp('x');
+    if (!group)
+        return true;
+    group->WakeUp('x');
+    // dlclose() has to wait for as long as it takes, since the code goes.
+    if (!detail::Shutdown::exiting() || ends_in_time(*held))
+        return true;
+    held->left = true;
+    held->runner.swap(runner); // the thread's own reference to the state is the last one
+    return false;
 }
 
 void zel_cmd_unload() {
@@ -461,10 +492,9 @@ void zel_cmd_unload() {
         return;
     if (doomed->signal)
         doomed->signal->remove(doomed->signal_handle);
-    doomed->clients.forget();
-    // Threads that live on may be writing a line to a client that has gone.
-    if (!thread::Registry::survivors())
-        restore_sigpipe();
+    if (!doomed->left)
+        doomed->clients.forget();
+    restore_sigpipe();
 }
 
 } // namespace cmd

@@ -17,13 +17,15 @@
 
 #include <orn/log.h>
 
+#include "process.hpp"
+
 namespace orn {
 namespace zel {
 namespace cmd {
 
 namespace {
 
-int const channel_signal = 55;
+using detail::channel_signal;
 
 void raise_channel_signal(int pid) {
     // Real-time signals are queued with a value; where this number is not one of them it is an ordinary

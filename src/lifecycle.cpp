@@ -3,20 +3,40 @@
 // Part of the shared library only: what makes loading it bring it up, and unloading it take it down. One
 // static object does both, because static destructors and destructor functions run in different orders in
 // exit() and in dlclose().
+#include <atomic>
+
+#include <orn/mapping.hpp>
 #include <orn/zel/load.hpp>
 #include <orn/zel/signal.hpp>
+
+#include "shutdown.hpp"
 
 namespace orn {
 namespace zel {
 
 namespace {
 
+internal::Mapping mapping;
+std::atomic<bool> ended(false);
+
+__attribute__((destructor)) void note_destructors() {
+    mapping.destructor_function();
+}
+
+// Constructed again while exit() takes it down, it does nothing, and is destroyed once.
 class Lifecycle {
 public:
-    Lifecycle() { ZEL_load__(); }
+    Lifecycle() {
+        if (mapping.begin("ZEL_Thread_cleanup_extension"))
+            ZEL_load__();
+    }
     ~Lifecycle() {
+        if (ended.exchange(true))
+            return;
+        detail::Shutdown::begin(mapping.unmapped());
         ZEL_unload__();
-        signal::release_managers();
+        if (!detail::Shutdown::keeps())
+            signal::release_managers();
     }
     Lifecycle(Lifecycle const&) = delete;
     Lifecycle& operator=(Lifecycle const&) = delete;

@@ -16,7 +16,7 @@
 #include <orn/zel/threadGroup.hpp>
 #include <orn/zel/zelcmds.hpp>
 
-#include "registry.hpp"
+#include "shutdown.hpp"
 
 namespace orn {
 namespace zel {
@@ -59,12 +59,14 @@ void ZEL_load__() {
 
 void ZEL_unload__() {
     // A command may be running code of a library that goes next.
-    cmd::stop_channel();
-    thread::Registry::note_survivors();
+    bool const no_command_runs = cmd::stop_channel();
+    detail::Shutdown::look_for_threads();
 
     // Preloaded libraries first: they may use any subsystem.
-    loader->unload();
-    delete loader;
+    if (no_command_runs) {
+        delete loader;
+        loader = nullptr;
+    }
 
     zelcmds::zel_zelcmds_unload();
     cmd::zel_cmd_unload();

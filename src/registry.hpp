@@ -38,19 +38,12 @@ public:
     static boost::shared_ptr<fd::Manager> fd_manager_if_any(int tid);
 
     static void associate(boost::shared_ptr<Group> const& group);
-    static void erase();
 
-    // Noted before anything is taken down, by note_survivors(). Whether the process had other threads then:
-    // that is exit(), as a rule, and their calls must not fail.
-    static bool others_alive();
-    // Whether one of them had used the library: what such a thread may still point to must stay. Threads that
-    // had not are no reason to keep anything, or a host with threads of its own would lose memory with every
-    // dlclose().
-    static bool survivors();
-    static void note_survivors();
-
-    // Makes the calling thread known, so that it counts as having used the library.
-    static void note_use();
+    // Has the calling thread's record dropped when the thread ends, whoever made the thread. A record that
+    // another thread with the same id has left behind is dropped now.
+    static void claim();
+    // Leaves the group and drops the record, if any.
+    static void drop();
 
     // All records in ascending thread id.
     static std::vector<Entry> entries();

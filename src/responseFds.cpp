@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "observer.hpp"
-#include "registry.hpp"
+#include "shutdown.hpp"
 
 namespace orn {
 namespace zel {
@@ -77,7 +77,7 @@ void ResponseFds::give_back(std::size_t most_unused) {
 
 void ResponseFds::forget() {
     // A thread that exit() leaves running may be about to write a line: then the descriptors stay open.
-    bool const closing = !thread::Registry::survivors();
+    bool const closing = !Shutdown::keeps();
     for (Client const& client : all_) {
         forget_observer(client.fd);
         if (closing)

@@ -17,6 +17,8 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "immortal.hpp"
+#include "process.hpp"
+#include "shutdown.hpp"
 #include "signalFork.hpp"
 #include "signalGate.hpp"
 #include "wire.hpp"
@@ -55,9 +57,10 @@ void let_cancellation_in() {
 
 extern "C" {
 
-// What sigaction() gets. Under a name of its own inside this file, since a function of the application's that
-// is called sig_handler takes the place of the exported one.
-static void receive_signal(int signo) {
+// What sigaction() gets. It is not exported, so no function of the application's takes its place, as one that
+// is called sig_handler takes the exported one's.
+void orn_zel_receive_signal(int signo);
+void orn_zel_receive_signal(int signo) {
     int const error = errno;
     // A request that was made while the thread waits in a system call acts at the end, from a place that can
     // be unwound, and out of the gate. Not a scope object, because the unwinding may begin here.
@@ -72,9 +75,7 @@ static void receive_signal(int signo) {
     errno = error;
 }
 
-void sig_handler(int signo) {
-    receive_signal(signo);
-}
+void sig_handler(int signo) __attribute__((alias("orn_zel_receive_signal")));
 }
 
 namespace orn {
@@ -154,7 +155,7 @@ SignalHandlerImpl::~SignalHandlerImpl() {
 
 void SignalHandlerImpl::apply_signal_handler() {
     struct sigaction action = {};
-    action.sa_handler = receive_signal;
+    action.sa_handler = orn_zel_receive_signal;
     sigemptyset(&action.sa_mask);
     add_cancellation(action.sa_mask);
     bool const possible = signo_ > 0 && signo_ < NSIG;
@@ -179,6 +180,9 @@ void SignalHandlerImpl::restore_original_handler() {
         struct sigaction ignore = {};
         ignore.sa_handler = SIG_IGN;
         sigaction(signo_, &ignore, nullptr);
+        // A client that comes late must not end a process that is in exit().
+        if (signo_ == detail::channel_signal && detail::Shutdown::exiting())
+            return;
     }
     sigaction(signo_, &saved_action_, nullptr);
 }

@@ -51,8 +51,11 @@ void in_child() {
     pthread_sigmask(SIG_SETMASK, &mask_before, nullptr);
 }
 
-// Withdrawn by the C library when this library is unmapped.
-int const registered = pthread_atfork(prepare, in_parent, in_child);
+std::atomic<bool> handled(false);
+
+// Withdrawn by the C library when this library is unmapped. The loader may run this again during exit():
+// handled twice, fork() would take the mask with everything blocked for the one from before.
+int const registered = handled.exchange(true) ? 0 : pthread_atfork(prepare, in_parent, in_child);
 
 } // namespace
 

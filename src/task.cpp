@@ -19,6 +19,7 @@
 #include "observer.hpp"
 #include "plainText.hpp"
 #include "registry.hpp"
+#include "shutdown.hpp"
 #include "wire.hpp"
 
 namespace orn {
@@ -42,9 +43,6 @@ std::uint32_t const nudge = 0;
 // As many rounds, each in a slice of the one before it, go on with the rest of the turn. Slices that all run
 // a nested turn would otherwise pile up until the loop's own limit of 99 levels ends the process.
 unsigned const most_rounds = 32;
-
-// Of managers that went while other threads lived on: what those still point to. Guarded by map_lock().
-std::vector<boost::shared_ptr<Core>>* outlived = nullptr;
 
 // Guards managerMap, and is a leaf. Good before load and after unload as well: threads that the process's
 // exit leaves running still come for it.
@@ -498,7 +496,6 @@ void ControllerImpl::Sleep() {
 }
 
 void ControllerImpl::Continue() {
-    thread::Registry::note_use();
     id_t id;
     {
         AutoLock const guard(core_->lock());
@@ -591,12 +588,8 @@ namespace {
 
 // With map_lock() held.
 manager_map& loaded_map() {
-    if (!managerMap) {
-        // A thread that exit() left running must not be ended by an exception.
-        if (!thread::Registry::others_alive())
-            throw Exception("managerMap not initizalized");
-        managerMap = new manager_map;
-    }
+    if (!managerMap)
+        throw Exception("managerMap not initizalized");
     return *managerMap;
 }
 
@@ -661,17 +654,13 @@ void zel_task_load() {
 }
 
 void zel_task_unload() {
+    // A thread that exit() leaves running may steer any task that it has seen, and start others.
+    if (detail::Shutdown::keeps())
+        return;
     std::unique_ptr<manager_map> doomed; // outside the lock: managers withdraw their registrations
     AutoLock const guard(map_lock());
     doomed.reset(managerMap);
     managerMap = nullptr;
-    if (!doomed || !thread::Registry::survivors())
-        return;
-    // Other threads live on, and may steer any task that they have seen.
-    if (!outlived)
-        outlived = new std::vector<boost::shared_ptr<Core>>;
-    for (auto const& item : *doomed)
-        outlived->push_back(item.second->core());
 }
 
 // ---- Task -----------------------------------------------------------------------------------------------

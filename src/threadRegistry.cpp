@@ -3,14 +3,19 @@
 // The thread records and the hooks that keep them: threadGroup.hpp's registry half.
 #include "registry.hpp"
 
-#include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <memory>
+
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
 
 #include <orn/zel/threadGroup.hpp>
 
 #include "immortal.hpp"
 #include "process.hpp"
+#include "shutdown.hpp"
 
 namespace orn {
 namespace zel {
@@ -21,8 +26,45 @@ namespace {
 struct RegistryLock;
 
 StaticStuff* the_stuff = nullptr; // guarded by Registry::lock()
-std::atomic<bool> others(false);
-std::atomic<bool> survived(false);
+
+// ---- Ends of threads that were not made through the thread layer
+
+// The thread-specific key whose destructor drops the record; its value is the thread's id, which is another
+// one in a child of fork(). Lives as long as the registry.
+int const no_key = -1;
+std::atomic<int> end_key(no_key);
+std::atomic<int> threads_at_end(0); // inside of the destructor
+
+// Called by the C library, in any order with the destructors of other keys. These may use the library again:
+// then the value is set anew, and this is called once more. A thread whose cleanup hook has run has no record
+// any more. The main thread may end before others of its group: what it has registered goes on being served.
+extern "C" void end_of_thread(void*) {
+    ++threads_at_end;
+    if (self() != getpid())
+        Registry::drop();
+    --threads_at_end;
+}
+
+void make_end_key() {
+    pthread_key_t key;
+    // Without a key, which a process has a thousand of, records of such threads stay.
+    if (pthread_key_create(&key, end_of_thread) == 0)
+        end_key = static_cast<int>(key);
+}
+
+// Before the code goes, threads that are inside are waited for: they have a few instructions to go, and wait
+// for nobody themselves. Whoever the C library is just about to send here cannot be seen.
+void delete_end_key(int key) {
+    if (key != no_key)
+        pthread_key_delete(static_cast<pthread_key_t>(key));
+    while (detail::Shutdown::unmapping() && threads_at_end > 0)
+        sched_yield();
+}
+
+bool claimed_by(int tid, int key) {
+    return pthread_getspecific(static_cast<pthread_key_t>(key)) ==
+           reinterpret_cast<void*>(static_cast<std::intptr_t>(tid));
+}
 
 } // namespace
 
@@ -37,8 +79,10 @@ ThreadMutex& Registry::lock() {
 }
 
 StaticStuff& Registry::stuff() {
-    if (!the_stuff)
+    if (!the_stuff) {
         the_stuff = new StaticStuff;
+        make_end_key();
+    }
     return *the_stuff;
 }
 
@@ -60,12 +104,17 @@ void Registry::load() {
 }
 
 void Registry::unload() {
+    if (detail::Shutdown::keeps())
+        return;
     std::unique_ptr<StaticStuff> doomed;
+    int key;
     {
         AutoLock const guard(lock());
         doomed.reset(the_stuff);
         the_stuff = nullptr;
+        key = end_key.exchange(no_key);
     }
+    delete_end_key(key);
     // Destroyed with the lock released: the groups and managers that go with it must not be called under it.
 }
 
@@ -135,10 +184,13 @@ void Registry::move_to(Locate locate, boost::shared_ptr<Group> const& group) {
 
 boost::shared_ptr<Group> Registry::group() {
     int const tid = self();
+    claim();
     return find_or_make_group([tid]() ZEL_NO_ANALYSIS -> Associations& { return record(tid); });
 }
 
 boost::shared_ptr<fd::Manager> Registry::fd_manager(int tid) {
+    if (tid == self())
+        claim();
     return find_or_make_fd_manager([tid]() ZEL_NO_ANALYSIS -> Associations& { return record(tid); });
 }
 
@@ -157,14 +209,41 @@ boost::shared_ptr<fd::Manager> Registry::fd_manager_if_any(int tid) {
 
 void Registry::associate(boost::shared_ptr<Group> const& group) {
     int const tid = self();
+    claim();
     move_to([tid]() ZEL_NO_ANALYSIS -> Associations& { return record(tid); }, group);
 }
 
-void Registry::erase() ZEL_NO_ANALYSIS {
-    std::map<int, Associations>::node_type erased; // destroyed with the lock released
-    AutoLock const guard(lock());
-    if (the_stuff)
-        erased = the_stuff->map().entries_.extract(self());
+void Registry::claim() ZEL_NO_ANALYSIS {
+    int const tid = self();
+    int key = end_key;
+    if (key != no_key && claimed_by(tid, key))
+        return;
+    bool inherited = false;
+    {
+        AutoLock const guard(lock());
+        stuff();
+        key = end_key;
+        // Without a group it is one that another thread has made for this one beforehand.
+        Associations const* const found = record_if_any(tid);
+        inherited = key != no_key && found && found->group_;
+    }
+    if (inherited)
+        drop();
+    if (key != no_key)
+        pthread_setspecific(static_cast<pthread_key_t>(key),
+                            reinterpret_cast<void*>(static_cast<std::intptr_t>(tid)));
+}
+
+void Registry::drop() ZEL_NO_ANALYSIS {
+    int const tid = self();
+    std::map<int, Associations>::node_type dropped; // destroyed with the lock released
+    {
+        AutoLock const guard(lock());
+        if (the_stuff)
+            dropped = the_stuff->map().entries_.extract(tid);
+    }
+    if (dropped && dropped.mapped().group_)
+        dropped.mapped().group_->erase(tid);
 }
 
 std::vector<Registry::Entry> Registry::entries() ZEL_NO_ANALYSIS {
@@ -173,30 +252,6 @@ std::vector<Registry::Entry> Registry::entries() ZEL_NO_ANALYSIS {
     for (auto const& item : stuff().map().entries_)
         all.push_back(Entry{item.first, item.second.group_, item.second.fd_manager_});
     return all;
-}
-
-bool Registry::others_alive() {
-    return others;
-}
-
-bool Registry::survivors() {
-    return survived;
-}
-
-void Registry::note_survivors() {
-    std::vector<int> tids;
-    bool const known = detail::other_threads(tids);
-    AutoLock const guard(lock());
-    others = !known || !tids.empty();
-    // When it cannot be told, for want of a descriptor, say, what is kept is lost at worst.
-    survived = !known || std::any_of(tids.begin(), tids.end(),
-                                     [](int tid) ZEL_NO_ANALYSIS { return record_if_any(tid) != nullptr; });
-}
-
-void Registry::note_use() {
-    int const tid = self();
-    AutoLock const guard(lock());
-    record(tid);
 }
 
 boost::shared_ptr<Group> Registry::group_of(Associations& record) {
@@ -251,6 +306,7 @@ boost::shared_ptr<fd::Manager> FdMgr(int tid) {
 }
 
 Associations& This() {
+    Registry::claim();
     return TheThreadMap()->This();
 }
 
@@ -303,6 +359,7 @@ int ZEL_Thread_start_extension(void* record) {
     using namespace orn::zel::thread;
     std::unique_ptr<InheritRecord> const inherited(static_cast<InheritRecord*>(record));
     display_thread_op("start");
+    Registry::drop(); // what another thread with this id may have left behind
     Registry::associate(inherited->group);
     return 0;
 }
@@ -310,7 +367,7 @@ int ZEL_Thread_start_extension(void* record) {
 int ZEL_Thread_cleanup_extension() {
     using namespace orn::zel::thread;
     display_thread_op("cleanup");
-    ThisGroup()->erase(self());
-    Registry::erase();
+    ThisGroup(); // a thread without a record has one for this moment
+    Registry::drop();
     return 0;
 }

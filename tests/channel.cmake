@@ -31,6 +31,7 @@ zel_add_test_program(lifecycle_host ${CMAKE_DL_LIBS})
 zel_add_test_module(word_module word_module zel)
 zel_add_test_module(channel_module channel_module zel)
 zel_add_test_module(last_words_module last_words_module zel)
+zel_add_test_module(late_module late_module)
 foreach(name first second)
     zel_add_test_module(${name}_module order_module)
     target_compile_definitions(${name}_module PRIVATE MODULE_NAME="${name}")
@@ -51,4 +52,4 @@ endif()
 
 zel_add_test(lifecycle_test SOURCES lifecycle_test.cpp ${programs} LIBRARIES ${CMAKE_DL_LIBS} TIMEOUT 120)
 zel_test_starts(lifecycle_test HOST=lifecycle_host TARGET=channel_target CLIENT=channel_client ZEL_LIBRARY=zel
-    CHANNEL_MODULE=channel_module FIRST=first_module SECOND=second_module LAST_WORDS=last_words_module)
+    CHANNEL_MODULE=channel_module FIRST=first_module SECOND=second_module LAST_WORDS=last_words_module LATE_MODULE=late_module)

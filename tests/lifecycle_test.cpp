@@ -2,14 +2,20 @@
 //
 // The life of the library with its command channel: in hosts that get it by dlopen() only, which this program
 // is too, and in processes that end with everything armed.
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
+#include <future>
+#include <map>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include <dlfcn.h>
 #include <malloc.h>
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -130,6 +136,60 @@ TEST(Unloading, does_not_leave_a_signal_behind_that_would_end_the_process) {
     EXPECT_TRUE(is_default(55));
 }
 
+// Does what it is told to, one thing after another, until it is told to end.
+class HostThread {
+public:
+    ~HostThread() {
+        ask({});
+        thread_.join();
+    }
+
+    void ask(std::function<void()> const& what) {
+        std::promise<void> done;
+        what_ = what;
+        done_ = &done;
+        asked_ = true;
+        done.get_future().wait();
+    }
+
+private:
+    void serve() {
+        for (;;) {
+            while (!asked_.exchange(false))
+                ::poll(nullptr, 0, 1);
+            std::function<void()> const what = what_;
+            if (what)
+                what();
+            done_->set_value();
+            if (!what)
+                return;
+        }
+    }
+
+    std::atomic<bool> asked_{false};
+    std::function<void()> what_;
+    std::promise<void>* done_ = nullptr;
+    std::thread thread_{[this] { serve(); }};
+};
+
+TEST(Unloading, frees_everything_although_a_thread_that_has_used_it_lives_on) {
+    HostThread host;
+    std::size_t descriptors = 0;
+    for (int i = 0; i < 4; ++i) {
+        void* const handle = ::dlopen(CHANNEL_MODULE, RTLD_NOW | (i % 2 == 0 ? RTLD_LOCAL : RTLD_GLOBAL));
+        ASSERT_NE(nullptr, handle) << ::dlerror();
+        EXPECT_FALSE(is_default(SIGPIPE));
+        host.ask(reinterpret_cast<void (*)()>(::dlsym(handle, "run_a_task")));
+        ASSERT_EQ(0, ::dlclose(handle));
+        EXPECT_EQ(nullptr, ::dlopen(ZEL_LIBRARY, RTLD_NOW | RTLD_NOLOAD));
+        EXPECT_TRUE(is_default(SIGPIPE)) << "a handler in code that has gone";
+        EXPECT_TRUE(is_default(55));
+        std::size_t const now = programs::entries_of("/proc/self/fd");
+        EXPECT_EQ(i == 0 ? now : descriptors, now);
+        descriptors = now;
+    }
+} // where the thread ends, and calls nothing that has gone
+
 // ---- Modules that come and go with the library ----------------------------------------------------------
 
 class Preload : public ::testing::Test {
@@ -175,6 +235,19 @@ TEST_F(Preload, modules_may_use_every_subsystem_when_they_go) {
     for (char const* const how : {"exit", "close"})
         EXPECT_EQ("mine\n[zel] x: no such command\nall used\n", said({HOST, ZEL_LIBRARY, how}, LAST_WORDS))
             << how;
+}
+
+// A client that connects to a process that has taken the library down already.
+TEST(LateClient, ends_no_process) {
+    for (char const* const how : {"exit", "close"}) {
+        EXPECT_EQ("exit 3", Program({HOST, ZEL_LIBRARY, how}).end()) << how;
+        EXPECT_EQ("exit 3", Program({HOST, ZEL_LIBRARY, how, "global"}).end()) << how;
+        if (sanitized) // whose own library wants to be the first
+            continue;
+        std::map<std::string, std::string> const preloaded = {
+            {"LD_PRELOAD", std::string(ZEL_LIBRARY) + ':' + LATE_MODULE}};
+        EXPECT_EQ("exit 3", Program({HOST, ZEL_LIBRARY, how}, preloaded).end()) << how;
+    }
 }
 
 // ---- exit() ---------------------------------------------------------------------------------------------

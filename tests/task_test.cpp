@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // Tasks: slices, the calls that steer them, and the objects that outlive them.
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <dirent.h>
@@ -541,6 +542,28 @@ TEST_F(TaskThreads, MemberStartsAndCancelsWhileTheRunnerRuns) {
     zel::task::zel_task_unload();
     zel::task::zel_task_load();
     manager_ = zel::task::manager();
+}
+
+TEST_F(TaskThreads, WakingATaskMakesNobodyAThreadOfTheLibrary) {
+    orn::os::Pipe listing(false);
+    auto const known = [&] {
+        zel::thread::MonitorPoll("", listing.WriteFD());
+        zel::thread::ListThreads("", -1);
+        zel::thread::UnmonitorPoll("", -1);
+        char text[4096];
+        ssize_t const length = read(listing.ReadFD(), text, sizeof text);
+        return std::count(text, text + length, '\n');
+    };
+    Controller* steered = nullptr;
+    zel::RunTask([&](Controller* self) { (steered = self)->Sleep(); });
+    while (!steered)
+        zel::RunOnce(0);
+    auto const before = known();
+    std::thread([&] {
+        steered->Continue();
+        EXPECT_EQ(known(), before);
+    }).join();
+    steered->Complete();
 }
 
 TEST_F(TaskThreads, StaleCallsMeetEveryEndAndEveryReuse) {

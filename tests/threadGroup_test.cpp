@@ -2,11 +2,14 @@
 //
 // Threads and their groups, the results of the run calls, and what can be observed of both. What handlers do
 // to the turn that calls them is in turn_test.cpp.
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <sstream>
+#include <thread>
 #include <utility>
 
 #include <fcntl.h>
@@ -96,6 +99,60 @@ TEST_F(ThreadGroup, a_thread_that_joins_brings_what_it_watches_already) {
     while (!joined)
         RunOnce(-1);
     EXPECT_TRUE(support::run_until([&] { return served.load(); }));
+}
+
+// Threads that the thread layer has not made, and so without its hooks.
+TEST_F(ThreadGroup, a_thread_of_the_applications_own_leaves_nothing_when_it_ends) {
+    orn::os::Pipe listing(false);
+    thread::MonitorPoll("x", listing.WriteFD());
+    auto const known = [&] {
+        thread::ListThreads("", -1);
+        std::string const text = take(listing.ReadFD());
+        return std::count(text.begin(), text.end(), '\n') - 1;
+    };
+    thread::ThisGroup();
+    thread::FdMgr();
+    std::set<int> const before = support::descriptors();
+    for (int i = 0; i < 3; ++i) {
+        std::thread([&] {
+            thread::FdMgr();
+            boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
+            EXPECT_EQ(2, known());
+        }).join();
+        EXPECT_EQ(before, support::descriptors());
+    }
+    EXPECT_EQ(1, known());
+    // One whose end uses the library again, in an order that nobody knows; and one that the thread layer
+    // made.
+    pthread_key_t later;
+    pthread_key_create(&later, [](void*) { thread::ThisGroup(); });
+    std::function<void()> const body = [later] {
+        thread::ThisGroup();
+        pthread_setspecific(later, &later);
+    };
+    std::thread(body).join();
+    support::Thread(body).join();
+    pthread_key_delete(later);
+    EXPECT_EQ(before, support::descriptors());
+    EXPECT_EQ(1, known());
+    thread::UnmonitorPoll("", -1);
+}
+
+TEST_F(ThreadGroup, a_thread_takes_over_no_group_that_is_filed_under_its_id) {
+    std::atomic<int> tid(0);
+    std::atomic<bool> ready(false);
+    boost::shared_ptr<thread::Group> filed;
+    std::thread late([&] {
+        tid = thread::self();
+        support::wait_until([&] { return ready.load(); });
+        EXPECT_NE(filed, thread::ThisGroup());
+        EXPECT_EQ(0u, filed->Threads().count(tid));
+    });
+    support::wait_until([&] { return tid != 0; });
+    filed = (*TheThreadMap())[tid].GetGroup();
+    filed->insert(tid);
+    ready = true;
+    late.join();
 }
 
 TEST_F(ThreadGroup, nothing_survives_an_unload) {

@@ -215,6 +215,23 @@ TEST_F(ThreadObjectEnd, DetachedThreadOutlivesItsObjectAndCannotBeJoined) {
         sched_yield();
 }
 
+TEST_F(ThreadObjectEnd, DetachedThreadThatNobodyCanStartEndsWithItsObject) {
+    bool run = false;
+    int tid = 0;
+    {
+        zel::Thread thread([&] {
+            run = true;
+            return 0;
+        });
+        thread.Detach();
+        tid = thread.Id();
+        EXPECT_TRUE(alive(tid));
+    }
+    while (alive(tid))
+        sched_yield();
+    EXPECT_FALSE(run);
+}
+
 TEST_F(ThreadObjectEnd, StoppingADetachedThreadThatHasEndedTouchesNothing) {
     static int cancels;
     cancels = 0;

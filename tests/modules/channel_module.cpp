@@ -33,3 +33,14 @@ struct User {
 } user;
 
 } // namespace
+
+// For a thread of the host's.
+extern "C" ORN_API void run_a_task() {
+    bool done = false;
+    RunTask([&](task::Controller* task) {
+        task->Complete();
+        done = true;
+    });
+    while (!done)
+        RunOnce(-1);
+}

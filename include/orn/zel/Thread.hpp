@@ -23,7 +23,8 @@
 //         v                                                                      |   v
 //     Running --- Run() returns; Stop(), when Cancel() cannot end the work ------+  Joined, Status() defined
 //
-//     Detach(), in any state before Joined: the thread ends unobserved, and Join() throws.
+//     Detach(), in any state before Joined: the thread ends unobserved, and Join() throws. One that was never
+//     started ends, without running its work, when the object is destroyed.
 //
 // The members belong to the owner of the object, one thread at a time. All platform calls go through the
 // orn_zel_pthread_ pointers of hooks.hpp.

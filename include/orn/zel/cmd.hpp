@@ -162,8 +162,9 @@ private:
 ORN_API void zel_cmd_load();
 ORN_API void zel_cmd_unload();
 // Ends the command thread and waits for it, unless it is the caller. The first step of taking the library
-// down, since commands may be running code of modules that are unloaded next.
-ORN_API void stop_channel();
+// down, since commands may be running code of modules that are unloaded next. False when one still is: exit()
+// waits for a second only, and then leaves the thread to its command.
+ORN_API bool stop_channel();
 // Whether that has been asked for: a command that would wait for the dynamic linker must not begin to.
 ORN_API bool stopping();
 

@@ -4,6 +4,7 @@
 // before, while and after static objects come and go; only the log file is closed when the library goes.
 #include <orn/log.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -204,12 +205,20 @@ void fork_done() {
     mutex.unlock();
 }
 
+std::atomic<bool> forkHandled{false};
+
 // The one object with a life: closes the file after the last ordinary static object of this library has gone.
 // What is enabled stays as it is: in a program that has this layer as well, the variable may be the
 // program's.
+//
+// The loader may construct it again during exit(): handled twice, fork() would take the lock twice.
 class Lifetime {
 public:
-    Lifetime() { ::pthread_atfork(fork_prepare, fork_done, fork_done); }
+    Lifetime() {
+        if (!forkHandled.exchange(true)) {
+            ::pthread_atfork(fork_prepare, fork_done, fork_done);
+        }
+    }
     ~Lifetime() {
         std::lock_guard<std::mutex> lock(mutex);
         if (sink == Sink::file || sink == Sink::unread) {

@@ -7,6 +7,8 @@
 // another thread. Only its thread has an end; see Lifetime.
 #include <orn/os/Timer.hpp>
 
+#include <orn/mapping.hpp>
+
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -27,6 +29,9 @@ constexpr std::uint64_t never = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t nsPerMs = 1000000;
 constexpr std::uint64_t nsPerSecond = 1000000000;
 constexpr std::size_t heapWidth = 4;
+// What exit() gives a callback that is under way. One that takes this long waits for the thread that is in
+// exit(), as a rule, and would wait for ever.
+constexpr std::uint64_t longestCallbackNs = nsPerSecond;
 constexpr std::uint32_t flagDying = 1; // in its destructor: not to be armed any more
 
 std::uint64_t now_ns() {
@@ -66,7 +71,7 @@ public:
     void set(Timer& timer, unsigned long initialMs, unsigned long recurringMs);
     void end(Timer& timer);
 
-    void stop();
+    void stop(bool unmapped);
     void before_fork() { mutex_.lock(); }
     void after_fork_in_parent() { mutex_.unlock(); }
     void after_fork_in_child();
@@ -91,10 +96,12 @@ private:
     void serve();
     void fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::uint64_t now);
     void sleep(std::unique_lock<std::mutex>& lock);
+    bool left_in_time(std::unique_lock<std::mutex>& lock);
 
     std::mutex mutex_;                                  // a leaf; never held while a callback runs
     pthread_cond_t earlier_ = PTHREAD_COND_INITIALIZER; // a deadline before sleepsUntil_, or the end
-    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER;    // a callback that somebody waits for has returned
+    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER;    // a callback that somebody waits for has returned,
+                                                        // or the thread leaves
 
     Entry* heap_ = nullptr;
     std::size_t size_ = 0;
@@ -104,6 +111,7 @@ private:
     pthread_t thread_ = {};
     bool started_ = false;
     bool stopped_ = false;
+    bool left_ = false;             // the thread does nothing any more but end
     std::uint64_t sleepsUntil_ = 0; // 0: awake, and will look at the heap before it sleeps
 
     Timer* running_ = nullptr;                          // whose callback runs
@@ -274,12 +282,13 @@ void TimerService::start() {
         throw std::system_error(error, std::generic_category(), "timer thread");
     }
     started_ = true;
+    left_ = false;
     sleepsUntil_ = 0;
 }
 
 // Threads that are still running when the process exits may go on using timers: those do nothing from here
 // on.
-void TimerService::stop() {
+void TimerService::stop(bool unmapped) {
     std::unique_lock<std::mutex> lock(mutex_);
     stopped_ = true;
     disarm_all();
@@ -290,9 +299,23 @@ void TimerService::stop() {
         return; // exit() called from a callback: this thread cannot wait for itself
     }
     started_ = false;
-    lock.unlock();
     ::pthread_cond_signal(&earlier_);
-    ::pthread_join(thread_, nullptr);
+    bool const joinable = unmapped || left_in_time(lock);
+    lock.unlock();
+    if (joinable) {
+        ::pthread_join(thread_, nullptr);
+    } else {
+        ::pthread_detach(thread_);
+    }
+}
+
+bool TimerService::left_in_time(std::unique_lock<std::mutex>& lock) {
+    struct timespec const until = timespec_of(after(now_ns(), longestCallbackNs));
+    int error = 0;
+    while (!left_ && error == 0) {
+        error = ::pthread_cond_timedwait(&idle_, lock.mutex()->native_handle(), &until);
+    }
+    return left_;
 }
 
 // The child has the forking thread only, and its parent's timers are not its own.
@@ -332,6 +355,8 @@ void TimerService::serve() {
             sleep(lock);
         }
     }
+    left_ = true;
+    ::pthread_cond_broadcast(&idle_);
 }
 
 void TimerService::sleep(std::unique_lock<std::mutex>& lock) {
@@ -383,15 +408,24 @@ static_assert(std::is_trivially_destructible_v<TimerService>, "used after static
 
 TimerService service;
 
+internal::Mapping mapping;
+
+__attribute__((destructor)) void note_destructors() {
+    mapping.destructor_function();
+}
+
 // Constructed before, and so destroyed after, every ordinary static object of the same library: the thread
 // ends when nothing that uses timers is left in it, at exit() and at dlclose() alike.
 class Lifetime {
 public:
     Lifetime() {
+        if (!mapping.begin("o_pthread_create")) {
+            return; // locked a second time by fork(), the mutex would never come free
+        }
         ::pthread_atfork([] { service.before_fork(); }, [] { service.after_fork_in_parent(); },
                          [] { service.after_fork_in_child(); });
     }
-    ~Lifetime() { service.stop(); }
+    ~Lifetime() { service.stop(mapping.unmapped()); }
     Lifetime(Lifetime const&) = delete;
     Lifetime& operator=(Lifetime const&) = delete;
 };

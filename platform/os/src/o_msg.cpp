@@ -14,6 +14,7 @@
 #include <orn/os/o_msg.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -635,8 +636,14 @@ ssize_t o_msg_queue::receive(o_msg_t& to) {
 
 namespace {
 
+// Once, also when the loader runs constructors again during exit(): fork() would take the lock twice.
+std::atomic<bool> forkHandled{false};
+
 struct ForkHandlers {
     ForkHandlers() {
+        if (forkHandled.exchange(true)) {
+            return;
+        }
         ::pthread_atfork([] { queuesMutex.lock(); }, [] { queuesMutex.unlock(); },
                          [] {
                              o_msg_queue::close_all_in_child();

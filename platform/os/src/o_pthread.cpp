@@ -313,9 +313,16 @@ void fork_child() {
 }
 
 // Registered at load: whoever forks may hold a cached id. The C library takes the handlers out when this
-// library is unmapped.
+// library is unmapped. Once, also when the loader runs constructors again during exit(): fork() would take
+// the lock twice.
+std::atomic<bool> forkHandled{false};
+
 struct ForkHandlers {
-    ForkHandlers() { ::pthread_atfork(fork_prepare, fork_parent, fork_child); }
+    ForkHandlers() {
+        if (!forkHandled.exchange(true)) {
+            ::pthread_atfork(fork_prepare, fork_parent, fork_child);
+        }
+    }
 };
 
 ForkHandlers forkHandlers __attribute__((init_priority(101)));

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+#include "shutdown.hpp"
+
+#include <atomic>
+
+#include <sys/stat.h>
+
+namespace orn {
+namespace zel {
+namespace detail {
+
+namespace {
+
+enum Way { by_call, by_unmapping, by_exit };
+
+std::atomic<Way> way(by_call);
+std::atomic<bool> kept(false);
+
+// The timer thread counts as well: its callbacks are the application's, and may hold a task or an alarm as
+// any other thread may. So does a thread that has been joined and is still listed for a moment. Keeping what
+// nobody needs costs nothing in a process that ends.
+bool others_live() {
+    struct stat tasks;
+    // A directory's links: one for each thread, and two of its own.
+    return stat("/proc/self/task", &tasks) != 0 || tasks.st_nlink != 3;
+}
+
+} // namespace
+
+void Shutdown::begin(bool unmapped) {
+    way = unmapped ? by_unmapping : by_exit;
+}
+
+bool Shutdown::unmapping() {
+    return way == by_unmapping;
+}
+
+bool Shutdown::exiting() {
+    return way == by_exit;
+}
+
+void Shutdown::look_for_threads() {
+    kept = exiting() && others_live();
+}
+
+bool Shutdown::keeps() {
+    return kept;
+}
+
+} // namespace detail
+} // namespace zel
+} // namespace orn
