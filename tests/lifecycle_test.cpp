@@ -2,7 +2,7 @@
 //
 // The life of the library with its command channel: in hosts that get it by dlopen() only, which this program
 // is too, and in processes that end with everything armed.
-#include <atomic>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -10,8 +10,10 @@
 #include <future>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <dlfcn.h>
 #include <malloc.h>
@@ -146,27 +148,33 @@ public:
 
     void ask(std::function<void()> const& what) {
         std::promise<void> done;
-        what_ = what;
-        done_ = &done;
-        asked_ = true;
+        {
+            std::lock_guard<std::mutex> const guard(mutex_);
+            what_ = what;
+            done_ = &done;
+        }
+        asked_.notify_one();
         done.get_future().wait();
     }
 
 private:
     void serve() {
         for (;;) {
-            while (!asked_.exchange(false))
-                ::poll(nullptr, 0, 1);
+            std::unique_lock<std::mutex> lock(mutex_);
+            asked_.wait(lock, [this] { return done_ != nullptr; });
             std::function<void()> const what = what_;
+            std::promise<void>* const done = std::exchange(done_, nullptr);
+            lock.unlock();
             if (what)
                 what();
-            done_->set_value();
+            done->set_value();
             if (!what)
                 return;
         }
     }
 
-    std::atomic<bool> asked_{false};
+    std::mutex mutex_;
+    std::condition_variable asked_;
     std::function<void()> what_;
     std::promise<void>* done_ = nullptr;
     std::thread thread_{[this] { serve(); }};
