@@ -31,6 +31,7 @@ public:
     static Map* map();
 
     static boost::shared_ptr<Group> group();
+    // Of any thread; the caller claims its own.
     static boost::shared_ptr<fd::Manager> fd_manager(int tid);
 
     // Empty where there is nothing; neither makes a record.
@@ -39,9 +40,12 @@ public:
 
     static void associate(boost::shared_ptr<Group> const& group);
 
-    // Has the calling thread's record dropped when the thread ends, whoever made the thread. A record that
-    // another thread with the same id has left behind is dropped now.
-    static void claim();
+    // For the calling thread, whose id is given: has its record dropped when it ends, whoever made the
+    // thread. A record that another thread with the same id has left behind is dropped now.
+    static void claim(int tid) {
+        if (!claimed(tid))
+            make_claim(tid);
+    }
     // Leaves the group and drops the record, if any.
     static void drop();
 
@@ -54,6 +58,9 @@ public:
     static void associate(Associations& record, boost::shared_ptr<Group> const& group);
 
 private:
+    static bool claimed(int tid);
+    static void make_claim(int tid);
+
     template <class Locate>
     static boost::shared_ptr<Group> find_or_make_group(Locate locate);
     template <class Locate>

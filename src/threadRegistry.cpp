@@ -61,9 +61,8 @@ void delete_end_key(int key) {
         sched_yield();
 }
 
-bool claimed_by(int tid, int key) {
-    return pthread_getspecific(static_cast<pthread_key_t>(key)) ==
-           reinterpret_cast<void*>(static_cast<std::intptr_t>(tid));
+void* as_value(int tid) {
+    return reinterpret_cast<void*>(static_cast<std::intptr_t>(tid));
 }
 
 } // namespace
@@ -184,13 +183,11 @@ void Registry::move_to(Locate locate, boost::shared_ptr<Group> const& group) {
 
 boost::shared_ptr<Group> Registry::group() {
     int const tid = self();
-    claim();
+    claim(tid);
     return find_or_make_group([tid]() ZEL_NO_ANALYSIS -> Associations& { return record(tid); });
 }
 
 boost::shared_ptr<fd::Manager> Registry::fd_manager(int tid) {
-    if (tid == self())
-        claim();
     return find_or_make_fd_manager([tid]() ZEL_NO_ANALYSIS -> Associations& { return record(tid); });
 }
 
@@ -209,15 +206,17 @@ boost::shared_ptr<fd::Manager> Registry::fd_manager_if_any(int tid) {
 
 void Registry::associate(boost::shared_ptr<Group> const& group) {
     int const tid = self();
-    claim();
+    claim(tid);
     move_to([tid]() ZEL_NO_ANALYSIS -> Associations& { return record(tid); }, group);
 }
 
-void Registry::claim() ZEL_NO_ANALYSIS {
-    int const tid = self();
-    int key = end_key;
-    if (key != no_key && claimed_by(tid, key))
-        return;
+bool Registry::claimed(int tid) {
+    int const key = end_key;
+    return key != no_key && pthread_getspecific(static_cast<pthread_key_t>(key)) == as_value(tid);
+}
+
+void Registry::make_claim(int tid) ZEL_NO_ANALYSIS {
+    int key = no_key;
     bool inherited = false;
     {
         AutoLock const guard(lock());
@@ -230,8 +229,7 @@ void Registry::claim() ZEL_NO_ANALYSIS {
     if (inherited)
         drop();
     if (key != no_key)
-        pthread_setspecific(static_cast<pthread_key_t>(key),
-                            reinterpret_cast<void*>(static_cast<std::intptr_t>(tid)));
+        pthread_setspecific(static_cast<pthread_key_t>(key), as_value(tid));
 }
 
 void Registry::drop() ZEL_NO_ANALYSIS {
@@ -298,15 +296,19 @@ boost::shared_ptr<Group> ThisGroup() {
 }
 
 boost::shared_ptr<fd::Manager> FdMgr() {
-    return Registry::fd_manager(self());
+    int const tid = self();
+    Registry::claim(tid);
+    return Registry::fd_manager(tid);
 }
 
 boost::shared_ptr<fd::Manager> FdMgr(int tid) {
+    if (tid == self())
+        Registry::claim(tid);
     return Registry::fd_manager(tid);
 }
 
 Associations& This() {
-    Registry::claim();
+    Registry::claim(self());
     return TheThreadMap()->This();
 }
 
