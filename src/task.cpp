@@ -70,8 +70,10 @@ public:
     }
 
     void push(T item) { items_.push_back(item); }
-    // Before so many that are there.
-    void push_before(std::size_t count, T item) { items_.insert(place(size() - count), item); }
+    // Before the last so many that are there.
+    void push_before(std::size_t count, T item) {
+        items_.insert(place(size() - std::min(count, size())), item);
+    }
 
 private:
     typename std::vector<T>::iterator place(std::size_t at) {
@@ -114,7 +116,7 @@ public:
         ControllerImpl& task_;
     };
 
-    Core() : pipe_(false), rounds_(0), nudged_(false), any_overdue_(false) {}
+    Core() : pipe_(false), rest_(0), rounds_(0), nudged_(false), any_overdue_(false) {}
     ~Core();
     Core(Core const&) = delete;
     Core& operator=(Core const&) = delete;
@@ -146,16 +148,17 @@ private:
     void post(std::uint32_t word);
     void take_words(std::uint32_t const* words, std::size_t count, std::size_t rest) ZEL_REQUIRES(lock_);
     void take_overdue(std::size_t rest) ZEL_REQUIRES(lock_);
-    bool nudge_wanted() const ZEL_REQUIRES(lock_) { return !queue_.empty() && rounds_ > 0 && !deepest(); }
+    std::size_t rest() const ZEL_REQUIRES(lock_) { return deepest() ? std::min(rest_, queue_.size()) : 0; }
+    bool nudge_wanted() const ZEL_REQUIRES(lock_) { return rounds_ > 0 && queue_.size() > rest(); }
     void settle_nudge();
-    void end_round();
-    void release_held();
+    void release_held(std::size_t kept);
 
     os::Pipe pipe_;
     ThreadMutex lock_; // a leaf; guards the tasks' fields too
     std::map<id_t, ControllerImpl*> tasks_ ZEL_GUARDED_BY(lock_);
     Fifo<std::uint32_t> queue_ ZEL_GUARDED_BY(lock_);
-    Fifo<std::uint32_t> held_ ZEL_GUARDED_BY(lock_); // scheduled by the ends of slices in the deepest rounds
+    std::size_t rest_ ZEL_GUARDED_BY(lock_); // what the present slice found behind it in the queue
+    std::vector<std::uint32_t> held_ ZEL_GUARDED_BY(lock_); // scheduled when the round, a deepest one, ends
     std::vector<std::unique_ptr<ControllerImpl>> all_ ZEL_GUARDED_BY(lock_);
     Fifo<ControllerImpl*> retired_ ZEL_GUARDED_BY(lock_);
     std::atomic<unsigned> rounds_;      // run_queue() on the stack; changed by the runner, under the lock
@@ -294,7 +297,7 @@ std::size_t Core::load(int fd) {
     std::size_t rest;
     {
         AutoLock const guard(lock_);
-        rest = deepest() ? queue_.size() : 0;
+        rest = this->rest();
         queue_.make_room(most); // before they are out of the pipe
     }
     for (;;) {
@@ -342,7 +345,7 @@ void Core::settle_nudge() {
         // room.
         AutoLock const guard(lock_);
         queue_.make_room(1);
-        take_words(&word, 1, 0);
+        take_words(&word, 1, rest());
     }
 }
 
@@ -351,27 +354,32 @@ public:
     explicit Round(Core& core) : core_(core) {
         AutoLock const guard(core_.lock_);
         ++core_.rounds_;
+        rest_ = core_.rest_;
+        held_ = core_.held_.size();
     }
-    ~Round() { core_.end_round(); }
+    ~Round() {
+        bool held;
+        bool settled;
+        {
+            AutoLock const guard(core_.lock_);
+            --core_.rounds_;
+            core_.rest_ = rest_;
+            held = core_.held_.size() > held_;
+            settled = core_.nudge_wanted() == core_.nudged_;
+        }
+        if (held)
+            core_.release_held(held_);
+        if (!settled)
+            core_.settle_nudge();
+    }
     Round(Round const&) = delete;
     Round& operator=(Round const&) = delete;
 
 private:
     Core& core_;
+    std::size_t rest_; // the core's, for the slice that runs this round
+    std::size_t held_; // by the rounds above
 };
-
-void Core::end_round() {
-    bool settled;
-    {
-        AutoLock const guard(lock_);
-        --rounds_;
-        settled = nudge_wanted() == nudged_;
-    }
-    if (rounds_ == most_rounds - 1)
-        release_held();
-    if (!settled)
-        settle_nudge();
-}
 
 ControllerImpl* Core::pin_next(std::size_t rest) {
     ControllerImpl* task = nullptr;
@@ -380,7 +388,8 @@ ControllerImpl* Core::pin_next(std::size_t rest) {
         AutoLock const guard(lock_);
         while (!task && queue_.size() > rest)
             task = pin(queue_.pop());
-        settled = nudged_ != queue_.empty() || deepest();
+        rest_ = queue_.size();
+        settled = nudge_wanted() == nudged_;
     }
     if (!settled)
         settle_nudge();
@@ -396,23 +405,24 @@ void Core::run_queue(std::size_t rest) {
     }
 }
 
-// Instead of schedule() at the end of a slice in the deepest rounds: the identifier is kept until they have
-// ended. From the pipe the nested turns of the slices that follow would take it up, each those of all before
-// it.
+// Instead of schedule() at the end of a slice in the deepest rounds: the identifier is kept until the round
+// has ended. From the pipe the nested turns of the slices that follow would take it up, each those of all
+// before it. The slice that waits for the round finds it in the pipe, and so its helpers go on.
 void Core::hold(id_t id) {
     AutoLock const guard(lock_);
-    held_.make_room(1);
-    held_.push(static_cast<std::uint32_t>(id));
+    held_.push_back(static_cast<std::uint32_t>(id));
 }
 
-void Core::release_held() {
-    for (;;) {
+void Core::release_held(std::size_t kept) {
+    for (std::size_t at = kept;; ++at) {
         id_t id;
         {
             AutoLock const guard(lock_);
-            if (held_.empty())
+            if (at >= held_.size()) {
+                held_.resize(std::min(kept, held_.size()));
                 return;
-            id = held_.pop();
+            }
+            id = held_[at];
         }
         schedule(id);
     }

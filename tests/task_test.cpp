@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <functional>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -376,8 +377,11 @@ TEST_F(TaskNesting, TheDeepestMayWaitForWhatTheyStartAndThoseAboveForTheirTurn) 
         zel::RunTask([&, i](Controller* self) {
             self->Complete();
             bool done = false;
+            int slices = 0;
             ++waiting;
             zel::RunTask([&](Controller* helper) {
+                if (++slices < 3)
+                    return;
                 helper->Complete();
                 done = true;
                 ++helped;
@@ -421,25 +425,50 @@ TEST_F(TaskNesting, ControllerOnTheStackIsNobodyElses) {
     EXPECT_FALSE(strangers);
 }
 
-TEST_F(TaskNesting, IdentifiersSurviveAnExceptionOfTheNestedLoop) {
+class TaskNestingAtDepth : public TaskTest, public testing::WithParamInterface<int> {
+protected:
+    // Calls the function in a slice under so many others, each of which waits for the one it has started.
+    void nest(int depth, std::function<void()> const& function) {
+        zel::RunTask([this, depth, function](Controller* self) {
+            self->Complete();
+            if (depth == 0) {
+                function();
+                reached_ = true;
+            } else {
+                nest(depth - 1, function);
+            }
+            while (!reached_)
+                ASSERT_GE(zel::RunOnce(10000), 1);
+        });
+    }
+
+private:
+    bool reached_ = false;
+};
+
+TEST_P(TaskNestingAtDepth, IdentifiersSurviveAnExceptionOfTheNestedLoop) {
     int others = 0;
-    zel::RunTask([&](Controller* self) {
-        self->Complete();
+    nest(GetParam(), [&] {
+        zel::RunTask([](Controller* self) {
+            self->Complete();
+            throw std::runtime_error("body");
+        });
+        for (int i = 0; i < 2; ++i) {
+            zel::RunTask([&](Controller* self) {
+                ++others;
+                self->Complete();
+            });
+        }
         EXPECT_THROW(zel::RunOnce(0), std::runtime_error);
         while (others < 2)
             ASSERT_GE(zel::RunOnce(10000), 1);
     });
-    zel::Task thrower([](Controller*) { throw std::runtime_error("body"); });
-    thrower.Run();
-    for (int i = 0; i < 2; ++i) {
-        zel::RunTask([&](Controller* self) {
-            ++others;
-            self->Complete();
-        });
-    }
     EXPECT_EQ(zel::RunOnce(0), 1);
     EXPECT_EQ(others, 2);
+    EXPECT_EQ(zel::RunOnce(0), 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(Depths, TaskNestingAtDepth, testing::Values(0, 30, 31, 32, 60));
 
 // ---- Memory
 
