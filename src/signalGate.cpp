@@ -10,6 +10,7 @@
 
 #include "cancel.hpp"
 #include "immortal.hpp"
+#include "signalFork.hpp"
 
 namespace orn {
 namespace zel {
@@ -46,10 +47,17 @@ Snapshot* awaited() {
 
 class Inside {
 public:
-    Inside() { inside.fetch_add(1); }
-    ~Inside() { inside.fetch_sub(1); }
+    Inside() : counted_in_(lineage()) { inside.fetch_add(1); }
+    // A function, or another handler on top of this one, may fork: the child's count begins anew.
+    ~Inside() {
+        if (counted_in_ == lineage())
+            inside.fetch_sub(1);
+    }
     Inside(Inside const&) = delete;
     Inside& operator=(Inside const&) = delete;
+
+private:
+    unsigned const counted_in_;
 };
 
 void call(Snapshot const* snapshot, int signo) {

@@ -374,6 +374,25 @@ TEST_F(Signals, a_function_that_is_jumped_out_of_is_neither_freed_nor_waited_for
     EXPECT_EQ("exit 0", support::describe(support::in_child(unload_after_a_jump)));
 }
 
+volatile pid_t forked = -1;
+
+int change_after_a_fork_in_signal_context() {
+    HandlerList<int>& list = signal::sigHandler(SIGUSR1)->handlers();
+    unsigned long const id = list.insert([](int) { forked = fork(); });
+    raise(SIGUSR1);
+    int status = 0;
+    if (forked != 0)
+        return waitpid(forked, &status, 0) == forked && status == 0 ? 0 : 2;
+    list.remove(id);
+    list.remove(list.insert(user_of_something()));
+    list.remove(list.insert([](int) {}));
+    _exit(Held::living == 0 ? 0 : 1);
+}
+
+TEST_F(Signals, a_child_that_was_forked_in_signal_context_frees_what_it_gives_up) {
+    EXPECT_EQ("exit 0", support::describe(support::in_child(change_after_a_fork_in_signal_context)));
+}
+
 TEST_F(Signals, a_member_that_watches_what_arrives_all_the_time_is_served) {
     int const signo = SIGRTMIN + 1;
     signal::AutoReceptor const stays(signo, [](int) {});
