@@ -161,15 +161,21 @@ void SignalHandlerImpl::apply_signal_handler() {
     bool const possible = signo_ > 0 && signo_ < NSIG;
     if (possible)
         detail::SignalGate::await(signo_);
-    installed_ = sigaction(signo_, &action, &saved_action_) == 0;
+    int error = 0;
+    {
+        detail::ForkBarrier const barrier;
+        installed_ = sigaction(signo_, &action, &saved_action_) == 0;
+        if (installed_)
+            detail::handler_installed(signo_, saved_action_);
+        else
+            error = errno;
+    }
     if (!installed_) {
-        int const error = errno;
         if (possible)
             handlers_.withdraw();
         throw Exception(install_failure(signo_) + ": errno=" + std::to_string(error) + " (" +
                         strerror(error) + ")");
     }
-    detail::handler_installed(signo_, saved_action_);
 }
 
 void SignalHandlerImpl::restore_original_handler() {
@@ -195,8 +201,11 @@ void SignalHandlerImpl::retire() {
     if (!installed_.exchange(false))
         return;
     // A child of fork() has got its dispositions back already, and may have chosen others.
-    if (detail::handler_given_up(signo_))
-        restore_original_handler();
+    {
+        detail::ForkBarrier const barrier;
+        if (detail::handler_given_up(signo_))
+            restore_original_handler();
+    }
     handlers_.withdraw();
 }
 

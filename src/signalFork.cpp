@@ -5,6 +5,9 @@
 
 #include <pthread.h>
 
+#include <orn/zel/core.hpp>
+
+#include "immortal.hpp"
 #include "signalGate.hpp"
 
 namespace orn {
@@ -15,40 +18,59 @@ namespace {
 
 std::atomic<unsigned> forks(0);
 
-// Plain memory beside the handlers' own objects: a child of a process with several threads can rely on no
-// lock and on no other thread's half-made change.
+struct BarrierLock;
+
+// Held over each fork() as well. Nothing is called under it, and no signal's handler runs on top of it.
+ThreadMutex& barrier_lock() {
+    return immortal<ThreadMutex, BarrierLock>();
+}
+
+// Beside the handlers' own objects: a child of a process with several threads can rely on no other lock.
 struct Watched {
     std::atomic<bool> in_place;
-    std::atomic<bool> kept;
+    std::atomic<bool> unasked;
     struct sigaction before;
 };
 
 Watched watched[NSIG] = {};
 
-thread_local sigset_t mask_before; // several threads may fork at once
+sigset_t mask_before; // of the thread that forks; guarded by the barrier's lock
 
-void prepare() {
+sigset_t close_barrier() ZEL_NO_ANALYSIS {
     sigset_t all;
+    sigset_t before;
     sigfillset(&all);
     for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
         sigdelset(&all, fault);
-    pthread_sigmask(SIG_SETMASK, &all, &mask_before);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    barrier_lock().Lock();
+    return before;
+}
+
+// By value: the next one to fork may overwrite what it noted as soon as the lock is free.
+void open_barrier(sigset_t before) ZEL_NO_ANALYSIS {
+    barrier_lock().Unlock();
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void prepare() {
+    mask_before = close_barrier();
 }
 
 void in_parent() {
-    pthread_sigmask(SIG_SETMASK, &mask_before, nullptr);
+    open_barrier(mask_before);
 }
 
-// As in signal context: no lock, no allocation.
+// As in signal context: no other lock, no allocation.
 void in_child() {
     ++forks;
     SignalGate::forked();
     for (int signo = 1; signo < NSIG; ++signo) {
         Watched& signal = watched[signo];
-        if (!signal.kept && signal.in_place.exchange(false))
+        if (!signal.unasked && signal.in_place.exchange(false))
             sigaction(signo, &signal.before, nullptr);
     }
-    pthread_sigmask(SIG_SETMASK, &mask_before, nullptr);
+    open_barrier(mask_before);
 }
 
 std::atomic<bool> handled(false);
@@ -58,6 +80,12 @@ std::atomic<bool> handled(false);
 int const registered = handled.exchange(true) ? 0 : pthread_atfork(prepare, in_parent, in_child);
 
 } // namespace
+
+ForkBarrier::ForkBarrier() : mask_before_(close_barrier()) {}
+
+ForkBarrier::~ForkBarrier() {
+    open_barrier(mask_before_);
+}
 
 unsigned lineage() {
     return forks;
@@ -77,8 +105,12 @@ bool handler_given_up(int signo) {
     return watched[signo].in_place.exchange(false);
 }
 
-void keep_in_children(int signo) {
-    watched[signo].kept = true;
+void expect_unasked(int signo) {
+    watched[signo].unasked = true;
+}
+
+bool expected_unasked(int signo) {
+    return watched[signo].unasked;
 }
 
 } // namespace detail

@@ -17,15 +17,31 @@ namespace detail {
 // parent's is told by it. Signal-safe.
 unsigned lineage();
 
+// Keeps every thread from forking for a scope, a signal's handler on this one included. What a child puts
+// back depends on which handlers are installed and on what is noted of them, so both change in one such
+// scope.
+class ForkBarrier {
+public:
+    ForkBarrier();
+    ~ForkBarrier();
+    ForkBarrier(ForkBarrier const&) = delete;
+    ForkBarrier& operator=(ForkBarrier const&) = delete;
+
+private:
+    sigset_t mask_before_;
+};
+
 // That the library's handler is installed in this process, and what was in force before.
 void handler_installed(int signo, struct sigaction const& before);
 bool handler_in_place(int signo);
 // True when it was in place. Before the disposition is put back.
 bool handler_given_up(int signo);
 
-// Leaves the handler in place in children, where it does nothing until they watch the signal themselves: for
-// a signal that others send without asking, and whose default action ends a process.
-void keep_in_children(int signo);
+// Says of a signal that others send it without asking, and that its default action ends a process. So in
+// children the handler stays in place, where it does nothing until they watch the signal themselves, and on
+// the way through exit() the signal stays ignored.
+void expect_unasked(int signo);
+bool expected_unasked(int signo);
 
 } // namespace detail
 } // namespace zel

@@ -550,6 +550,15 @@ TEST(Fork, no_signal_to_a_child_is_told_to_its_parent_at_whatever_moment_it_come
     EXPECT_EQ("exit 0", program.end());
 }
 
+TEST(Fork, a_child_finds_no_signal_caught_while_another_thread_begins_and_ends_to_watch) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "a sanitizer's own locks and threads do not survive fork() beside other threads";
+#endif
+    Program program({FORK_PROGRAM, "threads"});
+    EXPECT_EQ("0", program.line(20000));
+    EXPECT_EQ("exit 0", program.end());
+}
+
 TEST(Fork, a_daemon_whose_first_act_is_to_watch_a_signal_is_steered_and_served) {
     Program parent({FORK_PROGRAM, "fresh"});
     int const child = std::atoi(parent.line().c_str());

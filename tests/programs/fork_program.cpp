@@ -3,11 +3,12 @@
 // A process that forks and does not execute anything.
 //
 //     signal   children send themselves signals that the parent watches; prints what became of each child,
-//     and
-//              how often the parent saw a signal
+//              and how often the parent saw a signal
 //     group    signals reach the whole process group while the parent forks; prints how many the parent saw
-//     too
-//              many or too few
+//              too many or too few
+//     threads  one thread forks while another begins and ends to watch signals; prints how many children
+//     found
+//              one that is still caught
 //     fresh    a child of a process with a single thread leaves the session, watches a signal before it does
 //              anything else, and prints its process id
 //     daemon   a child leaves the session, brings the library up anew and prints its process id
@@ -17,6 +18,7 @@
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include <poll.h>
 #include <signal.h>
@@ -117,6 +119,38 @@ int signals_to_the_group() {
     return 0;
 }
 
+bool any_is_caught() {
+    for (int signo = 1; signo < NSIG; ++signo) {
+        struct sigaction now = {};
+        if (signo != 55 && sigaction(signo, nullptr, &now) == 0 && now.sa_handler == sig_handler)
+            return true;
+    }
+    return false;
+}
+
+int children_of_another_thread() {
+    std::atomic<int> forks(0);
+    int caught = 0;
+    std::thread forker([&] {
+        for (; forks < 100; ++forks) {
+            pid_t const child = fork();
+            if (child == 0)
+                _exit(any_is_caught());
+            caught += wait_for(child) != 0;
+        }
+    });
+    while (forks < 100) {
+        signal::zel_signal_load();
+        for (int signo = SIGRTMIN; signo < SIGRTMAX; ++signo)
+            signal::sigHandler(signo);
+        signal::zel_signal_unload();
+    }
+    forker.join();
+    std::printf("%d\n", caught);
+    std::fflush(stdout);
+    _exit(0); // what the library had made of signals is gone
+}
+
 int fresh_child() {
     if (fork() != 0)
         for (;;) // until it is killed
@@ -124,6 +158,7 @@ int fresh_child() {
     setsid();
     std::atomic<int> ended(0);
     static_cast<void>(Signal(SIGTERM)->insert([&](int) { ++ended; }));
+    poll(nullptr, 0, 0); // as in channel_target
     RegisterCommandModule("watched",
                           [&](std::string const&, int fd) { cmd::Write(fd, std::to_string(ended) + '\n'); });
     RegisterCommandModule("exit", [](std::string const& status, int) { exit(std::atoi(status.c_str())); });
@@ -166,5 +201,7 @@ int main(int argc, char** argv) {
         return signal_in_child();
     if (mode == "group")
         return signals_to_the_group();
+    if (mode == "threads")
+        return children_of_another_thread();
     return mode == "fresh" ? fresh_child() : daemon_child();
 }
