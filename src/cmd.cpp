@@ -434,9 +434,8 @@ void zel_cmd_load() {
         state() = boost::shared_ptr<State>(new State);
     }
     watch_channel_signal();
-    // A client that knocks at a child which has not come to use the library yet must not end it, nor one that
-    // knocks while the process is on its way out.
-    detail::expect_unasked(channel_signal);
+    // A client that knocks at a child which has not come to use the library yet must not end it.
+    detail::keep_in_children(channel_signal);
     detail::set_child_hook(watch_channel_signal);
 }
 

@@ -28,7 +28,7 @@ ThreadMutex& barrier_lock() {
 // Beside the handlers' own objects: a child of a process with several threads can rely on no other lock.
 struct Watched {
     std::atomic<bool> in_place;
-    std::atomic<bool> unasked;
+    std::atomic<bool> kept;
     struct sigaction before;
 };
 
@@ -67,7 +67,7 @@ void in_child() {
     SignalGate::forked();
     for (int signo = 1; signo < NSIG; ++signo) {
         Watched& signal = watched[signo];
-        if (!signal.unasked && signal.in_place.exchange(false))
+        if (!signal.kept && signal.in_place.exchange(false))
             sigaction(signo, &signal.before, nullptr);
     }
     open_barrier(mask_before);
@@ -76,7 +76,7 @@ void in_child() {
 std::atomic<bool> handled(false);
 
 // Withdrawn by the C library when this library is unmapped. The loader may run this again during exit():
-// handled twice, fork() would take the mask with everything blocked for the one from before.
+// handled twice, fork() would wait for itself.
 int const registered = handled.exchange(true) ? 0 : pthread_atfork(prepare, in_parent, in_child);
 
 } // namespace
@@ -105,12 +105,8 @@ bool handler_given_up(int signo) {
     return watched[signo].in_place.exchange(false);
 }
 
-void expect_unasked(int signo) {
-    watched[signo].unasked = true;
-}
-
-bool expected_unasked(int signo) {
-    return watched[signo].unasked;
+void keep_in_children(int signo) {
+    watched[signo].kept = true;
 }
 
 } // namespace detail

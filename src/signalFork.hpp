@@ -37,11 +37,9 @@ bool handler_in_place(int signo);
 // True when it was in place. Before the disposition is put back.
 bool handler_given_up(int signo);
 
-// Says of a signal that others send it without asking, and that its default action ends a process. So in
-// children the handler stays in place, where it does nothing until they watch the signal themselves, and on
-// the way through exit() the signal stays ignored.
-void expect_unasked(int signo);
-bool expected_unasked(int signo);
+// Leaves the handler in place in children, where it does nothing until they watch the signal themselves: for
+// a signal that others send without asking, and whose default action ends a process.
+void keep_in_children(int signo);
 
 } // namespace detail
 } // namespace zel
