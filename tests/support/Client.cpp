@@ -43,7 +43,11 @@ Words Client::ask(std::string const& command) {
     if (!wait_until(answered, 10000, [] { orn::zel::RunOnce(20); }))
         return Words{"no answer"};
     Words answer(lines.begin(), end);
-    answer.erase(std::remove(answer.begin(), answer.end(), "received \"" + command + "\""), answer.end());
+    // Nor is the echo of an earlier question's mark, which was asked for twice, any part of this answer.
+    auto const echo = [&](std::string const& line) {
+        return line == "received \"" + command + "\"" || line.compare(0, 17, "received \"0 mark ") == 0;
+    };
+    answer.erase(std::remove_if(answer.begin(), answer.end(), echo), answer.end());
     return answer;
 }
 
