@@ -37,6 +37,8 @@ public:
         ZEL_unload__();
         if (!detail::Shutdown::keeps())
             signal::release_managers();
+        if (detail::Shutdown::unmapping())
+            detail::Shutdown::let_threads_get_on();
     }
     Lifecycle(Lifecycle const&) = delete;
     Lifecycle& operator=(Lifecycle const&) = delete;

@@ -26,6 +26,11 @@ public:
     // Whether managers, records and descriptors stay: on the way through exit(), while another thread lives.
     // What stays is left where it is, so that those threads find it and go on as before.
     static bool keeps();
+
+    // Before the code is unmapped. A thread that a signal has just reached may stand before the first
+    // instruction of the handler, where it cannot be counted yet, or behind the last one that is. Returns
+    // when the other threads sleep or have got on, after a second at most.
+    static void let_threads_get_on();
 };
 
 } // namespace detail

@@ -2,6 +2,7 @@
 //
 // The life of the library with its command channel: in hosts that get it by dlopen() only, which this program
 // is too, and in processes that end with everything armed.
+#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +15,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <dlfcn.h>
 #include <malloc.h>
@@ -197,6 +199,26 @@ TEST(Unloading, frees_everything_although_a_thread_that_has_used_it_lives_on) {
         descriptors = now;
     }
 } // where the thread ends, and calls nothing that has gone
+
+TEST(Unloading, takes_no_code_from_under_a_thread_that_a_signal_has_just_reached) {
+    struct sigaction ignored = {};
+    struct sigaction before = {};
+    ignored.sa_handler = SIG_IGN;
+    ::sigaction(55, &ignored, &before);
+    std::atomic<bool> stop(false);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 6; ++i)
+        threads.emplace_back([&] {
+            while (!stop)
+                ::raise(55);
+        });
+    for (int i = 0; i < (sanitized ? 10 : 60); ++i)
+        load_and_unload(ZEL_LIBRARY);
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    ::sigaction(55, &before, nullptr);
+}
 
 // ---- Modules that come and go with the library ----------------------------------------------------------
 
