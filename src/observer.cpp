@@ -19,27 +19,26 @@ Observer* const observers[] = {&thread_observer, &poll_observer, &alarm_observer
 } // namespace
 
 void Observer::watch(int fd) {
-    std::lock_guard<std::mutex> const guard(lock_);
+    Lock const guard = lock_in_time();
     fd_.store(fd, std::memory_order_release);
 }
 
 void Observer::forget(int fd) {
-    // Without the lock where that is enough: an application's own observer may be one that blocks.
-    if (!is(fd))
+    if (!is(fd)) // without the wait for an observer that blocks
         return;
-    std::lock_guard<std::mutex> const guard(lock_);
+    Lock const guard = lock_in_time();
     fd_.compare_exchange_strong(fd, -1);
 }
 
 void Observer::write(std::string const& text) {
     int const error = errno;
     {
-        std::lock_guard<std::mutex> const guard(lock_);
-        int const fd = fd_.load(std::memory_order_relaxed);
+        std::lock_guard<std::timed_mutex> const guard(lock_);
+        int fd = fd_.load(std::memory_order_relaxed);
         // EBADF: it was closed while it was watched. Its number must not be tried again, since the next file
         // gets it.
         if (fd != -1 && cmd::Write(fd, text) == -1 && (errno == EPIPE || errno == EBADF))
-            fd_.store(-1, std::memory_order_release);
+            fd_.compare_exchange_strong(fd, -1);
     }
     errno = error;
 }

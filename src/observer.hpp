@@ -6,6 +6,7 @@
 #define ZEL_SRC_OBSERVER_HPP
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <new>
 #include <string>
@@ -18,8 +19,9 @@ namespace detail {
 
 // One monitor of the process. Reading the descriptor's number and writing the line are one step under a lock:
 // when unwatch(), watch() or forget() has returned, nobody writes to the descriptor that was there before,
-// and it may be closed without a line landing in another file that gets the number. Any thread. There is
-// nothing to construct or destroy, so that threads which the process's exit leaves running may go on
+// and it may be closed without a line landing in another file that gets the number; unless that write has
+// been blocked for a second, and is inside the kernel with its file for as long as it takes. Any thread.
+// There is nothing to construct or destroy, so that threads which the process's exit leaves running may go on
 // reporting.
 class Observer {
 public:
@@ -30,8 +32,8 @@ public:
     void watch(int fd);
     void unwatch() { watch(-1); }
 
-    // The descriptor changes under the lock only, so what is not its number here is being written to by
-    // nobody.
+    // A client's descriptor, whose writers never wait, changes under the lock only: if it is not its number
+    // here nobody is writing to it.
     bool is(int fd) const { return fd_.load(std::memory_order_acquire) == fd; }
     // Switches the monitor off if it writes to fd, and only then.
     void forget(int fd);
@@ -49,14 +51,20 @@ public:
     }
 
     // In a child of fork(): the thread that held the lock, if any, is not there.
-    void renew() { new (&lock_) std::mutex; }
+    void renew() { new (&lock_) std::timed_mutex; }
 
     // A text as it is. Lost when nobody watches. An observer whose reader has gone is dropped: it must not
     // cost anything any more. Keeps errno.
     void write(std::string const& text);
 
 private:
-    std::mutex lock_; // a leaf, held for one write()
+    // An application may have set an observer that blocks, and whose reader does not read. Whoever switches
+    // it off must not wait for that reader: the command thread is waited for when the library is taken down.
+    typedef std::unique_lock<std::timed_mutex> Lock;
+    // By the wall clock: ThreadSanitizer knows no mutex that waits by another.
+    Lock lock_in_time() { return Lock(lock_, std::chrono::system_clock::now() + std::chrono::seconds(1)); }
+
+    std::timed_mutex lock_; // a leaf, held for one write()
     std::atomic<int> fd_;
 };
 

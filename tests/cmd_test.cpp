@@ -1,15 +1,20 @@
 // SPDX-License-Identifier: MIT
 //
 // The registry of command words and what is answered, without a channel.
+#include <atomic>
+#include <chrono>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -186,6 +191,32 @@ TEST_F(Cmd, monitors_are_switched_word_by_word_and_unknown_ones_passed_over) {
     }
     orn::zel::RunOnce(0);
     EXPECT_EQ("nothing", written());
+}
+
+TEST_F(Cmd, monitors_are_switched_although_a_line_waits_in_an_observer_that_blocks) {
+    orn::os::Pipe const full(true);
+    for (int left = ::fcntl(full.WriteFD(), F_GETPIPE_SZ); left > 0; --left)
+        ASSERT_EQ(1, ::write(full.WriteFD(), "x", 1));
+    orn::zel::thread::MonitorThread("", full.WriteFD());
+    std::atomic<int> reporter(0);
+    std::thread reporting([&] {
+        reporter = static_cast<int>(::syscall(SYS_gettid));
+        orn::zel::thread::display_thread_op("waits");
+    });
+    EXPECT_TRUE(programs::wait_until([&] {
+        return programs::text_of("/proc/self/task/" + std::to_string(reporter) + "/stat").find(") S ") !=
+               std::string::npos;
+    }));
+    std::future<std::string> const switched =
+        std::async(std::launch::async, [&] { return answer("zel monitor thread"); });
+    EXPECT_EQ(std::future_status::ready, switched.wait_for(std::chrono::seconds(5 * programs::scale())));
+    char text[65536];
+    EXPECT_LT(0, ::read(full.ReadFD(), text, sizeof text));
+    reporting.join();
+    switched.wait();
+    orn::zel::thread::display_thread_op("comes");
+    EXPECT_NE(std::string::npos, written().find("thread comes"));
+    ProcessCommand("zel unmonitor thread", fd());
 }
 
 TEST_F(Cmd, modules_come_and_go_and_their_words_with_them) {

@@ -185,6 +185,19 @@ TEST_F(Zelctl, tells_the_one_that_loses_its_monitor) {
     EXPECT_TRUE(holds(second.error_line(), "another zelctl has switched off the alarm monitor"));
 }
 
+TEST_F(Zelctl, leaves_a_monitor_to_one_of_many_that_start_at_once_and_tells_the_others) {
+    std::vector<std::unique_ptr<Program>> several;
+    for (int i = 0; i < 6; ++i)
+        several.emplace_back(new Program(follow("0", {"alarm", "task"})));
+    std::string told; // a line for each monitor that one has lost
+    auto const all_but_one_are_told = [&] {
+        for (std::unique_ptr<Program> const& one : several)
+            told += one->error_line(1);
+        return std::count(told.begin(), told.end(), '\n') >= 10;
+    };
+    EXPECT_TRUE(programs::wait_until(all_but_one_are_told)) << told;
+}
+
 TEST_F(Zelctl, says_so_when_the_process_ends_instead_of_answering) {
     Result const result = ask({"exit", "3"});
     EXPECT_EQ("exit 1", result.end);
@@ -219,11 +232,38 @@ TEST_F(Zelctl, reports_at_once_that_the_process_has_ended) {
 }
 
 TEST_F(Zelctl, fails_when_its_output_cannot_be_written) {
+    std::string const own = log + ".own"; // which must not become the standard output
+    ::setenv("LOG_SINK", own.c_str(), 1);
     for (std::string const closed : {">/dev/full", ">&-"}) {
         Result const result = shell("zel fds " + closed);
         EXPECT_EQ("exit 1", result.end) << closed;
         EXPECT_EQ(0u, result.errors.find("zelctl: standard output")) << result.errors;
     }
+    ::unsetenv("LOG_SINK");
+    ::unlink(own.c_str());
+}
+
+TEST_F(Zelctl, ends_by_the_signal_that_comes_while_its_last_lines_wait_for_a_reader) {
+    int full[2];
+    ASSERT_EQ(0, ::pipe2(full, O_CLOEXEC | O_NONBLOCK));
+    while (::write(full[1], "x", 1) == 1) {
+    }
+    for (std::string const words : {"--help", "--timeout 20 zel threads"}) {
+        Program waiting({"/bin/sh", "-c", "exec " ZELCTL " " + pid + ' ' + words + " >&0"}, {}, full[1]);
+        // Beyond the moment at which it catches signals, and beyond the list.
+        ASSERT_TRUE(programs::wait_until([&] {
+            std::string const its = "/proc/" + std::to_string(waiting.pid()) + '/';
+            bool const catches =
+                programs::mask_of(programs::text_of(its + "status"), "SigCgt") >> (SIGTERM - 1) & 1;
+            bool const asked = words == "--help" || times_served("zel threads") > 0;
+            return catches && asked;
+        }));
+        ASSERT_TRUE(waiting.sleeping());
+        waiting.signal(SIGTERM);
+        EXPECT_EQ("signal 15", waiting.end()) << words;
+    }
+    ::close(full[0]);
+    ::close(full[1]);
 }
 
 TEST_F(Zelctl, shows_no_control_characters_on_a_terminal_and_raw_bytes_elsewhere) {
@@ -303,6 +343,19 @@ TEST(ZelctlRefusal, says_where_else_to_ask) {
     EXPECT_EQ("exit 1", result.end);
     EXPECT_TRUE(holds(result.errors, "another pid namespace")) << result.errors;
     EXPECT_TRUE(holds(result.errors, "zelctl 1 ...")) << result.errors;
+}
+
+TEST(ZelctlRefusal, of_a_process_that_serves_root_alone_says_so) {
+    uid_t const nobody = 65534;
+    Program target({TARGET, "secret"}, {}, -1, nobody);
+    if (target.line() != "ready")
+        GTEST_SKIP() << "only root can become another user, who can run the programs of this build tree";
+    std::string const pid = std::to_string(target.pid());
+    Program asking({ZELCTL, pid, "foo"}, {}, -1, nobody);
+    Result const result = result_of(asking);
+    EXPECT_EQ("exit 1", result.end);
+    EXPECT_TRUE(holds(result.errors, "serves root alone")) << result.errors;
+    EXPECT_EQ("1/1 foo\n", zelctl(pid, {"foo"}).output);
 }
 
 TEST(ZelctlRefusal, leaves_a_process_without_the_library_alone) {

@@ -6,6 +6,7 @@
 //     busy             endless tasks, alarms and threads in loops
 //     own-sigpipe      has a handler of its own for SIGPIPE
 //     ignore-sigpipe   ignores it
+//     secret           may not be traced by its own user
 //     take-sigusr2     takes SIGUSR2 from the pending signals, where a thread that has it open would die of
 //     it
 #include <atomic>
@@ -19,6 +20,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -144,6 +146,8 @@ int main(int argc, char** argv) {
             ::signal(SIGPIPE, own_handler);
         else if (option == "ignore-sigpipe")
             ::signal(SIGPIPE, SIG_IGN);
+        else if (option == "secret")
+            prctl(PR_SET_DUMPABLE, 0);
         else if (option == "take-sigusr2") {
             sigset_t set;
             sigemptyset(&set);

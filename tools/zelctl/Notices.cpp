@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "Notices.hpp"
 
+#include <cerrno>
+
 #include <orn/os/o_msg.h>
 
 namespace zelctl {
@@ -14,10 +16,11 @@ std::string queue_name(int pid, std::string const& kind) {
 
 } // namespace
 
-void notify(int pid, std::string const& kind, Notice notice) {
+bool notify(int pid, std::string const& kind, Notice notice) {
     o_msg_t message = {};
     message.type = notice;
-    o_msg_send(queue_name(pid, kind).c_str(), &message, 0); // as a rule nobody is there
+    ssize_t const sent = o_msg_send(queue_name(pid, kind).c_str(), &message, 0);
+    return sent >= 0 || errno != EAGAIN; // as a rule nobody is there
 }
 
 struct Notices::Queue {
@@ -30,7 +33,7 @@ struct Notices::Queue {
 };
 
 bool Notices::open(std::string const& kind) {
-    if (queues_.count(kind) != 0)
+    if (has(kind))
         return true;
     o_msg_queue_t* const queue = o_msg_create_queue(queue_name(pid_, kind).c_str(), O_MSG_EXCLUSIVE);
     if (queue)

@@ -21,10 +21,11 @@ enum Notice {
     free_again = 3    // the sender had it for a moment
 };
 
-// Tells the zelctl that follows this monitor of the process, if there is one.
-void notify(int pid, std::string const& kind, Notice notice);
+// Tells the zelctl that follows this monitor of the process, if there is one. False when it does not take its
+// notices, which has taken a second to find out.
+bool notify(int pid, std::string const& kind, Notice notice);
 
-// Receives the notices about the monitors that this zelctl follows, from its own user and root.
+// Receives the notices about the monitors that this zelctl follows, from its own user.
 class Notices {
 public:
     typedef std::function<void(std::string const& kind, Notice notice)> Handler;
@@ -35,6 +36,7 @@ public:
 
     // False while another zelctl receives them, which leaves that when it is told that the monitor is taken.
     bool open(std::string const& kind);
+    bool has(std::string const& kind) const { return queues_.count(kind) != 0; }
     void close(std::string const& kind) { queues_.erase(kind); }
 
 private:

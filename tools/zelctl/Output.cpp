@@ -5,9 +5,13 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 
 #include <poll.h>
+#include <signal.h>
 #include <unistd.h>
+
+#include "Failure.hpp"
 
 namespace zelctl {
 
@@ -53,8 +57,8 @@ std::string printable(std::string const& text) {
     return result;
 }
 
-Output::Output(std::function<bool()> give_up)
-    : give_up_(give_up), terminal_(isatty(STDOUT_FILENO) != 0), error_(0) {}
+Output::Output(std::function<int()> caught)
+    : caught_(caught), terminal_(isatty(STDOUT_FILENO) != 0), error_(0) {}
 
 void Output::line(std::string const& text) {
     kept_ += terminal_ ? printable(text) : text;
@@ -62,7 +66,7 @@ void Output::line(std::string const& text) {
 }
 
 void Output::flush() {
-    while (!kept_.empty() && error_ == 0 && !give_up_())
+    while (!kept_.empty() && error_ == 0 && caught_() == 0)
         write_kept(100);
 }
 
@@ -83,11 +87,18 @@ void Output::write_kept(int wait_ms) {
     kept_.erase(0, done);
 }
 
-int Output::error() {
+void Output::check() {
+    int const signo = caught_();
+    if (signo != 0)
+        throw Interrupted{signo};
+    // Also when nothing was written yet.
     pollfd entry = {STDOUT_FILENO, 0, 0};
     if (error_ == 0 && poll(&entry, 1, 0) > 0 && (entry.revents & POLLERR) != 0)
         error_ = EPIPE;
-    return error_;
+    if (error_ == EPIPE)
+        throw Interrupted{SIGPIPE};
+    if (error_ != 0)
+        throw Failure(refused, std::string("standard output: ") + strerror(error_));
 }
 
 } // namespace zelctl

@@ -11,8 +11,8 @@ namespace zelctl {
 
 class Output {
 public:
-    // give_up tells whether to stop waiting for a reader that does not read.
-    explicit Output(std::function<bool()> give_up);
+    // caught: the number of the signal that asks for the end, 0 as long as none has come.
+    explicit Output(std::function<int()> caught);
 
     // Keeps the line for flush(). On a terminal, control characters and what is no UTF-8 show as \xNN: a
     // process must not steer the terminal of whoever looks into it. Anywhere else the bytes stay as they are.
@@ -24,17 +24,17 @@ public:
     // Writes as much of it as there is room for now.
     void flush_some() { write_kept(0); }
 
-    // Writes all of it. Waits for a slow reader, but ends at once with give_up.
+    // Writes all of it. Waits for a slow reader, but ends at once with a signal.
     void flush();
 
-    // The errno of the write that failed, 0 when none did. EPIPE also when nothing was written yet, but the
-    // reader has gone.
-    int error();
+    // Throws Interrupted when a signal has asked for the end, or when the reader has gone, Failure when
+    // writing has failed otherwise.
+    void check();
 
 private:
     void write_kept(int wait_ms);
 
-    std::function<bool()> give_up_;
+    std::function<int()> caught_;
     bool const terminal_;
     std::string kept_;
     int error_;

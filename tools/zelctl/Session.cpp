@@ -61,11 +61,11 @@ unsigned long numbered_lines(std::string const& command) {
 
 } // namespace
 
-Session::Session(Target const& target, Output& output, double seconds, std::function<int()> caught)
-    : target_(target), output_(output), seconds_(seconds), caught_(caught),
-      mark_("zelctl-" + std::to_string(getpid()) + '-'), marks_(0), complete_(false), lines_(0),
-      overflows_(0), cut_(false), listing_over_(false), failed_listings_(0), wants_listing_(false),
-      ended_(false), timed_out_(false), keeps_monitors_(false), following_(false), send_error_(0),
+Session::Session(Target const& target, Output& output, double seconds)
+    : target_(target), output_(output), seconds_(seconds), mark_("zelctl-" + std::to_string(getpid()) + '-'),
+      marks_(0), complete_(false), lines_(0), overflows_(0), cut_(false), listing_over_(false),
+      failed_listings_(0), wants_listing_(false), ended_(false), timed_out_(false), keeps_monitors_(false),
+      following_(false), send_error_(0), requests_left_(50),
       notices_(target.pid(), [this](std::string const& kind, Notice notice) { take_notice(kind, notice); }) {
     if (target.descriptor() != -1) {
         end_receptor_.reset(new orn::zel::fd::AutoReceptor(target.descriptor(), [this](orn::zel::fd::Event*) {
@@ -104,14 +104,7 @@ void Session::turn(long ms) {
         orn::zel::RunOnce(ms);
         output_.flush();
     }
-    int const signo = caught_();
-    if (signo != 0)
-        throw Interrupted{signo};
-    int const error = output_.error();
-    if (error == EPIPE)
-        throw Interrupted{SIGPIPE};
-    if (error != 0)
-        throw Failure(refused, std::string("standard output: ") + strerror(error));
+    output_.check();
     if (!timed_out_)
         return;
     std::ostringstream text;
@@ -126,15 +119,10 @@ void Session::turn(long ms) {
 // What has no descriptor to wait for.
 void Session::look_around() {
     ended_ = ended_ || (target_.descriptor() == -1 && target_.ended());
-    if (keeps_monitors_)
-        open_notices();
-}
-
-bool Session::open_notices() {
-    bool all = true;
-    for (std::string const& kind : monitors_)
-        all = notices_.open(kind) && all;
-    return all;
+    for (std::string const& kind : monitors_) {
+        if (following_)
+            look_for_place(kind);
+    }
 }
 
 // What the process has written before it ended.
@@ -220,15 +208,45 @@ void Session::run(std::string const& command, bool keep_monitors) {
 
 // Ready for notices before the monitors are this one's, since from then on they may go to another.
 void Session::take_monitors(std::set<std::string> const& kinds, bool keep) {
-    if (keep) {
-        for (std::string const& kind : kinds)
-            notify(target_.pid(), kind, taken);
-    }
     monitors_ = kinds;
     keeps_monitors_ = keep;
-    // The one before leaves its place as soon as it is told; one that is stopped does not.
-    for (int attempts = 50; keep && !open_notices() && attempts > 0; --attempts)
+    // Whoever has the place leaves it as soon as it is told, but a third may be quicker to take it, and has
+    // to be told, too. One that is stopped does not leave.
+    unsigned const for_later = 20;
+    while (keep && !open_notices() && requests_left_ > for_later) {
+        --requests_left_;
+        for (std::string const& kind : kinds)
+            ask_for_place(kind);
+        // All or none: what another takes from here on was not yet this one's to lose.
+        for (std::string const& kind : kinds)
+            notices_.close(kind);
         pause(10);
+    }
+}
+
+bool Session::open_notices() {
+    bool all = true;
+    for (std::string const& kind : monitors_)
+        all = notices_.open(kind) && all;
+    return all;
+}
+
+void Session::ask_for_place(std::string const& kind) {
+    // One that does not take its notices must not hold this one up again and again.
+    if (!notices_.has(kind) && !notify(target_.pid(), kind, taken))
+        requests_left_ = 0;
+}
+
+// Whoever gets the place has the monitor: there may have been others since this one took it.
+void Session::look_for_place(std::string const& kind) {
+    if (notices_.has(kind))
+        return;
+    if (notices_.open(kind)) {
+        monitor_again(kind);
+    } else if (requests_left_ > 0) {
+        --requests_left_;
+        ask_for_place(kind);
+    }
 }
 
 void Session::ask(std::string const& command) {
@@ -337,11 +355,15 @@ void Session::follow(unsigned long ms) {
         drain();
 }
 
+void Session::monitor_again(std::string const& kind) {
+    std::string const command = "zel monitor " + kind;
+    echoes_.insert(echo_of(command));
+    channel_->Command(command);
+}
+
 void Session::take_notice(std::string const& kind, Notice notice) {
     if (notice == free_again) {
-        std::string const again = "zel monitor " + kind;
-        echoes_.insert(echo_of(again));
-        channel_->Command(again);
+        monitor_again(kind);
         return;
     }
     monitors_.erase(kind);

@@ -8,7 +8,6 @@
 #ifndef ZELCTL_SESSION_HPP
 #define ZELCTL_SESSION_HPP
 
-#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -25,8 +24,7 @@ class Target;
 
 class Session {
 public:
-    // caught: the number of the signal that asks for the end, 0 as long as none has come.
-    Session(Target const& target, Output& output, double seconds, std::function<int()> caught);
+    Session(Target const& target, Output& output, double seconds);
     // Switches off the monitors that this one has switched on.
     ~Session();
     Session(Session const&) = delete;
@@ -54,8 +52,11 @@ public:
 private:
     void turn(long ms = -1);
     void look_around();
-    bool open_notices();
     void take_monitors(std::set<std::string> const& kinds, bool keep);
+    bool open_notices();
+    void ask_for_place(std::string const& kind);
+    void look_for_place(std::string const& kind);
+    void monitor_again(std::string const& kind);
     void drain();
     void pause(unsigned long ms);
     void send(std::string const& command);
@@ -71,7 +72,6 @@ private:
     Target const& target_;
     Output& output_;
     double const seconds_;
-    std::function<int()> caught_;
 
     // The end of an answer.
     std::string const mark_; // what the commands that mark it begin with
@@ -97,7 +97,8 @@ private:
     bool timed_out_; // the seconds are over
     bool keeps_monitors_;
     bool following_;
-    int send_error_; // errno of the last attempt
+    int send_error_;         // errno of the last attempt
+    unsigned requests_left_; // for the place of another, before this one does without
     std::set<std::string> monitors_;
     Notices notices_;
     std::unique_ptr<orn::zel::cmd::Channel> channel_;

@@ -113,6 +113,27 @@ void make_sure_it_listens(std::string const& pid, std::string const& name) {
     }
 }
 
+// Whom it does not serve it drops without a word, so that it would seem to be busy.
+void make_sure_it_serves_this_user(std::string const& pid, std::string const& name) {
+    if (geteuid() == 0)
+        return;
+    std::istringstream users(field(pid, "Uid")); // real, effective, ...
+    uid_t user = 0;
+    users >> user >> user;
+    struct stat status = {};
+    stat(("/proc/" + pid + "/status").c_str(), &status);
+    if (user != geteuid()) {
+        throw Failure(refused, name + " runs as user " + std::to_string(user) +
+                                   ", and serves that one and root: ask as root");
+    }
+    // Of one that may not be traced by its own user the kernel gives the files to root.
+    if (status.st_uid != user) {
+        throw Failure(refused, name +
+                                   " has rights or secrets that its user has not (it is not dumpable), and "
+                                   "serves root alone: ask as root");
+    }
+}
+
 } // namespace
 
 Target::Target(int pid) : pid_(pid), descriptor_(open_process(pid)) {
@@ -122,6 +143,7 @@ Target::Target(int pid) : pid_(pid), descriptor_(open_process(pid)) {
         if (ended())
             throw Failure(refused, name() + " has ended, and waits for its parent to take notice (a zombie)");
         make_sure_it_listens(std::to_string(pid), name());
+        make_sure_it_serves_this_user(std::to_string(pid), name());
     } catch (...) {
         close(descriptor_);
         throw;

@@ -151,7 +151,7 @@ bool tell_of_lost_lines(zelctl::Session const& session) {
 
 ExitStatus talk(Options const& options, zelctl::Output& output) {
     zelctl::Target const target(options.pid);
-    zelctl::Session session(target, output, options.timeout, [] { return static_cast<int>(caught); });
+    zelctl::Session session(target, output, options.timeout);
     try {
         session.connect();
         session.run(options.command, options.follow >= 0);
@@ -171,15 +171,14 @@ ExitStatus talk(Options const& options, zelctl::Output& output) {
 int run(int argc, char** argv) {
     check_standard_output();
     Options const options = options_of(argc, argv);
-    zelctl::Output output([] { return caught != 0; });
+    zelctl::Output output([] { return static_cast<int>(caught); });
     ExitStatus status = zelctl::ok;
     if (options.help.empty())
         status = talk(options, output);
     else
         output.line(options.help);
     output.flush();
-    if (output.error() != 0)
-        throw Failure(zelctl::refused, std::string("standard output: ") + strerror(output.error()));
+    output.check();
     return status;
 }
 

@@ -50,6 +50,16 @@ void close_sink() {
     sink = Sink::nowhere;
 }
 
+// A program that was started without standard descriptors must not print into its log.
+int above_standard(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) {
+        return fd;
+    }
+    int const moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    ::close(fd);
+    return moved;
+}
+
 // Returns what is enabled from now on.
 unsigned open_sink() {
     // The secure form: nobody makes a privileged program append to a file of his choice.
@@ -67,6 +77,7 @@ unsigned open_sink() {
     } else {
         // O_NONBLOCK: a FIFO whose reader is absent or slow costs records, not the caller's time.
         sinkFd = ::open(where, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, fileMode);
+        sinkFd = above_standard(sinkFd);
         if (sinkFd < 0) {
             return 0;
         }
