@@ -212,7 +212,7 @@ TEST(Unloading, takes_no_code_from_under_a_thread_that_a_signal_has_just_reached
             while (!stop)
                 ::raise(55);
         });
-    for (int i = 0; i < (sanitized ? 10 : 600); ++i)
+    for (int i = 0; i < (sanitized ? 10 : 400); ++i)
         load_and_unload(ZEL_LIBRARY);
     stop = true;
     for (std::thread& thread : threads)
