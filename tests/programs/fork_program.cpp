@@ -11,15 +11,20 @@
 //     fresh    a child of a process with a single thread leaves the session, watches a signal before it does
 //              anything else, and prints its process id
 //     daemon   a child leaves the session, brings the library up anew and prints its process id
+//     exit     a child calls exit() when another thread was in the middle of the library; prints what became
+//     of
+//              it
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -133,6 +138,25 @@ int fresh_child() {
         RunOnce(-1);
 }
 
+int exiting_child() {
+    SetAlarm(100000, [] {});
+    boost::shared_ptr<fd::Manager> const manager = thread::FdMgr();
+    std::atomic<bool> locked(false);
+    std::thread inspector([&] {
+        AutoLock const guard(manager->monitors());
+        locked = true;
+        for (;;)
+            pause();
+    });
+    while (!locked)
+        poll(nullptr, 0, 1);
+    in_child([] {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        exit(7);
+    });
+    _exit(0);
+}
+
 // The parent has a command thread, a client and everything else that a child does not get.
 int daemon_child() {
     cmd::InstallCommandChannel();
@@ -166,5 +190,7 @@ int main(int argc, char** argv) {
         return signal_in_child();
     if (mode == "group")
         return signals_to_the_group();
+    if (mode == "exit")
+        return exiting_child();
     return mode == "fresh" ? fresh_child() : daemon_child();
 }
