@@ -2,7 +2,6 @@
 //
 // The life of the library with its command channel: in hosts that get it by dlopen() only, which this program
 // is too, and in processes that end with everything armed.
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -15,7 +14,7 @@
 
 #include <dlfcn.h>
 #include <malloc.h>
-#include <poll.h>
+#include <semaphore.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -157,6 +156,10 @@ TEST(Unloading, a_second_copy_of_the_library_goes_without_the_first) {
 // Does what it is told to, one thing after another, until it is told to end.
 class HostThread {
 public:
+    HostThread() {
+        ::sem_init(&asked_, 0, 0);
+        thread_ = std::thread([this] { serve(); });
+    }
     ~HostThread() {
         ask({});
         thread_.join();
@@ -166,15 +169,15 @@ public:
         std::promise<void> done;
         what_ = what;
         done_ = &done;
-        asked_ = true;
+        ::sem_post(&asked_);
         done.get_future().wait();
     }
 
 private:
     void serve() {
         for (;;) {
-            while (!asked_.exchange(false))
-                ::poll(nullptr, 0, 1);
+            while (::sem_wait(&asked_) != 0) { // a signal
+            }
             std::function<void()> const what = what_;
             if (what)
                 what();
@@ -184,10 +187,10 @@ private:
         }
     }
 
-    std::atomic<bool> asked_{false};
+    sem_t asked_;
     std::function<void()> what_;
     std::promise<void>* done_ = nullptr;
-    std::thread thread_{[this] { serve(); }};
+    std::thread thread_;
 };
 
 TEST(Unloading, frees_everything_although_a_thread_that_has_used_it_lives_on) {

@@ -3,22 +3,20 @@
 // A process that forks and does not execute anything.
 //
 //     signal   children send themselves signals that the parent watches; prints what became of each child,
-//     and
-//              how often the parent saw a signal
+//              and how often the parent saw a signal
 //     group    signals reach the whole process group while the parent forks; prints how many the parent saw
-//     too
-//              many or too few
+//              too many or too few
 //     fresh    a child of a process with a single thread leaves the session, watches a signal before it does
 //              anything else, and prints its process id
 //     daemon   a child leaves the session, brings the library up anew and prints its process id
-//     exit     a child calls exit() when another thread was in the middle of the library; prints what became
-//     of
-//              it
+//     exit     a child calls exit(), made when another thread was in the middle of the library; prints what
+//              became of it
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -141,15 +139,14 @@ int fresh_child() {
 int exiting_child() {
     SetAlarm(100000, [] {});
     boost::shared_ptr<fd::Manager> const manager = thread::FdMgr();
-    std::atomic<bool> locked(false);
+    std::promise<void> locked;
     std::thread inspector([&] {
         AutoLock const guard(manager->monitors());
-        locked = true;
+        locked.set_value();
         for (;;)
             pause();
     });
-    while (!locked)
-        poll(nullptr, 0, 1);
+    locked.get_future().wait();
     in_child([] {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         exit(7);
