@@ -9,6 +9,7 @@
 #include <orn/zel/load.hpp>
 #include <orn/zel/signal.hpp>
 
+#include "process.hpp"
 #include "shutdown.hpp"
 
 namespace orn {
@@ -32,6 +33,10 @@ public:
     }
     ~Lifecycle() {
         if (ended.exchange(true))
+            return;
+        // What is there is the parent's, whose command thread, for one, may have held a lock when it was not
+        // copied.
+        if (!mapping.unmapped() && detail::in_unused_child())
             return;
         detail::Shutdown::begin(mapping.unmapped());
         ZEL_unload__();

@@ -40,6 +40,10 @@ void run_child_hook() {
         hook.load()();
 }
 
+bool in_unused_child() {
+    return hooked != process_id();
+}
+
 pid_t process_id() {
     pid_t known = current.load(std::memory_order_relaxed);
     if (known == 0) {

@@ -21,6 +21,8 @@ pid_t process_id();
 // fn is called by the first run_child_hook() there.
 void set_child_hook(void (*fn)());
 void run_child_hook();
+// Whether this is a child of fork() that has not come to use the library.
+bool in_unused_child();
 
 } // namespace detail
 } // namespace zel

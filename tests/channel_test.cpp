@@ -559,6 +559,11 @@ TEST(Fork, a_child_finds_no_signal_caught_while_another_thread_begins_and_ends_t
     EXPECT_EQ("exit 0", program.end());
 }
 
+TEST(Fork, a_child_that_exits_does_not_wait_for_threads_that_it_has_not_got) {
+    Program program({FORK_PROGRAM, "exit"});
+    EXPECT_EQ("exit 7", program.line());
+}
+
 TEST(Fork, a_daemon_whose_first_act_is_to_watch_a_signal_is_steered_and_served) {
     Program parent({FORK_PROGRAM, "fresh"});
     int const child = std::atoi(parent.line().c_str());

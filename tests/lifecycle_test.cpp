@@ -19,7 +19,6 @@
 
 #include <dlfcn.h>
 #include <malloc.h>
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -137,6 +136,24 @@ TEST(Unloading, does_not_leave_a_signal_behind_that_would_end_the_process) {
     ::raise(55);
     ASSERT_EQ(0, ::dlclose(handle));
     ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    EXPECT_TRUE(is_default(55));
+}
+
+// Such as a plug-in brings along. Each is global, so that the second could find its symbols in the first.
+TEST(Unloading, a_second_copy_of_the_library_goes_without_the_first) {
+    if (sanitized)
+        GTEST_SKIP() << "a sanitizer takes the globals of the one for those of the other";
+    std::string const copy = "./libzel_copy." + std::to_string(::getpid()) + ".so";
+    std::ofstream(copy, std::ios::binary) << std::ifstream(ZEL_LIBRARY, std::ios::binary).rdbuf();
+    void* const first = ::dlopen(ZEL_LIBRARY, RTLD_NOW | RTLD_GLOBAL);
+    void* const second = ::dlopen(copy.c_str(), RTLD_NOW | RTLD_GLOBAL);
+    std::remove(copy.c_str());
+    ASSERT_TRUE(first != nullptr && second != nullptr) << ::dlerror();
+    EXPECT_NE(first, second);
+    EXPECT_EQ(0, ::dlclose(second));
+    EXPECT_EQ(nullptr, ::dlopen(copy.c_str(), RTLD_NOW | RTLD_NOLOAD));
+    EXPECT_EQ(0, ::dlclose(first));
+    EXPECT_EQ(0u, Footprint().ours);
     EXPECT_TRUE(is_default(55));
 }
 

@@ -7,21 +7,24 @@
 //     group    signals reach the whole process group while the parent forks; prints how many the parent saw
 //              too many or too few
 //     threads  one thread forks while another begins and ends to watch signals; prints how many children
-//     found
-//              one that is still caught
+//              found one that is still caught
 //     fresh    a child of a process with a single thread leaves the session, watches a signal before it does
 //              anything else, and prints its process id
 //     daemon   a child leaves the session, brings the library up anew and prints its process id
+//     exit     a child calls exit(), made when another thread was in the middle of the library; prints what
+//              became of it
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -168,6 +171,24 @@ int fresh_child() {
         RunOnce(-1);
 }
 
+int exiting_child() {
+    SetAlarm(100000, [] {});
+    boost::shared_ptr<fd::Manager> const manager = thread::FdMgr();
+    std::promise<void> locked;
+    std::thread inspector([&] {
+        AutoLock const guard(manager->monitors());
+        locked.set_value();
+        for (;;)
+            pause();
+    });
+    locked.get_future().wait();
+    in_child([] {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        exit(7);
+    });
+    _exit(0);
+}
+
 // The parent has a command thread, a client and everything else that a child does not get.
 int daemon_child() {
     cmd::InstallCommandChannel();
@@ -203,5 +224,7 @@ int main(int argc, char** argv) {
         return signals_to_the_group();
     if (mode == "threads")
         return children_of_another_thread();
+    if (mode == "exit")
+        return exiting_child();
     return mode == "fresh" ? fresh_child() : daemon_child();
 }
