@@ -84,7 +84,7 @@ void Shutdown::let_threads_get_on() {
     int const self = static_cast<int>(syscall(SYS_gettid));
     int left_ms = 1000; // a host must not wait for ever for a thread that gets no processor
     while (dirent const* const entry = tasks ? readdir(tasks.get()) : nullptr) {
-        int const tid = std::atoi(entry->d_name);
+        int const tid = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
         if (tid > 0 && tid != self)
             let_get_on(tid, left_ms);
     }
