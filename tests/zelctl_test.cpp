@@ -60,8 +60,14 @@ protected:
     }
 
     // With the shell's redirections, which are behind the words.
+    // As a shell starts it, with what runs programs for another processor before it.
+    static std::string tool() {
+        char const* const emulator = std::getenv("ZEL_TEST_EMULATOR");
+        return (emulator ? std::string(emulator) + ' ' : std::string()) + ZELCTL;
+    }
+
     Result shell(std::string const& words) {
-        Program program({"/bin/sh", "-c", std::string(ZELCTL) + ' ' + pid + ' ' + words});
+        Program program({"/bin/sh", "-c", tool() + ' ' + pid + ' ' + words});
         return result_of(program);
     }
 
@@ -249,7 +255,7 @@ TEST_F(Zelctl, ends_by_the_signal_that_comes_while_its_last_lines_wait_for_a_rea
     while (::write(full[1], "x", 1) == 1) {
     }
     for (std::string const words : {"--help", "--timeout 20 zel threads"}) {
-        Program waiting({"/bin/sh", "-c", "exec " ZELCTL " " + pid + ' ' + words + " >&0"}, {}, full[1]);
+        Program waiting({"/bin/sh", "-c", "exec " + tool() + ' ' + pid + ' ' + words + " >&0"}, {}, full[1]);
         // Beyond the moment at which it catches signals, and beyond the list.
         ASSERT_TRUE(programs::wait_until([&] {
             std::string const its = "/proc/" + std::to_string(waiting.pid()) + '/';
