@@ -9,13 +9,13 @@
 #include <orn/log.h>
 #include <orn/zel/threadGroup.hpp>
 
+#include "fork.hpp"
 #include "idTable.hpp"
 #include "immortal.hpp"
 #include "observer.hpp"
-#include "process.hpp"
-#include "registry.hpp"
 #include "shutdown.hpp"
-#include "wire.hpp"
+#include "threadRegistry.hpp"
+#include "wordPipe.hpp"
 
 namespace orn {
 namespace zel {

@@ -28,12 +28,12 @@
 #include <orn/zel/signal.hpp>
 #include <orn/zel/threadGroup.hpp>
 
+#include "clientTable.hpp"
+#include "fork.hpp"
 #include "immortal.hpp"
-#include "process.hpp"
-#include "registry.hpp"
-#include "responseFds.hpp"
 #include "shutdown.hpp"
 #include "signalFork.hpp"
+#include "threadRegistry.hpp"
 
 namespace orn {
 namespace zel {
@@ -53,7 +53,7 @@ struct State {
     std::map<std::string, Handler> commands;
     boost::shared_ptr<Receptacle<int, unsigned long>> signal;
     unsigned long signal_handle;
-    detail::ResponseFds clients; // the command thread's, until it has ended
+    detail::ClientTable clients; // the command thread's, until it has ended
     boost::shared_ptr<os::Thread> runner;
     pid_t runner_process;                          // where the runner runs: fork() does not copy it
     boost::shared_ptr<thread::Group> runner_group; // set by the runner once it can be woken

@@ -17,7 +17,7 @@
 
 #include <orn/log.h>
 
-#include "process.hpp"
+#include "fork.hpp"
 
 namespace orn {
 namespace zel {

@@ -10,8 +10,8 @@
 
 #include <unistd.h>
 
-#include "identifiers.hpp"
 #include "immortal.hpp"
+#include "uniqueId.hpp"
 
 namespace orn {
 

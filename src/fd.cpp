@@ -9,7 +9,7 @@
 
 #include "immortal.hpp"
 #include "plainText.hpp"
-#include "registry.hpp"
+#include "threadRegistry.hpp"
 
 namespace orn {
 namespace zel {

@@ -16,12 +16,12 @@
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
+#include "fork.hpp"
 #include "immortal.hpp"
-#include "process.hpp"
 #include "shutdown.hpp"
 #include "signalFork.hpp"
 #include "signalGate.hpp"
-#include "wire.hpp"
+#include "wordPipe.hpp"
 
 namespace {
 

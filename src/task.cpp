@@ -18,9 +18,9 @@
 #include "immortal.hpp"
 #include "observer.hpp"
 #include "plainText.hpp"
-#include "registry.hpp"
 #include "shutdown.hpp"
-#include "wire.hpp"
+#include "threadRegistry.hpp"
+#include "wordPipe.hpp"
 
 namespace orn {
 namespace zel {

@@ -15,7 +15,7 @@
 #include "cancel.hpp"
 #include "observer.hpp"
 #include "plainText.hpp"
-#include "registry.hpp"
+#include "threadRegistry.hpp"
 
 namespace orn {
 namespace zel {

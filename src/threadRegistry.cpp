@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // The thread records and the hooks that keep them: threadGroup.hpp's registry half.
-#include "registry.hpp"
+#include "threadRegistry.hpp"
 
 #include <atomic>
 #include <cstdint>
@@ -13,8 +13,8 @@
 
 #include <orn/zel/threadGroup.hpp>
 
+#include "fork.hpp"
 #include "immortal.hpp"
-#include "process.hpp"
 #include "shutdown.hpp"
 
 namespace orn {

@@ -1,4 +1,4 @@
-zel_add_test(thread_object_test SOURCES thread_object_test.cpp LIBRARIES zel)
+zel_add_test(Thread_test SOURCES Thread_test.cpp LIBRARIES zel)
 
 add_executable(names_program programs/names_program.cpp programs/names_program.c)
 zel_private_flags(names_program)

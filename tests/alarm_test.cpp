@@ -12,8 +12,8 @@
 #include <orn/log.h>
 #include <orn/zel.hpp>
 
-#include "../src/identifiers.hpp"
-#include "../src/process.hpp"
+#include "../src/fork.hpp"
+#include "../src/uniqueId.hpp"
 #include "support/FakeTimer.hpp"
 #include "support/Support.hpp"
 

@@ -27,7 +27,7 @@ endfunction()
 zel_add_test_program(channel_target zel)
 zel_add_test_program(channel_client zel)
 zel_add_test_program(fork_program zel)
-zel_add_test_program(lifecycle_host ${CMAKE_DL_LIBS})
+zel_add_test_program(load_host ${CMAKE_DL_LIBS})
 zel_add_test_module(word_module word_module zel)
 zel_add_test_module(channel_module channel_module zel)
 zel_add_test_module(last_words_module last_words_module zel)
@@ -50,6 +50,6 @@ if(TARGET zelctl)
     zel_test_starts(zelctl_test TARGET=channel_target ZELCTL=zelctl)
 endif()
 
-zel_add_test(lifecycle_test SOURCES lifecycle_test.cpp ${programs} LIBRARIES ${CMAKE_DL_LIBS} TIMEOUT 120)
-zel_test_starts(lifecycle_test HOST=lifecycle_host TARGET=channel_target CLIENT=channel_client ZEL_LIBRARY=zel
+zel_add_test(load_test SOURCES load_test.cpp ${programs} LIBRARIES ${CMAKE_DL_LIBS} TIMEOUT 120)
+zel_test_starts(load_test HOST=load_host TARGET=channel_target CLIENT=channel_client ZEL_LIBRARY=zel
     CHANNEL_MODULE=channel_module FIRST=first_module SECOND=second_module LAST_WORDS=last_words_module LATE_MODULE=late_module)

@@ -8,7 +8,7 @@
 
 #include <orn/zel/core.hpp>
 
-#include "../src/identifiers.hpp"
+#include "../src/uniqueId.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;

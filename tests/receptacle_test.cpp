@@ -8,7 +8,7 @@
 #include <orn/zel/fd.hpp>
 #include <orn/zel/receptacle.hpp>
 
-#include "../src/identifiers.hpp"
+#include "../src/uniqueId.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;

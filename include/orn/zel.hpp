@@ -23,12 +23,12 @@
 #include <orn/zel/cmd.hpp>
 #include <orn/zel/core.hpp>
 #include <orn/zel/fd.hpp>
-#include <orn/zel/hooks.hpp>
 #include <orn/zel/load.hpp>
 #include <orn/zel/receptacle.hpp>
 #include <orn/zel/response.hpp>
 #include <orn/zel/signal.hpp>
 #include <orn/zel/task.hpp>
+#include <orn/zel/threadFunctions.hpp>
 #include <orn/zel/threadGroup.hpp>
 #include <orn/zel/zelcmds.hpp>
 

@@ -27,7 +27,7 @@
 //     started ends, without running its work, when the object is destroyed.
 //
 // The members belong to the owner of the object, one thread at a time. All platform calls go through the
-// orn_zel_pthread_ pointers of hooks.hpp.
+// orn_zel_pthread_ pointers of threadFunctions.hpp.
 #ifndef ORN_ZEL_THREAD_HPP
 #define ORN_ZEL_THREAD_HPP
 
@@ -38,7 +38,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <orn/zel/core.hpp>
-#include <orn/zel/hooks.hpp>
+#include <orn/zel/threadFunctions.hpp>
 
 namespace orn {
 namespace zel {

@@ -54,7 +54,7 @@
 #include <orn/os/Pipe.hpp>
 #include <orn/zel/core.hpp>
 #include <orn/zel/fd.hpp>
-#include <orn/zel/hooks.hpp>
+#include <orn/zel/threadFunctions.hpp>
 
 namespace orn {
 namespace zel {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "wire.hpp"
+#include "wordPipe.hpp"
 
 #include <algorithm>
 #include <atomic>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // The pipes that carry identifiers and signal numbers into a loop. Internal.
-#ifndef ZEL_SRC_WIRE_HPP
-#define ZEL_SRC_WIRE_HPP
+#ifndef ZEL_SRC_WORDPIPE_HPP
+#define ZEL_SRC_WORDPIPE_HPP
 
 #include <climits>
 #include <cstdint>

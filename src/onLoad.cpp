@@ -9,7 +9,7 @@
 #include <orn/zel/load.hpp>
 #include <orn/zel/signal.hpp>
 
-#include "process.hpp"
+#include "fork.hpp"
 #include "shutdown.hpp"
 
 namespace orn {
@@ -25,13 +25,13 @@ __attribute__((destructor)) void note_destructors() {
 }
 
 // Constructed again while exit() takes it down, it does nothing, and is destroyed once.
-class Lifecycle {
+class OnLoad {
 public:
-    Lifecycle() {
+    OnLoad() {
         if (mapping.begin("ZEL_Thread_cleanup_extension"))
             ZEL_load__();
     }
-    ~Lifecycle() {
+    ~OnLoad() {
         if (ended.exchange(true))
             return;
         // What is there is the parent's, whose command thread, for one, may have held a lock when it was not
@@ -45,11 +45,11 @@ public:
         if (detail::Shutdown::unmapping())
             detail::Shutdown::let_threads_get_on();
     }
-    Lifecycle(Lifecycle const&) = delete;
-    Lifecycle& operator=(Lifecycle const&) = delete;
+    OnLoad(OnLoad const&) = delete;
+    OnLoad& operator=(OnLoad const&) = delete;
 };
 
-Lifecycle const lifecycle;
+OnLoad const on_load;
 
 } // namespace
 

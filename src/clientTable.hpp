@@ -2,8 +2,8 @@
 //
 // The descriptors that answers go to. Internal to the command channel. Not synchronised: the command
 // thread's.
-#ifndef ZEL_SRC_RESPONSEFDS_HPP
-#define ZEL_SRC_RESPONSEFDS_HPP
+#ifndef ZEL_SRC_CLIENTTABLE_HPP
+#define ZEL_SRC_CLIENTTABLE_HPP
 
 #include <cstddef>
 #include <map>
@@ -17,7 +17,7 @@ namespace detail {
 // not hit another file that got the number. But a process that is looked into again and again must not run
 // out: of the descriptors that nobody reads any more, or that their process has replaced, and that no monitor
 // writes to, the most recent 64 are kept, and never more than an eighth of what the process may have.
-class ResponseFds {
+class ClientTable {
 public:
     // Takes the descriptor over, in place of the one that the process had.
     void remember(int pid, int fd);

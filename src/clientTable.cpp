@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "responseFds.hpp"
+#include "clientTable.hpp"
 
 #include <algorithm>
 
@@ -32,7 +32,7 @@ bool has_reader(int fd) {
 
 } // namespace
 
-void ResponseFds::remember(int pid, int fd) {
+void ClientTable::remember(int pid, int fd) {
     all_.push_back({pid, fd});
     by_pid_[pid] = fd;
     if (all_.size() < next_look_)
@@ -42,17 +42,17 @@ void ResponseFds::remember(int pid, int fd) {
     next_look_ = all_.size() + std::max<std::size_t>(all_.size() / 64, 8);
 }
 
-int ResponseFds::of(int pid) const {
+int ClientTable::of(int pid) const {
     std::map<int, int>::const_iterator const it = by_pid_.find(pid);
     return it == by_pid_.end() ? -1 : it->second;
 }
 
 // Unless its process has connected again since, or has ended.
-bool ResponseFds::in_use(Client const& client) const {
+bool ClientTable::in_use(Client const& client) const {
     return of(client.pid) == client.fd && has_reader(client.fd);
 }
 
-void ResponseFds::give_back(std::size_t most_unused) {
+void ClientTable::give_back(std::size_t most_unused) {
     std::vector<bool> unused;
     for (Client const& client : all_)
         unused.push_back(!in_use(client));
@@ -75,7 +75,7 @@ void ResponseFds::give_back(std::size_t most_unused) {
     all_.swap(kept);
 }
 
-void ResponseFds::forget() {
+void ClientTable::forget() {
     // A thread that exit() leaves running may be about to write a line: then the descriptors stay open.
     bool const closing = !Shutdown::keeps();
     for (Client const& client : all_) {

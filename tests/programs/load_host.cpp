@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// lifecycle_host LIBRARY exit|close [global]: loads the library, which it does not link, and ends with 3, by
+// load_host LIBRARY exit|close [global]: loads the library, which it does not link, and ends with 3, by
 // exit() with the library still there, or after closing it. With a late client either way: signal 55 comes
 // when exit() has taken the library down, and is as it was when the library has been closed.
 #include <cstdio>

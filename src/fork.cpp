@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "process.hpp"
+#include "fork.hpp"
 
 #include <atomic>
 

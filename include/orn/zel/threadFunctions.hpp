@@ -5,8 +5,8 @@
 // plain variables, read without a lock. To tell whether one has been replaced, keep what it held at first: in
 // a program that is not position-independent the address of o_pthread_create, say, is another than the
 // library's.
-#ifndef ORN_ZEL_HOOKS_HPP
-#define ORN_ZEL_HOOKS_HPP
+#ifndef ORN_ZEL_THREADFUNCTIONS_HPP
+#define ORN_ZEL_THREADFUNCTIONS_HPP
 
 #include <sys/types.h>
 

@@ -241,7 +241,7 @@ TEST(Unloading, takes_no_code_from_under_a_thread_that_a_signal_has_just_reached
 
 class Preload : public ::testing::Test {
 protected:
-    Preload() : log_("lifecycle_order." + std::to_string(::getpid())) {}
+    Preload() : log_("load_order." + std::to_string(::getpid())) {}
     ~Preload() override { std::remove(log_.c_str()); }
 
     // What the modules say in a run of the command.

@@ -3,8 +3,8 @@
 // The library's own way to the thread records. Internal. Unlike the references that thread::This() hands out,
 // nothing here points into a record after the lock is released, so a thread in the middle of a turn is safe
 // while another one takes the library down in exit().
-#ifndef ZEL_SRC_REGISTRY_HPP
-#define ZEL_SRC_REGISTRY_HPP
+#ifndef ZEL_SRC_THREADREGISTRY_HPP
+#define ZEL_SRC_THREADREGISTRY_HPP
 
 #include <vector>
 

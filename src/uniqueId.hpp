@@ -2,8 +2,8 @@
 //
 // The counter behind unique_id(). Internal: it exists so that what happens when the counter wraps, after four
 // thousand million identifiers, can be tried out.
-#ifndef ZEL_SRC_IDENTIFIERS_HPP
-#define ZEL_SRC_IDENTIFIERS_HPP
+#ifndef ZEL_SRC_UNIQUEID_HPP
+#define ZEL_SRC_UNIQUEID_HPP
 
 #include <cstdint>
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // What the library has to know of the process that it is in. Internal.
-#ifndef ZEL_SRC_PROCESS_HPP
-#define ZEL_SRC_PROCESS_HPP
+#ifndef ZEL_SRC_FORK_HPP
+#define ZEL_SRC_FORK_HPP
 
 #include <sys/types.h>
 

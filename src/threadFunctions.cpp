@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include <orn/zel/hooks.hpp>
+#include <orn/zel/threadFunctions.hpp>
 
 #include <unistd.h>
 
