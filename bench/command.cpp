@@ -98,14 +98,15 @@ private:
 // is checked as well, since before exec() the process still catches the signal as a copy of this one.
 void await_library(int pid) {
     std::string const directory = "/proc/" + std::to_string(pid);
+    std::string const key = "SigCgt:"; // a set of signals in hexadecimal; bit 54 is that of signal 55
     for (int tries = 0; tries < 5000; ++tries) {
         std::string name;
         std::getline(std::ifstream(directory + "/cmdline"), name, '\0');
         std::ifstream status(directory + "/status");
         std::string line;
         while (name == "peer" && std::getline(status, line)) {
-            unsigned long long caught = 0;
-            if (std::sscanf(line.c_str(), "SigCgt: %llx", &caught) == 1 && (caught >> 54 & 1) != 0)
+            if (line.compare(0, key.size(), key) == 0 &&
+                (std::stoull(line.substr(key.size()), nullptr, 16) >> 54 & 1) != 0)
                 return;
         }
         usleep(1000);

@@ -164,7 +164,7 @@ void recurring_alarm(benchmark::State& state) {
     state.SetLabel("how late a call of a 2 ms alarm is");
     try {
         Comparison comparison;
-        for (auto _ : state)
+        while (state.KeepRunning())
             state.SetIterationTime(comparison.round());
         comparison.check_phase();
         comparison.report(state);

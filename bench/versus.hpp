@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstddef>
 #include <exception>
 #include <functional>
@@ -56,9 +57,9 @@ inline void expect(bool holds, char const* otherwise) {
 inline double quantile(std::vector<double> values, double q) {
     if (values.empty())
         return 0;
-    std::size_t const at = static_cast<std::size_t>(q * static_cast<double>(values.size() - 1) + 0.5);
-    std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(at), values.end());
-    return values[at];
+    auto const at = values.begin() + std::lround(q * static_cast<double>(values.size() - 1));
+    std::nth_element(values.begin(), at, values.end());
+    return *at;
 }
 
 inline double median(std::vector<double> const& values) {
@@ -89,7 +90,7 @@ public:
     void run() {
         try {
             std::size_t first = 0;
-            for (auto _ : state_) {
+            while (state_.KeepRunning()) {
                 for (std::size_t i = 0; i < legs_.size(); ++i) {
                     Leg& leg = legs_[(first + i) % legs_.size()];
                     leg.times.push_back(leg.work(batch_) / static_cast<double>(batch_));
