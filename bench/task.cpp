@@ -35,9 +35,10 @@ public:
         if (poll(set, 2, -1) <= 0 || set[1].revents == 0)
             return;
         std::size_t const most = words_.size() * sizeof words_[0];
-        for (ssize_t got; (got = read(set[1].fd, words_.data(), most)) > 0;)
-            queue_.insert(queue_.end(), words_.begin(),
-                          words_.begin() + got / static_cast<ssize_t>(sizeof words_[0]));
+        for (ssize_t got; (got = read(set[1].fd, words_.data(), most)) > 0;) {
+            auto const end = words_.begin() + got / static_cast<ssize_t>(sizeof words_[0]);
+            queue_.insert(queue_.end(), words_.begin(), end);
+        }
         for (std::uint32_t const id : queue_) {
             jobs_[id]();
             schedule(id);
@@ -111,13 +112,14 @@ void short_tasks(benchmark::State& state) {
         long slices = 0;
         long done = 0;
         double const time = bench::timed([&] {
-            for (long i = 0; i < count; ++i)
+            for (long i = 0; i < count; ++i) {
                 orn::zel::RunTask(
                     [&slices](orn::zel::task::Controller* task) {
                         ++slices;
                         task->Complete();
                     },
                     [&done] { ++done; });
+            }
             while (done < count)
                 orn::zel::RunOnce(-1);
         });

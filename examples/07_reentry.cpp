@@ -21,8 +21,8 @@ int main() {
         return 1;
     }
     orn::zel::RunOnce(-1);
+    // The pipe is still readable. What comes now is only the wake-up by which the loop learns of the change.
     while (orn::zel::RunOnce(0) > 0) {
-        // The pipe is still readable. The event is the wake-up by which the loop learns of the change.
     }
 
     bool done = false;

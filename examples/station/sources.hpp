@@ -60,9 +60,10 @@ private:
     bool read_meminfo() {
         std::ifstream meminfo("/proc/meminfo");
         for (std::string word; meminfo >> word;
-             meminfo.ignore(std::numeric_limits<std::streamsize>::max(), '\n'))
+             meminfo.ignore(std::numeric_limits<std::streamsize>::max(), '\n')) {
             if (word == "MemAvailable:")
                 return static_cast<bool>(meminfo >> available_kb_);
+        }
         return false;
     }
 
