@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Many alarms: made and cancelled while 100,000 others are outstanding, made and cancelled all, and 10,000
-// due at one moment. How late a recurring one is: lateness.cpp.
+// Measures many alarms: one created and cancelled while 100,000 others are outstanding, 100,000 created and
+// cancelled, and 10,000 due at one moment. lateness.cpp measures how late a recurring one is.
 #include <condition_variable>
 #include <cstdint>
 #include <map>
@@ -20,7 +20,7 @@ namespace {
 
 unsigned long const hour_ms = 3600 * 1000;
 
-// One to two hours, in no order.
+// Draws delays of one to two hours, in no order.
 class Delays {
 public:
     unsigned long next() {
@@ -32,10 +32,10 @@ private:
     std::uint32_t state_ = 1;
 };
 
-// What a program keeps its deadlines in when it does it by hand: sorted, and in one thread.
+// Keeps deadlines as a program does by hand: sorted, and in one thread.
 class BareAlarms {
 public:
-    typedef std::multimap<bench::Clock::time_point, boost::function<void()>> queue_type;
+    using queue_type = std::multimap<bench::Clock::time_point, boost::function<void()>>;
 
     queue_type::iterator add(unsigned long ms, boost::function<void()> const& handler) {
         return queue_.emplace(bench::Clock::now() + std::chrono::milliseconds(ms), handler);
@@ -47,7 +47,7 @@ private:
     queue_type queue_;
 };
 
-// A descriptor for each alarm: all by system calls.
+// Uses a descriptor for each alarm, and so nothing but system calls.
 void arm_and_close_timerfd(unsigned long ms) {
     int const fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
     itimerspec when = {};
@@ -57,7 +57,7 @@ void arm_and_close_timerfd(unsigned long ms) {
     close(fd);
 }
 
-void CreateAndCancel(benchmark::State& state) {
+void create_and_cancel(benchmark::State& state) {
     state.SetLabel("an alarm created and cancelled, with so many outstanding");
     std::size_t const outstanding = static_cast<std::size_t>(state.range(0));
     long fired = 0;
@@ -98,14 +98,14 @@ void CreateAndCancel(benchmark::State& state) {
     if (fired != 0 || orn::zel::OutstandingAlarmCount() != 0)
         state.SkipWithError("an alarm fired early, or was left");
 }
-BENCHMARK(CreateAndCancel)
+BENCHMARK(create_and_cancel)
     ->ArgName("outstanding")
     ->Arg(0)
     ->Arg(100000)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
 
-void CreateAllThenCancelAll(benchmark::State& state) {
+void create_all_then_cancel_all(benchmark::State& state) {
     state.SetLabel("an alarm of so many: all created, then all cancelled in the same order");
     long fired = 0;
     auto const handler = [&fired] { ++fired; };
@@ -145,7 +145,7 @@ void CreateAllThenCancelAll(benchmark::State& state) {
     });
     versus.run();
 }
-BENCHMARK(CreateAllThenCancelAll)
+BENCHMARK(create_all_then_cancel_all)
     ->ArgName("alarms")
     ->Arg(100000)
     ->UseManualTime()
@@ -153,10 +153,11 @@ BENCHMARK(CreateAllThenCancelAll)
 
 // ---- All due at one moment
 
-// How far ahead the moment is. Grows when a slow machine needs longer to set everything up.
+// How far ahead the moment is. It grows when a slow machine needs longer to set everything up.
 std::chrono::milliseconds lead(20);
 
-// Sets up for a moment to come, and again for a later one when it had passed before everything was set.
+// Sets up for a moment to come. When the moment passes before everything is set, it sets up again for a later
+// one.
 template <class SetUp>
 void set_up_in_time(SetUp set_up) {
     for (;;) {
@@ -169,7 +170,7 @@ void set_up_in_time(SetUp set_up) {
     }
 }
 
-// Counts calls, and knows when the first and the last one came.
+// Counts calls, and notes when the first and the last one came.
 struct Arrivals {
     Arrivals() : count(0) {}
     void operator()() {
@@ -192,7 +193,7 @@ double zel_due_at_once(long count) {
         due = moment;
         alarms.clear();
         while (static_cast<long>(alarms.size()) < count) {
-            // Rounded up: within the millisecond that begins at the moment.
+            // Rounded up, so that each alarm is due within the millisecond that begins at the moment.
             auto const left = moment - bench::Clock::now() + std::chrono::nanoseconds(999999);
             long const ms = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
             alarms.push_back(std::make_unique<orn::zel::Alarm>(static_cast<unsigned long>(ms > 0 ? ms : 0),
@@ -209,7 +210,7 @@ double zel_due_at_once(long count) {
     return arrivals.time();
 }
 
-// A thread that sleeps until the moment and then tells the loop of each alarm, four bytes each.
+// A thread that sleeps until the moment and then writes four bytes for each alarm into the loop's pipe.
 class BareTimerThread {
 public:
     BareTimerThread() : thread_([this] { serve(); }) {}
@@ -269,7 +270,7 @@ double bare_due_at_once(BareTimerThread& timer, int wake, long count) {
     return arrivals.time();
 }
 
-void DueAtOnce(benchmark::State& state) {
+void due_at_once(benchmark::State& state) {
     state.SetLabel("an alarm of so many that are due at one moment, from the first call to the last");
     BareTimerThread timer;
     bench::Pipe const wake;
@@ -278,6 +279,6 @@ void DueAtOnce(benchmark::State& state) {
     versus.leg("bare", [&](long count) { return bare_due_at_once(timer, wake.read_end(), count); });
     versus.run();
 }
-BENCHMARK(DueAtOnce)->ArgName("alarms")->Arg(10000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(due_at_once)->ArgName("alarms")->Arg(10000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 } // namespace

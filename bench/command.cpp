@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// A command to another process, until the first line of its answer has arrived. The bare exchange sends the
-// same text over a connection of its own to a local socket, and has one line written into a pipe that the
-// other side inherited. Both other sides are this program, started again.
+// Measures a command to another process, until the first line of its answer has arrived. The bare exchange
+// sends the same text over a connection of its own to a local socket, and the other side writes one line into
+// a pipe that it has inherited. Both other sides are this program, started again.
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -57,7 +57,7 @@ sockaddr_un address_of(int pid, socklen_t& length) {
         orn::zel::RunOnce(-1);
 }
 
-// Before main(), when this is the other side.
+// Runs before main(), and never returns when this process is the other side.
 __attribute__((constructor)) void take_role() {
     char const* const role = std::getenv(role_variable);
     if (!role)
@@ -68,7 +68,7 @@ __attribute__((constructor)) void take_role() {
     serve_zel();
 }
 
-// Another process that runs this program in a role, its standard output in a pipe.
+// Another process that runs this program in a role, with its standard output in a pipe.
 class Peer {
 public:
     explicit Peer(char const* role) : pid_(fork()) {
@@ -94,18 +94,19 @@ private:
     pid_t const pid_;
 };
 
-// Connecting earlier would end it: signal 55 is not caught before the library has been loaded, and before
-// exec() it is caught for this program.
+// Waits until the process catches signal 55, which would end it before the library has been loaded. Its name
+// is checked as well, since before exec() the process still catches the signal as a copy of this one.
 void await_library(int pid) {
     std::string const directory = "/proc/" + std::to_string(pid);
+    std::string const key = "SigCgt:"; // a set of signals in hexadecimal; bit 54 is that of signal 55
     for (int tries = 0; tries < 5000; ++tries) {
         std::string name;
         std::getline(std::ifstream(directory + "/cmdline"), name, '\0');
         std::ifstream status(directory + "/status");
         std::string line;
         while (name == "peer" && std::getline(status, line)) {
-            unsigned long long caught = 0;
-            if (std::sscanf(line.c_str(), "SigCgt: %llx", &caught) == 1 && (caught >> 54 & 1) != 0)
+            if (line.compare(0, key.size(), key) == 0 &&
+                (std::stoull(line.substr(key.size()), nullptr, 16) >> 54 & 1) != 0)
                 return;
         }
         usleep(1000);
@@ -132,7 +133,7 @@ void exchange_bare(Peer& peer) {
     bench::expect(read(peer.output(), text, sizeof text) > 0, "no answer to the bare command");
 }
 
-void CommandRoundTrip(benchmark::State& state) {
+void command_round_trip(benchmark::State& state) {
     state.SetLabel("a command to another process and the first line of its answer");
     try {
         Peer zel_peer("zel");
@@ -173,6 +174,6 @@ void CommandRoundTrip(benchmark::State& state) {
         state.SkipWithError(failure.what());
     }
 }
-BENCHMARK(CommandRoundTrip)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(command_round_trip)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 } // namespace

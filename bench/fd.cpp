@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Descriptors: a byte through one pipe among idle ones, and through some of a hundred. The bare loops poll
-// what the group polls: the same pipes, and one more through which another thread could wake them.
+// Measures descriptors: a byte through one pipe among idle ones, and through some of a hundred. The bare
+// loops poll what the group polls: the same pipes, and one more through which another thread could wake them.
 #include <memory>
 #include <vector>
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-typedef std::vector<std::unique_ptr<bench::Pipe>> Pipes;
+using Pipes = std::vector<std::unique_ptr<bench::Pipe>>;
 
 Pipes make_pipes(long count) {
     bench::raise_descriptor_limit();
@@ -21,7 +21,7 @@ Pipes make_pipes(long count) {
     return pipes;
 }
 
-// A byte into each of the active pipes, until there were count.
+// Writes a byte into each of the active pipes and has them read, again and again, until count have passed.
 template <class Turn>
 double pass_bytes(std::vector<int> const& active, long count, long const& served, Turn turn) {
     long const before = served;
@@ -39,7 +39,7 @@ double pass_bytes(std::vector<int> const& active, long count, long const& served
     return time;
 }
 
-// The loop by hand. First entry: the pipe to wake it.
+// The loop by hand. The first entry of its poll set is the pipe to wake it.
 class BareLoop {
 public:
     BareLoop(Pipes const& pipes, bool wakeable) : served(0), wakeable_(wakeable) {
@@ -49,7 +49,7 @@ public:
             set_.push_back(pollfd{pipe->read_end(), POLLIN, 0});
     }
 
-    // Asking first: without waiting, and only then with.
+    // With ask_first it polls without waiting, and waits only when that has found nothing.
     void turn(bool ask_first) {
         int ready = ask_first ? poll(set_.data(), set_.size(), 0) : 0;
         if (ready == 0)
@@ -75,9 +75,9 @@ private:
     std::vector<pollfd> set_;
 };
 
-// The write ends of the pipes that get a byte each turn. A poll() that may block registers with each
-// descriptor until it meets one that is ready, so the place of the active one counts: the last has all idle
-// ones before it.
+// Returns the write ends of the pipes that get a byte each turn. A poll() that may block registers with each
+// descriptor until it meets one that is ready, so the place of an active one counts: the last one has all
+// idle ones before it.
 std::vector<int> spread(Pipes const& pipes, long active, bool first) {
     std::vector<int> ends;
     std::size_t const step = pipes.size() / static_cast<std::size_t>(active);
@@ -125,13 +125,13 @@ void pass(benchmark::State& state, Pipes const& pipes, std::vector<int> const& a
     }
 }
 
-// Idle ones before the active one in the poll set, or with `behind` after it.
-void OneActiveAmongIdle(benchmark::State& state) {
+// The idle descriptors come before the active one in the poll set, or with `behind` after it.
+void one_active_among_idle(benchmark::State& state) {
     long const idle = static_cast<long>(state.range(0));
     Pipes const pipes = make_pipes(idle + 1);
     pass(state, pipes, spread(pipes, 1, state.range(1) != 0), 20 + 4000 / (idle + 16));
 }
-BENCHMARK(OneActiveAmongIdle)
+BENCHMARK(one_active_among_idle)
     ->ArgNames({"idle", "behind"})
     ->Args({0, 0})
     ->Args({16, 0})
@@ -142,11 +142,11 @@ BENCHMARK(OneActiveAmongIdle)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
 
-void ActiveAmongHundred(benchmark::State& state) {
+void active_among_hundred(benchmark::State& state) {
     Pipes const pipes = make_pipes(100);
     pass(state, pipes, spread(pipes, static_cast<long>(state.range(0)), false), 200);
 }
-BENCHMARK(ActiveAmongHundred)
+BENCHMARK(active_among_hundred)
     ->ArgName("active")
     ->Arg(1)
     ->Arg(10)

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// How late the handler of a 2 ms recurring alarm is called: half a second of it in turn with half a second of
-// a timerfd that is polled and read by hand. No call may be early, and the phase may not wander.
+// Measures how late the handler of a 2 ms recurring alarm is called. Half a second of it takes turns with
+// half a second of a timerfd that is polled and read by hand. No call may be early, and the phase may not
+// wander.
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -26,14 +27,15 @@ class Calls {
 public:
     explicit Calls(Clock::time_point start) : earliest_(start), due_(start), last_(start) {}
 
-    // So many periods have passed since the call before, as far as whoever calls knows.
+    // periods: how many have passed since the call before, as far as the caller knows.
     void operator()(Clock::time_point now, std::uint64_t periods) {
         Clock::duration const step = period * static_cast<Clock::rep>(periods);
         earliest_ += step;
         bench::expect(now >= earliest_, "a call was early");
         due_ += step;
-        // After a stall of periods, those that were missed may be skipped, or their calls be queued. A pause
-        // and no end of the delay tells of the first, calls that would be early correct that.
+        // After a stall, a timer may skip the periods that it missed, or call for each of them. A pause that
+        // leaves the call late tells of skipping. Should that be wrong, a call would be early, and the loop
+        // below corrects it.
         if (stalled_ && now - last_ > period / 20 && now - due_ >= period)
             due_ += (now - due_) / period * period;
         while (now < due_)
@@ -45,9 +47,10 @@ public:
 
     long count() const { return static_cast<long>(late_.size()); }
 
-    // A timer that counts each period from the expiry before drifts by its lateness each time. On a machine
-    // that has time, calls are not ever later (seen over a few of them, while the drift has not gone through
-    // a whole period), and some of them are in time again and again.
+    // A timer that counts each period from the expiry before drifts by its lateness each time. Without a
+    // drift two things hold on a machine that has time. Calls do not become later and later, which shows over
+    // a few of them, before a drift has gone through a whole period. And some calls of each window are in
+    // time.
     bool in_phase() const {
         std::ptrdiff_t const few = 8;
         std::vector<double> later;
@@ -65,14 +68,14 @@ public:
 private:
     static double period_us() { return bench::seconds(period) * 1e6; }
 
-    Clock::time_point earliest_; // if nothing has been skipped
+    Clock::time_point earliest_; // due_, if nothing has been skipped
     Clock::time_point due_;
     Clock::time_point last_;
     bool stalled_ = false;
     std::vector<double> late_;
 };
 
-// The alarm is set after `start`, so that what is measured is never too little.
+// The alarm is set after the start of the Calls, so that the lateness that is measured is never too small.
 Calls zel_round(long count = calls_a_round) {
     Calls calls(Clock::now());
     orn::zel::Alarm const alarm(period_ms, period_ms, [&calls] { calls(Clock::now(), 1); });
@@ -98,11 +101,11 @@ Calls bare_round(int wake, long count = calls_a_round) {
     return calls;
 }
 
-// Rounds of both, and what they say together.
+// Runs rounds of both, and keeps what they say together.
 class Comparison {
 public:
-    // The first alarm of a process makes the timers' thread and the thread's manager, which is set-up, and so
-    // are page faults of code that runs for the first time.
+    // Goes through a few calls beforehand. The first alarm of a process makes the timers' thread and the
+    // thread's manager, and code that runs for the first time faults its pages in: all of that is set-up.
     Comparison() {
         long const few = 10;
         zel_round(few);
@@ -125,8 +128,8 @@ public:
         return time;
     }
 
-    // A machine that has no time for us loses the phase of both now and then. An alarm that drifts never
-    // keeps it, however often the other one does.
+    // A busy machine makes both lose the phase now and then. An alarm that drifts never keeps it, however
+    // often the timerfd does.
     void check_phase() {
         for (int i = 0; i < 10 && kept_ == 0 && lost_ < 4; ++i)
             round();
@@ -157,11 +160,11 @@ private:
     long lost_ = 0;
 };
 
-void RecurringAlarm(benchmark::State& state) {
+void recurring_alarm(benchmark::State& state) {
     state.SetLabel("how late a call of a 2 ms alarm is");
     try {
         Comparison comparison;
-        for (auto _ : state)
+        while (state.KeepRunning())
             state.SetIterationTime(comparison.round());
         comparison.check_phase();
         comparison.report(state);
@@ -169,6 +172,6 @@ void RecurringAlarm(benchmark::State& state) {
         state.SkipWithError(failure.what());
     }
 }
-BENCHMARK(RecurringAlarm)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(recurring_alarm)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 } // namespace

@@ -1,14 +1,15 @@
 #!/usr/bin/env python3
-"""Measures, and puts the figures into docs/performance.md.
+"""Runs the benchmarks and puts their figures into docs/performance.md.
 
   bench/report.py               runs all benchmarks (some minutes), then rewrites the tables
-  bench/report.py --short       the same in a minute, for a look: the page says so
+  bench/report.py --short       the same in a minute, for a look; the page says so
   bench/report.py --from DIR    rewrites the tables from what script/bench --json DIR has left
 
-A median of fewer than ten rounds says little: unless --short is given, too, such figures are refused.
+A median of fewer than ten rounds says little. Such figures are refused, unless --short is given.
 
-A table stands between the lines "<!-- figures: PROGRAM -->" and "<!-- /figures -->" and is rewritten whole:
-figures of a program that has not run are taken out. "machine" in place of a program is where it was measured.
+A table stands between the lines "<!-- figures: PROGRAM -->" and "<!-- /figures -->" and is rewritten whole, so the
+figures of a program that has not run are taken out. With "machine" in place of a program it says where the figures
+come from.
 """
 
 import argparse
@@ -86,7 +87,7 @@ def figure(name, value):
 
 
 def tables(result):
-    """One for each benchmark function, a row for each of its arguments, and what one operation is above it."""
+    """One table for each benchmark, with a row for each of its arguments, and above it what one operation is."""
     families = {}
     for benchmark in result["benchmarks"]:
         family, *arguments = benchmark["run_name"].split("/")
@@ -116,7 +117,7 @@ def machine(results, command, short):
                 merged.setdefault(name, [])
                 if str(context[name]) not in merged[name]:
                     merged[name].append(str(context[name]))
-    # More than one commit or compiler would be figures that do not belong together: it shows.
+    # All values are shown: more than one commit or compiler tells that the figures do not belong together.
     table = ["| | |", "|---|---|"] + [f"| {name} | {' / '.join(merged[name])} |" for name in CONTEXT if name in merged]
     return (["**A short run, for a look: rows of few rounds say little.**", ""] if short else []) + table
 

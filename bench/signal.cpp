@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A raised signal, until the loop has called its handler. The bare loop does what any loop has to: four bytes
-// into a pipe in signal context, poll(), and reads until the pipe is empty.
+// Measures a raised signal, until the loop has called its handler. The bare loop does what any loop has to:
+// it writes four bytes into a pipe in signal context, polls, and reads until the pipe is empty.
 #include <cstdint>
 
 #include <signal.h>
@@ -18,7 +18,7 @@ void bare_handler(int signo) {
     int const error = errno;
     std::uint32_t const word = static_cast<std::uint32_t>(signo);
     ssize_t const written = write(bare_write_end, &word, sizeof word);
-    static_cast<void>(written); // one that was lost shows in the count
+    static_cast<void>(written); // a lost one shows in the count
     errno = error;
 }
 
@@ -75,8 +75,8 @@ double raise_many(int signo, long burst, long count, long const& served, Turn tu
     return time;
 }
 
-// So many raised before each turn; every one gives a call, since raise() returns after the delivery.
-void RaisedSignal(benchmark::State& state) {
+// Raises `burst` signals before each turn. Each gives a call, since raise() returns after the delivery.
+void raised_signal(benchmark::State& state) {
     state.SetLabel("a signal raised, waited for and handled");
     long const burst = static_cast<long>(state.range(0));
     long served = 0;
@@ -94,6 +94,6 @@ void RaisedSignal(benchmark::State& state) {
     });
     versus.run();
 }
-BENCHMARK(RaisedSignal)->ArgName("burst")->Arg(1)->Arg(100)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(raised_signal)->ArgName("burst")->Arg(1)->Arg(100)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 } // namespace

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Slices of tasks, a thousand a turn. The bare loop does for each what schedules it: four bytes into a pipe,
-// and out of it again.
+// Measures slices of tasks, a thousand a turn. The bare loop does for each what schedules it: it writes four
+// bytes into a pipe and reads them again.
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -21,7 +21,7 @@ struct Job {
 
 class BareLoop {
 public:
-    // Reads so many of the four-byte words at once.
+    // at_once: how many of the four-byte words one read() may take.
     BareLoop(long tasks, std::size_t at_once) : slices(0), words_(at_once) {
         Job const job(slices);
         jobs_.assign(static_cast<std::size_t>(tasks), job);
@@ -29,15 +29,16 @@ public:
             schedule(id);
     }
 
-    // Everything that has been scheduled, once.
+    // Runs once whatever has been scheduled.
     void turn() {
         pollfd set[2] = {{wake_.read_end(), POLLIN, 0}, {scheduled_.read_end(), POLLIN, 0}};
         if (poll(set, 2, -1) <= 0 || set[1].revents == 0)
             return;
         std::size_t const most = words_.size() * sizeof words_[0];
-        for (ssize_t got; (got = read(set[1].fd, words_.data(), most)) > 0;)
-            queue_.insert(queue_.end(), words_.begin(),
-                          words_.begin() + got / static_cast<ssize_t>(sizeof words_[0]));
+        for (ssize_t got; (got = read(set[1].fd, words_.data(), most)) > 0;) {
+            auto const end = words_.begin() + got / static_cast<ssize_t>(sizeof words_[0]);
+            queue_.insert(queue_.end(), words_.begin(), end);
+        }
         for (std::uint32_t const id : queue_) {
             jobs_[id]();
             schedule(id);
@@ -71,7 +72,7 @@ double run_slices(long count, long const& slices, Turn turn) {
     return time;
 }
 
-void Slices(benchmark::State& state) {
+void slices_of_ready_tasks(benchmark::State& state) {
     state.SetLabel("a slice of one of so many tasks that are always ready");
     long const count = static_cast<long>(state.range(0));
     bench::Versus versus(state, 10 * count);
@@ -92,27 +93,33 @@ void Slices(benchmark::State& state) {
     versus.leg("bare", [&](long n) { return run_slices(n, bare.slices, [&] { bare.turn(); }); });
     versus.leg("bulk", [&](long n) { return run_slices(n, bulk.slices, [&] { bulk.turn(); }); });
     versus.run();
-    tasks.clear(); // cancels them: what is in the pipe has nobody to run
+    tasks.clear(); // cancels them; what is left in the pipe names nobody
     while (orn::zel::RunOnce(0) > 0) {
     }
 }
-BENCHMARK(Slices)->ArgName("tasks")->Arg(1)->Arg(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(slices_of_ready_tasks)
+    ->ArgName("tasks")
+    ->Arg(1)
+    ->Arg(1000)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
 
-// From its start to the call that tells of its end, one slice.
-void ShortTasks(benchmark::State& state) {
+// A task of one slice, from its start to the call that tells of its end.
+void short_tasks(benchmark::State& state) {
     state.SetLabel("a task started, run once and completed, so many a turn");
     bench::Versus versus(state, static_cast<long>(state.range(0)));
     versus.leg("zel", [](long count) {
         long slices = 0;
         long done = 0;
         double const time = bench::timed([&] {
-            for (long i = 0; i < count; ++i)
+            for (long i = 0; i < count; ++i) {
                 orn::zel::RunTask(
                     [&slices](orn::zel::task::Controller* task) {
                         ++slices;
                         task->Complete();
                     },
                     [&done] { ++done; });
+            }
             while (done < count)
                 orn::zel::RunOnce(-1);
         });
@@ -121,6 +128,6 @@ void ShortTasks(benchmark::State& state) {
     });
     versus.run();
 }
-BENCHMARK(ShortTasks)->ArgName("tasks")->Arg(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(short_tasks)->ArgName("tasks")->Arg(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 } // namespace

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// How the benchmarks measure: the same work done in several ways, a batch of each in turn, round after round
-// in one run, so that whatever else the machine does meets all of them alike. Internal to bench/. What the
-// work is, and whether it was done, is the programs' own.
+// How the benchmarks measure. Internal to bench/. The same work is done in several ways, a batch of each in
+// turn, round after round in one run, so that whatever else the machine does meets all of them alike. The
+// programs say what the work is, and check that it was done.
 //
 //     bench::Versus versus(state, 100);                        // 100 operations a batch
 //     versus.leg("zel", [&](long count) { return bench::timed([&] { ... }); });
@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstddef>
 #include <exception>
 #include <functional>
@@ -33,7 +34,7 @@
 
 namespace bench {
 
-typedef std::chrono::steady_clock Clock; // CLOCK_MONOTONIC
+using Clock = std::chrono::steady_clock; // CLOCK_MONOTONIC
 
 inline double seconds(Clock::duration time) {
     return std::chrono::duration<double>(time).count();
@@ -46,19 +47,19 @@ double timed(Work work) {
     return seconds(Clock::now() - begin);
 }
 
-// A result that is not as it must be ends the benchmark with this text.
+// Ends the benchmark with this text when a result is not what it must be.
 inline void expect(bool holds, char const* otherwise) {
     if (!holds)
         throw std::runtime_error(otherwise);
 }
 
-// Of the values given; 0 without any.
+// The quantile q of the values; 0 without any.
 inline double quantile(std::vector<double> values, double q) {
     if (values.empty())
         return 0;
-    std::size_t const at = static_cast<std::size_t>(q * static_cast<double>(values.size() - 1) + 0.5);
-    std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(at), values.end());
-    return values[at];
+    auto const at = values.begin() + std::lround(q * static_cast<double>(values.size() - 1));
+    std::nth_element(values.begin(), at, values.end());
+    return *at;
 }
 
 inline double median(std::vector<double> const& values) {
@@ -79,7 +80,7 @@ public:
         legs_.push_back(Leg{name, work, {}});
     }
 
-    // A value besides, of which the median becomes a counter.
+    // Notes a value of each round besides. The median becomes a counter.
     void note(std::string const& counter, double value) { notes_[counter].push_back(value); }
     // The same for the time of one operation out of count, in the unit of this.
     void note_each(std::string const& counter, double time, long count) {
@@ -89,7 +90,7 @@ public:
     void run() {
         try {
             std::size_t first = 0;
-            for (auto _ : state_) {
+            while (state_.KeepRunning()) {
                 for (std::size_t i = 0; i < legs_.size(); ++i) {
                     Leg& leg = legs_[(first + i) % legs_.size()];
                     leg.times.push_back(leg.work(batch_) / static_cast<double>(batch_));
@@ -164,14 +165,14 @@ inline void take_byte(int fd) {
     expect(read(fd, &byte, 1) == 1, "a byte was not there");
 }
 
-// What other threads have written to wake a loop, until there is no more.
+// Reads what other threads have written to wake a loop, until there is no more.
 inline void drain(int fd) {
     char bytes[64];
     while (read(fd, bytes, sizeof bytes) > 0) {
     }
 }
 
-// The same with one call less: a read that comes back short has emptied the pipe.
+// The same with one call less: a short read has emptied the pipe.
 inline void drain_short(int fd) {
     char bytes[64];
     while (read(fd, bytes, sizeof bytes) == static_cast<ssize_t>(sizeof bytes)) {
@@ -189,8 +190,8 @@ inline cpu_set_t const& usable_processors() {
     return usable;
 }
 
-// Keeps the calling thread on the nth of them. Where the scheduler puts two threads that wake each other
-// matters more than what they do. Ask usable_processors() before the first of these.
+// Keeps the calling thread on the nth of usable_processors(): where the scheduler puts two threads that wake
+// each other matters more than what they do. Call usable_processors() before the first of these.
 class OnProcessor {
 public:
     explicit OnProcessor(int nth) {
@@ -207,7 +208,7 @@ public:
     OnProcessor& operator=(OnProcessor const&) = delete;
 };
 
-// As many descriptors as the system lets this process have.
+// Allows this process as many descriptors as the system lets it have.
 inline void raise_descriptor_limit() {
     rlimit limit;
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// There and back between two threads that each wait in a loop of their own: by a wake-up of the other's
-// group, and by a byte through a watched pipe. The bare threads do it with pipes and poll().
+// Measures the way there and back between two threads that each wait in a loop of their own: by a wake-up of
+// the other's group, and by a byte through a watched pipe. The bare threads use pipes and poll().
 #include <atomic>
 #include <future>
 #include <thread>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// Trips asked for and done. What wakes a loop says nothing about why: this does.
+// Counts the trips asked for and done. A wake-up does not say what it is for; these counts do.
 struct Trips {
     Trips() : asked(0), done(0), stop(false) {}
     std::atomic<long> asked;
@@ -116,7 +116,7 @@ double travel(Trips& trips, long count, Wake wake, Wait wait) {
     return time;
 }
 
-void WakeAndBack(benchmark::State& state) {
+void wake_and_back(benchmark::State& state) {
     state.SetLabel("another thread's loop woken, and this one by it");
     bench::OnProcessor const place(0);
     int const other = static_cast<int>(state.range(0)) - 1;
@@ -142,14 +142,14 @@ void WakeAndBack(benchmark::State& state) {
     versus.run();
 }
 
-// On two where there are two.
+// Runs on one processor, and on two where there are two.
 void processors(benchmark::internal::Benchmark* benchmark) {
     benchmark->ArgName("processors")->Arg(1);
     if (CPU_COUNT(&bench::usable_processors()) > 1)
         benchmark->Arg(2);
 }
 
-BENCHMARK(WakeAndBack)->Apply(processors)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(wake_and_back)->Apply(processors)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 // Sends each byte back, until its pipe is hung up: the loop of a thread with one connection.
 void zel_echo(int processor, int from, int to) {
@@ -167,7 +167,7 @@ void zel_echo(int processor, int from, int to) {
         orn::zel::RunOnce(-1);
 }
 
-// Waits for one of a pipe to wake the loop and the pipe with the bytes.
+// Waits for the pipe that wakes the loop or for the pipe with the bytes. True when a byte is there.
 bool bare_wait(int wake, int fd) {
     pollfd set[2] = {{wake, POLLIN, 0}, {fd, POLLIN, 0}};
     if (poll(set, 2, -1) <= 0)
@@ -206,7 +206,7 @@ double send_bytes(int to, long count, long const& served, Turn turn) {
     return time;
 }
 
-void ByteAndBack(benchmark::State& state) {
+void byte_and_back(benchmark::State& state) {
     state.SetLabel("a byte to another thread's loop, and one back");
     bench::OnProcessor const place(0);
     int const other = static_cast<int>(state.range(0)) - 1;
@@ -238,6 +238,6 @@ void ByteAndBack(benchmark::State& state) {
     end_echo(bare_there.write_end());
     bare_thread.join();
 }
-BENCHMARK(ByteAndBack)->Apply(processors)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(byte_and_back)->Apply(processors)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 } // namespace

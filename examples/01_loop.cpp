@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// One loop for three kinds of events: an alarm, a signal and a descriptor.
+// One loop serves three kinds of events: an alarm, a signal and a descriptor.
 // [program]
 #include <cstdio>
 #include <unistd.h>

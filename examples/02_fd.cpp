@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// A descriptor: what a child process prints is read as it comes, until it has no more to say.
+// A descriptor: what a child process prints is read as it comes, until the child closes its output.
 #include <cstdio>
 
 #include <unistd.h>
@@ -27,7 +27,7 @@ int main() {
         while (open)
             orn::zel::RunOnce(-1);
         // [/use]
-    } // closing a descriptor comes after the end of its watching
+    } // the watching ends here, before the descriptor is closed
     int const status = pclose(child);
     std::printf("the child ended with %d\n", status);
     return status == 0 ? 0 : 1;

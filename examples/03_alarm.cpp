@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Alarms: once, again and again, put off, and called off.
+// Alarms that fire once or again and again, that are put off, and that are called off.
 #include <cstdio>
 
 #include <orn/zel.hpp>
@@ -18,7 +18,7 @@ int main() {
         orn::zel::RunOnce(-1);
     // [/use]
 
-    // A watchdog: put off for as long as there are signs of life.
+    // A watchdog is put off for as long as there are signs of life.
     bool bitten = false;
     orn::zel::Alarm watchdog(3600 * 1000, [&bitten] { bitten = true; });
     for (int sign = 1; sign <= 3; ++sign)

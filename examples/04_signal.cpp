@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Signals as events: each arrival is one call, on the loop, where a handler may do anything.
+// Signals as events: each arrival is one call on the loop, where a handler may do anything.
 #include <cstdio>
 
 #include <unistd.h>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Waiting for one descriptor with a time limit, while the loop goes on serving everything else. The peer that
-// answers lives in this very loop: it would never get to, if the wait were a plain poll().
+// Waits for one descriptor with a time limit, while the loop goes on serving everything else. The peer that
+// answers lives in this very loop, and a plain poll() would never let it answer.
 #include <cstdio>
 
 #include <poll.h>
@@ -28,8 +28,8 @@ int main() {
             std::perror("write");
             return 1;
         }
-        // What the group does meanwhile starts the limit anew: where a wait must end for certain, an alarm
-        // that makes the descriptor ready ends it.
+        // Whatever the group does meanwhile starts the limit anew. Where a wait must end for certain, an
+        // alarm makes the descriptor ready.
         short const events = orn::zel::RunUntilEventOnFd(ends[0], POLLIN, 50);
         if (events & POLLIN) {
             std::printf("attempt %d: answered\n", attempt);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Two threads, one group: what the second thread registers is served by the loop that the first one runs, so
+// Two threads in one group. The loop that the first thread runs serves what the second one registers, so
 // handlers never run side by side and need no locks among themselves.
 #include <atomic>
 #include <cstdio>

@@ -13,7 +13,7 @@ int main() {
     orn::os::Pipe pipe(false);
     std::optional<orn::zel::fd::AutoReceptor> first_only;
     first_only.emplace(pipe.ReadFD(), [&](orn::zel::fd::Event*) {
-        first_only.reset(); // the call that runs lives on until it returns
+        first_only.reset(); // this handler itself lives on until it returns
         std::puts("an event; no more of these");
     });
     if (write(pipe.WriteFD(), "x", 1) != 1) {
@@ -21,8 +21,8 @@ int main() {
         return 1;
     }
     orn::zel::RunOnce(-1);
+    // The pipe is still readable. What comes now is only the wake-up by which the loop learns of the change.
     while (orn::zel::RunOnce(0) > 0) {
-        // The pipe is still readable, but what is told here is only the loop's own news of the change.
     }
 
     bool done = false;

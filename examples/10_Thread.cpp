@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A thread as an object: it is initialised when the object is made, works after Start(), and leaves a status.
+// A thread as an object: making it runs Init() in the new thread, Start() has it work, and it leaves a
+// status.
 #include <cstdio>
 #include <exception>
 

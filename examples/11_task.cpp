@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Tasks: long work in slices, between which the loop serves everything else.
+// Tasks do long work in slices, between which the loop serves everything else.
 #include <cstdio>
 
 #include <orn/zel.hpp>
@@ -20,7 +20,7 @@ int main() {
         orn::zel::RunOnce(-1);
     // [/use]
 
-    // One that sleeps until it is told to go on.
+    // This one sleeps until it is told to go on.
     orn::zel::task::Controller* sleeper = nullptr;
     int slices = 0;
     orn::zel::Task task([&](orn::zel::task::Controller* self) {

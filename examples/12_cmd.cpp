@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// A command word of one's own, here asked within the process. How another process asks is the next example's.
+// Adds a command word and asks for it within the process. The next example asks from another process.
 #include <cstdio>
 #include <string>
 
@@ -21,7 +21,7 @@ void level(std::string const& args, int fd) {
 }
 // [/use]
 
-// What the command writes, which has to fit into a pipe.
+// Prints what the command answers, which has to fit into a pipe.
 void ask(char const* command) {
     orn::os::Pipe answers(false);
     orn::zel::cmd::ProcessCommand(command, answers.WriteFD());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Two processes: one serves a command word, the other, which has started it, calls the word.
+// Two processes: the first starts the second, which serves a command word, and calls that word.
 //
 //     13_Connect          starts "13_Connect serve" and talks to it
 #include <cstdio>
@@ -13,14 +13,16 @@
 
 namespace {
 
-// Any process that runs a loop on the thread that loaded the library can be asked.
+// A process can be asked once the thread that loaded the library runs its loop.
 int serve() {
     orn::zel::RegisterCommandModule(
         "twice", [](std::string const& args, int fd) { orn::zel::cmd::Write(fd, args + ' ' + args + '\n'); });
     bool done = false;
     orn::zel::signal::AutoReceptor const end(SIGTERM, [&done](int) { done = true; });
-    std::printf("%d\n", getpid()); // ready: from here on signal 55 does not end this process
-    std::fflush(stdout);
+    orn::zel::SetAlarm(0, [] { // once the loop turns this process can be asked, and says so
+        std::printf("%d\n", getpid());
+        std::fflush(stdout);
+    });
     while (!done)
         orn::zel::RunOnce(-1);
     return 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The building blocks: a lock for a scope, identifiers, fields of a text, a value that may be missing.
+// Shows the building blocks: a lock for a scope, identifiers, fields of a text, a value that may be missing.
 #include <cstdio>
 #include <map>
 #include <string>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// A list of handlers of one's own, which tolerates changes while it is dispatched.
+// A program's own list of handlers, which may change while it is dispatched.
 #include <cstdio>
 #include <thread>
 
@@ -15,11 +15,11 @@ int main() {
     unsigned long once = 0;
     once = list.insert([&](int value) {
         std::printf("once: %d\n", value);
-        list.remove(once); // kept, and done when the dispatch ends
+        list.remove(once); // noted, and done when the dispatch ends
     });
     orn::zel::Dispatch(list, 7);
     orn::zel::Dispatch(list, 8);
-    // One that any thread may change needs a mutex which its thread can take again:
+    // A list that any thread may change needs a mutex that its holder can take again.
     orn::zel::HandlerList<int> shared(boost::make_shared<orn::zel::RecursiveThreadMutex>());
     // [/use]
     std::thread([&shared] { shared.insert([](int value) { std::printf("shared: %d\n", value); }); }).join();

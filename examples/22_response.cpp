@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// An answer of text, composed in one piece and written with one system call.
+// Composes an answer in one piece and writes it with one system call.
 #include <cstdio>
 #include <string>
 

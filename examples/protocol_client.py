@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Asks a process that has zel, with nothing of zel: the command channel as docs/protocol.md describes it.
+"""Asks a process that has zel. Uses nothing of zel, only the command channel that docs/protocol.md describes.
 
   protocol_client.py PID WORD...
 """

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Holds docs/protocol.md and docs/modules.md to a real process.
+"""Checks docs/protocol.md and docs/modules.md against a real process.
 
   protocol_client_test.py SERVER HELLO MEMORY
 
-SERVER prints its process id when it is called with "serve"; the others are the modules of examples/modules.
+SERVER prints its process id when it is called with "serve". HELLO and MEMORY are the modules of examples/modules.
 """
 
 import fcntl
@@ -81,7 +81,7 @@ class ProtocolTest(unittest.TestCase):
             protocol.packet(3, identity),
         ):
             protocol.send(self.pid, bad)
-        # Nothing of them has been answered: the answer begins with the echo of this command.
+        # Nothing of them has been answered, since the answer begins with the echo of this command.
         protocol.send(self.pid, protocol.packet(protocol.COMMAND, identity, b"no end"))
         self.assertEqual(os.read(self.channel.answers, 17), b'received "no end"')
         self.still_serves()

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// libevent's loop for the comparison.
 #include <vector>
 
 #include <event2/event.h>
@@ -10,7 +12,7 @@ namespace bench {
 
 namespace {
 
-// With its default back end, epoll.
+// Uses libevent's default back end, epoll.
 class LibeventLoop : public Loop {
 public:
     LibeventLoop() : base_(event_base_new()) { expect(base_ != nullptr, "event_base_new"); }

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// libuv's loop for the comparison.
 #include <deque>
 
 #include <uv.h>
@@ -10,8 +12,8 @@ namespace bench {
 
 namespace {
 
-// A handle lives until a turn of the loop after uv_close(), so these are kept until the loop goes. One timer
-// is made and stopped again and again: with less work than the others, which make a new one each time.
+// A handle has to live until a turn of the loop after uv_close(), so all are kept until the loop goes. One
+// timer is started and stopped again and again, which is less work than the other loops' new timer each time.
 class LibuvLoop : public Loop {
 public:
     LibuvLoop() {

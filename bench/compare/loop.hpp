@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What an event loop has to do to be compared. Internal to bench/compare; each loop has a file of its own,
-// which uses it as its documentation tells one to.
+// What an event loop has to do to be compared. Internal to bench/compare. Each loop has a file of its own,
+// which uses the loop as its documentation says.
 #ifndef ORN_ZEL_BENCH_COMPARE_LOOP_HPP
 #define ORN_ZEL_BENCH_COMPARE_LOOP_HPP
 
@@ -17,13 +17,13 @@ public:
     Loop(Loop const&) = delete;
     Loop& operator=(Loop const&) = delete;
 
-    // Until this dies: reads a byte from the descriptor whenever there is one, and counts it in served.
+    // Reads a byte from the descriptor whenever there is one, and counts it in served, until this dies.
     virtual void watch(int fd) = 0;
-    // Until this dies: counts each arrival in served.
+    // Counts each arrival of the signal in served, until this dies.
     virtual void watch_signal(int signo) = 0;
-    // Until this dies: a timer that adds to fired.
+    // Makes a timer that adds to fired and lives as long as this.
     virtual void hold_timer(unsigned long ms) = 0;
-    // Such a timer, and gone again.
+    // Makes such a timer and cancels it.
     virtual void make_and_cancel_timer(unsigned long ms) = 0;
     // Waits for events and handles what is there.
     virtual void turn() = 0;

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The same work on zel and on other event loops, in turn: one active descriptor among idle ones, timers made
-// and cancelled, a raised signal. The others wait with epoll, whose cost does not grow with idle descriptors.
+// Measures the same work on zel and on other event loops, in turn: one active descriptor among idle ones,
+// timers made and cancelled, a raised signal. The others wait with epoll, whose cost does not grow with idle
+// descriptors.
 #include <cstdint>
 #include <vector>
 
@@ -15,7 +16,7 @@ namespace {
 struct Contender {
     std::string name;
     std::unique_ptr<bench::Loop> loop;
-    int signo; // each its own: a signal has one handler in a process
+    int signo; // of its own, since a signal has one handler in a process
 };
 
 std::vector<Contender> make_contenders() {
@@ -45,7 +46,7 @@ double serve(bench::Loop& loop, long count, Cause cause) {
     return time;
 }
 
-// One run of the versus for all contenders, with the set-up that each needs.
+// Sets each contender up and measures all of them in one run.
 template <class SetUp, class Work>
 void compare(benchmark::State& state, long batch, SetUp set_up, Work work) {
     try {
@@ -63,7 +64,7 @@ void compare(benchmark::State& state, long batch, SetUp set_up, Work work) {
     }
 }
 
-void Descriptor(benchmark::State& state) {
+void active_descriptor(benchmark::State& state) {
     state.SetLabel("a byte written, waited for and read");
     bench::raise_descriptor_limit();
     std::vector<std::unique_ptr<bench::Pipe>> pipes;
@@ -79,7 +80,7 @@ void Descriptor(benchmark::State& state) {
             return serve(*contender.loop, count, [&] { bench::put_byte(pipes.back()->write_end()); });
         });
 }
-BENCHMARK(Descriptor)
+BENCHMARK(active_descriptor)
     ->ArgName("idle")
     ->Arg(0)
     ->Arg(16)
@@ -89,7 +90,7 @@ BENCHMARK(Descriptor)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
 
-void Timer(benchmark::State& state) {
+void made_and_cancelled_timer(benchmark::State& state) {
     state.SetLabel("a timer made and cancelled, with so many outstanding");
     std::uint32_t random = 1;
     auto const delay = [&random] {
@@ -109,9 +110,14 @@ void Timer(benchmark::State& state) {
             });
         });
 }
-BENCHMARK(Timer)->ArgName("outstanding")->Arg(0)->Arg(100000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(made_and_cancelled_timer)
+    ->ArgName("outstanding")
+    ->Arg(0)
+    ->Arg(100000)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
 
-void RaisedSignal(benchmark::State& state) {
+void raised_signal(benchmark::State& state) {
     state.SetLabel("a signal raised, waited for and handled");
     compare(
         state, 200, [](Contender& contender) { contender.loop->watch_signal(contender.signo); },
@@ -119,7 +125,7 @@ void RaisedSignal(benchmark::State& state) {
             return serve(*contender.loop, count, [&] { raise(contender.signo); });
         });
 }
-BENCHMARK(RaisedSignal)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(raised_signal)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 // Each result carries which loops it was measured with.
 bool const versions_told = [] {

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// zel's loop for the comparison.
 #include <vector>
 
 #include <orn/zel.hpp>

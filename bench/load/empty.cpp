@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// A library that needs the C++ runtime and does nothing: what loading costs before anything is done.
+// A library that needs the C++ runtime and does nothing. It shows what loading costs before anything is done.
 #include <string>
 
 static std::string const nothing;

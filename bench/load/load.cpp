@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Loading the library into a process and unloading it again, beside a library with nothing in it.
+// Measures loading the library into a process and unloading it, beside a library with nothing in it.
 #include <memory>
 #include <string>
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-// Of descriptors or threads, as the kernel lists them.
+// Counts the descriptors or threads that the kernel lists, to compare with a later count.
 long entries(char const* directory) {
     std::unique_ptr<DIR, int (*)(DIR*)> const listing(opendir(directory), closedir);
     bench::expect(listing != nullptr, "no listing in /proc");
@@ -44,7 +44,7 @@ double load_and_unload(bench::Versus& versus, std::string const& name, char cons
     return loading + unloading;
 }
 
-void LoadAndUnload(benchmark::State& state) {
+void load_and_unload_library(benchmark::State& state) {
     state.SetLabel("dlopen() and dlclose()");
     bench::Versus versus(state, 10, "us");
     versus.leg("zel", [&](long count) {
@@ -58,6 +58,6 @@ void LoadAndUnload(benchmark::State& state) {
     versus.leg("bare", [&](long count) { return load_and_unload(versus, "bare", EMPTY_LIBRARY, count); });
     versus.run();
 }
-BENCHMARK(LoadAndUnload)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(load_and_unload_library)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 } // namespace

@@ -9,7 +9,7 @@
 
 namespace {
 
-// On the command thread. The descriptor is the client's and stays open.
+// Runs on the command thread. The descriptor is the client's and stays open.
 void hello(std::string const& args, int fd) {
     std::string const whom = args.empty() ? "world" : args;
     orn::zel::cmd::Write(fd, "hello " + whom + ", from process " + std::to_string(getpid()) + '\n');

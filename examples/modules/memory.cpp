@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A module for ZEL_PRELOAD: any process that has the library then answers the word "memory" with what it uses
-// and what it has used at most. Nothing else in the process has to know.
+// A module for ZEL_PRELOAD. A process that has the library then answers the word "memory" with the memory
+// that it uses and the most that it has used. Nothing else in the process has to know of the module.
 #include <fstream>
 #include <string>
 
@@ -9,7 +9,7 @@
 
 namespace {
 
-// One write for the whole answer: what another thread's monitor writes cannot come between its lines.
+// Writes the whole answer at once, so that no line of another thread's monitor comes between.
 void memory(std::string const&, int fd) {
     std::ifstream status("/proc/self/status");
     std::string answer;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// What the station is told by a file.
+// The configuration of the station, read from a file. Internal to the station.
 #ifndef STATION_CONFIG_HPP
 #define STATION_CONFIG_HPP
 
@@ -11,7 +11,7 @@
 namespace station {
 
 struct Config {
-    unsigned long periodMs = 100;
+    unsigned long period_ms = 100;
     std::string name = "station";
     std::string hash = "/proc/self/exe";
 
@@ -27,13 +27,13 @@ struct Config {
         Config next;
         std::string key;
         while (file >> key) {
-            bool const understood = key == "period" ? static_cast<bool>(file >> next.periodMs)
+            bool const understood = key == "period" ? static_cast<bool>(file >> next.period_ms)
                                     : key == "name" ? static_cast<bool>(file >> next.name)
                                                     : key == "hash" && file >> next.hash;
             if (!understood)
                 throw std::runtime_error(path + ": not understood");
         }
-        if (!file.eof() || next.periodMs == 0)
+        if (!file.eof() || next.period_ms == 0)
             throw std::runtime_error(path + ": cannot be read, or a period of 0");
         *this = next;
     }

@@ -1,6 +1,6 @@
 #!/bin/sh
-# Shows the station at work, and fails unless everything is as it should be. Called by script/demo, and with
-# --short by the tests; the programs are found in ZEL_BUILD_DIR.
+# Shows the station at work, and fails unless everything is as it should be. script/demo calls it, and the tests
+# do with --short. The programs are in ZEL_BUILD_DIR.
 #
 #   demo.sh [--short]
 set -eu
@@ -19,11 +19,11 @@ modules=$build/examples/modules
 zelctl=$build/tools/zelctl/zelctl
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/station.XXXXXX")
-station=''  # its process
-clients=''  # theirs
-follower='' # of a zelctl that goes on
-stranger='' # a process without zel
-shown=0     # lines of the station's log that have been shown
+station=''  # process ids: the station,
+clients=''  # its clients,
+follower='' # a zelctl that goes on reading,
+stranger='' # and a process without zel
+shown=0     # how many lines of the station's log have been shown
 
 clean_up() {
     for process in $station $clients $follower $stranger; do
@@ -52,7 +52,7 @@ failed() {
     exit 1
 }
 
-# await SECONDS COMMAND...: until the command succeeds.
+# await SECONDS COMMAND...: waits until the command succeeds.
 await() {
     tenths=$(($1 * scale * 10))
     shift
@@ -83,7 +83,7 @@ step_start() {
     [ -n "$short" ] || large=$(c++ -print-prog-name=cc1plus 2>/dev/null) && [ ! -f "${large-}" ] || file=$large
     printf 'name station\nperiod 50\nhash %s\n' "$file" >"$work/config"
     mkfifo "$work/input"
-    # As program() does it, but with the process's own id.
+    # Not by program(), whose process id would be that of timeout(1).
     # shellcheck disable=SC2086
     ZEL_PRELOAD=$modules/libmemory.so \
         $emulator "$build/examples/station/station" "$work/config" <"$work/input" >"$work/log" 2>&1 &
@@ -140,7 +140,7 @@ step_served() {
 
 steerable() { [ -x "$zelctl" ] && [ -z "$emulator" ]; }
 
-# ask WORD...: has zelctl ask the station, and shows the answer.
+# ask WORD...: asks the station through zelctl, and shows the answer.
 ask() {
     echo "    \$ zelctl STATION $*" | sed "s|$modules/|.../|"
     timeout $((30 * scale)) "$zelctl" "$station" "$@" >"$work/answer" 2>&1 ||
@@ -148,7 +148,7 @@ ask() {
     sed "s|$modules/|.../|; s/^/    /" "$work/answer"
 }
 
-answered() { # answered COUNT PATTERN: the last answer held that many such lines at least
+answered() { # answered COUNT PATTERN: fails unless the last answer held at least that many such lines
     said "$1" "$2" "$work/answer" || failed "$1 of '$2' expected, not: $(cat "$work/answer")"
 }
 
@@ -167,7 +167,7 @@ step_look() {
     answered 1 'signals={ '
 }
 
-# How many slices the station's task has had.
+# Prints how many slices the station's task has had.
 slices() {
     timeout $((30 * scale)) "$zelctl" "$station" station >"$work/station" || failed "zelctl ended with $?"
     sed -n 's/.* \([0-9]*\) slices$/\1/p' "$work/station"
@@ -226,7 +226,7 @@ step_modules() {
     ask zel unload "$modules/libhello.so"
     answered 1 'libhello.so: unloaded$'
     ! grep -q libhello.so "/proc/$station/maps" || failed "the module is still there"
-    explain "The word is nobody's now, and so is echoed. The module of ZEL_PRELOAD is still there:"
+    explain "Nobody has the word now, so it is echoed. The module of ZEL_PRELOAD is still there:"
     ask hello visitor
     answered 1 '^1/1 hello visitor$'
     ask memory
@@ -235,7 +235,7 @@ step_modules() {
 
 step_mistakes() {
     steerable || return 0
-    explain "A sub-command that there is not; and a process without zel, which the signal of the channel would end:"
+    explain "A sub-command that does not exist, and a process without zel, which the channel's signal would end:"
     ask zel sing
     answered 1 '^\[zel\] sing: no such command$'
     sleep 60 &
@@ -271,7 +271,7 @@ step_end() {
     echo "    The checksum is what cksum(1) says."
 }
 
-# With what else it may be started: a file, which is always readable, a terminal, or nothing at all.
+# Starts the station with other inputs: a file, which is always readable, a terminal, and none at all.
 step_other_inputs() {
     explain "Standard input may be a file (here 1000 lines), a terminal or missing; \"quit\" or SIGINT ends the station."
     seq 1 999 | sed 's/^/echo /' >"$work/lines"

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Long work that must not hold up the loop: the checksum of a large file, as cksum(1) computes it, a piece in
-// each slice of a task.
+// Long work that must not hold up the loop. Internal to the station. A task computes the checksum of a large
+// file as cksum(1) does, one piece in each slice.
 #ifndef STATION_HASHING_HPP
 #define STATION_HASHING_HPP
 
@@ -22,7 +22,7 @@
 
 namespace station {
 
-// The CRC of POSIX's cksum: most significant bit first, and the length follows the data.
+// The CRC of POSIX's cksum, which takes the most significant bit first and appends the length to the data.
 class Checksum {
 public:
     void add(unsigned char const* data, std::size_t length) {
@@ -61,7 +61,7 @@ private:
     std::uint64_t length_ = 0;
 };
 
-// How far it is. Shared with whoever asks, on any thread and for as long as he does.
+// How far the hashing is. Any thread may ask, for as long as it holds the pointer.
 struct HashProgress {
     std::string const path;
     std::uint64_t const size;
@@ -77,7 +77,8 @@ struct HashProgress {
     }
 };
 
-// Goes through the file again and again, with a pause after each pass; every pass has to find the same.
+// Goes through the file again and again, with a pause after each pass. Each pass has to find the same
+// checksum.
 class FileHash {
 public:
     explicit FileHash(std::string const& path)
@@ -99,7 +100,7 @@ public:
 
 private:
     static constexpr std::size_t piece = 65536;
-    static constexpr unsigned long pauseMs = 100;
+    static constexpr unsigned long pause_ms = 100;
 
     static std::uint64_t size_of(Descriptor const& file) {
         struct stat status = {};
@@ -122,7 +123,7 @@ private:
         } else if (got == 0) {
             finish_pass();
             self->Sleep(); // no slices until the alarm
-            again_.emplace(pauseMs, [self] { self->Continue(); });
+            again_.emplace(pause_ms, [self] { self->Continue(); });
         }
     }
 

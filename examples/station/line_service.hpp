@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The station's TCP service: any number of clients at once, a line of answer for each line of theirs.
+// The station's TCP service. Internal to the station. Any number of clients may connect at once, and each
+// line of theirs gets a line of answer.
 #ifndef STATION_LINE_SERVICE_HPP
 #define STATION_LINE_SERVICE_HPP
 
@@ -22,15 +23,15 @@ struct Traffic {
     unsigned long clients = 0;
     unsigned long cut_off = 0; // hung up in the middle of a line
     unsigned long lines = 0;
-    unsigned long answers = 0;   // handed to the kernel whole
+    unsigned long answers = 0;   // the kernel has taken them whole
     unsigned long dropped = 0;   // their client had gone before
-    unsigned long held_back = 0; // waits for a client to take its answers
+    unsigned long held_back = 0; // how often a client did not take its answers at once
 };
 
-// One client. While it does not take its answers nothing more is read from it, so it cannot fill the memory.
+// One client. While it does not take its answers, nothing more is read from it, so it cannot fill the memory.
 class Connection {
 public:
-    typedef boost::function<std::string(std::string const&)> Interpreter;
+    using Interpreter = boost::function<std::string(std::string const&)>;
 
     // done is called when the client has gone; it may destroy this object.
     Connection(int fd, Traffic& traffic, Interpreter const& answer, boost::function<void()> done)
@@ -42,7 +43,7 @@ public:
     bool pending() const { return !output_.empty(); }
 
 private:
-    // The events to wait for are part of a registration, so another wish is another registration.
+    // The events to wait for are part of the registration, so other events need another registration.
     void watch(short events) {
         receptor_.reset();
         monitor_->events(events);
@@ -116,7 +117,7 @@ public:
           answer_(answer) {
         sockaddr_in address = loopback(0);
         socklen_t length = sizeof address;
-        int const buffer = 65536; // for each client, inherited: what the kernel keeps is memory as well
+        int const buffer = 65536; // for each client, who inherits it: the kernel's buffers are memory as well
         setsockopt(listener_.get(), SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
         auto const generic = reinterpret_cast<sockaddr*>(&address);
         if (bind(listener_.get(), generic, length) != 0 || listen(listener_.get(), SOMAXCONN) != 0 ||
@@ -152,7 +153,8 @@ private:
                 connections_[fd] = std::make_unique<Connection>(fd, traffic_, answer_,
                                                                 [this, fd] { connections_.erase(fd); });
             } else if (errno != EINTR && errno != ECONNABORTED) {
-                // Out of descriptors: the next client stays in the queue and would wake the loop for ever.
+                // Without a free descriptor the next client stays in the queue and would wake the loop for
+                // ever.
                 if (errno != EAGAIN && errno != EWOULDBLOCK)
                     pause();
                 return;

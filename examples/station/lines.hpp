@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // What the station and its client share: a descriptor that closes itself, and a stream cut into lines.
+// Internal to the station.
 #ifndef STATION_LINES_HPP
 #define STATION_LINES_HPP
 
@@ -18,7 +19,7 @@ namespace station {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-// Closes its descriptor. Declare it before the receptor that watches it: the watching ends first then.
+// Closes its descriptor. Declare it before the receptor that watches it, so that the watching ends first.
 class Descriptor {
 public:
     // Takes over what a system call returned; throws its error when that is -1.
@@ -36,7 +37,7 @@ private:
     int const fd_;
 };
 
-// Bytes in, whole lines out.
+// Takes bytes and gives whole lines.
 class LineBuffer {
 public:
     void append(char const* bytes, std::size_t length) { bytes_.append(bytes, length); }
@@ -53,7 +54,7 @@ public:
         return true;
     }
 
-    // What has come of a line that is not complete; true of it after take() has returned false.
+    // The beginning of a line that is not complete. Valid after take() has returned false.
     std::string const& rest() const { return bytes_; }
 
 private:

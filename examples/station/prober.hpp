@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Threads that do what would hold up the loop, and what the station has them measure.
+// Threads that do what would hold up the loop, and what the station has them measure. Internal to the
+// station.
 #ifndef STATION_PROBER_HPP
 #define STATION_PROBER_HPP
 
@@ -44,11 +45,11 @@ inline unsigned long count_sockets() {
 // registers is served by the group's one loop, so the results arrive on the thread that runs the loop.
 class Prober final : private orn::zel::Runnable {
 public:
-    // The thread is there, and has registered itself, when this returns.
-    Prober(unsigned long (*probe)(), int periodMs)
-        : probe_(probe), periodMs_(periodMs), results_(true), orders_(true), thread_(*this) {}
+    // When this returns, the thread is there and has registered itself.
+    Prober(unsigned long (*probe)(), int period_ms)
+        : probe_(probe), period_ms_(period_ms), results_(true), orders_(true), thread_(*this) {}
 
-    // Without stop() before, results may stay unread.
+    // Results may stay unread unless stop() was called before and the loop has drained them.
     ~Prober() override {
         stop();
         if (!drained_)
@@ -58,14 +59,14 @@ public:
 
     void start() { thread_.Start(); }
 
-    // No more probes. The thread stays until the loop has read what it sent.
+    // Ends the probing. The thread stays until the loop has read what it sent.
     void stop() {
         if (!thread_.isStopped())
             thread_.Stop();
     }
     bool drained() const { return drained_; }
 
-    // Once drained. How many probes the thread says that it has made.
+    // Call it once drained. Returns how many probes the thread says that it has made.
     unsigned long join() {
         thread_.Join();
         return static_cast<unsigned long>(thread_.Status().value());
@@ -77,20 +78,20 @@ public:
 private:
     static unsigned long const last = std::numeric_limits<unsigned long>::max();
 
-    // The first phase, in the new thread: registers the results' pipe for it.
+    // The first phase runs in the new thread and registers the results' pipe for it.
     int Init() override {
         receptor_.emplace(results_.ReadFD(), [this](orn::zel::fd::Event*) { receive(); });
         return 0;
     }
 
-    // The second, in the new thread.
+    // The second phase, in the new thread as well.
     int Run() override {
         int sent = 0;
         pollfd orders = {orders_.ReadFD(), POLLIN, 0};
         do {
             report(probe_());
             ++sent;
-        } while (poll(&orders, 1, periodMs_) <= 0);
+        } while (poll(&orders, 1, period_ms_) <= 0);
         report(last);
         char two[2]; // the order that ended the probing, and the one to go
         for (std::size_t got = 0; got < sizeof two;) {
@@ -101,7 +102,7 @@ private:
         return sent;
     }
 
-    // In the thread that calls stop(). 0: the work ends itself and need not be cancelled.
+    // Runs in the thread that calls stop(). Returns 0: the work ends itself and need not be cancelled.
     int Cancel() override {
         order('f');
         return 0;
@@ -112,13 +113,13 @@ private:
             std::terminate(); // a pipe of our own that takes two bytes in all
     }
 
-    // One write, and so whole; it blocks while the loop is behind by a pipe's worth.
+    // Writes the result whole. It blocks while the loop is behind by what a pipe holds.
     void report(unsigned long result) {
         while (write(results_.WriteFD(), &result, sizeof result) == -1 && errno == EINTR) {
         }
     }
 
-    // On the thread that runs the loop.
+    // Runs on the thread that runs the loop.
     void receive() {
         unsigned long result = 0;
         if (read(results_.ReadFD(), &result, sizeof result) != sizeof result)
@@ -133,7 +134,7 @@ private:
     }
 
     unsigned long (*const probe_)();
-    int const periodMs_;
+    int const period_ms_;
     unsigned long received_ = 0, latest_ = 0;
     bool drained_ = false;
     orn::os::Pipe results_, orders_;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What the station listens to besides its clients: the machine that it runs on, and standard input.
+// What the station listens to besides its clients: the machine that it runs on, and standard input. Internal
+// to the station.
 #ifndef STATION_SOURCES_HPP
 #define STATION_SOURCES_HPP
 
@@ -16,11 +17,11 @@
 
 namespace station {
 
-// Looks at the load and the memory of the machine, again and again.
+// Samples the load and the memory of the machine, again and again.
 class Sampler {
 public:
-    void start(unsigned long periodMs) {
-        alarm_.emplace(periodMs, periodMs, [this] { sample(); });
+    void start(unsigned long period_ms) {
+        alarm_.emplace(period_ms, period_ms, [this] { sample(); });
     }
 
     unsigned long samples() const { return samples_; }
@@ -38,7 +39,7 @@ private:
             ++failures_;
     }
 
-    // The first line: ticks spent in each mode, the fourth and the fifth of them idle.
+    // The first line holds the ticks spent in each mode. The fourth and the fifth are idle.
     bool read_stat() {
         std::ifstream stat("/proc/stat");
         std::string word;
@@ -59,9 +60,10 @@ private:
     bool read_meminfo() {
         std::ifstream meminfo("/proc/meminfo");
         for (std::string word; meminfo >> word;
-             meminfo.ignore(std::numeric_limits<std::streamsize>::max(), '\n'))
+             meminfo.ignore(std::numeric_limits<std::streamsize>::max(), '\n')) {
             if (word == "MemAvailable:")
                 return static_cast<bool>(meminfo >> available_kb_);
+        }
         return false;
     }
 
@@ -80,7 +82,8 @@ public:
     unsigned long lines() const { return lines_; }
 
 private:
-    // One read for each event: the descriptor may block, and a terminal's neighbours would block with it.
+    // Reads once for each event, since the descriptor may block. It stays as it is: O_NONBLOCK would hold for
+    // every process at the same terminal.
     void read_from(int fd) {
         char buffer[4096];
         ssize_t const got = read(fd, buffer, sizeof buffer);
@@ -92,8 +95,8 @@ private:
             deliver(line);
         if (got > 0)
             return;
-        // poll() calls a file at its end readable for ever, so whoever does not stop watching it spins. The
-        // handler that runs, this one, stays until it returns.
+        // poll() calls a file at its end readable for ever, so the loop would spin. This handler itself lives
+        // on until it returns.
         receptor_.reset();
         if (!buffer_.rest().empty())
             deliver(buffer_.rest());

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 //
-// A small device daemon on real input, all of it served by one loop: a recurring alarm samples the machine,
-// clients ask questions over TCP, standard input takes the same questions, signals steer it, a task computes
-// a large file's checksum, threads of the group measure what is slow, and other processes may ask "station".
+// A small device daemon on real input, served by one loop. A recurring alarm samples the machine, clients ask
+// questions over TCP, standard input takes the same questions, signals steer it, a task computes a large
+// file's checksum, threads of the group measure what is slow, and other processes may ask "station".
 //
 //     station [CONFIG]      CONFIG holds lines "period MS", "name TEXT" and "hash FILE"
 //
-// SIGHUP reads the configuration again; the file to hash stays. SIGUSR1 prints figures; SIGINT, SIGTERM, and
-// "quit" on standard input, end it. The exit status is 0 when everything that came in was dealt with, 1 when
-// something was lost, 2 when it could not run.
+// SIGHUP reads the configuration again, except the file to hash. SIGUSR1 prints figures. SIGINT, SIGTERM and
+// "quit" on standard input end it. The exit status is 0 when everything that came in was dealt with, 1 when
+// something was lost, and 2 when it could not run.
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -23,7 +23,8 @@
 
 namespace station {
 
-// A socket would take the number of a standard descriptor that the program was started without.
+// Opens the standard descriptors that the program was started without, since a socket would take their
+// numbers.
 void fill_standard_descriptors() {
     int fd = 0;
     while (fd >= 0 && fd <= STDERR_FILENO)
@@ -38,11 +39,11 @@ public:
           service_([this](std::string const& line) { return answer(line); }),
           input_(STDIN_FILENO, [this](std::string const& line) { typed(line); }), hash_(config_.hash),
           processes_(count_processes, 100), sockets_(count_sockets, 70) {
-        sampler_.start(config_.periodMs);
+        sampler_.start(config_.period_ms);
         processes_.start();
         sockets_.start();
-        // Called on the command thread, beside the loop, and perhaps still when the word is taken away: it
-        // keeps what it uses.
+        // The handler runs on the command thread, beside the loop, and perhaps still when the word is taken
+        // away. So it holds what it uses.
         boost::shared_ptr<HashProgress const> const progress = hash_.progress();
         orn::zel::RegisterCommandModule("station", [progress](std::string const&, int fd) {
             orn::zel::cmd::Write(fd, progress->text() + '\n');
@@ -53,8 +54,8 @@ public:
     Station& operator=(Station const&) = delete;
 
     int run() {
-        say() << "pid " << getpid() << ", port " << service_.port() << ", a sample every " << config_.periodMs
-              << " ms" << std::endl;
+        say() << "pid " << getpid() << ", port " << service_.port() << ", a sample every "
+              << config_.period_ms << " ms" << std::endl;
         while (!ending_)
             turn();
         wind_up();
@@ -70,7 +71,7 @@ private:
             fail("poll");
     }
 
-    // Takes nothing new, and goes on until what has been taken is done.
+    // Takes nothing new, and goes on until everything that was taken is done.
     void wind_up() {
         bool late = false;
         orn::zel::Alarm const deadline(1000, [&late] { late = true; });
@@ -103,8 +104,8 @@ private:
     void hang_up() {
         try {
             config_.read(config_path_);
-            sampler_.start(config_.periodMs);
-            say() << "configuration read: a sample every " << config_.periodMs << " ms" << std::endl;
+            sampler_.start(config_.period_ms);
+            say() << "configuration read: a sample every " << config_.period_ms << " ms" << std::endl;
         } catch (std::exception const& error) {
             say() << error.what() << "; going on as before" << std::endl;
         }
@@ -132,13 +133,13 @@ private:
         return text.str();
     }
 
-    // What the thread has sent, as it says itself, and never reached the loop. One that could not be drained
-    // in time is not waited for.
+    // How many results the thread says that it has sent and the loop has not received. A thread that could
+    // not be drained in time is not waited for, and counts as one.
     static unsigned long lost_by(Prober& prober) {
         return prober.drained() ? prober.join() - prober.received() : 1;
     }
 
-    // Whether nothing was lost.
+    // Returns whether nothing was lost.
     bool summary() {
         Traffic const& traffic = service_.traffic();
         unsigned long const lost = (traffic.lines - traffic.answers - traffic.dropped) + lost_by(processes_) +

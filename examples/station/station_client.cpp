@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Clients of the station, all in one loop: each sends numbered lines and checks that every answer comes, in
-// order. One more asks a great deal before it reads the first answer, and one hangs up in the middle of a
+// Clients of the station, all in one loop. Each sends numbered lines and checks that every answer comes, in
+// order. One more asks a great deal before it reads the first answer, and another hangs up in the middle of a
 // line.
 //
 //     station_client PORT CLIENTS SECONDS
@@ -25,11 +25,11 @@ namespace {
 
 class Client {
 public:
-    Client(unsigned short port, std::string const& name, int receiveBuffer)
+    Client(unsigned short port, std::string const& name, int receive_buffer)
         : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"), prefix_(name + '-') {
         sockaddr_in const address = station::loopback(port);
-        if (receiveBuffer > 0)
-            setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+        if (receive_buffer > 0)
+            setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
         if (connect(socket_.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0 ||
             fcntl(socket_.get(), F_SETFL, O_NONBLOCK) != 0)
             station::fail("connect");
@@ -75,7 +75,7 @@ private:
                 throw std::runtime_error("answer " + std::to_string(answered_) + " is \"" + line + '"');
         }
         if (!output_.empty())
-            flush(); // what the station did not take before it was read from
+            flush(); // the station takes more now that its answers have been read
     }
 
     station::Descriptor const socket_;

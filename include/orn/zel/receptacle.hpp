@@ -11,11 +11,11 @@
 //     unsigned long once = 0;
 //     once = list.insert([&](int value) {
 //         std::printf("once: %d\n", value);
-//         list.remove(once); // kept, and done when the dispatch ends
+//         list.remove(once); // noted, and done when the dispatch ends
 //     });
 //     orn::zel::Dispatch(list, 7);
 //     orn::zel::Dispatch(list, 8);
-//     // One that any thread may change needs a mutex which its thread can take again:
+//     // A list that any thread may change needs a mutex that its holder can take again.
 //     orn::zel::HandlerList<int> shared(boost::make_shared<orn::zel::RecursiveThreadMutex>());
 #ifndef ORN_ZEL_RECEPTACLE_HPP
 #define ORN_ZEL_RECEPTACLE_HPP
