@@ -11,6 +11,7 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "cancel.hpp"
+#include "fixedLine.hpp"
 
 // What the thread layer gets. It is not exported, so no function of the application's takes its place, as one
 // that is called threadProc takes the exported one's.
@@ -190,7 +191,7 @@ extern "C" {
 
 void* orn_zel_run_thread(void* ptr) {
     using namespace orn::zel;
-    detail::check(ptr != nullptr, "ptr", "src/Thread", 50);
+    detail::check(ptr != nullptr, "ptr", "src/Thread", detail::line_of_thread_start);
     // A copy: the object may be gone before its thread.
     boost::shared_ptr<Thread::RunData> const data = *static_cast<boost::shared_ptr<Thread::RunData>*>(ptr);
     data->thread_id = thread::self();

@@ -7,6 +7,7 @@
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
+#include "fixedLine.hpp"
 #include "immortal.hpp"
 #include "plainText.hpp"
 #include "threadRegistry.hpp"
@@ -161,7 +162,8 @@ id_t draw_live_id() {
 } // namespace
 
 Manager::Manager() : id_(draw_live_id()), registrations_(0) {
-    Log_SpecEntry(logSpecForceInfo, "src/fd", 174, "%s", "orn::zel::fd::Manager::Manager()");
+    Log_SpecEntry(logSpecForceInfo, "src/fd", detail::line_of_manager_made, "%s",
+                  "orn::zel::fd::Manager::Manager()");
 }
 
 Manager::~Manager() {
@@ -171,7 +173,7 @@ Manager::~Manager() {
 
 void Manager::insert(MonitorImpl* monitor) {
     boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
-    Log_SpecEntry(logSpecForceInfo, "src/fd", 183, "%s: fd=%d, group=%lu",
+    Log_SpecEntry(logSpecForceInfo, "src/fd", detail::line_of_monitor_inserted, "%s: fd=%d, group=%lu",
                   "void orn::zel::fd::Manager::insert(orn::zel::fd::MonitorImpl*)", monitor->fd(),
                   group->id().value());
     {

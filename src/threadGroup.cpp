@@ -10,11 +10,10 @@
 #include <unistd.h>
 
 #include <orn/log.h>
-#include <orn/zel/response.hpp>
 
 #include "cancel.hpp"
-#include "observer.hpp"
-#include "plainText.hpp"
+#include "fixedLine.hpp"
+#include "threadMonitor.hpp"
 #include "threadRegistry.hpp"
 
 namespace orn {
@@ -23,57 +22,12 @@ namespace thread {
 
 namespace {
 
-std::atomic<bool> extendedLogging(false);
-
 // What a pipe holds as the kernel makes it: the most that one turn takes out of the control pipe.
 ssize_t const pipe_capacity = 65536;
-
-// The longest that wait() goes without asking first, in turns: the cost of a miss, one system call, is spread
-// over that many.
-unsigned const longest_ask_pause = 63;
 
 // As it is, negative ones included: observers see what the caller passed.
 int clamp_timeout(long timeoutMs) {
     return static_cast<int>(std::min<long>(std::max<long>(timeoutMs, INT_MIN), INT_MAX));
-}
-
-template <class Member>
-void list_pollset(std::ostream& os, pollfd const* fds, unsigned long nfds, Member member) {
-    for (unsigned long i = 0; i < nfds; ++i)
-        os << fds[i].fd << '/' << fds[i].*member << ' ';
-    os << '}';
-}
-
-void log_pollset(char const* label, pollfd const* fds, unsigned long nfds) {
-    detail::PlainText text;
-    text << "(group=" << GroupId() << ") fd/events/revents={ ";
-    for (unsigned long i = 0; i < nfds; ++i)
-        text << fds[i].fd << '/' << fds[i].events << '/' << fds[i].revents << ' ';
-    text << '}';
-    Log_SpecEntry(logSpecForceInfo, "src/threadGroup", 87, "%s %s\n", label, text.str().c_str());
-}
-
-// poll() with its reports. Asking first tries without waiting; the observers see one call either way.
-int traced_poll(pollfd* fds, unsigned long nfds, int timeoutMs, bool ask_first, bool& answered) {
-    if (extendedLogging)
-        log_pollset("zel_poll IN", fds, nfds);
-    detail::poll_observer.report([&](std::ostream& line) {
-        line << "poll in  group=" << GroupId() << " timeout=" << timeoutMs << " fd/event={ ";
-        list_pollset(line, fds, nfds, &pollfd::events);
-    });
-    int rc = ask_first ? poll(fds, nfds, 0) : 0;
-    answered = rc != 0;
-    if (!answered)
-        rc = poll(fds, nfds, timeoutMs);
-    int const error = errno;
-    detail::poll_observer.report([&](std::ostream& line) {
-        line << "poll out group=" << GroupId() << " status=" << rc << " fd/revent={ ";
-        list_pollset(line, fds, nfds, &pollfd::revents);
-    });
-    if (extendedLogging)
-        log_pollset("zel_poll OUT", fds, nfds);
-    errno = error;
-    return rc;
 }
 
 // A poll set entry's way to its manager: small enough that boost::function keeps it without an allocation.
@@ -102,10 +56,10 @@ private:
 
 Group::Group()
     : id_(detail::draw_id()), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
-      runner_depth_(0), rebuilds_(0), polls_(0), undispatched_(0), membership_(0), built_membership_(0),
-      ask_again_(0), ask_pause_(0) {
-    Log_SpecEntry(logSpecForceInfo, "src/threadGroup", 345, "%s: group %lu: ctrl pipe rd fd=%d",
-                  "orn::zel::thread::Group::Group()", id_.value(), ctrl_.ReadFD());
+      runner_depth_(0), rebuilds_(0), polls_(0), undispatched_(0), membership_(0), built_membership_(0) {
+    Log_SpecEntry(logSpecForceInfo, "src/threadGroup", detail::line_of_group_made,
+                  "%s: group %lu: ctrl pipe rd fd=%d", "orn::zel::thread::Group::Group()", id_.value(),
+                  ctrl_.ReadFD());
     AutoLock const guard(mutex_);
     threads_.insert(creator_);
 }
@@ -224,7 +178,7 @@ void Group::StartRunning(int tid) {
     else if (holder == tid)
         runner_depth_.store(runner_depth_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     detail::check(runner_depth_.load(std::memory_order_relaxed) < 100, "runnerDepth < 100", "src/threadGroup",
-                  789);
+                  detail::line_of_runner_depth);
 }
 
 void Group::EndRunning(int tid) {
@@ -306,7 +260,7 @@ Group::DispatchInfo const& Group::dispatch_info(pollfd const& pfd) const {
         return *order_[static_cast<std::size_t>(&pfd - begin)];
     std::map<int, DispatchInfo>::const_iterator const it = dispatchset_.find(pfd.fd);
     detail::check(it != dispatchset_.end(), "dispatchset.find(pfd.fd) != dispatchset.end()",
-                  "src/threadGroup", 663);
+                  "src/threadGroup", detail::line_of_missing_entry);
     return it->second;
 }
 
@@ -322,9 +276,7 @@ void Group::dispatch(pollfd& pfd) {
     pollfd result = pfd;
     pfd.revents = 0; // first, so that a nested turn does not dispatch it again
     if (info.tid != 0 && left_group(info.tid)) {
-        detail::poll_observer.report([&](std::ostream& line) {
-            line << "fd=" << result.fd << " from tid=" << info.tid << ": fdMgr no longer in group";
-        });
+        report_left(result.fd, info.tid);
         bump();
         return;
     }
@@ -363,8 +315,8 @@ void Group::leftovers() {
     if (undispatched_ == 0)
         return;
     dispatch_pollset(pollset_, pollset_.size(), static_cast<int>(pollset_.size()));
-    // A nested turn of one of those handlers may have left results again, at places that this has passed.
-    // They are dropped: the next poll tells what is still true of them. A poll of a combined set would not
+    // A nested turn of one of those handlers may have left results again, at places that this loop has
+    // passed. Drop them: the next poll tells what is still true of them. A poll of a combined set would not
     // clear them, and they would be dispatched a second time.
     for (pollfd& entry : pollset_)
         entry.revents = 0;
@@ -376,67 +328,54 @@ void Group::rebuild() {
         setup_pollset();
 }
 
-// While turns keep finding work, poll() is asked first without waiting, which costs a fraction for every idle
-// descriptor. A miss is paid for with pauses that double, so that a loop which mostly waits is not slowed
-// down.
-int Group::wait(std::vector<pollfd>& set, long timeoutMs) {
-    bool ask_first = timeoutMs != 0;
-    if (ask_first && ask_again_ > 0) {
-        --ask_again_;
-        ask_first = false;
-    }
-    bool answered = false;
+int Group::poll_set(std::vector<pollfd>& set, int timeoutMs) {
     ++polls_;
-    int const rc = traced_poll(set.data(), set.size(), clamp_timeout(timeoutMs), ask_first, answered);
-    if (ask_first) {
-        ask_pause_ = answered ? 0 : std::min(2 * ask_pause_ + 1, longest_ask_pause);
-        ask_again_ = ask_pause_;
+    report_poll_in(set.data(), set.size(), timeoutMs);
+    int ready = 0;
+    if (timeoutMs != 0 && probe_.due()) {
+        ready = poll(set.data(), set.size(), 0);
+        if (ready != 0)
+            probe_.hit();
+        else
+            probe_.missed();
     }
-    return rc;
+    if (ready == 0)
+        ready = poll(set.data(), set.size(), timeoutMs);
+    report_poll_out(set.data(), set.size(), ready);
+    return ready;
 }
 
 int Group::RunOnce(long timeoutMs) {
-    RunReservation const reservation(*this);
+    int const timeout = clamp_timeout(timeoutMs);
+    RunReservation const reservation(*this); // 1. reserve; its destructor is 6. release
     if (!IsRunner(reservation.tid()))
-        return zel_poll(nullptr, 0, clamp_timeout(timeoutMs));
-    leftovers();
-    rebuild();
-    int const rc = wait(pollset_, timeoutMs);
-    if (rc > 0) {
-        undispatched_ = rc;
-        dispatch_pollset(pollset_, pollset_.size(), rc);
+        return zel_poll(nullptr, 0, timeout);
+    leftovers();                                   // 2.
+    rebuild();                                     // 3.
+    int const ready = poll_set(pollset_, timeout); // 4.
+    if (ready > 0) {                               // 5. dispatch
+        undispatched_ = ready;
+        dispatch_pollset(pollset_, pollset_.size(), ready);
     }
-    return rc;
+    return ready;
 }
 
 int Group::RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs) {
+    int const timeout = clamp_timeout(timeoutMs);
     RunReservation const reservation(*this);
-    if (extendedLogging)
-        log_pollset("RunFdSet in set", fds, nfds);
+    log_pollset("RunFdSet in set", fds, nfds);
     if (!IsRunner(reservation.tid()))
-        return zel_poll(fds, nfds, clamp_timeout(timeoutMs));
+        return zel_poll(fds, nfds, timeout);
     leftovers();
     rebuild();
-
     std::vector<pollfd> combined;
     unsigned long base = setup_pollset(fds, nfds, combined);
     unsigned long built = rebuilds_;
-    int rc;
-    for (;;) {
-        rc = wait(combined, timeoutMs);
-        if (rc <= 0)
-            break;
-        unsigned long const polled = polls_;
-        int left = dispatch_pollset(combined, base, rc);
-        if (polls_ != polled) {
-            // Nested turns: an exception that a handler has caught may have left results of theirs, which
-            // must not outlast the next poll of this set; and they may have served what the caller waits for,
-            // too.
-            leftovers();
-            left = left > 0 ? poll(combined.data() + base, nfds, 0) : 0;
-        }
+    int ready;
+    while ((ready = poll_set(combined, timeout)) > 0) {
+        int const left = dispatch_combined(combined, base, ready);
         if (left > 0) {
-            rc = left;
+            ready = left;
             break;
         }
         rebuild();
@@ -446,68 +385,25 @@ int Group::RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs)
         }
     }
     std::copy(combined.begin() + static_cast<std::ptrdiff_t>(base), combined.end(), fds);
-    return rc;
+    return ready;
+}
+
+int Group::dispatch_combined(std::vector<pollfd>& combined, unsigned long base, int ready) {
+    unsigned long const polled = polls_;
+    int const left = dispatch_pollset(combined, base, ready);
+    if (polls_ == polled)
+        return left;
+    // A handler has run nested turns. When it has caught an exception, results of those turns may be left;
+    // they must not outlast the next poll of this set. And the turns may have served what the caller waits
+    // for.
+    leftovers();
+    return left > 0 ? poll(combined.data() + base, combined.size() - base, 0) : 0;
 }
 
 short Group::RunUntilEventOnFd(int fd, short events, long timeoutMs) {
     pollfd entry = {fd, events, 0};
     RunUntilEventOnFdSet(&entry, 1, timeoutMs);
     return entry.revents;
-}
-
-int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs) {
-    bool answered;
-    return traced_poll(fds, nfds, timeoutMs, false, answered);
-}
-
-// ---- Observation ----------------------------------------------------------------------------------------
-
-void MonitorThread(std::string const&, int fd) {
-    detail::thread_observer.watch(fd);
-}
-
-void UnmonitorThread(std::string const&, int) {
-    detail::thread_observer.unwatch();
-}
-
-void MonitorPoll(std::string const&, int fd) {
-    detail::poll_observer.watch(fd);
-}
-
-void UnmonitorPoll(std::string const&, int) {
-    detail::poll_observer.unwatch();
-}
-
-void enableExtendedLogging() {
-    extendedLogging = true;
-}
-
-void display_thread_op(std::string const& op) {
-    detail::thread_observer.report([&](std::ostream& line) { line << "thread " << op; });
-}
-
-void display_dispatch(pollfd& pfd) {
-    detail::poll_observer.report(
-        [&](std::ostream& line) { line << "dispatching fd=" << pfd.fd << " revents=" << pfd.revents; });
-}
-
-void ListThreads(std::string const&, int) {
-    detail::PlainText text;
-    text << "Threads:\n";
-    for (Registry::Entry const& entry : Registry::entries()) {
-        text << "thread: " << entry.tid << " group=";
-        if (entry.group)
-            text << entry.group->id();
-        else
-            text << "none";
-        text << " fdMgr=";
-        if (entry.fd_manager)
-            text << entry.fd_manager->id();
-        else
-            text << "none";
-        text << '\n';
-    }
-    detail::poll_observer.write(text.str());
 }
 
 } // namespace thread

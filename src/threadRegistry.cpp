@@ -13,6 +13,7 @@
 
 #include <orn/zel/threadGroup.hpp>
 
+#include "fixedLine.hpp"
 #include "fork.hpp"
 #include "immortal.hpp"
 #include "shutdown.hpp"
@@ -162,7 +163,7 @@ boost::shared_ptr<fd::Manager> Registry::find_or_make_fd_manager(Locate locate) 
 
 template <class Locate>
 void Registry::move_to(Locate locate, boost::shared_ptr<Group> const& group) {
-    detail::check(group.get() != nullptr, "group", "src/threadGroup", 140);
+    detail::check(group.get() != nullptr, "group", "src/threadGroup", detail::line_of_missing_group);
     boost::shared_ptr<Group> left;
     {
         AutoLock const guard(lock());

@@ -40,6 +40,7 @@
 #ifndef ORN_ZEL_THREADGROUP_HPP
 #define ORN_ZEL_THREADGROUP_HPP
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <set>
@@ -126,6 +127,32 @@ private:
     boost::shared_ptr<fd::Manager> fd_manager_; // released before the group
 };
 
+// Decides when a turn asks poll() without waiting before it waits. An answer that is there at once costs a
+// fraction of a wait for every idle descriptor, so a loop asks as long as it finds work. A miss costs a
+// system call for nothing: the loop then pauses for a number of turns that doubles with each miss, so that
+// one which mostly waits is not slowed down.
+class PollProbe {
+public:
+    PollProbe() : pause_(0), turns_left_(0) {}
+
+    // Once in each turn that may wait: whether to ask in this one. If so, say what came of it.
+    bool due() {
+        if (turns_left_ == 0)
+            return true;
+        --turns_left_;
+        return false;
+    }
+    void hit() { pause_ = 0; }
+    void missed() {
+        pause_ = std::min(2 * pause_ + 1, 63U);
+        turns_left_ = pause_;
+    }
+
+private:
+    unsigned pause_;      // in turns, after the latest miss
+    unsigned turns_left_; // of it
+};
+
 // One poll loop, shared by the threads that are its members. Lock() and Unlock() are its mutex, which guards
 // the member set and is taken before any fd manager's lock.
 class ORN_API ZEL_CAPABILITY("mutex") Group : public basic_ProcessUnique<unsigned long>, public Lockable {
@@ -186,7 +213,8 @@ private:
     bool left_group(int tid) const;
     void leftovers();
     void rebuild();
-    int wait(std::vector<pollfd>& set, long timeoutMs);
+    int poll_set(std::vector<pollfd>& set, int timeoutMs);
+    int dispatch_combined(std::vector<pollfd>& combined, unsigned long base, int ready);
 
     // insert(), for a thread that may have descriptors already.
     void admit(int tid, bool watches);
@@ -212,8 +240,7 @@ private:
     int undispatched_;
     std::atomic<unsigned long> membership_; // counts insert() and erase()
     unsigned long built_membership_;
-    unsigned ask_again_; // turns until wait() asks first again
-    unsigned ask_pause_; // how many it waits after the next miss
+    PollProbe probe_;
 };
 
 // Holds the runner role for a scope, if it is to be had.
