@@ -30,19 +30,16 @@ int clamp_timeout(long timeoutMs) {
     return static_cast<int>(std::min<long>(std::max<long>(timeoutMs, INT_MIN), INT_MAX));
 }
 
-// A poll set entry's way to its manager: small enough that boost::function keeps it without an allocation.
+// Delivers a poll result to the fd manager that registered the descriptor. Clears the result when the
+// registration has been withdrawn. Small enough that boost::function keeps it without an allocation.
 class Delivery {
 public:
     Delivery(boost::shared_ptr<fd::Manager> const& manager, unsigned long registration)
         : manager_(manager), registration_(registration) {}
 
     void operator()(pollfd& p) const {
-        if (!manager_->dispatch(p, registration_)) {
-            // Withdrawn by a thread of another group, whose own set was rebuilt instead: rebuild ours.
-            boost::shared_ptr<Group> const group = Registry::group_if_any();
-            if (group)
-                group->outdate();
-        }
+        if (!manager_->dispatch(p, registration_))
+            p.revents = 0;
     }
 
 private:
@@ -56,7 +53,7 @@ private:
 
 Group::Group()
     : id_(detail::draw_id()), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
-      runner_depth_(0), rebuilds_(0), polls_(0), undispatched_(0), membership_(0), built_membership_(0) {
+      runner_depth_(0), membership_(0), rebuilds_(0), polls_(0), undispatched_(0), built_membership_(0) {
     Log_SpecEntry(logSpecForceInfo, "src/threadGroup", detail::line_of_group_made,
                   "%s: group %lu: ctrl pipe rd fd=%d", "orn::zel::thread::Group::Group()", id_.value(),
                   ctrl_.ReadFD());
@@ -66,11 +63,11 @@ Group::Group()
 
 Group::~Group() = default;
 
-void Group::Lock() ZEL_NO_ANALYSIS {
+void Group::Lock() {
     mutex_.Lock();
 }
 
-void Group::Unlock() ZEL_NO_ANALYSIS {
+void Group::Unlock() {
     mutex_.Unlock();
 }
 
@@ -281,11 +278,16 @@ void Group::dispatch(pollfd& pfd) {
         return;
     }
     display_dispatch(result);
-    // A copy, since a nested turn may rebuild the set, and so destroy the entry, before the handler returns.
+    // A copy, because a nested turn may rebuild the set, and so destroy the entry, before the handler
+    // returns.
     boost::function<void(pollfd&)> const handler = info.handler;
     // No lock is held here: the handler may run a nested turn, change any registration or leave the group.
     if (handler)
         handler(result);
+    // Withdrawn, but the set that was rebuilt for it is not this one: the thread that did it is in another
+    // group.
+    if (result.revents == 0)
+        outdate();
 }
 
 int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count) {
@@ -422,6 +424,16 @@ short RunUntilEventOnFd(int fd, short events, long timeoutMs) {
 
 void Exit() {
     thread::ThisGroup()->WakeUp('x');
+}
+
+void NewThreadGroup() {
+    // Made before the old group is left, so that a failure changes nothing.
+    boost::shared_ptr<thread::Group> const made(new thread::Group);
+    thread::Registry::associate(thread::Registry::claim(), made);
+}
+
+id_t GroupId() {
+    return thread::ThisGroup()->id().value();
 }
 
 } // namespace zel
