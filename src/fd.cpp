@@ -179,7 +179,9 @@ void Manager::insert(MonitorImpl* monitor) {
     {
         AutoLock const guard(monitors_);
         monitors_.entries()[monitor->fd()] = monitor;
-        monitor->registration_ = ++registrations_;
+        if (++registrations_ == any_registration) // wrapped
+            ++registrations_;
+        monitor->registration_ = registrations_;
     }
     bump();
 }
@@ -194,14 +196,10 @@ void Manager::remove(MonitorImpl* monitor) {
 }
 
 void Manager::dispatch(pollfd p) {
-    deliver(p, 0, true);
+    dispatch(p, any_registration);
 }
 
 bool Manager::dispatch(pollfd const& p, unsigned long registration) {
-    return deliver(p, registration, false);
-}
-
-bool Manager::deliver(pollfd const& p, unsigned long registration, bool any) {
     short const errors = static_cast<short>(p.revents & (POLLERR | POLLNVAL));
     MonitorImpl* monitor = nullptr;
     MonitorImpl::held_handler handler;
@@ -211,16 +209,17 @@ bool Manager::deliver(pollfd const& p, unsigned long registration, bool any) {
         if (it == monitors_.entries().end() || !it->second)
             return false;
         monitor = it->second;
-        if (!any && monitor->registration_ != registration)
+        if (registration != any_registration && monitor->registration_ != registration)
             return false;
         if (errors != 0)
             monitor->expired(errors);
         handler = monitor->receptacle_.handler();
     }
     if (errors != 0)
-        bump(); // else the set that still holds the descriptor would spin on it
+        bump(); // the poll set still has the descriptor, and the loop would spin on it
     if (handler) {
-        // From here on the monitor may be gone: the handler may destroy it, and so may another member thread.
+        // No lock is held here. The monitor may go at any time from now on: its handler may destroy it, and
+        // so may another member.
         EventImpl event(monitor, p.fd, p.revents);
         (*handler)(&event);
     }

@@ -236,7 +236,8 @@ public:
     void dispatch(pollfd p);
 
     // The same for a poll set that was built while the given registration stood: a result that was meant for
-    // an earlier registration of the same descriptor number is dropped. False when there was nobody to call.
+    // an earlier registration of the same descriptor number is dropped. Returns false when the registration
+    // has been withdrawn.
     bool dispatch(pollfd const& p, unsigned long registration);
 
     unsigned long size();
@@ -255,7 +256,7 @@ public:
 private:
     friend class MonitorImpl;
 
-    bool deliver(pollfd const& p, unsigned long registration, bool any);
+    static unsigned long const any_registration = 0;
 
     basic_Id<unsigned long> id_;
     MonitorMap monitors_;
