@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The group's poll loop and what can be observed of it. The records of threads are in threadRegistry.cpp.
+// The poll loop of a group: its members, the runner role, the poll set, dispatching, and the turn. The
+// reports that it makes are in threadMonitor.cpp, the records of threads in threadRegistry.cpp.
 #include <orn/zel/threadGroup.hpp>
 
 #include <algorithm>
@@ -22,10 +23,10 @@ namespace thread {
 
 namespace {
 
-// What a pipe holds as the kernel makes it: the most that one turn takes out of the control pipe.
+// The most that one turn takes out of the control pipe: what a pipe holds as the kernel makes it.
 ssize_t const pipe_capacity = 65536;
 
-// As it is, negative ones included: observers see what the caller passed.
+// Keeps negative values as they are, because observers see what the caller passed.
 int clamp_timeout(long timeoutMs) {
     return static_cast<int>(std::min<long>(std::max<long>(timeoutMs, INT_MIN), INT_MAX));
 }
@@ -94,8 +95,8 @@ void Group::admit(int tid, bool watches) {
         AutoLock const guard(mutex_);
         threads_.insert(tid);
         ++membership_;
-        // In the same step: a set that the runner builds in between would be without the new member, and
-        // taken for the latest.
+        // In the same step. A set that the runner builds in between would lack the new member's descriptors,
+        // and still be taken for the latest.
         if (watches)
             advance_version();
     }
@@ -118,7 +119,7 @@ void Group::outdate() {
 
 void Group::advance_version() {
     unsigned long const version = poll_version_ + 1;
-    if (version < built_version_) { // wrapped
+    if (version < built_version_) { // the counter has wrapped
         built_version_ = 0;
         poll_version_ = 1;
     } else {
@@ -136,17 +137,16 @@ bool Group::bumped() const {
 }
 
 void Group::WakeUp(char c) {
-    detail::CancelShield const shield; // registrations end in destructors
-    // A full pipe loses the byte; the ones that are in it wake the loop all the same.
+    detail::CancelShield const shield; // write() is a cancellation point, and destructors come here
+    // A full pipe loses the byte, but those that are in it wake the loop just as well.
     orn_zel_thread_group_write(ctrl_.WriteFD(), &c, 1);
 }
 
 void Group::ctrl_eater(pollfd pfd) {
     if (!(pfd.revents & POLLIN))
         return;
-    // Bounded, because members that wake the loop all the time would fill the pipe as fast as it is read and
-    // hold the runner here. What is left, or comes after a read that has emptied the pipe, wakes the next
-    // turn.
+    // Bounded, because members that wake the loop all the time could fill the pipe as fast as it is read, and
+    // hold the runner here. What is left wakes the next turn.
     char block[4096];
     ssize_t const size = sizeof block;
     for (ssize_t taken = 0; taken < pipe_capacity; taken += size) {
@@ -167,8 +167,8 @@ void Group::display() {
 // ---- The runner role ------------------------------------------------------------------------------------
 
 void Group::StartRunning(int tid) {
-    // A turn must not cost two system-wide locked operations for this: the role itself is the lock. Only its
-    // holder touches the depth.
+    // runner_ doubles as the lock, which saves taking mutex_ twice in each turn. Only the thread named in it
+    // writes runner_depth_.
     int holder = 0;
     if (runner_.compare_exchange_strong(holder, tid, std::memory_order_acquire))
         runner_depth_.store(1, std::memory_order_relaxed);
@@ -234,7 +234,7 @@ unsigned long Group::setup_pollset(pollfd* fds, unsigned long nfds, std::vector<
     out.clear();
     out.reserve(pollset_.size() + nfds);
     for (pollfd& entry : pollset_) {
-        // A descriptor that the caller waits for is the caller's for this wait.
+        // A descriptor that the caller waits for is left to the caller.
         if (!isInPollset(entry, fds, nfds))
             out.push_back(entry);
     }
@@ -250,7 +250,7 @@ bool isInPollset(pollfd& pfd, pollfd* fds, unsigned long nfds) {
 // ---- Dispatching ----------------------------------------------------------------------------------------
 
 Group::DispatchInfo const& Group::dispatch_info(pollfd const& pfd) const {
-    // Mostly an entry of the group's own set, where its position says more quickly than a search what it is.
+    // An entry of the group's own set, which is the usual case, is found by its position without a search.
     std::less<pollfd const*> const before;
     pollfd const* const begin = pollset_.data();
     if (!before(&pfd, begin) && before(&pfd, begin + pollset_.size()))
@@ -271,7 +271,7 @@ bool Group::left_group(int tid) const {
 void Group::dispatch(pollfd& pfd) {
     DispatchInfo const& info = dispatch_info(pfd);
     pollfd result = pfd;
-    pfd.revents = 0; // first, so that a nested turn does not dispatch it again
+    pfd.revents = 0; // before the call, so that a nested turn does not dispatch it again
     if (info.tid != 0 && left_group(info.tid)) {
         report_left(result.fd, info.tid);
         bump();
@@ -284,8 +284,7 @@ void Group::dispatch(pollfd& pfd) {
     // No lock is held here: the handler may run a nested turn, change any registration or leave the group.
     if (handler)
         handler(result);
-    // Withdrawn, but the set that was rebuilt for it is not this one: the thread that did it is in another
-    // group.
+    // The registration was withdrawn by a thread of another group, whose set was rebuilt instead of this one.
     if (result.revents == 0)
         outdate();
 }
@@ -303,8 +302,8 @@ int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count
         } else if (polls_ == polled) {
             dispatch(set[i]);
         } else {
-            // A nested turn has polled the group's own set and may have served this descriptor, or rebuilt
-            // the set without it: the next poll tells again what is still true of this result.
+            // A nested turn has polled the group's own set. It may have served this descriptor, or rebuilt
+            // the set without it, so drop the result: the next poll tells what is still true of it.
             set[i].revents = 0;
         }
     }
@@ -347,6 +346,7 @@ int Group::poll_set(std::vector<pollfd>& set, int timeoutMs) {
     return ready;
 }
 
+// The numbers are those of the steps in threadGroup.hpp.
 int Group::RunOnce(long timeoutMs) {
     int const timeout = clamp_timeout(timeoutMs);
     RunReservation const reservation(*this); // 1. reserve; its destructor is 6. release
@@ -381,7 +381,7 @@ int Group::RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs)
             break;
         }
         rebuild();
-        if (built != rebuilds_) { // here, or by a nested turn
+        if (built != rebuilds_) { // by this turn, or by a nested one
             base = setup_pollset(fds, nfds, combined);
             built = rebuilds_;
         }
@@ -395,9 +395,8 @@ int Group::dispatch_combined(std::vector<pollfd>& combined, unsigned long base, 
     int const left = dispatch_pollset(combined, base, ready);
     if (polls_ == polled)
         return left;
-    // A handler has run nested turns. When it has caught an exception, results of those turns may be left;
-    // they must not outlast the next poll of this set. And the turns may have served what the caller waits
-    // for.
+    // A handler has run nested turns. If it caught an exception, results of those turns may be left, which
+    // must not outlast the next poll of this set. The turns may also have served what the caller waits for.
     leftovers();
     return left > 0 ? poll(combined.data() + base, combined.size() - base, 0) : 0;
 }

@@ -27,7 +27,7 @@ struct RegistryLock;
 
 StaticStuff* the_stuff ZEL_GUARDED_BY(Registry::lock()) = nullptr;
 
-// ---- Ends of threads that were not made through the thread layer
+// ---- The end of a thread that was not made through the thread layer -------------------------------------
 
 // The thread-specific key whose destructor drops the record. Its value is the thread's id, so that a child of
 // fork(), whose thread has another id, does not take its parent's claim for its own. Lives as long as the
@@ -112,8 +112,8 @@ void Registry::load() {
 void Registry::unload() {
     if (detail::Shutdown::keeps())
         return;
-    std::unique_ptr<StaticStuff>
-        doomed; // destroyed on return: the groups in it must not be called under the lock
+    // Destroyed on return, when the lock is released: it holds groups and managers.
+    std::unique_ptr<StaticStuff> doomed;
     int key;
     {
         AutoLock const guard(lock());

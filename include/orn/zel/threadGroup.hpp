@@ -93,10 +93,10 @@ ORN_API id_t GroupId();
 
 namespace thread {
 
-// Decides when a turn asks poll() without waiting before it waits. An answer that is there at once costs a
-// fraction of a wait for every idle descriptor, so a loop asks as long as it finds work. A miss costs a
-// system call for nothing: the loop then pauses for a number of turns that doubles with each miss, so that
-// one which mostly waits is not slowed down.
+// Decides when a turn asks poll() without waiting before it waits. Asking costs a fraction of waiting for
+// every idle descriptor, so a loop asks as long as it finds work. A miss costs a system call for nothing, so
+// the loop then does not ask for a number of turns that doubles with each miss: one that mostly waits is not
+// slowed down.
 class PollProbe {
 public:
     PollProbe() : pause_(0), turns_left_(0) {}
@@ -115,8 +115,8 @@ public:
     }
 
 private:
-    unsigned pause_;      // in turns, after the latest miss
-    unsigned turns_left_; // of it
+    unsigned pause_;      // turns without asking after the latest miss
+    unsigned turns_left_; // of that pause
 };
 
 // One poll loop, shared by the threads that are its members. Lock() and Unlock() are its mutex, which guards
