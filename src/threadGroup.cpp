@@ -296,10 +296,9 @@ int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count
         if (set[i].revents == 0)
             continue;
         --count;
-        if (own) {
+        if (own)
             --undispatched_;
-            dispatch(set[i]);
-        } else if (polls_ == polled) {
+        if (own || polls_ == polled) {
             dispatch(set[i]);
         } else {
             // A nested turn has polled the group's own set. It may have served this descriptor, or rebuilt

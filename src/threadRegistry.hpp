@@ -19,8 +19,8 @@ namespace thread {
 
 class Registry {
 public:
-    // A leaf: nothing is called with it held. Guards the pointer to the one StaticStuff, its map and every
-    // record in the map.
+    // Guards the pointer to the one StaticStuff, its map and every record in the map. Nothing is called with
+    // it held but the thread layer, to register the hooks.
     static ThreadMutex& lock();
 
     static void load();

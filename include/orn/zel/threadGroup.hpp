@@ -186,19 +186,24 @@ public:
     void display();
 
 private:
-    void add_monitors(int tid, boost::shared_ptr<fd::Manager> const& manager);
-    void add_entry(int fd, DispatchInfo const& info);
-    DispatchInfo const& dispatch_info(pollfd const& pfd) const;
-    bool left_group(int tid) const;
-    void leftovers();
-    void rebuild();
-    int poll_set(std::vector<pollfd>& set, int timeoutMs);
-    int dispatch_combined(std::vector<pollfd>& combined, unsigned long base, int ready);
+    friend class Registry;
 
     // insert(), for a thread that may have descriptors already.
     void admit(int tid, bool watches);
     void advance_version() ZEL_REQUIRES(mutex_);
-    friend class Registry;
+
+    // Steps of a turn.
+    void leftovers();
+    void rebuild();
+    int poll_set(std::vector<pollfd>& set, int timeoutMs);
+    // Serves the group's entries of a combined set, which are those before base. Returns how many of the
+    // caller's are ready.
+    int dispatch_combined(std::vector<pollfd>& combined, unsigned long base, int ready);
+
+    void add_monitors(int tid, boost::shared_ptr<fd::Manager> const& manager);
+    void add_entry(int fd, DispatchInfo const& info);
+    DispatchInfo const& dispatch_info(pollfd const& pfd) const;
+    bool left_group(int tid) const;
 
     basic_Id<unsigned long> id_;
     int const creator_;
@@ -215,10 +220,10 @@ private:
 
     // The rest is the runner's.
     std::vector<DispatchInfo const*> order_; // by position in pollset_: what dispatchset_ has for it
-    unsigned long rebuilds_;
-    unsigned long polls_;
-    int undispatched_; // results in pollset_ that the latest poll brought and nobody has dispatched
-    unsigned long built_membership_;
+    unsigned long rebuilds_; // counts them, so that a turn can tell what nested ones have done
+    unsigned long polls_;    // the same
+    int undispatched_;       // results in pollset_ that the latest poll brought and nobody has dispatched
+    unsigned long built_membership_; // membership_ when the set was built
     PollProbe probe_;
 };
 
