@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// The thread object: what its thread runs, and how both of them agree on the start and the end.
 #include <orn/zel/Thread.hpp>
 
 #include <cstdint>
@@ -11,9 +13,10 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "cancel.hpp"
+#include "fixedLine.hpp"
 
-// What the thread layer gets. It is not exported, so no function of the application's takes its place, as one
-// that is called threadProc takes the exported one's.
+// What the thread layer is told to run. threadProc is the same function, but exported: a function of the
+// application's with that name would take its place.
 extern "C" void* orn_zel_run_thread(void* ptr);
 
 namespace orn {
@@ -23,7 +26,8 @@ namespace {
 
 unsigned const poll_microseconds = 5;
 
-// However the thread ends: by returning, by leaving in the middle of Init() or Run(), or cancelled.
+// Tells that the thread ends, however it does: it returns, leaves in the middle of Init() or Run(), or is
+// cancelled.
 class Ending {
 public:
     explicit Ending(Thread::RunData& data) : data_(data) {}
@@ -43,7 +47,7 @@ int run(Thread::RunData& data) {
     data.runnable->Init();
     data.initialized = true;
     {
-        // Cancelled by Stop() right after Start(), the thread has its work begin and ends there.
+        // A thread that Stop() cancels right after Start() must begin its work, and end in there.
         detail::CancelShield const shield;
         while (!data.start && !data.stop)
             usleep(poll_microseconds);
@@ -109,12 +113,12 @@ Thread::Thread(boost::function<int()> run)
       }()) {}
 
 Thread::~Thread() {
-    // Detached before Start(), the thread is waiting for a call that nobody can make any more.
+    // A thread that was detached before Start() would wait for a call that nobody can make any more.
     if (detached_)
         run_data_->stop = true;
     if (stopped_ || detached_)
         return;
-    // Waiting for a thread is a cancellation point, and a destructor cannot let the unwinding out.
+    // Joining is a cancellation point, and an unwinding that leaves a destructor ends the process.
     detail::CancelShield const shield;
     Thread::Stop();
     Thread::Join();
@@ -123,7 +127,7 @@ Thread::~Thread() {
 void Thread::InitializeThread() {
     if (!runnable_)
         return;
-    // Cancelled in here, the object would be taken from under its thread.
+    // A cancellation in here would destroy the object while its thread uses it.
     detail::CancelShield const shield;
     int const error = orn_zel_pthread_create(&handle_, nullptr, orn_zel_run_thread, &run_data_);
     if (error != 0)
@@ -142,7 +146,7 @@ void Thread::Stop() {
         if (!run_data_->start) {
             run_data_->stop = true;
         } else if (runnable_ && !stopped_ && runnable_->Cancel() != 0) {
-            // The lock keeps a detached thread, whose handle dies with it, from ending right now.
+            // The handle of a detached thread dies with it. The lock keeps the thread from ending right now.
             AutoLock const guard(run_data_->mutex);
             if (!detached_ || !run_data_->ended)
                 orn_zel_pthread_cancel(handle_);
@@ -190,14 +194,14 @@ extern "C" {
 
 void* orn_zel_run_thread(void* ptr) {
     using namespace orn::zel;
-    detail::check(ptr != nullptr, "ptr", "src/Thread", 50);
+    detail::check(ptr != nullptr, "ptr", "src/Thread", detail::line_of_thread_start);
     // A copy: the object may be gone before its thread.
     boost::shared_ptr<Thread::RunData> const data = *static_cast<boost::shared_ptr<Thread::RunData>*>(ptr);
     data->thread_id = thread::self();
     Ending const ending(*data);
     void* const result = reinterpret_cast<void*>(static_cast<std::intptr_t>(run(*data)));
     orn_zel_pthread_exit(result);
-    return result; // for a replacement that comes back
+    return result; // a host's own exit function may return
 }
 
 void* threadProc(void* ptr) __attribute__((alias("orn_zel_run_thread")));

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// Locks, the identifier counter, the splitter and the end of a failed assertion.
 #include <orn/zel/core.hpp>
 
 #include <algorithm>
@@ -36,6 +38,7 @@ ThreadMutex::~ThreadMutex() {
     o_pthread_mutex_destroy(&mutex_);
 }
 
+// The analysis does not know the platform's mutex.
 void ThreadMutex::Lock() ZEL_NO_ANALYSIS {
     o_pthread_mutex_lock(&mutex_);
 }
@@ -48,6 +51,7 @@ RecursiveThreadMutex::RecursiveThreadMutex() : RecursiveThreadMutex(own_) {}
 RecursiveThreadMutex::RecursiveThreadMutex(Mutex& other) : mutex_(other), owner_(0), depth_(0) {}
 RecursiveThreadMutex::~RecursiveThreadMutex() = default;
 
+// The analysis cannot follow a lock that is taken at the first level only.
 void RecursiveThreadMutex::Lock() ZEL_NO_ANALYSIS {
     int const me = o_pthread_self();
     if (owner_.load(std::memory_order_relaxed) != me) {
@@ -68,17 +72,22 @@ namespace {
 
 struct IdentifierLock;
 
-std::uint32_t next = 1; // guarded by the identifier lock
+// A leaf: nothing is called with it held.
+ThreadMutex& identifier_lock() {
+    return detail::immortal<ThreadMutex, IdentifierLock>();
+}
+
+std::uint32_t next ZEL_GUARDED_BY(identifier_lock()) = 1;
 
 } // namespace
 
 id_t unique_id() {
-    AutoLock lock(detail::immortal<ThreadMutex, IdentifierLock>());
+    AutoLock const guard(identifier_lock());
     return next++;
 }
 
 void detail::continue_identifiers_at(std::uint32_t id) {
-    AutoLock lock(detail::immortal<ThreadMutex, IdentifierLock>());
+    AutoLock const guard(identifier_lock());
     next = id;
 }
 
@@ -86,7 +95,7 @@ namespace {
 
 void split_at_most(std::string const& text, std::string const& separators, std::vector<std::string>& out,
                    unsigned long cuts) {
-    std::vector<std::string> fields; // not out, which moves as it grows, and may hold both texts
+    std::vector<std::string> fields; // not into out yet: out may hold both texts, and moves as it grows
     std::string::size_type begin = 0;
     for (; cuts > 0; --cuts) {
         std::string::size_type const end = text.find_first_of(separators, begin);

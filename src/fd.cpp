@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+//
+// Monitors and the managers that they are tied to: registration, delivery and the listing. What polls the
+// descriptors is in threadGroup.cpp.
 #include <orn/zel/fd.hpp>
 
 #include <set>
@@ -7,6 +10,7 @@
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
+#include "fixedLine.hpp"
 #include "immortal.hpp"
 #include "plainText.hpp"
 #include "threadRegistry.hpp"
@@ -77,7 +81,7 @@ unsigned long MonitorImpl::insert(boost::function<void(Event*)> const& handler) 
         throw Exception("Empty handler function");
     unsigned long id = 0;
     if (association_.manager()) {
-        // A member thread registers while the group's runner may be delivering an older event.
+        // The lock is needed when a member registers: the group's runner may be delivering an older event.
         AutoLock const guard(association_.manager()->monitors());
         id = receptacle_.insert(handler);
     } else {
@@ -100,7 +104,7 @@ MonitorImpl::held_handler MonitorImpl::take_handler(unsigned long id) {
 }
 
 void MonitorImpl::remove(unsigned long id) {
-    // Destroyed last and with no lock held: what it captured may end in further calls of the library.
+    // Destroyed on return, when no lock is held: what it captured may call the library.
     held_handler const removed = take_handler(id);
     association_ = false;
 }
@@ -129,6 +133,7 @@ void MonitorImpl::Associate(boost::shared_ptr<Manager> manager) {
 
 MonitorMap::~MonitorMap() = default;
 
+// The analysis cannot see that mutex_ stands for the whole map.
 void MonitorMap::Lock() ZEL_NO_ANALYSIS {
     mutex_.Lock();
 }
@@ -146,9 +151,9 @@ ThreadMutex& live_ids_lock() {
     return detail::immortal<ThreadMutex, LiveIdsLock>();
 }
 
-// The identifiers of all managers there are. A thread's alarms, signals and tasks are found by that of its
-// manager, so no two may be equal, not even when the counter has wrapped. Empty, and so without memory of its
-// own, when the last manager goes.
+// The identifiers of all managers that live. A thread's alarms, signals and tasks are found by the identifier
+// of its fd manager, so no two may be equal, not even when the counter has wrapped. The set is empty, and so
+// has no memory of its own, when the last manager has gone.
 std::set<id_t>& live_ids() {
     return detail::immortal<std::set<id_t>, LiveIds>();
 }
@@ -161,7 +166,8 @@ id_t draw_live_id() {
 } // namespace
 
 Manager::Manager() : id_(draw_live_id()), registrations_(0) {
-    Log_SpecEntry(logSpecForceInfo, "src/fd", 174, "%s", "orn::zel::fd::Manager::Manager()");
+    Log_SpecEntry(logSpecForceInfo, "src/fd", detail::line_of_manager_made, "%s",
+                  "orn::zel::fd::Manager::Manager()");
 }
 
 Manager::~Manager() {
@@ -171,13 +177,15 @@ Manager::~Manager() {
 
 void Manager::insert(MonitorImpl* monitor) {
     boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
-    Log_SpecEntry(logSpecForceInfo, "src/fd", 183, "%s: fd=%d, group=%lu",
+    Log_SpecEntry(logSpecForceInfo, "src/fd", detail::line_of_monitor_inserted, "%s: fd=%d, group=%lu",
                   "void orn::zel::fd::Manager::insert(orn::zel::fd::MonitorImpl*)", monitor->fd(),
                   group->id().value());
     {
         AutoLock const guard(monitors_);
         monitors_.entries()[monitor->fd()] = monitor;
-        monitor->registration_ = ++registrations_;
+        if (++registrations_ == any_registration) // wrapped
+            ++registrations_;
+        monitor->registration_ = registrations_;
     }
     bump();
 }
@@ -185,21 +193,17 @@ void Manager::insert(MonitorImpl* monitor) {
 void Manager::remove(MonitorImpl* monitor) {
     {
         AutoLock const guard(monitors_);
-        // By descriptor, not by identity: whoever holds the number now goes with it.
+        // By descriptor and not by identity: another monitor that has taken the number over goes with it.
         monitors_.entries().erase(monitor->fd());
     }
     bump();
 }
 
 void Manager::dispatch(pollfd p) {
-    deliver(p, 0, true);
+    dispatch(p, any_registration);
 }
 
 bool Manager::dispatch(pollfd const& p, unsigned long registration) {
-    return deliver(p, registration, false);
-}
-
-bool Manager::deliver(pollfd const& p, unsigned long registration, bool any) {
     short const errors = static_cast<short>(p.revents & (POLLERR | POLLNVAL));
     MonitorImpl* monitor = nullptr;
     MonitorImpl::held_handler handler;
@@ -209,16 +213,17 @@ bool Manager::deliver(pollfd const& p, unsigned long registration, bool any) {
         if (it == monitors_.entries().end() || !it->second)
             return false;
         monitor = it->second;
-        if (!any && monitor->registration_ != registration)
+        if (registration != any_registration && monitor->registration_ != registration)
             return false;
         if (errors != 0)
             monitor->expired(errors);
         handler = monitor->receptacle_.handler();
     }
     if (errors != 0)
-        bump(); // else the set that still holds the descriptor would spin on it
+        bump(); // the poll set still has the descriptor, and the loop would spin on it
     if (handler) {
-        // From here on the monitor may be gone: the handler may destroy it, and so may another member thread.
+        // No lock is held here. The monitor may go at any time from now on: its handler may destroy it, and
+        // so may another member.
         EventImpl event(monitor, p.fd, p.revents);
         (*handler)(&event);
     }
@@ -259,7 +264,7 @@ std::ostream& operator<<(std::ostream& os, Events const& events) {
         char const* name;
     } const names[] = {{POLLIN, "IN"},   {POLLPRI, "PRI"}, {POLLOUT, "OUT"},
                        {POLLERR, "ERR"}, {POLLHUP, "HUP"}, {POLLNVAL, "NVAL"}};
-    // Composed first: the stream may be writing in another base.
+    // Composed as a string, because the stream may be writing in another base.
     std::string text = '{' + std::to_string(events.value()) + ':';
     char const* separator = "";
     for (auto const& item : names) {
@@ -276,7 +281,7 @@ void ListFds(std::string const&, int responseFd) {
     detail::PlainText text;
     text << "FdMgrs:\n";
     for (thread::Registry::Entry const& entry : thread::Registry::entries()) {
-        // A thread that is known but watches nothing has no line; looking must not change what is looked at.
+        // A thread that watches nothing has no line: making a manager for it would change what is looked at.
         if (!entry.group || !entry.fd_manager)
             continue;
         text << '[' << entry.fd_manager->id() << "] thread=" << entry.tid << " group=" << entry.group->id()

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// What the replaceable functions are as long as no host replaces them.
 #include <orn/zel/threadFunctions.hpp>
 
 #include <unistd.h>

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The group's poll loop and what can be observed of it. The records of threads are in threadRegistry.cpp.
+// The poll loop of a group: its members, the runner role, the poll set, dispatching, and the turn. The
+// reports that it makes are in threadMonitor.cpp, the records of threads in threadRegistry.cpp.
 #include <orn/zel/threadGroup.hpp>
 
 #include <algorithm>
@@ -10,11 +11,10 @@
 #include <unistd.h>
 
 #include <orn/log.h>
-#include <orn/zel/response.hpp>
 
 #include "cancel.hpp"
-#include "observer.hpp"
-#include "plainText.hpp"
+#include "fixedLine.hpp"
+#include "threadMonitor.hpp"
 #include "threadRegistry.hpp"
 
 namespace orn {
@@ -23,72 +23,24 @@ namespace thread {
 
 namespace {
 
-std::atomic<bool> extendedLogging(false);
-
-// What a pipe holds as the kernel makes it: the most that one turn takes out of the control pipe.
+// The most that one turn takes out of the control pipe: what a pipe holds as the kernel makes it.
 ssize_t const pipe_capacity = 65536;
 
-// The longest that wait() goes without asking first, in turns: the cost of a miss, one system call, is spread
-// over that many.
-unsigned const longest_ask_pause = 63;
-
-// As it is, negative ones included: observers see what the caller passed.
+// Keeps negative values as they are, because observers see what the caller passed.
 int clamp_timeout(long timeoutMs) {
     return static_cast<int>(std::min<long>(std::max<long>(timeoutMs, INT_MIN), INT_MAX));
 }
 
-template <class Member>
-void list_pollset(std::ostream& os, pollfd const* fds, unsigned long nfds, Member member) {
-    for (unsigned long i = 0; i < nfds; ++i)
-        os << fds[i].fd << '/' << fds[i].*member << ' ';
-    os << '}';
-}
-
-void log_pollset(char const* label, pollfd const* fds, unsigned long nfds) {
-    detail::PlainText text;
-    text << "(group=" << GroupId() << ") fd/events/revents={ ";
-    for (unsigned long i = 0; i < nfds; ++i)
-        text << fds[i].fd << '/' << fds[i].events << '/' << fds[i].revents << ' ';
-    text << '}';
-    Log_SpecEntry(logSpecForceInfo, "src/threadGroup", 87, "%s %s\n", label, text.str().c_str());
-}
-
-// poll() with its reports. Asking first tries without waiting; the observers see one call either way.
-int traced_poll(pollfd* fds, unsigned long nfds, int timeoutMs, bool ask_first, bool& answered) {
-    if (extendedLogging)
-        log_pollset("zel_poll IN", fds, nfds);
-    detail::poll_observer.report([&](std::ostream& line) {
-        line << "poll in  group=" << GroupId() << " timeout=" << timeoutMs << " fd/event={ ";
-        list_pollset(line, fds, nfds, &pollfd::events);
-    });
-    int rc = ask_first ? poll(fds, nfds, 0) : 0;
-    answered = rc != 0;
-    if (!answered)
-        rc = poll(fds, nfds, timeoutMs);
-    int const error = errno;
-    detail::poll_observer.report([&](std::ostream& line) {
-        line << "poll out group=" << GroupId() << " status=" << rc << " fd/revent={ ";
-        list_pollset(line, fds, nfds, &pollfd::revents);
-    });
-    if (extendedLogging)
-        log_pollset("zel_poll OUT", fds, nfds);
-    errno = error;
-    return rc;
-}
-
-// A poll set entry's way to its manager: small enough that boost::function keeps it without an allocation.
+// Delivers a poll result to the fd manager that registered the descriptor. Clears the result when the
+// registration has been withdrawn. Small enough that boost::function keeps it without an allocation.
 class Delivery {
 public:
     Delivery(boost::shared_ptr<fd::Manager> const& manager, unsigned long registration)
         : manager_(manager), registration_(registration) {}
 
     void operator()(pollfd& p) const {
-        if (!manager_->dispatch(p, registration_)) {
-            // Withdrawn by a thread of another group, whose own set was rebuilt instead: rebuild ours.
-            boost::shared_ptr<Group> const group = Registry::group_if_any();
-            if (group)
-                group->outdate();
-        }
+        if (!manager_->dispatch(p, registration_))
+            p.revents = 0;
     }
 
 private:
@@ -102,21 +54,21 @@ private:
 
 Group::Group()
     : id_(detail::draw_id()), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
-      runner_depth_(0), rebuilds_(0), polls_(0), undispatched_(0), membership_(0), built_membership_(0),
-      ask_again_(0), ask_pause_(0) {
-    Log_SpecEntry(logSpecForceInfo, "src/threadGroup", 345, "%s: group %lu: ctrl pipe rd fd=%d",
-                  "orn::zel::thread::Group::Group()", id_.value(), ctrl_.ReadFD());
+      runner_depth_(0), membership_(0), rebuilds_(0), polls_(0), undispatched_(0), built_membership_(0) {
+    Log_SpecEntry(logSpecForceInfo, "src/threadGroup", detail::line_of_group_made,
+                  "%s: group %lu: ctrl pipe rd fd=%d", "orn::zel::thread::Group::Group()", id_.value(),
+                  ctrl_.ReadFD());
     AutoLock const guard(mutex_);
     threads_.insert(creator_);
 }
 
 Group::~Group() = default;
 
-void Group::Lock() ZEL_NO_ANALYSIS {
+void Group::Lock() {
     mutex_.Lock();
 }
 
-void Group::Unlock() ZEL_NO_ANALYSIS {
+void Group::Unlock() {
     mutex_.Unlock();
 }
 
@@ -143,8 +95,8 @@ void Group::admit(int tid, bool watches) {
         AutoLock const guard(mutex_);
         threads_.insert(tid);
         ++membership_;
-        // In the same step: a set that the runner builds in between would be without the new member, and
-        // taken for the latest.
+        // In the same step. A set that the runner builds in between would lack the new member's descriptors,
+        // and still be taken for the latest.
         if (watches)
             advance_version();
     }
@@ -167,7 +119,7 @@ void Group::outdate() {
 
 void Group::advance_version() {
     unsigned long const version = poll_version_ + 1;
-    if (version < built_version_) { // wrapped
+    if (version < built_version_) { // the counter has wrapped
         built_version_ = 0;
         poll_version_ = 1;
     } else {
@@ -185,17 +137,16 @@ bool Group::bumped() const {
 }
 
 void Group::WakeUp(char c) {
-    detail::CancelShield const shield; // registrations end in destructors
-    // A full pipe loses the byte; the ones that are in it wake the loop all the same.
+    detail::CancelShield const shield; // write() is a cancellation point, and destructors come here
+    // A full pipe loses the byte, but those that are in it wake the loop just as well.
     orn_zel_thread_group_write(ctrl_.WriteFD(), &c, 1);
 }
 
 void Group::ctrl_eater(pollfd pfd) {
     if (!(pfd.revents & POLLIN))
         return;
-    // Bounded, because members that wake the loop all the time would fill the pipe as fast as it is read and
-    // hold the runner here. What is left, or comes after a read that has emptied the pipe, wakes the next
-    // turn.
+    // Bounded, because members that wake the loop all the time could fill the pipe as fast as it is read, and
+    // hold the runner here. What is left wakes the next turn.
     char block[4096];
     ssize_t const size = sizeof block;
     for (ssize_t taken = 0; taken < pipe_capacity; taken += size) {
@@ -216,15 +167,15 @@ void Group::display() {
 // ---- The runner role ------------------------------------------------------------------------------------
 
 void Group::StartRunning(int tid) {
-    // A turn must not cost two system-wide locked operations for this: the role itself is the lock. Only its
-    // holder touches the depth.
+    // runner_ doubles as the lock, which saves taking mutex_ twice in each turn. Only the thread named in it
+    // writes runner_depth_.
     int holder = 0;
     if (runner_.compare_exchange_strong(holder, tid, std::memory_order_acquire))
         runner_depth_.store(1, std::memory_order_relaxed);
     else if (holder == tid)
         runner_depth_.store(runner_depth_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     detail::check(runner_depth_.load(std::memory_order_relaxed) < 100, "runnerDepth < 100", "src/threadGroup",
-                  789);
+                  detail::line_of_runner_depth);
 }
 
 void Group::EndRunning(int tid) {
@@ -283,7 +234,7 @@ unsigned long Group::setup_pollset(pollfd* fds, unsigned long nfds, std::vector<
     out.clear();
     out.reserve(pollset_.size() + nfds);
     for (pollfd& entry : pollset_) {
-        // A descriptor that the caller waits for is the caller's for this wait.
+        // A descriptor that the caller waits for is left to the caller.
         if (!isInPollset(entry, fds, nfds))
             out.push_back(entry);
     }
@@ -299,14 +250,14 @@ bool isInPollset(pollfd& pfd, pollfd* fds, unsigned long nfds) {
 // ---- Dispatching ----------------------------------------------------------------------------------------
 
 Group::DispatchInfo const& Group::dispatch_info(pollfd const& pfd) const {
-    // Mostly an entry of the group's own set, where its position says more quickly than a search what it is.
+    // An entry of the group's own set, which is the usual case, is found by its position without a search.
     std::less<pollfd const*> const before;
     pollfd const* const begin = pollset_.data();
     if (!before(&pfd, begin) && before(&pfd, begin + pollset_.size()))
         return *order_[static_cast<std::size_t>(&pfd - begin)];
     std::map<int, DispatchInfo>::const_iterator const it = dispatchset_.find(pfd.fd);
     detail::check(it != dispatchset_.end(), "dispatchset.find(pfd.fd) != dispatchset.end()",
-                  "src/threadGroup", 663);
+                  "src/threadGroup", detail::line_of_missing_entry);
     return it->second;
 }
 
@@ -320,20 +271,22 @@ bool Group::left_group(int tid) const {
 void Group::dispatch(pollfd& pfd) {
     DispatchInfo const& info = dispatch_info(pfd);
     pollfd result = pfd;
-    pfd.revents = 0; // first, so that a nested turn does not dispatch it again
+    pfd.revents = 0; // before the call, so that a nested turn does not dispatch it again
     if (info.tid != 0 && left_group(info.tid)) {
-        detail::poll_observer.report([&](std::ostream& line) {
-            line << "fd=" << result.fd << " from tid=" << info.tid << ": fdMgr no longer in group";
-        });
+        report_left(result.fd, info.tid);
         bump();
         return;
     }
     display_dispatch(result);
-    // A copy, since a nested turn may rebuild the set, and so destroy the entry, before the handler returns.
+    // A copy, because a nested turn may rebuild the set, and so destroy the entry, before the handler
+    // returns.
     boost::function<void(pollfd&)> const handler = info.handler;
     // No lock is held here: the handler may run a nested turn, change any registration or leave the group.
     if (handler)
         handler(result);
+    // The registration was withdrawn by a thread of another group, whose set was rebuilt instead of this one.
+    if (result.revents == 0)
+        outdate();
 }
 
 int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count) {
@@ -343,14 +296,13 @@ int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count
         if (set[i].revents == 0)
             continue;
         --count;
-        if (own) {
+        if (own)
             --undispatched_;
-            dispatch(set[i]);
-        } else if (polls_ == polled) {
+        if (own || polls_ == polled) {
             dispatch(set[i]);
         } else {
-            // A nested turn has polled the group's own set and may have served this descriptor, or rebuilt
-            // the set without it: the next poll tells again what is still true of this result.
+            // A nested turn has polled the group's own set. It may have served this descriptor, or rebuilt
+            // the set without it, so drop the result: the next poll tells what is still true of it.
             set[i].revents = 0;
         }
     }
@@ -363,8 +315,8 @@ void Group::leftovers() {
     if (undispatched_ == 0)
         return;
     dispatch_pollset(pollset_, pollset_.size(), static_cast<int>(pollset_.size()));
-    // A nested turn of one of those handlers may have left results again, at places that this has passed.
-    // They are dropped: the next poll tells what is still true of them. A poll of a combined set would not
+    // A nested turn of one of those handlers may have left results again, at places that this loop has
+    // passed. Drop them: the next poll tells what is still true of them. A poll of a combined set would not
     // clear them, and they would be dispatched a second time.
     for (pollfd& entry : pollset_)
         entry.revents = 0;
@@ -376,138 +328,82 @@ void Group::rebuild() {
         setup_pollset();
 }
 
-// While turns keep finding work, poll() is asked first without waiting, which costs a fraction for every idle
-// descriptor. A miss is paid for with pauses that double, so that a loop which mostly waits is not slowed
-// down.
-int Group::wait(std::vector<pollfd>& set, long timeoutMs) {
-    bool ask_first = timeoutMs != 0;
-    if (ask_first && ask_again_ > 0) {
-        --ask_again_;
-        ask_first = false;
-    }
-    bool answered = false;
+int Group::poll_set(std::vector<pollfd>& set, int timeoutMs) {
     ++polls_;
-    int const rc = traced_poll(set.data(), set.size(), clamp_timeout(timeoutMs), ask_first, answered);
-    if (ask_first) {
-        ask_pause_ = answered ? 0 : std::min(2 * ask_pause_ + 1, longest_ask_pause);
-        ask_again_ = ask_pause_;
+    report_poll_in(set.data(), set.size(), timeoutMs);
+    int ready = 0;
+    if (timeoutMs != 0 && probe_.due()) {
+        ready = poll(set.data(), set.size(), 0);
+        if (ready != 0)
+            probe_.hit();
+        else
+            probe_.missed();
     }
-    return rc;
+    if (ready == 0)
+        ready = poll(set.data(), set.size(), timeoutMs);
+    report_poll_out(set.data(), set.size(), ready);
+    return ready;
 }
 
+// The numbers are those of the steps in threadGroup.hpp.
 int Group::RunOnce(long timeoutMs) {
-    RunReservation const reservation(*this);
+    int const timeout = clamp_timeout(timeoutMs);
+    RunReservation const reservation(*this); // 1. reserve; its destructor is 6. release
     if (!IsRunner(reservation.tid()))
-        return zel_poll(nullptr, 0, clamp_timeout(timeoutMs));
-    leftovers();
-    rebuild();
-    int const rc = wait(pollset_, timeoutMs);
-    if (rc > 0) {
-        undispatched_ = rc;
-        dispatch_pollset(pollset_, pollset_.size(), rc);
+        return zel_poll(nullptr, 0, timeout);
+    leftovers();                                   // 2.
+    rebuild();                                     // 3.
+    int const ready = poll_set(pollset_, timeout); // 4.
+    if (ready > 0) {                               // 5. dispatch
+        undispatched_ = ready;
+        dispatch_pollset(pollset_, pollset_.size(), ready);
     }
-    return rc;
+    return ready;
 }
 
 int Group::RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs) {
+    int const timeout = clamp_timeout(timeoutMs);
     RunReservation const reservation(*this);
-    if (extendedLogging)
-        log_pollset("RunFdSet in set", fds, nfds);
+    log_pollset("RunFdSet in set", fds, nfds);
     if (!IsRunner(reservation.tid()))
-        return zel_poll(fds, nfds, clamp_timeout(timeoutMs));
+        return zel_poll(fds, nfds, timeout);
     leftovers();
     rebuild();
-
     std::vector<pollfd> combined;
     unsigned long base = setup_pollset(fds, nfds, combined);
     unsigned long built = rebuilds_;
-    int rc;
-    for (;;) {
-        rc = wait(combined, timeoutMs);
-        if (rc <= 0)
-            break;
-        unsigned long const polled = polls_;
-        int left = dispatch_pollset(combined, base, rc);
-        if (polls_ != polled) {
-            // Nested turns: an exception that a handler has caught may have left results of theirs, which
-            // must not outlast the next poll of this set; and they may have served what the caller waits for,
-            // too.
-            leftovers();
-            left = left > 0 ? poll(combined.data() + base, nfds, 0) : 0;
-        }
+    int ready;
+    while ((ready = poll_set(combined, timeout)) > 0) {
+        int const left = dispatch_combined(combined, base, ready);
         if (left > 0) {
-            rc = left;
+            ready = left;
             break;
         }
         rebuild();
-        if (built != rebuilds_) { // here, or by a nested turn
+        if (built != rebuilds_) { // by this turn, or by a nested one
             base = setup_pollset(fds, nfds, combined);
             built = rebuilds_;
         }
     }
     std::copy(combined.begin() + static_cast<std::ptrdiff_t>(base), combined.end(), fds);
-    return rc;
+    return ready;
+}
+
+int Group::dispatch_combined(std::vector<pollfd>& combined, unsigned long base, int ready) {
+    unsigned long const polled = polls_;
+    int const left = dispatch_pollset(combined, base, ready);
+    if (polls_ == polled)
+        return left;
+    // A handler has run nested turns. If it caught an exception, results of those turns may be left, which
+    // must not outlast the next poll of this set. The turns may also have served what the caller waits for.
+    leftovers();
+    return left > 0 ? poll(combined.data() + base, combined.size() - base, 0) : 0;
 }
 
 short Group::RunUntilEventOnFd(int fd, short events, long timeoutMs) {
     pollfd entry = {fd, events, 0};
     RunUntilEventOnFdSet(&entry, 1, timeoutMs);
     return entry.revents;
-}
-
-int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs) {
-    bool answered;
-    return traced_poll(fds, nfds, timeoutMs, false, answered);
-}
-
-// ---- Observation ----------------------------------------------------------------------------------------
-
-void MonitorThread(std::string const&, int fd) {
-    detail::thread_observer.watch(fd);
-}
-
-void UnmonitorThread(std::string const&, int) {
-    detail::thread_observer.unwatch();
-}
-
-void MonitorPoll(std::string const&, int fd) {
-    detail::poll_observer.watch(fd);
-}
-
-void UnmonitorPoll(std::string const&, int) {
-    detail::poll_observer.unwatch();
-}
-
-void enableExtendedLogging() {
-    extendedLogging = true;
-}
-
-void display_thread_op(std::string const& op) {
-    detail::thread_observer.report([&](std::ostream& line) { line << "thread " << op; });
-}
-
-void display_dispatch(pollfd& pfd) {
-    detail::poll_observer.report(
-        [&](std::ostream& line) { line << "dispatching fd=" << pfd.fd << " revents=" << pfd.revents; });
-}
-
-void ListThreads(std::string const&, int) {
-    detail::PlainText text;
-    text << "Threads:\n";
-    for (Registry::Entry const& entry : Registry::entries()) {
-        text << "thread: " << entry.tid << " group=";
-        if (entry.group)
-            text << entry.group->id();
-        else
-            text << "none";
-        text << " fdMgr=";
-        if (entry.fd_manager)
-            text << entry.fd_manager->id();
-        else
-            text << "none";
-        text << '\n';
-    }
-    detail::poll_observer.write(text.str());
 }
 
 } // namespace thread
@@ -526,6 +422,16 @@ short RunUntilEventOnFd(int fd, short events, long timeoutMs) {
 
 void Exit() {
     thread::ThisGroup()->WakeUp('x');
+}
+
+void NewThreadGroup() {
+    // Made before the old group is left, so that a failure changes nothing.
+    boost::shared_ptr<thread::Group> const made(new thread::Group);
+    thread::Registry::associate(thread::Registry::claim(), made);
+}
+
+id_t GroupId() {
+    return thread::ThisGroup()->id().value();
 }
 
 } // namespace zel

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The thread records and the hooks that keep them: threadGroup.hpp's registry half.
+// The thread records: how they are made and looked up, and how they go when a thread ends or the library is
+// taken down.
 #include "threadRegistry.hpp"
 
 #include <atomic>
@@ -11,8 +12,7 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include <orn/zel/threadGroup.hpp>
-
+#include "fixedLine.hpp"
 #include "fork.hpp"
 #include "immortal.hpp"
 #include "shutdown.hpp"
@@ -25,19 +25,21 @@ namespace {
 
 struct RegistryLock;
 
-StaticStuff* the_stuff = nullptr; // guarded by Registry::lock()
+StaticStuff* the_stuff ZEL_GUARDED_BY(Registry::lock()) = nullptr;
 
-// ---- Ends of threads that were not made through the thread layer
+// ---- The end of a thread that was not made through the thread layer -------------------------------------
 
-// The thread-specific key whose destructor drops the record; its value is the thread's id, which is another
-// one in a child of fork(). Lives as long as the registry.
+// The thread-specific key whose destructor drops the record. Its value is the thread's id, so that a child of
+// fork(), whose thread has another id, does not take its parent's claim for its own. Lives as long as the
+// registry.
 int const no_key = -1;
 std::atomic<int> end_key(no_key);
 std::atomic<int> threads_at_end(0); // inside of the destructor
 
-// Called by the C library, in any order with the destructors of other keys. These may use the library again:
-// then the value is set anew, and this is called once more. A thread whose cleanup hook has run has no record
-// any more. The main thread may end before others of its group: what it has registered goes on being served.
+// The C library calls this in any order with the destructors of other keys. When one of those uses the
+// library again, the value is set anew and this is called once more. It finds no record when the thread's
+// cleanup hook has run. The main thread keeps its record: it may end before others of its group, and what it
+// has registered goes on being served.
 extern "C" void end_of_thread(void*) {
     ++threads_at_end;
     if (self() != getpid())
@@ -47,13 +49,14 @@ extern "C" void end_of_thread(void*) {
 
 void make_end_key() {
     pthread_key_t key;
-    // Without a key, which a process has a thousand of, records of such threads stay.
+    // Without a key, of which a process has about a thousand, the records of such threads stay.
     if (pthread_key_create(&key, end_of_thread) == 0)
         end_key = static_cast<int>(key);
 }
 
-// Before the code goes, threads that are inside are waited for: they have a few instructions to go, and wait
-// for nobody themselves. Whoever the C library is just about to send here cannot be seen.
+// Waits for the threads that are inside of end_of_thread() before its code is unmapped: they have a few
+// instructions to go, and wait for nobody themselves. A thread that the C library is just about to send there
+// cannot be seen, so no thread may be ending while the library is closed.
 void delete_end_key(int key) {
     if (key != no_key)
         pthread_key_delete(static_cast<pthread_key_t>(key));
@@ -85,16 +88,20 @@ StaticStuff& Registry::stuff() {
     return *the_stuff;
 }
 
-Associations& Registry::record(int tid) ZEL_NO_ANALYSIS {
-    return stuff().map().entry(tid);
+// The analysis does not know that the map's lock_ is lock().
+std::map<int, Associations>& Registry::records() ZEL_NO_ANALYSIS {
+    return stuff().map().entries_;
 }
 
-Associations* Registry::record_if_any(int tid) ZEL_NO_ANALYSIS {
+Associations* Registry::record_if_any(int tid) {
     if (!the_stuff)
         return nullptr;
-    std::map<int, Associations>& entries = the_stuff->map().entries_;
-    std::map<int, Associations>::iterator const it = entries.find(tid);
-    return it == entries.end() ? nullptr : &it->second;
+    std::map<int, Associations>::iterator const it = records().find(tid);
+    return it == records().end() ? nullptr : &it->second;
+}
+
+Associations& Registry::RecordOf::get() const {
+    return record_ ? *record_ : records()[tid_];
 }
 
 void Registry::load() {
@@ -105,6 +112,7 @@ void Registry::load() {
 void Registry::unload() {
     if (detail::Shutdown::keeps())
         return;
+    // Destroyed on return, when the lock is released: it holds groups and managers.
     std::unique_ptr<StaticStuff> doomed;
     int key;
     {
@@ -114,7 +122,6 @@ void Registry::unload() {
         key = end_key.exchange(no_key);
     }
     delete_end_key(key);
-    // Destroyed with the lock released: the groups and managers that go with it must not be called under it.
 }
 
 Map* Registry::map() {
@@ -122,73 +129,60 @@ Map* Registry::map() {
     return &stuff().map();
 }
 
-template <class Locate>
-boost::shared_ptr<Group> Registry::find_or_make_group(Locate locate) {
+boost::shared_ptr<Group> Registry::group(RecordOf const& record) {
     {
         AutoLock const guard(lock());
-        Associations const& record = locate();
-        if (record.group_)
-            return record.group_;
+        Associations const& found = record.get();
+        if (found.group_)
+            return found.group_;
     }
-    // Made with the lock released: a group opens descriptors and writes to the log.
-    boost::shared_ptr<Group> made(new Group);
+    // The lock must not be held here: making a group opens descriptors and writes to the log.
+    boost::shared_ptr<Group> const made(new Group);
     {
         AutoLock const guard(lock());
-        Associations& record = locate();
-        if (record.group_)
-            return record.group_;
-        record.group_ = made;
+        Associations& found = record.get();
+        if (found.group_)
+            return found.group_;
+        found.group_ = made;
     }
     made->insert(self());
     detail::run_child_hook();
     return made;
 }
 
-template <class Locate>
-boost::shared_ptr<fd::Manager> Registry::find_or_make_fd_manager(Locate locate) {
+boost::shared_ptr<fd::Manager> Registry::fd_manager(RecordOf const& record) {
     {
         AutoLock const guard(lock());
-        Associations const& record = locate();
-        if (record.fd_manager_)
-            return record.fd_manager_;
+        Associations const& found = record.get();
+        if (found.fd_manager_)
+            return found.fd_manager_;
     }
-    boost::shared_ptr<fd::Manager> made(new fd::Manager);
+    // The lock must not be held here: making a manager writes to the log.
+    boost::shared_ptr<fd::Manager> const made(new fd::Manager);
     AutoLock const guard(lock());
-    Associations& record = locate();
-    if (!record.fd_manager_)
-        record.fd_manager_ = made;
-    return record.fd_manager_;
+    Associations& found = record.get();
+    if (!found.fd_manager_)
+        found.fd_manager_ = made;
+    return found.fd_manager_;
 }
 
-template <class Locate>
-void Registry::move_to(Locate locate, boost::shared_ptr<Group> const& group) {
-    detail::check(group.get() != nullptr, "group", "src/threadGroup", 140);
-    boost::shared_ptr<Group> left;
+void Registry::associate(RecordOf const& record, boost::shared_ptr<Group> const& group) {
+    detail::check(group.get() != nullptr, "group", "src/threadGroup", detail::line_of_missing_group);
+    boost::shared_ptr<Group> left; // may be destroyed on return, when no lock is held
     {
         AutoLock const guard(lock());
-        left = locate().group_;
+        left = record.get().group_;
     }
     if (left)
         left->erase(self());
     bool watches;
     {
         AutoLock const guard(lock());
-        Associations& record = locate();
-        record.group_ = group;
-        watches = record.fd_manager_.get() != nullptr;
+        Associations& found = record.get();
+        found.group_ = group;
+        watches = found.fd_manager_.get() != nullptr;
     }
     group->admit(self(), watches);
-    // The group that was left may be destroyed here, with no lock held.
-}
-
-boost::shared_ptr<Group> Registry::group() {
-    int const tid = self();
-    claim(tid);
-    return find_or_make_group([tid]() ZEL_NO_ANALYSIS -> Associations& { return record(tid); });
-}
-
-boost::shared_ptr<fd::Manager> Registry::fd_manager(int tid) {
-    return find_or_make_fd_manager([tid]() ZEL_NO_ANALYSIS -> Associations& { return record(tid); });
 }
 
 boost::shared_ptr<Group> Registry::group_if_any() {
@@ -204,25 +198,23 @@ boost::shared_ptr<fd::Manager> Registry::fd_manager_if_any(int tid) {
     return found ? found->fd_manager_ : boost::shared_ptr<fd::Manager>();
 }
 
-void Registry::associate(boost::shared_ptr<Group> const& group) {
+int Registry::claim() {
     int const tid = self();
-    claim(tid);
-    move_to([tid]() ZEL_NO_ANALYSIS -> Associations& { return record(tid); }, group);
-}
-
-bool Registry::claimed(int tid) {
     int const key = end_key;
-    return key != no_key && pthread_getspecific(static_cast<pthread_key_t>(key)) == as_value(tid);
+    if (key == no_key || pthread_getspecific(static_cast<pthread_key_t>(key)) != as_value(tid))
+        make_claim(tid);
+    return tid;
 }
 
-void Registry::make_claim(int tid) ZEL_NO_ANALYSIS {
+void Registry::make_claim(int tid) {
     int key = no_key;
     bool inherited = false;
     {
         AutoLock const guard(lock());
         stuff();
         key = end_key;
-        // Without a group it is one that another thread has made for this one beforehand.
+        // A record with a group was left behind by another thread with the same id. One without a group was
+        // made for this thread beforehand, by FdMgr(tid) in another.
         Associations const* const found = record_if_any(tid);
         inherited = key != no_key && found && found->group_;
     }
@@ -232,46 +224,34 @@ void Registry::make_claim(int tid) ZEL_NO_ANALYSIS {
         pthread_setspecific(static_cast<pthread_key_t>(key), as_value(tid));
 }
 
-void Registry::drop() ZEL_NO_ANALYSIS {
+void Registry::drop() {
     int const tid = self();
-    std::map<int, Associations>::node_type dropped; // destroyed with the lock released
+    std::map<int, Associations>::node_type dropped; // destroyed on return, when the lock is released
     {
         AutoLock const guard(lock());
         if (the_stuff)
-            dropped = the_stuff->map().entries_.extract(tid);
+            dropped = records().extract(tid);
     }
     if (dropped && dropped.mapped().group_)
         dropped.mapped().group_->erase(tid);
 }
 
-std::vector<Registry::Entry> Registry::entries() ZEL_NO_ANALYSIS {
+std::vector<Registry::Entry> Registry::entries() {
     std::vector<Entry> all;
     AutoLock const guard(lock());
-    for (auto const& item : stuff().map().entries_)
+    for (auto const& item : records())
         all.push_back(Entry{item.first, item.second.group_, item.second.fd_manager_});
     return all;
 }
 
-boost::shared_ptr<Group> Registry::group_of(Associations& record) {
-    return find_or_make_group([&record]() -> Associations& { return record; });
-}
-
-boost::shared_ptr<fd::Manager> Registry::fd_manager_of(Associations& record) {
-    return find_or_make_fd_manager([&record]() -> Associations& { return record; });
-}
-
-void Registry::associate(Associations& record, boost::shared_ptr<Group> const& group) {
-    move_to([&record]() -> Associations& { return record; }, group);
-}
-
-// ---- The public faces of it -----------------------------------------------------------------------------
+// ---- Public functions -----------------------------------------------------------------------------------
 
 boost::shared_ptr<Group> Associations::GetGroup() {
-    return Registry::group_of(*this);
+    return Registry::group(*this);
 }
 
 boost::shared_ptr<fd::Manager> Associations::GetFdMgr() {
-    return Registry::fd_manager_of(*this);
+    return Registry::fd_manager(*this);
 }
 
 void Associations::Associate(boost::shared_ptr<Group> group) {
@@ -292,23 +272,21 @@ Associations& Map::operator[](int tid) {
 }
 
 boost::shared_ptr<Group> ThisGroup() {
-    return Registry::group();
+    return Registry::group(Registry::claim());
 }
 
 boost::shared_ptr<fd::Manager> FdMgr() {
-    int const tid = self();
-    Registry::claim(tid);
-    return Registry::fd_manager(tid);
+    return Registry::fd_manager(Registry::claim());
 }
 
 boost::shared_ptr<fd::Manager> FdMgr(int tid) {
     if (tid == self())
-        Registry::claim(tid);
+        Registry::claim();
     return Registry::fd_manager(tid);
 }
 
 Associations& This() {
-    Registry::claim(self());
+    Registry::claim();
     return TheThreadMap()->This();
 }
 
@@ -339,14 +317,6 @@ thread::Map* TheThreadMap() {
     return thread::Registry::map();
 }
 
-id_t GroupId() {
-    return thread::ThisGroup()->id().value();
-}
-
-void NewThreadGroup() {
-    thread::Registry::associate(boost::shared_ptr<thread::Group>(new thread::Group));
-}
-
 } // namespace zel
 } // namespace orn
 
@@ -362,7 +332,7 @@ int ZEL_Thread_start_extension(void* record) {
     std::unique_ptr<InheritRecord> const inherited(static_cast<InheritRecord*>(record));
     display_thread_op("start");
     Registry::drop(); // what another thread with this id may have left behind
-    Registry::associate(inherited->group);
+    Registry::associate(Registry::claim(), inherited->group);
     return 0;
 }
 

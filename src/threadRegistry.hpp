@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: MIT
 //
-// The library's own way to the thread records. Internal. Unlike the references that thread::This() hands out,
-// nothing here points into a record after the lock is released, so a thread in the middle of a turn is safe
-// while another one takes the library down in exit().
+// Access to the thread records for the library's own code. Internal; the records themselves are public, in
+// <orn/zel/threadRegistry.hpp>. Each call locks the registry, copies the shared pointers that it needs and
+// unlocks. Do not use thread::This() inside the library: exit() in another thread may destroy the record
+// behind its reference.
 #ifndef ZEL_SRC_THREADREGISTRY_HPP
 #define ZEL_SRC_THREADREGISTRY_HPP
 
+#include <map>
 #include <vector>
 
 #include <orn/zel/threadGroup.hpp>
+#include <orn/zel/threadRegistry.hpp>
 
 namespace orn {
 namespace zel {
@@ -16,60 +19,57 @@ namespace thread {
 
 class Registry {
 public:
-    struct Entry {
-        int tid;
-        boost::shared_ptr<Group> group;
-        boost::shared_ptr<fd::Manager> fd_manager;
-    };
-
-    // A leaf: nothing is called with it held. Guards the pointer to the registry, the map and every record in
-    // it.
+    // Guards the pointer to the one StaticStuff, its map and every record in the map. Nothing is called with
+    // it held but the thread layer, to register the hooks.
     static ThreadMutex& lock();
 
     static void load();
     static void unload();
     static Map* map();
 
-    static boost::shared_ptr<Group> group();
-    // Of any thread; the caller claims its own.
-    static boost::shared_ptr<fd::Manager> fd_manager(int tid);
+    // Which record is meant: that of a thread, which is looked up at each use because it may have gone since
+    // the last one, or one that the caller holds and that may be in no map.
+    class RecordOf {
+    public:
+        RecordOf(int tid) : record_(nullptr), tid_(tid) {}
+        RecordOf(Associations& record) : record_(&record), tid_(0) {}
+        // Makes the thread's record when it is missing.
+        Associations& get() const ZEL_REQUIRES(Registry::lock());
 
-    // Empty where there is nothing; neither makes a record.
+    private:
+        Associations* record_;
+        int tid_;
+    };
+
+    // Both make what is missing.
+    static boost::shared_ptr<Group> group(RecordOf const& record);
+    static boost::shared_ptr<fd::Manager> fd_manager(RecordOf const& record);
+    // Moves the calling thread, whose record it is, from its group, if any, to the given one.
+    static void associate(RecordOf const& record, boost::shared_ptr<Group> const& group);
+
+    // Of the calling thread, or of any. Empty where there is nothing; neither makes a record.
     static boost::shared_ptr<Group> group_if_any();
     static boost::shared_ptr<fd::Manager> fd_manager_if_any(int tid);
 
-    static void associate(boost::shared_ptr<Group> const& group);
-
-    // For the calling thread, whose id is given: has its record dropped when it ends, whoever made the
-    // thread. A record that another thread with the same id has left behind is dropped now.
-    static void claim(int tid) {
-        if (!claimed(tid))
-            make_claim(tid);
-    }
-    // Leaves the group and drops the record, if any.
+    // For the calling thread, before it uses its own record: has the record dropped when the thread ends,
+    // whoever made the thread. Returns the thread's id.
+    static int claim();
+    // Has the calling thread leave its group, and drops its record, if any.
     static void drop();
 
+    struct Entry {
+        int tid;
+        boost::shared_ptr<Group> group;
+        boost::shared_ptr<fd::Manager> fd_manager;
+    };
     // All records in ascending thread id.
     static std::vector<Entry> entries();
 
-    // The same for a record that may be in no map.
-    static boost::shared_ptr<Group> group_of(Associations& record);
-    static boost::shared_ptr<fd::Manager> fd_manager_of(Associations& record);
-    static void associate(Associations& record, boost::shared_ptr<Group> const& group);
-
 private:
-    static bool claimed(int tid);
     static void make_claim(int tid);
 
-    template <class Locate>
-    static boost::shared_ptr<Group> find_or_make_group(Locate locate);
-    template <class Locate>
-    static boost::shared_ptr<fd::Manager> find_or_make_fd_manager(Locate locate);
-    template <class Locate>
-    static void move_to(Locate locate, boost::shared_ptr<Group> const& group);
-
     static StaticStuff& stuff() ZEL_REQUIRES(lock());
-    static Associations& record(int tid) ZEL_REQUIRES(lock());
+    static std::map<int, Associations>& records() ZEL_REQUIRES(lock());
     static Associations* record_if_any(int tid) ZEL_REQUIRES(lock());
 };
 

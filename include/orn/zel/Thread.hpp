@@ -26,7 +26,7 @@
 //     Detach(), in any state before Joined: the thread ends unobserved, and Join() throws. One that was never
 //     started ends, without running its work, when the object is destroyed.
 //
-// The members belong to the owner of the object, one thread at a time. All platform calls go through the
+// The members are for the owner of the object, one thread at a time. All platform calls go through the
 // orn_zel_pthread_ pointers of threadFunctions.hpp.
 #ifndef ORN_ZEL_THREAD_HPP
 #define ORN_ZEL_THREAD_HPP
@@ -55,7 +55,7 @@ public:
     // In the new thread, after Start(). The result is the thread's status.
     virtual int Run();
     // In the thread that calls Stop(): asks the work to end itself. Anything but 0 says that it cannot, and
-    // has the thread cancelled; -1 when there is no function.
+    // has the thread cancelled. Without a function the result is -1.
     virtual int Cancel();
 
     boost::function<int()> init;
@@ -104,9 +104,9 @@ public:
     // No work, no thread: Id() is 0, and Join() returns at once.
     Thread();
 
-    // These return once the new thread has run Init(), and are not cancelled before. A thread that the system
-    // refuses throws std::system_error: nobody else would ever end the wait for it. An empty pointer gives an
-    // object without a thread.
+    // These block until the new thread has run Init(), and are no cancellation points. They throw
+    // std::system_error when the system refuses the thread. An empty pointer gives an object without a
+    // thread.
     explicit Thread(Runnable& runnable); // which must outlive the thread
     explicit Thread(boost::shared_ptr<Runnable> runnable);
     explicit Thread(boost::function<int()> run);
@@ -114,19 +114,21 @@ public:
     explicit Thread(boost::shared_ptr<Work> const& runnable)
         : Thread(boost::shared_ptr<Runnable>(runnable)) {}
 
-    // Stops and joins, unless Stop(), Join() or Detach() has been called. Not a cancellation point. An object
-    // that was stopped is not joined here: Join() it, or its thread's memory stays.
+    // Stops and joins, unless Stop(), Join() or Detach() has been called, and so may block. Not a
+    // cancellation point. After Stop() call Join() first: the thread is not joined here, and its memory would
+    // stay.
     virtual ~Thread();
 
     virtual void Start();
-    // Started: calls Runnable::Cancel(), once, and cancels the thread when that fails. Not started: the
-    // thread ends without running the work. Does not wait.
+    // Has the thread end, and does not wait for that. When it was started, this calls Runnable::Cancel(),
+    // once, and cancels the thread when that fails; when it was not, the thread ends without running the
+    // work.
     virtual void Stop();
     // Whether Stop() or Join() has been called.
     virtual bool isStopped();
     virtual void Detach();
     virtual bool isDetached();
-    // Waits for the end of the thread. Nothing when there is no thread, or none any more. Throws
+    // Blocks until the thread has ended. Does nothing when there is no thread, or it has been joined. Throws
     // JoinDetached.
     virtual void Join();
     // The result of Run(), 0 when it never ran, -1 when it was cancelled; undefined before Join().

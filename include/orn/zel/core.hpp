@@ -61,7 +61,7 @@ public:
     ~UndefinedValue() override;
 };
 
-// What code that can be locked looks like to code that locks it.
+// The interface of whatever can be locked.
 class ORN_API ZEL_CAPABILITY("mutex") Lockable {
 public:
     virtual ~Lockable();
@@ -92,12 +92,12 @@ private:
     o_pthread_mutex_t mutex_;
 };
 
-// The real lock for code that comes back to what it has locked: the thread that has it may take it again, and
-// gives it up when it has unlocked it as often. The kind that HandlerList works with.
+// A real lock that its holder may take again, and that is free when the holder has unlocked it as often. The
+// kind that HandlerList works with.
 class ORN_API ZEL_CAPABILITY("mutex") RecursiveThreadMutex : public Mutex {
 public:
     RecursiveThreadMutex();
-    // Excludes by another lock, which it takes once for all levels and which must outlive it.
+    // Takes another lock, once for all levels, in place of one of its own. The other must outlive this.
     explicit RecursiveThreadMutex(Mutex& other);
     ~RecursiveThreadMutex() override;
     void Lock() override ZEL_ACQUIRE();
@@ -109,7 +109,7 @@ public:
 private:
     ThreadMutex own_;
     Mutex& mutex_;
-    std::atomic<int> owner_; // 0 when free; only ever equal to a thread's id when that thread has set it
+    std::atomic<int> owner_; // 0 when free; a thread that finds its id here has set it itself
     unsigned depth_;
 };
 
@@ -127,9 +127,9 @@ private:
 };
 
 // Identifies a handler, alarm, task, group or manager within the process; 0 means none.
-typedef unsigned long id_t;
+using id_t = unsigned long;
 
-// The next identifier: 1, 2, 3, ... over all subsystems together, from any thread. The counter is 32 bits
+// The next identifier: 1, 2, 3, ... over all subsystems together. Any thread. The counter is 32 bits
 // wide whatever the width of id_t, because identifiers travel through pipes as four bytes; after 4294967295
 // it wraps to 0, and no identifier is skipped then. Takes a leaf lock, so it may be called with any other
 // lock held; not from a signal handler.
@@ -137,8 +137,8 @@ ORN_API id_t unique_id();
 
 namespace detail {
 
-// Draws again while the identifier is 0, or taken(id) says that it names something alive: once the counter
-// has wrapped it meets what has lived on.
+// Draws again while the identifier is 0, or taken(id) says that it names something alive, which happens when
+// the counter has wrapped.
 template <class Taken>
 id_t draw_id(Taken taken) {
     id_t id;
@@ -148,7 +148,7 @@ id_t draw_id(Taken taken) {
     return id;
 }
 
-// For what is printed, and looked up by nobody.
+// For an identifier that is printed, and that nobody looks up.
 inline id_t draw_id() {
     return draw_id([](id_t) { return false; });
 }
@@ -243,7 +243,8 @@ private:
 // at the end gives none.
 ORN_API void split(std::string const& text, std::string const& separators, std::vector<std::string>& out);
 
-// The same, with at most maxFields fields, the last of which keeps its separators; 1 or less: text whole.
+// The same with at most maxFields fields, the last of which keeps its separators; 1 or less gives the text
+// whole.
 ORN_API void split(std::string const& text, std::string const& separators, std::vector<std::string>& out,
                    int maxFields);
 

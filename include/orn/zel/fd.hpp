@@ -122,8 +122,8 @@ private:
 
 ORN_API std::ostream& operator<<(std::ostream& os, Events const& events);
 
-// Writes the fd manager of every thread that has one and a group, with its descriptors, to responseFd. The
-// arguments are not used.
+// Writes a line to responseFd for every thread that has an fd manager and a group, with the descriptors that
+// it watches. The arguments are not used.
 ORN_API void ListFds(std::string const& args, int responseFd);
 
 // ---- The implementation behind the interfaces -----------------------------------------------------------
@@ -141,8 +141,8 @@ private:
     short revents_;
 };
 
-// Ties one monitor to at most one manager, which it keeps alive. The monitor is in the manager's map exactly
-// while it is wanted there and has a manager.
+// Ties one monitor to at most one manager, and keeps the manager alive. The monitor is in the manager's map
+// exactly while both are set: that it is wanted there, and the manager.
 class ORN_API ManagerAssociation {
 public:
     explicit ManagerAssociation(MonitorImpl* monitor);
@@ -188,12 +188,12 @@ public:
 
 private:
     friend class Manager;
-    typedef boost::shared_ptr<boost::function<void(Event*)>> held_handler;
+    using held_handler = boost::shared_ptr<boost::function<void(Event*)>>;
 
     held_handler take_handler(unsigned long id);
 
     basic_Id<unsigned long> id_;
-    SingleReceptacle<Event*> receptacle_; // with a manager: changed and read under the manager's lock
+    SingleReceptacle<Event*> receptacle_; // guarded by the manager's lock, when there is a manager
     int fd_;
     std::atomic<short> events_;
     std::atomic<short> expired_;
@@ -201,11 +201,11 @@ private:
     ManagerAssociation association_;
 };
 
-// The manager's lock and its map in one. The map holds plain pointers: a monitor withdraws itself before it
-// dies.
+// A manager's lock and its map in one. The map holds plain pointers, because a monitor withdraws itself
+// before it dies.
 class ORN_API ZEL_CAPABILITY("mutex") MonitorMap : public Lockable {
 public:
-    typedef std::map<int, MonitorImpl*> map_type;
+    using map_type = std::map<int, MonitorImpl*>;
 
     ~MonitorMap() override;
     void Lock() override ZEL_ACQUIRE();
@@ -218,8 +218,8 @@ private:
     map_type entries_;
 };
 
-// One for each thread that watches descriptors: which monitors there are, and the road from a poll result to
-// a handler. Kept alive by the thread's record, by every monitor tied to it and by the poll sets it is in.
+// Keeps the monitors of one thread, and delivers poll results to their handlers. It is kept alive by the
+// thread's record, by every monitor that is tied to it and by the poll sets that it is in.
 class ORN_API Manager : public basic_ProcessUnique<unsigned long> {
 public:
     Manager();
@@ -231,17 +231,18 @@ public:
     void insert(MonitorImpl* monitor);
     void remove(MonitorImpl* monitor);
 
-    // Calls the handler of p.fd with p.revents; a descriptor that is not in the map (any more) is passed
-    // over. The caller is the runner of the group. No lock is held during the call.
+    // Calls the handler of p.fd with p.revents; does nothing when the descriptor is not in the map any more.
+    // The caller is the runner of the group. No lock is held during the call.
     void dispatch(pollfd p);
 
     // The same for a poll set that was built while the given registration stood: a result that was meant for
-    // an earlier registration of the same descriptor number is dropped. False when there was nobody to call.
+    // an earlier registration of the same descriptor number is dropped. Returns false when the registration
+    // has been withdrawn.
     bool dispatch(pollfd const& p, unsigned long registration);
 
     unsigned long size();
 
-    // Has the calling thread's group rebuild its poll set; nothing when the thread has no group.
+    // Has the calling thread's group rebuild its poll set. Does nothing when the thread has no group.
     void bump();
     // Writes one control byte to the calling thread's group.
     void WakeUp(char c);
@@ -249,13 +250,13 @@ public:
     // Lock it before walking it. A group's mutex is taken before this lock, never after.
     MonitorMap& monitors() { return monitors_; }
 
-    // What the poll set remembers of a monitor that it polls.
+    // A number that a poll set remembers of a monitor, so that dispatch() can tell whether it is still meant.
     static unsigned long registration(MonitorImpl const& monitor) { return monitor.registration_; }
 
 private:
     friend class MonitorImpl;
 
-    bool deliver(pollfd const& p, unsigned long registration, bool any);
+    static unsigned long const any_registration = 0;
 
     basic_Id<unsigned long> id_;
     MonitorMap monitors_;

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// Containers of handlers: the interface, the list that tolerates changes while it dispatches, the one-handler
-// flavour, and the owner that scopes one registration. Public: signals (signal.hpp) and descriptors (fd.hpp)
-// hand these out. When and on which thread a handler is called is theirs to say.
+// Containers of handlers: the interface, the list that may change while it dispatches, the container of one
+// handler, and the owner of one registration. Public: signals (signal.hpp) and descriptors (fd.hpp) hand
+// these out, and say when and on which thread a handler is called.
 //
 // From examples/21_receptacle.cpp:
 //
@@ -22,7 +22,6 @@
 
 #include <atomic>
 #include <map>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,12 +34,12 @@
 namespace orn {
 namespace zel {
 
-// Anything a handler can be registered with.
+// Anything that a handler can be registered with.
 template <class dataT, class idT>
 class Receptacle {
 public:
-    typedef idT handle_type;
-    typedef boost::function<void(dataT)> receptor_type;
+    using handle_type = idT;
+    using receptor_type = boost::function<void(dataT)>;
 
     virtual ~Receptacle() {}
 
@@ -64,8 +63,8 @@ struct TypeName<int> {
     static char const* text() { return "int"; }
 };
 
-// The mutex, or one on top of it that can be taken again where it cannot be itself: the thread that replays a
-// list's changes would wait for itself.
+// The replay at the end of a dispatch takes the mutex again. A ThreadMutex would make it wait for itself, so
+// it gets a recursive one on top; any other mutex is taken as it is.
 inline boost::shared_ptr<Mutex> recursive(boost::shared_ptr<Mutex> const& mutex) {
     if (!dynamic_cast<ThreadMutex*>(mutex.get()))
         return mutex;
@@ -74,12 +73,12 @@ inline boost::shared_ptr<Mutex> recursive(boost::shared_ptr<Mutex> const& mutex)
 
 } // namespace detail
 
-// Owns one registration and gives it up when it dies. Copying and assigning move the registration: the source
-// is left empty, although it is const. The receptacle must outlive the receptor.
+// Owns one registration and gives it up when it dies. Copying and assigning move the registration: they leave
+// the source empty, although it is const. The receptacle must outlive the receptor.
 template <class dataT>
 class AutoReceptor {
 public:
-    typedef Receptacle<dataT, unsigned long> receptacle_type;
+    using receptacle_type = Receptacle<dataT, unsigned long>;
 
     AutoReceptor() : receptacle_(nullptr), handle_(0) {}
 
@@ -97,8 +96,8 @@ public:
 
     virtual ~AutoReceptor() { release(); }
 
-    // Throws orn::Exception "receptacle reassignment" when this one is tied to another receptacle; both are
-    // then as before.
+    // Gives up the registration held so far. Throws orn::Exception "receptacle reassignment" when this one is
+    // tied to another receptacle; both are then as before.
     AutoReceptor& operator=(AutoReceptor const& other) {
         if (handle_ == other.handle_)
             return *this;
@@ -118,7 +117,7 @@ public:
 private:
     void release() {
         if (handle_ != 0 && receptacle_) {
-            // Cleared first: removing a handler may run its destructor, which may come back here.
+            // Cleared first, because removing a handler may run its destructor, which may come back here.
             unsigned long const held = handle_;
             handle_ = 0;
             receptacle_->remove(held);
@@ -140,7 +139,7 @@ private:
 template <class dataT>
 class SingleReceptacle : public Receptacle<dataT, unsigned long> {
 public:
-    typedef boost::function<void(dataT)> receptor_type;
+    using receptor_type = boost::function<void(dataT)>;
 
     SingleReceptacle() : id_(0) {}
 
@@ -158,7 +157,7 @@ public:
     unsigned capacity() const override { return 1; }
     unsigned count() const override { return id_ != 0 ? 1 : 0; }
 
-    // Shares the handler, so that a call of it survives its removal; empty when there is none.
+    // The handler, shared so that a call of it survives its removal; empty when there is none.
     boost::shared_ptr<receptor_type> handler() const { return handler_; }
 
     // Removes like remove() and hands the handler out, so that the caller chooses where it is destroyed.
@@ -185,8 +184,8 @@ void Dispatch(SingleReceptacle<dataT>& receptacle, dataT const& event) {
         (*held)(event);
 }
 
-// Any number of handlers, called in the order of their registration. Changes made while a dispatch runs, by a
-// handler or by another thread, are kept and replayed in order when the dispatch ends.
+// Any number of handlers, called in the order of their registration. Changes that a handler or another thread
+// makes during a dispatch are kept, and replayed in order when the dispatch ends.
 //
 //     Idle (insert and remove act at once)
 //      |  dispatch: lock                       ^
@@ -194,24 +193,25 @@ void Dispatch(SingleReceptacle<dataT>& receptacle, dataT const& event) {
 //     Dispatching (insert and remove are kept as operations)
 //
 // With a mutex, insert(), remove() and count() may be called from any thread. The replay takes the mutex
-// again, so it is a RecursiveThreadMutex, or a recursive one of your own; of a ThreadMutex the list makes a
-// recursive one, which only the list can take again. Without a mutex, all calls belong to one thread. One
-// list must not
-// be dispatched by two threads at once. A handler that runs a nested loop may meet its own list in dispatch
-// again: the nested dispatch replays what was kept so far, and the outer one goes on with those that are
-// still there.
+// again, so give a RecursiveThreadMutex, or a recursive one of your own. A ThreadMutex does as well, unless
+// you hold it while you call the list: the list puts a recursive one on top, and only the list can take that
+// again. Without a mutex, all calls belong to one thread.
+//
+// Two threads must not dispatch one list at once. A handler that runs a nested loop may dispatch its own list
+// again: the nested dispatch replays what was kept so far, and the outer one goes on with the handlers that
+// are still there.
 template <class dataT>
 class HandlerList : public Receptacle<dataT, unsigned long> {
 public:
-    typedef boost::function<void(dataT)> receptor_type;
-    typedef boost::function<void(HandlerList<dataT>*)> hook_type;
+    using receptor_type = boost::function<void(dataT)>;
+    using hook_type = boost::function<void(HandlerList<dataT>*)>;
 
     // on_first runs when a handler is inserted into a list that has none, before it is stored; on_last when a
     // removal has left none. Both run on the thread that makes the change, on_last possibly at the end of a
     // dispatch and then with the mutex held.
     explicit HandlerList(boost::shared_ptr<Mutex> mutex = boost::shared_ptr<Mutex>(),
                          hook_type const& on_first = hook_type(), hook_type const& on_last = hook_type())
-        : locked_(false), mutex_(detail::recursive(mutex)), on_first_handler_(on_first),
+        : dispatching_(false), mutex_(detail::recursive(mutex)), on_first_handler_(on_first),
           on_last_handler_(on_last), id_(detail::draw_id()), name_("handler list " + std::to_string(id_)) {}
 
     ~HandlerList() override {}
@@ -238,9 +238,9 @@ public:
         return most < ~0U ? static_cast<unsigned>(most) : ~0U;
     }
 
-    // As many as there will be once the kept operations are applied.
+    // How many there will be once the kept operations are applied.
     unsigned count() const override {
-        Locked const guard(*this);
+        MutexGuard const guard(*this);
         long total = static_cast<long>(handlers_.size());
         for (boost::shared_ptr<list_op> const& op : cached_ops_)
             total += op->tally();
@@ -250,8 +250,8 @@ public:
     unsigned long id() const { return id_; }
     std::string const& name() const { return name_; }
 
-    // Calls every handler that is there when it begins, also one that is removed meanwhile. A handler that
-    // throws ends the dispatch and leaves the list locked: changes are then kept until a later dispatch
+    // Calls every handler that is there when it begins, also one that is removed meanwhile. The exception of
+    // a handler ends the dispatch and leaves the list in it: changes are then kept until a later dispatch
     // completes.
     void dispatch(dataT data) {
         lock();
@@ -260,29 +260,31 @@ public:
             typename entries_type::iterator it = handlers_.begin();
             while (it != handlers_.end() && it->first <= last) {
                 unsigned long const handle = it->first;
-                // Held, because a nested dispatch of this list may replay the removal of the one that runs.
+                // Held, because a nested dispatch of this list may replay the removal of this handler.
                 boost::shared_ptr<receptor_type> const held = it->second;
-                // No lock is held here: the handler may change this list.
+                // The mutex is not held here: the handler may change and dispatch this list.
                 if (!held->empty())
                     (*held)(data);
-                lock(); // again: a nested dispatch, which has ended, has opened the list
+                lock(); // again, because a nested dispatch has called unlock()
                 it = handlers_.upper_bound(handle);
             }
         }
         unlock();
     }
 
+    // Begin and end a dispatch.
     virtual void lock() {
-        Locked const guard(*this);
-        locked_ = true;
+        MutexGuard const guard(*this);
+        dispatching_ = true;
     }
 
     virtual void unlock() {
-        Locked const guard(*this);
-        locked_ = false;
+        MutexGuard const guard(*this);
+        dispatching_ = false;
         apply_cached_ops();
     }
 
+    // The analysis cannot follow a mutex that may be missing.
     virtual void lock_mutex() const ZEL_NO_ANALYSIS {
         if (mutex_)
             mutex_->Lock();
@@ -296,8 +298,8 @@ public:
     virtual bool insert_handler(std::pair<const unsigned long, receptor_type> entry) {
         if (on_first_handler_ && empty())
             on_first_handler_(this); // the mutex is not held: the hook may use this list
-        Locked const guard(*this);
-        if (locked_)
+        MutexGuard const guard(*this);
+        if (dispatching_)
             cached_ops_.push_back(boost::shared_ptr<list_op>(new add_op(this, entry.first, entry.second)));
         else
             handlers_.emplace(entry.first, boost::shared_ptr<receptor_type>(new receptor_type(entry.second)));
@@ -308,9 +310,9 @@ public:
         boost::shared_ptr<receptor_type> removed; // destroyed last, with the mutex released
         bool emptied = false;
         {
-            Locked const guard(*this);
+            MutexGuard const guard(*this);
             bool const had_handlers = !handlers_.empty();
-            if (locked_) {
+            if (dispatching_) {
                 cached_ops_.push_back(boost::shared_ptr<list_op>(new remove_op(this, handle)));
             } else {
                 typename entries_type::iterator const it = handlers_.find(handle);
@@ -325,9 +327,9 @@ public:
             on_last_handler_(this);
     }
 
-    // Replays the kept operations in order and forgets them. The mutex, if any, is held by the caller.
+    // Replays the kept operations in order and forgets them. The caller holds the mutex, if there is one.
     void apply_cached_ops() {
-        // Taken out first: an operation may run a hook, and the hook may change the list.
+        // Taken out first, because an operation may run a hook, and the hook may change the list.
         std::vector<boost::shared_ptr<list_op>> ops;
         ops.swap(cached_ops_);
         for (boost::shared_ptr<list_op> const& op : ops)
@@ -370,7 +372,8 @@ public:
     };
 
 protected:
-    // The handlers in dispatch order, shared; what is kept for the end of a dispatch is not among them.
+    // The handlers in dispatch order, shared, without those that wait for the end of a dispatch. The caller
+    // sees to it that the list does not change meanwhile.
     std::vector<boost::shared_ptr<receptor_type>> handlers() const {
         std::vector<boost::shared_ptr<receptor_type>> all;
         all.reserve(handlers_.size());
@@ -379,10 +382,10 @@ protected:
         return all;
     }
 
-    // Whether the handle belongs to a handler that is there, or will be at the end of the dispatch. A list
-    // with a lock of its own takes that here, too.
+    // Whether the handle belongs to a handler that is there, or will be at the end of the dispatch. A derived
+    // list with a lock of its own overrides this and takes that lock, too.
     virtual bool knows(unsigned long handle) const {
-        Locked const guard(*this);
+        MutexGuard const guard(*this);
         if (handlers_.count(handle) != 0)
             return true;
         for (boost::shared_ptr<list_op> const& op : cached_ops_) {
@@ -394,29 +397,29 @@ protected:
     }
 
 private:
-    // Held shared, so that neither a dispatch nor a removal copies or destroys a running handler.
-    typedef std::map<unsigned long, boost::shared_ptr<receptor_type>> entries_type;
+    // Shared, so that neither a dispatch nor a removal copies or destroys a running handler.
+    using entries_type = std::map<unsigned long, boost::shared_ptr<receptor_type>>;
 
-    // The list's own mutex for a scope, through the virtual pair; nothing when there is none.
-    class Locked {
+    // Holds the mutex, if there is one, for a scope, through the virtual pair of functions.
+    class MutexGuard {
     public:
-        explicit Locked(HandlerList const& list) : list_(list) { list_.lock_mutex(); }
-        ~Locked() { list_.unlock_mutex(); }
-        Locked(Locked const&) = delete;
-        Locked& operator=(Locked const&) = delete;
+        explicit MutexGuard(HandlerList const& list) : list_(list) { list_.lock_mutex(); }
+        ~MutexGuard() { list_.unlock_mutex(); }
+        MutexGuard(MutexGuard const&) = delete;
+        MutexGuard& operator=(MutexGuard const&) = delete;
 
     private:
         HandlerList const& list_;
     };
 
     bool empty() const {
-        Locked const guard(*this);
+        MutexGuard const guard(*this);
         return handlers_.empty();
     }
 
     entries_type handlers_;
     std::vector<boost::shared_ptr<list_op>> cached_ops_;
-    bool locked_;
+    bool dispatching_;
     boost::shared_ptr<Mutex> mutex_;
     hook_type on_first_handler_;
     hook_type on_last_handler_;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Threads, the groups that they form, and the poll loop of a group. Public. What is polled is registered
-// through fd.hpp, and everything built on it.
+// The groups that threads form, and the poll loop of a group. Public. What is polled is registered through
+// fd.hpp, and everything built on it; which group a thread belongs to is kept in threadRegistry.hpp.
 //
 // From examples/06_threadGroup.cpp:
 //
@@ -40,6 +40,7 @@
 #ifndef ORN_ZEL_THREADGROUP_HPP
 #define ORN_ZEL_THREADGROUP_HPP
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <set>
@@ -55,6 +56,7 @@
 #include <orn/zel/core.hpp>
 #include <orn/zel/fd.hpp>
 #include <orn/zel/threadFunctions.hpp>
+#include <orn/zel/threadRegistry.hpp>
 
 namespace orn {
 namespace zel {
@@ -76,58 +78,49 @@ ORN_API int RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs
 // The same for one descriptor: its revents, 0 after a timeout or an error.
 ORN_API short RunUntilEventOnFd(int fd, short events, long timeoutMs);
 
-// Ends the wait that the calling thread's group is in. Sets no flag: a caller that loops decides by its own
-// state whether to go on. To wake another group, hold it and call its WakeUp('x').
+// Ends the wait that the calling thread's group is in. When nobody waits, the next wait ends at once instead.
+// Sets no flag: a caller that loops decides by its own state whether to go on. To wake another group, hold it
+// and call its WakeUp('x').
 ORN_API void Exit();
 
-// Moves the calling thread into a new group of its own. Allowed in a handler: the turn that runs ends in the
-// old group.
+// Moves the calling thread into a new group of its own, with all that it has registered. Allowed in a
+// handler: the turn that runs ends in the old group. Throws std::system_error, and changes nothing, when
+// there is no descriptor left.
 ORN_API void NewThreadGroup();
 
-// The identifier of the calling thread's group.
+// The identifier of the calling thread's group, which is made on first use.
 ORN_API id_t GroupId();
 
 namespace thread {
 
-class Associations;
-class Group;
-class Map;
-
-// The calling thread's id, the kernel's, as the hook orn_zel_pthread_self says it.
-ORN_API int self();
-
-// The calling thread's group, made on first use. Throws std::system_error when there is no descriptor left.
-ORN_API boost::shared_ptr<Group> ThisGroup();
-
-// The fd manager of the calling thread, or of any thread, made on first use.
-ORN_API boost::shared_ptr<fd::Manager> FdMgr();
-ORN_API boost::shared_ptr<fd::Manager> FdMgr(int tid);
-
-// The calling thread's record, made on first use. The reference is good until the thread ends or the library
-// is taken down.
-ORN_API Associations& This();
-
-// What a thread belongs to and what belongs to it. A plain value: copies share the pointees.
-class ORN_API Associations {
+// Decides when a turn asks poll() without waiting before it waits. Asking costs a fraction of waiting for
+// every idle descriptor, so a loop asks as long as it finds work. A miss costs a system call for nothing, so
+// the loop then does not ask for a number of turns that doubles with each miss: one that mostly waits is not
+// slowed down.
+class PollProbe {
 public:
-    // Both make what is missing.
-    boost::shared_ptr<Group> GetGroup();
-    boost::shared_ptr<fd::Manager> GetFdMgr();
+    PollProbe() : pause_(0), turns_left_(0) {}
 
-    // Leaves the group, if any, and joins the given one, which must not be empty (assertion).
-    void Associate(boost::shared_ptr<Group> group);
-    // Leaves the group, if any, for a new one. When that cannot be made nothing has changed.
-    void NewGroup();
+    // Once in each turn that may wait: whether to ask in this one. If so, say what came of it.
+    bool due() {
+        if (turns_left_ == 0)
+            return true;
+        --turns_left_;
+        return false;
+    }
+    void hit() { pause_ = 0; }
+    void missed() {
+        pause_ = std::min(2 * pause_ + 1, 63U);
+        turns_left_ = pause_;
+    }
 
 private:
-    friend class Registry;
-
-    boost::shared_ptr<Group> group_;
-    boost::shared_ptr<fd::Manager> fd_manager_; // released before the group
+    unsigned pause_;      // turns without asking after the latest miss
+    unsigned turns_left_; // of that pause
 };
 
 // One poll loop, shared by the threads that are its members. Lock() and Unlock() are its mutex, which guards
-// the member set and is taken before any fd manager's lock.
+// the member set and is taken before any fd manager's lock. They do not hold off a run call.
 class ORN_API ZEL_CAPABILITY("mutex") Group : public basic_ProcessUnique<unsigned long>, public Lockable {
 public:
     struct DispatchInfo {
@@ -136,40 +129,53 @@ public:
         boost::function<void(pollfd&)> handler;
     };
 
+    // Opens the control pipe; the calling thread becomes a member. Throws std::system_error when there is no
+    // descriptor left.
     Group();
     ~Group() override;
     Group(Group const&) = delete;
     Group& operator=(Group const&) = delete;
 
-    void Lock() override ZEL_ACQUIRE();
-    void Unlock() override ZEL_RELEASE();
+    void Lock() override ZEL_ACQUIRE(mutex_);
+    void Unlock() override ZEL_RELEASE(mutex_);
 
     basic_Id<unsigned long> const& id() const { return id_; }
 
-    // Any thread.
+    // The members; the first two are the same number. Any thread.
     unsigned long tsize() const;
     unsigned long size() const;
     std::set<int> Threads() const;
+
+    // Changes of the member set, which end the present wait. Any thread. They leave the thread's record
+    // alone: to move a thread use Associations.
     void insert(int tid);
     void erase(int tid);
+
     // The descriptors of a member changed: the poll set is rebuilt before the next wait, and the present wait
-    // ends.
+    // ends. Any thread.
     void bump();
     bool bumped() const;
     // Like bump(), for the runner itself: nobody has to be woken.
     void outdate();
-    // Ends the present wait, or the next one. Writes one byte; a full pipe loses it, since any byte wakes.
+
+    // Ends the present wait, or the next one when nobody waits. Writes one byte, without blocking; a full
+    // pipe loses it, since any byte wakes. Any thread.
     void WakeUp(char c);
 
-    // Members only: the run calls of the same names in orn::zel.
+    // The run calls of the same names in orn::zel. Members only.
     int RunOnce(long timeoutMs);
     int RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs);
     short RunUntilEventOnFd(int fd, short events, long timeoutMs);
 
-    // The runner's own steps.
+    // Take the runner role, or go one level deeper in it, and give one level back. They change nothing while
+    // another thread has the role. Deeper than 99 levels is an assertion.
     void StartRunning(int tid);
     void EndRunning(int tid);
     bool IsRunner(int tid) const;
+
+    // The runner's own steps. The second setup_pollset() puts those entries of the group's set that fds does
+    // not have, and then fds, into out, and returns the index of the first of fds. dispatch_pollset() serves
+    // at most count results among the first n and returns what is left of count.
     void setup_pollset();
     unsigned long setup_pollset(pollfd* fds, unsigned long nfds, std::vector<pollfd>& out);
     void dispatch(pollfd& pfd);
@@ -180,43 +186,49 @@ public:
     void display();
 
 private:
-    void add_monitors(int tid, boost::shared_ptr<fd::Manager> const& manager);
-    void add_entry(int fd, DispatchInfo const& info);
-    DispatchInfo const& dispatch_info(pollfd const& pfd) const;
-    bool left_group(int tid) const;
-    void leftovers();
-    void rebuild();
-    int wait(std::vector<pollfd>& set, long timeoutMs);
+    friend class Registry;
 
     // insert(), for a thread that may have descriptors already.
     void admit(int tid, bool watches);
     void advance_version() ZEL_REQUIRES(mutex_);
-    friend class Registry;
+
+    // Steps of a turn.
+    void leftovers();
+    void rebuild();
+    int poll_set(std::vector<pollfd>& set, int timeoutMs);
+    // Serves the group's entries of a combined set, which are those before base. Returns how many of the
+    // caller's are ready.
+    int dispatch_combined(std::vector<pollfd>& combined, unsigned long base, int ready);
+
+    void add_monitors(int tid, boost::shared_ptr<fd::Manager> const& manager);
+    void add_entry(int fd, DispatchInfo const& info);
+    DispatchInfo const& dispatch_info(pollfd const& pfd) const;
+    bool left_group(int tid) const;
 
     basic_Id<unsigned long> id_;
     int const creator_;
     std::set<int> threads_ ZEL_GUARDED_BY(mutex_);
     os::Pipe ctrl_;
     std::vector<pollfd> pollset_;             // the runner's
-    std::map<int, DispatchInfo> dispatchset_; // the runner's, one entry for each of pollset_
+    std::map<int, DispatchInfo> dispatchset_; // the runner's: by descriptor, what to do with its results
     std::atomic<unsigned long> built_version_;
     std::atomic<unsigned long> poll_version_;
     mutable ThreadMutex mutex_;
     std::atomic<int> runner_;
-    std::atomic<unsigned long> runner_depth_;
+    std::atomic<unsigned long> runner_depth_; // changed by the runner only
+    std::atomic<unsigned long> membership_;   // counts insert() and erase(), by any thread
 
-    // The rest is the runner's own. By position in pollset_: what dispatchset_ has for it.
-    std::vector<DispatchInfo const*> order_;
-    unsigned long rebuilds_;
-    unsigned long polls_;
-    int undispatched_;
-    std::atomic<unsigned long> membership_; // counts insert() and erase()
-    unsigned long built_membership_;
-    unsigned ask_again_; // turns until wait() asks first again
-    unsigned ask_pause_; // how many it waits after the next miss
+    // The rest is the runner's.
+    std::vector<DispatchInfo const*> order_; // by position in pollset_: what dispatchset_ has for it
+    unsigned long rebuilds_; // counts them, so that a turn can tell what nested ones have done
+    unsigned long polls_;    // the same
+    int undispatched_;       // results in pollset_ that the latest poll brought and nobody has dispatched
+    unsigned long built_membership_; // membership_ when the set was built
+    PollProbe probe_;
 };
 
-// Holds the runner role for a scope, if it is to be had.
+// Reserves the runner role for a scope and releases it at the end. While another thread has the role neither
+// does anything: ask IsRunner().
 class ORN_API RunReservation {
 public:
     explicit RunReservation(Group& group) : group_(group), tid_(self()) { group_.StartRunning(tid_); }
@@ -231,7 +243,8 @@ private:
     int const tid_;
 };
 
-// poll(2), reported to the poll monitor and the extended log when those are on.
+// poll(2), reported to the poll monitor and the extended log when those are on. Blocks as poll() does, and
+// serves nobody.
 ORN_API int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs);
 
 // Whether some entry has the same descriptor; events are not compared.
@@ -239,134 +252,33 @@ ORN_API bool isInPollset(pollfd& pfd, pollfd* fds, unsigned long nfds);
 
 // ---- Observation ----------------------------------------------------------------------------------------
 
-// One monitor of each kind per process: a descriptor that a line is written to for each thread operation, or
-// each poll() and dispatch. Any thread; takes effect from the next report. The tag is not used; switching off
-// ignores the descriptor too.
+// There are two monitors in the process: a descriptor that gets a line for each thread operation, and one for
+// each poll() and dispatch, in all threads. Another Monitor call replaces the descriptor, an Unmonitor call
+// switches the monitor off; neither uses the tag, and the latter no descriptor.
+//
+// The descriptor stays the caller's. Close it when the call that replaced it or switched it off has returned:
+// nothing is written to it then. It must not block (O_NONBLOCK): one that does holds up every thread that
+// reports while it is full, and whoever ends the process. Lines that it has no room for are lost. The first
+// line that cannot be delivered because the reader has gone switches the monitor off.
 
 ORN_API void MonitorThread(std::string const& tag, int fd);
 ORN_API void UnmonitorThread(std::string const& tag, int fd);
 ORN_API void MonitorPoll(std::string const& tag, int fd);
 ORN_API void UnmonitorPoll(std::string const& tag, int fd);
 
-// Logs every poll set from now on. There is no way back.
+// Logs every poll set from now on, in all groups. There is no way back.
 ORN_API void enableExtendedLogging();
 
+// Each writes a line to its monitor. The library calls them.
 ORN_API void display_thread_op(std::string const& op);
 ORN_API void display_dispatch(pollfd& pfd);
 
-// Writes the list of known threads to the poll monitor, and only there: neither parameter is used.
+// Writes the list of known threads to the poll monitor, and only there: neither parameter is used, and
+// without that monitor the list is lost.
 ORN_API void ListThreads(std::string const& args, int fd);
 
-// ---- The registry of threads ----------------------------------------------------------------------------
-
 } // namespace thread
-
-// Records by thread id. Add, Erase and This concern the calling thread's record and take the lock.
-template <class T, class R>
-class ThreadMap {
-public:
-    explicit ThreadMap(ThreadMutex& lock) : lock_(lock) {}
-    virtual ~ThreadMap() {}
-    ThreadMap(ThreadMap const&) = delete;
-    ThreadMap& operator=(ThreadMap const&) = delete;
-
-    virtual void Add(T& value) {
-        AutoLock const guard(lock_);
-        entries_[thread::self()] = value;
-    }
-
-    // The record must be there.
-    virtual void Erase() {
-        typename std::map<int, T>::node_type erased; // destroyed with the lock released
-        AutoLock const guard(lock_);
-        erased = entries_.extract(thread::self());
-    }
-
-    // The reference stays good until the record is erased: map nodes do not move.
-    virtual R This() {
-        AutoLock const guard(lock_);
-        return entry(thread::self());
-    }
-
-    virtual T construct() { return T(); }
-
-protected:
-    T& entry(int tid) ZEL_REQUIRES(lock_) {
-        typename std::map<int, T>::iterator it = entries_.lower_bound(tid);
-        if (it == entries_.end() || it->first != tid)
-            it = entries_.insert(it, std::make_pair(tid, construct()));
-        return it->second;
-    }
-
-    // Outlives the map, since threads may still come for it while the process exits.
-    ThreadMutex& lock_;
-    std::map<int, T> entries_ ZEL_GUARDED_BY(lock_);
-};
-
-namespace thread {
-
-class ORN_API Map : public ThreadMap<Associations, Associations&> {
-public:
-    Map();
-    ~Map() override;
-    // The record of any thread, made when it is missing.
-    Associations& operator[](int tid);
-
-private:
-    friend class Registry;
-};
-
-// Registers the three hooks below with the thread layer.
-class ORN_API o_pthread_extension {
-public:
-    o_pthread_extension();
-    virtual ~o_pthread_extension();
-};
-
-// The one registry: made at load or on first use, destroyed at unload.
-class ORN_API StaticStuff : public o_pthread_extension {
-public:
-    StaticStuff();
-    ~StaticStuff() override;
-    Map& map() { return map_; }
-
-private:
-    Map map_;
-};
-
-// What o_pthread_register_extension() takes: five words of pointer size.
-struct ThreadExtensionRecord {
-    unsigned long magic; // 0xDEAD
-    void* (*create)();
-    int (*start)(void*);
-    void* reserved;
-    int (*cleanup)();
-};
-
-// Goes from the create hook to the start hook.
-struct InheritRecord {
-    int creatorTid;
-    boost::shared_ptr<Group> group;
-};
-
-ORN_API void zel_thread_load();
-ORN_API void zel_thread_unload();
-
-} // namespace thread
-
-// The map of the one registry, which is made when there is none.
-ORN_API thread::Map* TheThreadMap();
-
 } // namespace zel
 } // namespace orn
-
-extern "C" {
-// Runs in the creating thread; the result goes to the start hook.
-ORN_API void* ZEL_Thread_create_extension();
-// Runs first in the new thread, which joins its creator's group.
-ORN_API int ZEL_Thread_start_extension(void* record);
-// Runs last in the ending thread, which leaves its group and gives up its record.
-ORN_API int ZEL_Thread_cleanup_extension();
-}
 
 #endif

@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: MIT
+//
+// What can be observed of threads and their loops: the two monitors, the extended log and the listing.
+#include "threadMonitor.hpp"
+
+#include <atomic>
+#include <cerrno>
+#include <string>
+
+#include <orn/log.h>
+#include <orn/zel/response.hpp>
+#include <orn/zel/threadGroup.hpp>
+
+#include "fixedLine.hpp"
+#include "observer.hpp"
+#include "plainText.hpp"
+#include "threadRegistry.hpp"
+
+namespace orn {
+namespace zel {
+namespace thread {
+
+namespace {
+
+std::atomic<bool> extended_logging(false);
+
+void list_pollset(std::ostream& os, pollfd const* fds, unsigned long nfds, short pollfd::*bits) {
+    for (unsigned long i = 0; i < nfds; ++i)
+        os << fds[i].fd << '/' << fds[i].*bits << ' ';
+    os << '}';
+}
+
+} // namespace
+
+// ---- Reports of the loop --------------------------------------------------------------------------------
+
+void log_pollset(char const* label, pollfd const* fds, unsigned long nfds) {
+    if (!extended_logging)
+        return;
+    detail::PlainText text;
+    text << "(group=" << GroupId() << ") fd/events/revents={ ";
+    for (unsigned long i = 0; i < nfds; ++i)
+        text << fds[i].fd << '/' << fds[i].events << '/' << fds[i].revents << ' ';
+    text << '}';
+    Log_SpecEntry(logSpecForceInfo, "src/threadGroup", detail::line_of_poll_set, "%s %s\n", label,
+                  text.str().c_str());
+}
+
+void report_poll_in(pollfd const* fds, unsigned long nfds, int timeoutMs) {
+    log_pollset("zel_poll IN", fds, nfds);
+    detail::poll_observer.report([&](std::ostream& line) {
+        line << "poll in  group=" << GroupId() << " timeout=" << timeoutMs << " fd/event={ ";
+        list_pollset(line, fds, nfds, &pollfd::events);
+    });
+}
+
+void report_poll_out(pollfd const* fds, unsigned long nfds, int status) {
+    int const error = errno;
+    detail::poll_observer.report([&](std::ostream& line) {
+        line << "poll out group=" << GroupId() << " status=" << status << " fd/revent={ ";
+        list_pollset(line, fds, nfds, &pollfd::revents);
+    });
+    log_pollset("zel_poll OUT", fds, nfds);
+    errno = error;
+}
+
+void report_left(int fd, int tid) {
+    detail::poll_observer.report([&](std::ostream& line) {
+        line << "fd=" << fd << " from tid=" << tid << ": fdMgr no longer in group";
+    });
+}
+
+void display_dispatch(pollfd& pfd) {
+    detail::poll_observer.report(
+        [&](std::ostream& line) { line << "dispatching fd=" << pfd.fd << " revents=" << pfd.revents; });
+}
+
+int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs) {
+    report_poll_in(fds, nfds, timeoutMs);
+    int const status = poll(fds, nfds, timeoutMs);
+    report_poll_out(fds, nfds, status);
+    return status;
+}
+
+// ---- Reports of threads, and the listing ----------------------------------------------------------------
+
+void display_thread_op(std::string const& op) {
+    detail::thread_observer.report([&](std::ostream& line) { line << "thread " << op; });
+}
+
+void ListThreads(std::string const&, int) {
+    detail::PlainText text;
+    text << "Threads:\n";
+    for (Registry::Entry const& entry : Registry::entries()) {
+        text << "thread: " << entry.tid << " group=";
+        if (entry.group)
+            text << entry.group->id();
+        else
+            text << "none";
+        text << " fdMgr=";
+        if (entry.fd_manager)
+            text << entry.fd_manager->id();
+        else
+            text << "none";
+        text << '\n';
+    }
+    detail::poll_observer.write(text.str());
+}
+
+// ---- The switches ---------------------------------------------------------------------------------------
+
+void MonitorThread(std::string const&, int fd) {
+    detail::thread_observer.watch(fd);
+}
+
+void UnmonitorThread(std::string const&, int) {
+    detail::thread_observer.unwatch();
+}
+
+void MonitorPoll(std::string const&, int fd) {
+    detail::poll_observer.watch(fd);
+}
+
+void UnmonitorPoll(std::string const&, int) {
+    detail::poll_observer.unwatch();
+}
+
+void enableExtendedLogging() {
+    extended_logging = true;
+}
+
+} // namespace thread
+} // namespace zel
+} // namespace orn
