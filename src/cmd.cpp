@@ -41,8 +41,6 @@ namespace cmd {
 
 namespace {
 
-using detail::channel_signal;
-
 // exit() waits so many milliseconds for a command that is under way. A command takes a few; one that takes
 // this long waits for the thread that is in exit(), as a rule, and would wait for ever.
 int const longest_command_ms = 1000;
@@ -435,7 +433,7 @@ void zel_cmd_load() {
     }
     watch_channel_signal();
     // A client that knocks at a child which has not come to use the library yet must not end it.
-    detail::keep_in_children(channel_signal);
+    detail::expect_from_others(channel_signal);
     detail::set_child_hook(watch_channel_signal);
 }
 

@@ -17,15 +17,11 @@
 
 #include <orn/log.h>
 
-#include "fork.hpp"
-
 namespace orn {
 namespace zel {
 namespace cmd {
 
 namespace {
-
-using detail::channel_signal;
 
 void raise_channel_signal(int pid) {
     // Real-time signals are queued with a value; where this number is not one of them it is an ordinary

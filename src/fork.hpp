@@ -10,9 +10,6 @@ namespace orn {
 namespace zel {
 namespace detail {
 
-// Raised by whoever wants to connect to the command channel of this process.
-int const channel_signal = 55;
-
 // Like getpid(), without the system call: for what a child of fork() must not do in its parent's name.
 // Signal-safe.
 pid_t process_id();

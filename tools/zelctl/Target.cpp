@@ -13,13 +13,15 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <orn/zel/cmd.hpp>
+
 #include "Failure.hpp"
 
 namespace zelctl {
 
 namespace {
 
-int const channel_signal = 55;
+using orn::zel::cmd::channel_signal;
 
 int open_process(int pid) {
 #ifdef SYS_pidfd_open

@@ -61,6 +61,9 @@ namespace zel {
 
 namespace cmd {
 
+// Raised in a process by whoever wants to connect to it.
+int const channel_signal = 55;
+
 // args: the text behind the command word and the blanks after it. fd: where to answer; -1, where writing
 // fails, for a client that has not connected.
 typedef boost::function<void(std::string const& args, int fd)> Handler;
