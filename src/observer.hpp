@@ -60,7 +60,7 @@ public:
 private:
     // An application may have set an observer that blocks, and whose reader does not read. Whoever switches
     // it off must not wait for that reader: the command thread is waited for when the library is taken down.
-    typedef std::unique_lock<std::timed_mutex> Lock;
+    using Lock = std::unique_lock<std::timed_mutex>;
     // By the wall clock: ThreadSanitizer knows no mutex that waits by another.
     Lock lock_in_time() { return Lock(lock_, std::chrono::system_clock::now() + std::chrono::seconds(1)); }
 

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// The built-in word "zel": which function each of its words calls, and the libraries that it has loaded.
 #include <orn/zel/zelcmds.hpp>
 
 #include <map>
@@ -17,6 +19,7 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "immortal.hpp"
+#include "loaded.hpp"
 
 namespace orn {
 namespace zel {
@@ -24,25 +27,13 @@ namespace zelcmds {
 
 namespace {
 
-struct State {
+struct Builtin {
     std::map<std::string, cmd::Handler> subcommands; // not changed after load
-    std::map<std::string, void*> libraries;          // by the name that loaded them; the command thread's
+    std::map<std::string, void*> libraries; // by the name that loaded them; only the command thread uses them
 };
 
-struct StateLock;
-
-ThreadMutex& state_lock() {
-    return detail::immortal<ThreadMutex, StateLock>();
-}
-
-boost::shared_ptr<State>& g() ZEL_REQUIRES(state_lock()) {
-    return detail::immortal<boost::shared_ptr<State>, StateLock>();
-}
-
-// Held by a command while it runs, so that taking the library down does not pull it away.
-boost::shared_ptr<State> current() {
-    AutoLock const guard(state_lock());
-    return g();
+detail::Loaded<Builtin>& builtin() {
+    return detail::immortal<detail::Loaded<Builtin>, Builtin>();
 }
 
 template <class Each>
@@ -56,7 +47,7 @@ void for_each_word(std::string const& args, Each each) {
     }
 }
 
-typedef void (*Switch)(std::string const&, int);
+using Switch = void (*)(std::string const&, int);
 
 struct Monitored {
     char const* word;
@@ -89,7 +80,7 @@ void stay_loaded() {
         dlclose(self);
 }
 
-std::string load_library(State& state, std::string const& name) {
+std::string load_library(Builtin& state, std::string const& name) {
     // May run for as long as the module's own constructors do, and register commands.
     void* const handle = dlopen(name.c_str(), RTLD_LAZY | RTLD_GLOBAL);
     if (!handle)
@@ -98,7 +89,7 @@ std::string load_library(State& state, std::string const& name) {
     return name + ": loaded\n";
 }
 
-std::string unload_library(State& state, std::string const& name) {
+std::string unload_library(Builtin& state, std::string const& name) {
     auto const it = state.libraries.find(name);
     if (it == state.libraries.end())
         return name + ": not found\n";
@@ -108,8 +99,8 @@ std::string unload_library(State& state, std::string const& name) {
     return name + ": unloaded\n";
 }
 
-void change_libraries(std::string const& args, int fd, std::string (*change)(State&, std::string const&)) {
-    boost::shared_ptr<State> const held = current();
+void change_libraries(std::string const& args, int fd, std::string (*change)(Builtin&, std::string const&)) {
+    boost::shared_ptr<Builtin> const held = builtin().current();
     if (!held)
         return;
     if (cmd::stopping())
@@ -140,7 +131,7 @@ void Unload(std::string const& args, int fd) {
 
 void ProcessCommand(std::string const& args, int resp_fd) {
     std::pair<std::string, std::string> const words = cmd::GetFirstWord(args);
-    boost::shared_ptr<State> const held = current();
+    boost::shared_ptr<Builtin> const held = builtin().current();
     if (held) {
         auto const it = held->subcommands.find(words.first);
         if (it != held->subcommands.end()) {
@@ -152,7 +143,7 @@ void ProcessCommand(std::string const& args, int resp_fd) {
 }
 
 void zel_zelcmds_load() {
-    boost::shared_ptr<State> const made(new State);
+    boost::shared_ptr<Builtin> const made(new Builtin);
     made->subcommands["tasks"] = task::ListTasks;
     made->subcommands["threads"] = thread::ListThreads;
     made->subcommands["monitor"] = Monitor;
@@ -162,17 +153,15 @@ void zel_zelcmds_load() {
     made->subcommands["load"] = Load;
     made->subcommands["unload"] = Unload;
     {
-        AutoLock const guard(state_lock());
-        g() = made;
+        AutoLock const guard(builtin().lock);
+        builtin().state = made;
     }
     cmd::Register("zel", ProcessCommand);
 }
 
 void zel_zelcmds_unload() {
     cmd::Unregister("zel");
-    boost::shared_ptr<State> doomed;
-    AutoLock const guard(state_lock());
-    doomed.swap(g()); // libraries that are still open stay loaded
+    builtin().take_out(); // libraries that are still open stay loaded
 }
 
 } // namespace zelcmds

@@ -66,7 +66,7 @@ int const channel_signal = 55;
 
 // args: the text behind the command word and the blanks after it. fd: where to answer; -1, where writing
 // fails, for a client that has not connected.
-typedef boost::function<void(std::string const& args, int fd)> Handler;
+using Handler = boost::function<void(std::string const& args, int fd)>;
 
 // Gives a word to a handler, in place of the one that had it. Any thread. Nothing happens while the library
 // is not loaded.
@@ -129,7 +129,7 @@ namespace cmd {
 
 // ---- The implementation behind the interfaces -----------------------------------------------------------
 
-typedef o_msg_queue_t MsgQueue;
+using MsgQueue = o_msg_queue_t;
 
 // What a message of the queue is for: its type. See docs/protocol.md.
 enum MessageType { message_connect = 1, message_command = 2 };
