@@ -20,6 +20,7 @@
 
 #include "immortal.hpp"
 #include "loaded.hpp"
+#include "shutdown.hpp"
 
 namespace orn {
 namespace zel {
@@ -69,19 +70,8 @@ void switch_monitors(std::string const& args, int fd, Switch Monitored::*directi
     });
 }
 
-// Makes this library stay for good. A dlclose() of it by another thread holds the dynamic linker's lock and
-// waits for the command thread, which could then be waiting for that same lock in a command below.
-void stay_loaded() {
-    Dl_info info;
-    if (dladdr(reinterpret_cast<void*>(&zel_zelcmds_load), &info) == 0)
-        return;
-    void* const self = dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
-    if (self)
-        dlclose(self);
-}
-
 std::string load_library(Builtin& state, std::string const& name) {
-    // May run for as long as the module's own constructors do, and register commands.
+    // The module's constructors run here, for as long as they like, and may register words.
     void* const handle = dlopen(name.c_str(), RTLD_LAZY | RTLD_GLOBAL);
     if (!handle)
         return std::string(dlerror()) + '\n';
@@ -104,8 +94,10 @@ void change_libraries(std::string const& args, int fd, std::string (*change)(Bui
     if (!held)
         return;
     if (cmd::stopping())
-        return; // dlclose() may be under way already
-    stay_loaded();
+        return; // dlclose() of this library may be under way already
+    // Another thread's dlclose() of this library would hold the dynamic linker's lock and wait for the
+    // command thread, which would be waiting for that same lock below.
+    detail::Shutdown::put_off_until_exit();
     std::string text;
     for_each_word(args, [&](std::string const& name) { text += change(*held, name); });
     cmd::Write(fd, text);
