@@ -319,7 +319,7 @@ void zel_cmd_load() {
     load_words();
     watch_channel_signal();
     detail::expect_from_others(channel_signal);
-    detail::set_child_hook(watch_channel_signal);
+    detail::set_child_hook(watch_channel_signal); // the thread registry runs it in a child of fork()
 }
 
 // ---- Unload ---------------------------------------------------------------------------------------------

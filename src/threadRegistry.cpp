@@ -140,7 +140,7 @@ boost::shared_ptr<Group> Registry::find_or_make_group(Locate locate) {
         record.group_ = made;
     }
     made->insert(self());
-    detail::run_child_hook();
+    detail::run_child_hook(); // the command channel's: it watches its signal in a child of fork()
     return made;
 }
 
