@@ -371,7 +371,7 @@ bool stop_channel() {
     }
     if (!group)
         return true;
-    group->WakeUp('x');
+    group->WakeUp('x'); // with the lock released: the thread takes it when it ends
     // dlclose() waits for as long as the command takes, because the code goes. exit() does not.
     if (!detail::Shutdown::exiting() || ends_in_time(*state))
         return true;
