@@ -1,10 +1,16 @@
 // SPDX-License-Identifier: MIT
+//
+// The descriptors that answers go to: how they are opened, kept and given back.
 #include "clientTable.hpp"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "observer.hpp"
@@ -16,7 +22,21 @@ namespace detail {
 
 namespace {
 
-// Whose reader has gone, of those that are kept.
+// Opens the same pipe anew, on a descriptor that does not block whatever the client does. Setting O_NONBLOCK
+// would not do: the flag belongs to the open file, which the client shares and may change at any time. Only a
+// pipe is still itself when it is opened anew. Returns -1 and why when that fails.
+int open_anew(int fd, std::string& why) {
+    struct stat what = {};
+    if (fstat(fd, &what) == 0 && !S_ISFIFO(what.st_mode)) {
+        why = "it is no pipe";
+        return -1;
+    }
+    int const own = open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (own == -1)
+        why = strerror(errno);
+    return own;
+}
+
 std::size_t limit_of_unused() {
     std::size_t const most = 64;
     rlimit limit = {};
@@ -32,13 +52,20 @@ bool has_reader(int fd) {
 
 } // namespace
 
+bool ClientTable::connect(int pid, int offered, std::string& why) {
+    int const own = open_anew(offered, why);
+    if (own != -1)
+        remember(pid, own);
+    return own != -1;
+}
+
 void ClientTable::remember(int pid, int fd) {
     all_.push_back({pid, fd});
     by_pid_[pid] = fd;
     if (all_.size() < next_look_)
         return;
     give_back(limit_of_unused());
-    // All are looked at, so not each time: a share of what there is has to come first.
+    // Looking at all of them takes long in a large table, so the table has to grow by a share first.
     next_look_ = all_.size() + std::max<std::size_t>(all_.size() / 64, 8);
 }
 
@@ -47,7 +74,7 @@ int ClientTable::of(int pid) const {
     return it == by_pid_.end() ? -1 : it->second;
 }
 
-// Unless its process has connected again since, or has ended.
+// False when its process has connected again since, or has ended.
 bool ClientTable::in_use(Client const& client) const {
     return of(client.pid) == client.fd && has_reader(client.fd);
 }
@@ -76,7 +103,7 @@ void ClientTable::give_back(std::size_t most_unused) {
 }
 
 void ClientTable::forget() {
-    // A thread that exit() leaves running may be about to write a line: then the descriptors stay open.
+    // A thread that exit() leaves running may be about to write a line, so the descriptors stay open then.
     bool const closing = !Shutdown::keeps();
     for (Client const& client : all_) {
         forget_observer(client.fd);

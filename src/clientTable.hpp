@@ -1,31 +1,34 @@
 // SPDX-License-Identifier: MIT
 //
-// The descriptors that answers go to. Internal to the command channel. Not synchronised: the command
-// thread's.
+// The descriptors that answers go to, one for each client process. Internal to the command channel. No lock:
+// the table is the command thread's.
 #ifndef ZEL_SRC_CLIENTTABLE_HPP
 #define ZEL_SRC_CLIENTTABLE_HPP
 
 #include <cstddef>
 #include <map>
+#include <string>
 #include <vector>
 
 namespace orn {
 namespace zel {
 namespace detail {
 
-// A client's descriptor stays open after the client has gone, since a monitor may still write to it and must
-// not hit another file that got the number. But a process that is looked into again and again must not run
-// out: of the descriptors that nobody reads any more, or that their process has replaced, and that no monitor
-// writes to, the most recent 64 are kept, and never more than an eighth of what the process may have.
+// A client's descriptor stays open after the client has gone: a monitor may still write to it, and must not
+// hit another file that gets the number. But a process that is looked into again and again must not run out
+// of descriptors. Unused are those that nobody reads any more, or that their process has replaced, unless a
+// monitor writes to them. The latest 64 unused ones are kept, and at most an eighth of what the process may
+// have.
 class ClientTable {
 public:
-    // Takes the descriptor over, in place of the one that the process had.
-    void remember(int pid, int fd);
+    // From now on answers the process on its own descriptor of the pipe that the client has offered, which
+    // stays the caller's. When that cannot be opened returns false and why; an earlier connection stays.
+    bool connect(int pid, int offered, std::string& why);
 
     // Where to answer a process; -1 when it has never connected.
     int of(int pid) const;
 
-    // Switches off the monitors that write to them, and closes all.
+    // Switches off the monitors that write to the descriptors, and closes all of them.
     void forget();
 
 private:
@@ -34,12 +37,13 @@ private:
         int fd;
     };
 
+    void remember(int pid, int fd);
     bool in_use(Client const& client) const;
     void give_back(std::size_t most_unused);
 
     std::map<int, int> by_pid_; // the latest of each process
     std::vector<Client> all_;   // in the order in which they came
-    std::size_t next_look_ = 0; // at this size of the table
+    std::size_t next_look_ = 0; // the size of the table at which give_back() looks again
 };
 
 } // namespace detail

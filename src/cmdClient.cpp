@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The client side of the command channel.
+// The client's side of the command channel: the signal, the messages to the target's queue, and the lines of
+// the answers. The server's side is cmdServer.cpp.
 #include <orn/zel/cmd.hpp>
 
 #include <algorithm>
@@ -17,19 +18,14 @@
 
 #include <orn/log.h>
 
-#include "fork.hpp"
-
 namespace orn {
 namespace zel {
 namespace cmd {
 
 namespace {
 
-using detail::channel_signal;
-
 void raise_channel_signal(int pid) {
-    // Real-time signals are queued with a value; where this number is not one of them it is an ordinary
-    // signal.
+    // On some systems this number is below the real-time signals, and so not one that is queued with a value.
     if (SIGRTMIN < channel_signal + 1) {
         sigval value = {};
         sigqueue(pid, channel_signal, value);
@@ -38,7 +34,7 @@ void raise_channel_signal(int pid) {
     }
 }
 
-// The target writes an answer at once and does not wait for room, so the pipe should take all of a long
+// The target writes an answer in one piece and does not wait for room, so the pipe should take all of a long
 // listing. The kernel may refuse the full size to a user who has many large pipes.
 void enlarge(int pipe) {
     int const usual = 65536;
@@ -67,17 +63,17 @@ struct ChannelImpl::Reader {
     bool full() const;
 
     boost::function<void(std::string const&)> fn;
-    int const room;                          // the write end, which tells whether the pipe is full
-    std::atomic<bool> counting{false};       // how often it is
-    std::atomic<unsigned long> overflows{0}; // the count
+    int const room; // the write end, which tells whether the pipe is full
+    std::atomic<bool> counting{false};
+    std::atomic<unsigned long> overflows{0}; // how often the pipe was full, while that is counted
     std::vector<char> buffer;
-    std::string partial;             // a line that has no end yet
-    std::deque<std::string> lines;   // that fn has not been given yet
-    std::atomic<bool> closed{false}; // the channel has been given up, maybe in another thread
+    std::string partial;             // the beginning of a line whose end has not come yet
+    std::deque<std::string> lines;   // whole lines that fn has not been given yet
+    std::atomic<bool> closed{false}; // the channel has been given up, maybe by another thread
 };
 
-// Only this side takes anything out. So a pipe without room for one of the target's writes is still full when
-// it is looked at before the next read.
+// Only this side makes room in the pipe, by reading. So when one of the target's writes did not find room the
+// pipe is still full just before the next read.
 bool ChannelImpl::Reader::full() const {
     pollfd entry = {room, POLLOUT, 0};
     return poll(&entry, 1, 0) == 0;
@@ -102,8 +98,8 @@ void ChannelImpl::Reader::read_lines(int fd) {
         lines.back().swap(partial);
         begin = newline + 1;
     }
-    // Taken out one at a time: fn may throw, and may run the loop, which then comes back here for the next
-    // one. It may also give the channel up, and then has seen its last line.
+    // Take the lines out one at a time, because fn may throw, and may run the loop, which comes back here for
+    // the next line. fn may also give the channel up, and then gets no further line. No lock is held.
     while (!closed && !lines.empty()) {
         std::string line;
         line.swap(lines.front());
@@ -121,7 +117,7 @@ ChannelImpl::ChannelImpl(int pid, boost::function<void(std::string const&)> fn, 
                 [reader = reader_](fd::Event* event) { reader->read_lines(event->fd()); }) {
     Log_SpecEntry(logSpecForceInfo, "src/cmd", __LINE__, "%s: response_fd=%d", "ChannelImpl",
                   response_.ReadFD());
-    // For a target that runs as another user than this process, which is root then: it opens the pipe anew.
+    // The target opens the pipe anew, and when this process is root it may do so as another user.
     fchmod(response_.WriteFD(), S_IRUSR | S_IWUSR | S_IWGRP | S_IWOTH);
     enlarge(response_.WriteFD());
     raise_channel_signal(pid);
@@ -129,7 +125,7 @@ ChannelImpl::ChannelImpl(int pid, boost::function<void(std::string const&)> fn, 
     o_msg_t message = message_of(message_connect, self);
     message.fd = response_.WriteFD();
     ssize_t const size = o_msg_data_size(&message);
-    // Until the target's loop has turned and its queue is there.
+    // This fails until the target's loop has turned and its queue is there.
     while (o_msg_send(queue_name_.c_str(), &message, 0) != size)
         wait();
 }

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// The process's id as fork() changes it, and the hook that runs once in a child.
 #include "fork.hpp"
 
 #include <atomic>
@@ -16,28 +18,28 @@ namespace {
 
 std::atomic<pid_t> current(0);
 
-void note() {
+void in_child() {
     current = getpid();
     renew_observers();
 }
 
 // Withdrawn by the C library when this library is unmapped.
-int const registered = pthread_atfork(nullptr, nullptr, note);
+[[maybe_unused]] int const registered = pthread_atfork(nullptr, nullptr, in_child);
 
-std::atomic<void (*)()> hook(nullptr);
-std::atomic<pid_t> hooked(0); // where it has been run, or set
+std::atomic<void (*)()> child_hook(nullptr);
+std::atomic<pid_t> hooked(0); // the process in which the hook was set or has last run
 
 } // namespace
 
-void set_child_hook(void (*fn)()) {
-    hook = fn;
+void set_child_hook(void (*hook)()) {
+    child_hook = hook;
     hooked = process_id();
 }
 
 void run_child_hook() {
     pid_t const before = hooked.exchange(process_id());
-    if (before != process_id() && hook)
-        hook.load()();
+    if (before != process_id() && child_hook)
+        child_hook.load()();
 }
 
 bool in_unused_child() {
@@ -47,7 +49,6 @@ bool in_unused_child() {
 pid_t process_id() {
     pid_t known = current.load(std::memory_order_relaxed);
     if (known == 0) {
-        static_cast<void>(registered);
         known = getpid();
         current.store(known, std::memory_order_relaxed);
     }

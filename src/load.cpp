@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+//
+// The order in which the subsystems come up and go down, and the libraries of ZEL_PRELOAD. onLoad.cpp calls
+// both functions when the shared library is loaded and unloaded.
 #include <orn/zel/load.hpp>
 
 #include <string>
@@ -25,17 +28,14 @@ namespace {
 
 LibLoader* loader = nullptr;
 
-// A preloaded library that needs this one keeps it loaded until exit(), long after its host may have closed
-// it. exit() closes that library from here: then it must not be the last one that keeps this code mapped.
-void stay_for(std::string const& name) {
+// Whether the library has been linked with this one: it then finds one of this one's names.
+bool needs_this_library(std::string const& name) {
     void* const library = dlopen(name.c_str(), RTLD_LAZY | RTLD_NOLOAD);
     if (!library)
-        return;
-    void* const needed = dlsym(library, "ZEL_Thread_create_extension");
+        return false;
+    void* const found = dlsym(library, "ZEL_Thread_create_extension");
     dlclose(library);
-    Dl_info self = {};
-    if (needed == reinterpret_cast<void*>(ZEL_Thread_create_extension) && dladdr(needed, &self) != 0)
-        dlopen(self.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
+    return found == reinterpret_cast<void*>(ZEL_Thread_create_extension);
 }
 
 } // namespace
@@ -52,13 +52,15 @@ void ZEL_load__() {
     split(std::string(os::EnvVar("ZEL_PRELOAD")), " :,;", names);
     loader = new LibLoader;
     for (std::string const& name : names) {
-        if (loader->load(name))
-            stay_for(name);
+        // Such a library keeps this one loaded after the host has closed it. exit() then closes that library
+        // from here, which would unmap this code if nothing else kept it.
+        if (loader->load(name) && needs_this_library(name))
+            detail::Shutdown::put_off_until_exit();
     }
 }
 
 void ZEL_unload__() {
-    // A command may be running code of a library that goes next.
+    // Commands end first: one may be running code of a preloaded library.
     bool const no_command_runs = cmd::stop_channel();
     detail::Shutdown::look_for_threads();
 

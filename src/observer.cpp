@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// Writing the lines of the monitors, and switching the monitors off.
 #include "observer.hpp"
 
 #include <cerrno>
@@ -24,7 +26,7 @@ void Observer::watch(int fd) {
 }
 
 void Observer::forget(int fd) {
-    if (!is(fd)) // without the wait for an observer that blocks
+    if (!is(fd)) // saves waiting for an observer that blocks
         return;
     Lock const guard = lock_in_time();
     fd_.compare_exchange_strong(fd, -1);
@@ -35,8 +37,8 @@ void Observer::write(std::string const& text) {
     {
         std::lock_guard<std::timed_mutex> const guard(lock_);
         int fd = fd_.load(std::memory_order_relaxed);
-        // EBADF: it was closed while it was watched. Its number must not be tried again, since the next file
-        // gets it.
+        // With EBADF the descriptor was closed while it was watched. Its number must not be tried again,
+        // because the next file that is opened gets it.
         if (fd != -1 && cmd::Write(fd, text) == -1 && (errno == EPIPE || errno == EBADF))
             fd_.compare_exchange_strong(fd, -1);
     }

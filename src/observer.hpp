@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Whom a monitor's lines go to. Internal: the loop, the alarms and the tasks report here, and the command
-// channel asks before it closes a descriptor.
+// Where the lines of a monitor go. Internal. The loop, the alarms and the tasks report here, and have the
+// public functions that switch a monitor on and off. The command channel asks before it closes a descriptor.
 #ifndef ZEL_SRC_OBSERVER_HPP
 #define ZEL_SRC_OBSERVER_HPP
 
@@ -17,11 +17,11 @@ namespace orn {
 namespace zel {
 namespace detail {
 
-// One monitor of the process. Reading the descriptor's number and writing the line are one step under a lock:
-// when unwatch(), watch() or forget() has returned, nobody writes to the descriptor that was there before,
-// and it may be closed without a line landing in another file that gets the number; unless that write has
-// been blocked for a second, and is inside the kernel with its file for as long as it takes. Any thread.
-// There is nothing to construct or destroy, so that threads which the process's exit leaves running may go on
+// One monitor of the process. Any thread may call it. Reading the descriptor's number and writing the line
+// are one step under a lock. So when unwatch(), watch() or forget() has returned nobody writes to the
+// descriptor that was there before, and it may be closed: no line lands in another file that gets its number.
+// These three wait for a second at most. A write that blocks for longer is inside the kernel with the right
+// file already. There is nothing to construct or destroy, so threads that exit() leaves running may go on
 // reporting.
 class Observer {
 public:
@@ -32,14 +32,14 @@ public:
     void watch(int fd);
     void unwatch() { watch(-1); }
 
-    // A client's descriptor, whose writers never wait, changes under the lock only: if it is not its number
-    // here nobody is writing to it.
+    // False means that nobody is writing to the descriptor, if it is a client's: writing to those never
+    // waits, so fd_ changes with the lock held.
     bool is(int fd) const { return fd_.load(std::memory_order_acquire) == fd; }
     // Switches the monitor off if it writes to fd, and only then.
     void forget(int fd);
 
-    // A line, for which compose is called only when somebody watches. It is called without the lock: it may
-    // take others. Keeps errno.
+    // Writes the line that compose(line) adds to, if somebody watches. compose runs with the lock released,
+    // because it may take others. Keeps errno.
     template <class Compose>
     void report(Compose compose) {
         if (fd_.load(std::memory_order_relaxed) == -1)
@@ -50,17 +50,18 @@ public:
         write(line.str());
     }
 
-    // In a child of fork(): the thread that held the lock, if any, is not there.
+    // For a child of fork(), which has not got the thread that held the lock, if any.
     void renew() { new (&lock_) std::timed_mutex; }
 
-    // A text as it is. Lost when nobody watches. An observer whose reader has gone is dropped: it must not
-    // cost anything any more. Keeps errno.
+    // Writes the text as it is, if somebody watches. Switches the monitor off when its reader has gone, so
+    // that it costs nothing any more. Keeps errno.
     void write(std::string const& text);
 
 private:
-    // An application may have set an observer that blocks, and whose reader does not read. Whoever switches
-    // it off must not wait for that reader: the command thread is waited for when the library is taken down.
-    typedef std::unique_lock<std::timed_mutex> Lock;
+    // An application may have set a descriptor that blocks, and whose reader does not read. Whoever switches
+    // the monitor off must not wait for that reader: it may be the command thread, and taking the library
+    // down waits for that one.
+    using Lock = std::unique_lock<std::timed_mutex>;
     // By the wall clock: ThreadSanitizer knows no mutex that waits by another.
     Lock lock_in_time() { return Lock(lock_, std::chrono::system_clock::now() + std::chrono::seconds(1)); }
 
@@ -68,13 +69,13 @@ private:
     std::atomic<int> fd_;
 };
 
-// One for each of the words of "zel monitor".
+// One for each word of "zel monitor".
 extern Observer thread_observer;
 extern Observer poll_observer;
 extern Observer alarm_observer;
 extern Observer task_observer;
 
-// The same for all of them.
+// Whether one of them is(fd); forget() and renew() for all of them.
 bool is_observer(int fd);
 void forget_observer(int fd);
 void renew_observers();

@@ -1,14 +1,28 @@
 // SPDX-License-Identifier: MIT
 //
-// Part of the shared library only: what makes loading it bring it up, and unloading it take it down. One
-// static object does both, because static destructors and destructor functions run in different orders in
-// exit() and in dlclose().
+// What makes loading the shared library bring it up, and unloading it take it down. Part of the shared
+// library only; what is done then is load.cpp's. One static object does both, because static destructors and
+// destructor functions run in different orders in exit() and in dlclose().
 #include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <boost/shared_ptr.hpp>
 
 #include <orn/mapping.hpp>
 #include <orn/zel/load.hpp>
 #include <orn/zel/signal.hpp>
 
+#include "cancel.hpp"
 #include "fork.hpp"
 #include "shutdown.hpp"
 
@@ -17,6 +31,62 @@ namespace zel {
 
 namespace {
 
+// ---- The last step before the code is unmapped ----------------------------------------------------------
+
+// What a thread has run so far, in nanoseconds. The number is how the kernel names another thread's clock.
+// Negative when the thread has ended.
+long long run_time(int tid) {
+    clockid_t const clock = static_cast<clockid_t>((~static_cast<unsigned>(tid) << 3) | 6U);
+    timespec spent = {};
+    return clock_gettime(clock, &spent) == 0 ? spent.tv_sec * 1000000000LL + spent.tv_nsec : -1;
+}
+
+// A thread that sleeps is in a system call, and so not in this library's code.
+bool sleeps(int tid) {
+    char status[512] = "";
+    int const fd = open(("/proc/self/task/" + std::to_string(tid) + "/stat").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd == -1)
+        return errno == ENOENT;
+    ssize_t const length = read(fd, status, sizeof status - 1);
+    close(fd);
+    // The name in parentheses may hold anything. The state follows it.
+    char const* const name_end = length > 0 ? std::strrchr(status, ')') : nullptr;
+    return !name_end || name_end[1] != ' ' || name_end[2] == 'S';
+}
+
+// Waits until the thread has left the place where it stood: it sleeps, or has run for a thousand times as
+// long as a signal's handler takes. Counts the milliseconds down, and gives up when none are left.
+void let_get_on(int tid, int& left_ms) {
+    long long const way_ns = 1000000;
+    long long const start = run_time(tid);
+    for (; left_ms > 0; --left_ms) {
+        long long const now = run_time(tid);
+        if (now < 0 || now > start + way_ns || sleeps(tid))
+            return;
+        poll(nullptr, 0, 1);
+    }
+}
+
+// A thread that a signal has just reached may stand before the first instruction of the handler, where it
+// cannot be counted yet, or behind the last one that is counted. Returns when the other threads sleep or have
+// got on, after a second at most.
+void let_threads_get_on() {
+    detail::CancelShield const shield;
+    boost::shared_ptr<DIR> const tasks(opendir("/proc/self/task"), [](DIR* opened) {
+        if (opened)
+            closedir(opened);
+    });
+    int const self = static_cast<int>(syscall(SYS_gettid));
+    int left_ms = 1000; // a host must not wait for ever for a thread that gets no processor
+    while (dirent const* const entry = tasks ? readdir(tasks.get()) : nullptr) {
+        int const tid = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
+        if (tid > 0 && tid != self)
+            let_get_on(tid, left_ms);
+    }
+}
+
+// ---- Load and unload ------------------------------------------------------------------------------------
+
 internal::Mapping mapping;
 std::atomic<bool> ended(false);
 
@@ -24,7 +94,8 @@ __attribute__((destructor)) void note_destructors() {
     mapping.destructor_function();
 }
 
-// Constructed again while exit() takes it down, it does nothing, and is destroyed once.
+// While exit() takes it down, another thread's dlopen() may have the loader construct it again. It then does
+// nothing, and is destroyed once.
 class OnLoad {
 public:
     OnLoad() {
@@ -34,8 +105,8 @@ public:
     ~OnLoad() {
         if (ended.exchange(true))
             return;
-        // What is there is the parent's, whose command thread, for one, may have held a lock when it was not
-        // copied.
+        // Everything that an unused child of fork() has is the parent's. The command thread, for one, was not
+        // copied, and may have held a lock.
         if (!mapping.unmapped() && detail::in_unused_child())
             return;
         detail::Shutdown::begin(mapping.unmapped());
@@ -43,7 +114,7 @@ public:
         if (!detail::Shutdown::keeps())
             signal::release_managers();
         if (detail::Shutdown::unmapping())
-            detail::Shutdown::let_threads_get_on();
+            let_threads_get_on();
     }
     OnLoad(OnLoad const&) = delete;
     OnLoad& operator=(OnLoad const&) = delete;

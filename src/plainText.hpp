@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 //
-// Texts without a Response's prefix: listings and log records. Internal.
+// Texts without a Response's prefix, such as listings and log records, and how all texts write numbers.
+// Internal.
 #ifndef ZEL_SRC_PLAINTEXT_HPP
 #define ZEL_SRC_PLAINTEXT_HPP
 
+#include <ios>
 #include <locale>
 #include <sstream>
 
@@ -11,10 +13,15 @@ namespace orn {
 namespace zel {
 namespace detail {
 
-// Numbers in plain digits, whatever locale the host has chosen for its own streams: clients read them.
+// Makes the stream write numbers in plain digits, whatever locale the host has chosen for its own streams:
+// clients read them.
+inline void use_plain_digits(std::ios& stream) {
+    stream.imbue(std::locale::classic());
+}
+
 class PlainText : public std::ostringstream {
 public:
-    PlainText() { imbue(std::locale::classic()); }
+    PlainText() { use_plain_digits(*this); }
 };
 
 } // namespace detail

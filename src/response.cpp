@@ -1,27 +1,27 @@
 // SPDX-License-Identifier: MIT
+//
+// Composing a text for an observer, and writing it with one system call.
 #include <orn/zel/response.hpp>
-
-#include <locale>
 
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include "cancel.hpp"
+#include "plainText.hpp"
 
 namespace orn {
 namespace zel {
 namespace cmd {
 
 Response::Response() {
-    imbue(
-        std::locale::classic()); // whoever reads the answer expects plain digits, whatever the host's locale
+    detail::use_plain_digits(*this);
     *this << "tid=" << syscall(SYS_gettid) << ' ';
 }
 
 Response::~Response() = default;
 
 ssize_t Write(int fd, std::string const& text) {
-    detail::CancelShield const shield; // monitor lines are written in destructors too
+    detail::CancelShield const shield; // destructors write monitor lines, and must not be unwound from
     return write(fd, text.data(), text.size());
 }
 

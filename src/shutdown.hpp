@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// How the library is being taken down. Internal. There are three ways:
+// How the library is being taken down. Internal. It decides; the subsystems ask, and do what follows from it.
+// There are three ways:
 //
 //     a call of ZEL_unload__()   the code stays, and may be loaded again: everything is freed
 //     dlclose()                  the code goes: everything is freed and waited for, whatever threads live
@@ -15,22 +16,21 @@ namespace detail {
 
 class Shutdown {
 public:
-    // By the library's own destructor, before ZEL_unload__().
+    // From here on dlclose() has no effect on the library any more, which then goes by exit(). Takes the
+    // dynamic linker's lock.
+    static void put_off_until_exit();
+
+    // The library's own destructor calls this before ZEL_unload__().
     static void begin(bool unmapped);
 
     static bool unmapping();
     static bool exiting();
 
-    // In ZEL_unload__(), once no thread of the library's own is left to be waited for.
+    // ZEL_unload__() calls this once it has waited for the threads of the library's own.
     static void look_for_threads();
     // Whether managers, records and descriptors stay: on the way through exit(), while another thread lives.
     // What stays is left where it is, so that those threads find it and go on as before.
     static bool keeps();
-
-    // Before the code is unmapped. A thread that a signal has just reached may stand before the first
-    // instruction of the handler, where it cannot be counted yet, or behind the last one that is. Returns
-    // when the other threads sleep or have got on, after a second at most.
-    static void let_threads_get_on();
 };
 
 } // namespace detail

@@ -16,7 +16,6 @@
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
-#include "fork.hpp"
 #include "immortal.hpp"
 #include "shutdown.hpp"
 #include "signalFork.hpp"
@@ -186,8 +185,8 @@ void SignalHandlerImpl::restore_original_handler() {
         struct sigaction ignore = {};
         ignore.sa_handler = SIG_IGN;
         sigaction(signo_, &ignore, nullptr);
-        // A client that comes late must not end a process that is in exit().
-        if (signo_ == detail::channel_signal && detail::Shutdown::exiting())
+        // A process that is in exit() must not be ended by one that does not know it.
+        if (detail::expected_from_others(signo_) && detail::Shutdown::exiting())
             return;
     }
     sigaction(signo_, &saved_action_, nullptr);

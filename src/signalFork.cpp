@@ -28,7 +28,7 @@ ThreadMutex& barrier_lock() {
 // Beside the handlers' own objects: a child of a process with several threads can rely on no other lock.
 struct Watched {
     std::atomic<bool> in_place;
-    std::atomic<bool> kept;
+    std::atomic<bool> from_others;
     struct sigaction before;
 };
 
@@ -67,7 +67,7 @@ void in_child() {
     SignalGate::forked();
     for (int signo = 1; signo < NSIG; ++signo) {
         Watched& signal = watched[signo];
-        if (!signal.kept && signal.in_place.exchange(false))
+        if (!signal.from_others && signal.in_place.exchange(false))
             sigaction(signo, &signal.before, nullptr);
     }
     open_barrier(mask_before);
@@ -105,8 +105,12 @@ bool handler_given_up(int signo) {
     return watched[signo].in_place.exchange(false);
 }
 
-void keep_in_children(int signo) {
-    watched[signo].kept = true;
+void expect_from_others(int signo) {
+    watched[signo].from_others = true;
+}
+
+bool expected_from_others(int signo) {
+    return watched[signo].from_others;
 }
 
 } // namespace detail

@@ -37,9 +37,11 @@ bool handler_in_place(int signo);
 // True when it was in place. Before the disposition is put back.
 bool handler_given_up(int signo);
 
-// Leaves the handler in place in children, where it does nothing until they watch the signal themselves: for
-// a signal that others send without asking, and whose default action ends a process.
-void keep_in_children(int signo);
+// Says that other processes send this signal without asking. Its default action ends a process, so the
+// handler stays in place in children, where it does nothing until they watch the signal themselves, and
+// exit() leaves the signal ignored.
+void expect_from_others(int signo);
+bool expected_from_others(int signo);
 
 } // namespace detail
 } // namespace zel

@@ -146,7 +146,7 @@ boost::shared_ptr<Group> Registry::group(RecordOf const& record) {
         found.group_ = made;
     }
     made->insert(self());
-    detail::run_child_hook();
+    detail::run_child_hook(); // the command channel's: it watches its signal in a child of fork()
     return made;
 }
 

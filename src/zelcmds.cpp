@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// The built-in word "zel": which function each of its words calls, and the libraries that it has loaded.
 #include <orn/zel/zelcmds.hpp>
 
 #include <map>
@@ -17,6 +19,8 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "immortal.hpp"
+#include "loaded.hpp"
+#include "shutdown.hpp"
 
 namespace orn {
 namespace zel {
@@ -24,25 +28,13 @@ namespace zelcmds {
 
 namespace {
 
-struct State {
+struct Builtin {
     std::map<std::string, cmd::Handler> subcommands; // not changed after load
-    std::map<std::string, void*> libraries;          // by the name that loaded them; the command thread's
+    std::map<std::string, void*> libraries; // by the name that loaded them; only the command thread uses them
 };
 
-struct StateLock;
-
-ThreadMutex& state_lock() {
-    return detail::immortal<ThreadMutex, StateLock>();
-}
-
-boost::shared_ptr<State>& g() ZEL_REQUIRES(state_lock()) {
-    return detail::immortal<boost::shared_ptr<State>, StateLock>();
-}
-
-// Held by a command while it runs, so that taking the library down does not pull it away.
-boost::shared_ptr<State> current() {
-    AutoLock const guard(state_lock());
-    return g();
+detail::Loaded<Builtin>& builtin() {
+    return detail::immortal<detail::Loaded<Builtin>, Builtin>();
 }
 
 template <class Each>
@@ -56,7 +48,7 @@ void for_each_word(std::string const& args, Each each) {
     }
 }
 
-typedef void (*Switch)(std::string const&, int);
+using Switch = void (*)(std::string const&, int);
 
 struct Monitored {
     char const* word;
@@ -78,19 +70,8 @@ void switch_monitors(std::string const& args, int fd, Switch Monitored::*directi
     });
 }
 
-// Makes this library stay for good. A dlclose() of it by another thread holds the dynamic linker's lock and
-// waits for the command thread, which could then be waiting for that same lock in a command below.
-void stay_loaded() {
-    Dl_info info;
-    if (dladdr(reinterpret_cast<void*>(&zel_zelcmds_load), &info) == 0)
-        return;
-    void* const self = dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
-    if (self)
-        dlclose(self);
-}
-
-std::string load_library(State& state, std::string const& name) {
-    // May run for as long as the module's own constructors do, and register commands.
+std::string load_library(Builtin& state, std::string const& name) {
+    // The module's constructors run here, for as long as they like, and may register words.
     void* const handle = dlopen(name.c_str(), RTLD_LAZY | RTLD_GLOBAL);
     if (!handle)
         return std::string(dlerror()) + '\n';
@@ -98,7 +79,7 @@ std::string load_library(State& state, std::string const& name) {
     return name + ": loaded\n";
 }
 
-std::string unload_library(State& state, std::string const& name) {
+std::string unload_library(Builtin& state, std::string const& name) {
     auto const it = state.libraries.find(name);
     if (it == state.libraries.end())
         return name + ": not found\n";
@@ -108,13 +89,15 @@ std::string unload_library(State& state, std::string const& name) {
     return name + ": unloaded\n";
 }
 
-void change_libraries(std::string const& args, int fd, std::string (*change)(State&, std::string const&)) {
-    boost::shared_ptr<State> const held = current();
+void change_libraries(std::string const& args, int fd, std::string (*change)(Builtin&, std::string const&)) {
+    boost::shared_ptr<Builtin> const held = builtin().current();
     if (!held)
         return;
     if (cmd::stopping())
-        return; // dlclose() may be under way already
-    stay_loaded();
+        return; // dlclose() of this library may be under way already
+    // Another thread's dlclose() of this library would hold the dynamic linker's lock and wait for the
+    // command thread, which would be waiting for that same lock below.
+    detail::Shutdown::put_off_until_exit();
     std::string text;
     for_each_word(args, [&](std::string const& name) { text += change(*held, name); });
     cmd::Write(fd, text);
@@ -140,7 +123,7 @@ void Unload(std::string const& args, int fd) {
 
 void ProcessCommand(std::string const& args, int resp_fd) {
     std::pair<std::string, std::string> const words = cmd::GetFirstWord(args);
-    boost::shared_ptr<State> const held = current();
+    boost::shared_ptr<Builtin> const held = builtin().current();
     if (held) {
         auto const it = held->subcommands.find(words.first);
         if (it != held->subcommands.end()) {
@@ -152,7 +135,7 @@ void ProcessCommand(std::string const& args, int resp_fd) {
 }
 
 void zel_zelcmds_load() {
-    boost::shared_ptr<State> const made(new State);
+    boost::shared_ptr<Builtin> const made(new Builtin);
     made->subcommands["tasks"] = task::ListTasks;
     made->subcommands["threads"] = thread::ListThreads;
     made->subcommands["monitor"] = Monitor;
@@ -162,17 +145,15 @@ void zel_zelcmds_load() {
     made->subcommands["load"] = Load;
     made->subcommands["unload"] = Unload;
     {
-        AutoLock const guard(state_lock());
-        g() = made;
+        AutoLock const guard(builtin().lock);
+        builtin().state = made;
     }
     cmd::Register("zel", ProcessCommand);
 }
 
 void zel_zelcmds_unload() {
     cmd::Unregister("zel");
-    boost::shared_ptr<State> doomed;
-    AutoLock const guard(state_lock());
-    doomed.swap(g()); // libraries that are still open stay loaded
+    builtin().take_out(); // libraries that are still open stay loaded
 }
 
 } // namespace zelcmds

@@ -5,15 +5,17 @@
 //
 // What holds unless a comment says otherwise:
 //
-//   - A function may be called from any thread, also inside a handler, but not from a signal handler.
-//   - It concerns the calling thread: its registrations, its alarms, its group. It neither blocks nor runs
-//     the loop.
+//   - A function may be called from any thread and inside a handler, but not from a signal handler.
+//   - It concerns the calling thread: its registrations, its alarms, its group. It does not block and does
+//   not
+//     run the loop.
 //   - Handlers run on the thread that runs the loop of the group, one at a time, with no lock of the library
 //     held. They may throw: the exception leaves the run call.
 //   - Descriptors stay the caller's; handlers are copied.
-//   - Misuse throws orn::zel::Exception with a fixed text; a broken contract between the library's own parts
-//     is an assertion, which prints its text on stderr and aborts, in every build type; lack of memory throws
-//     std::bad_alloc, lack of descriptors std::system_error.
+//   - Misuse throws orn::zel::Exception with a fixed text; handler lists and receptors (receptacle.hpp) throw
+//     its base, orn::Exception. A broken contract between the library's own parts is an assertion, which
+//     prints its text on stderr and aborts, in every build type. Lack of memory throws std::bad_alloc, lack
+//     of descriptors std::system_error.
 //   - Times are milliseconds. A negative timeout waits without limit, 0 does not wait.
 #ifndef ORN_ZEL_HPP
 #define ORN_ZEL_HPP

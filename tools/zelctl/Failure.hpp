@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Why zelctl ends before its work is done, and with which exit status. Internal to the tool.
+// The reasons for which zelctl ends before its work is done, and the exit status of each. Internal to the
+// tool.
 #ifndef ZELCTL_FAILURE_HPP
 #define ZELCTL_FAILURE_HPP
 

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// The queues that the notices go through.
 #include "Notices.hpp"
 
 #include <cerrno>
@@ -9,7 +11,7 @@ namespace zelctl {
 
 namespace {
 
-// No number at the end, which would have to be the process id of whoever receives.
+// The name must not end with a number: o_msg_send() would take that for the process id of the receiver.
 std::string queue_name(int pid, std::string const& kind) {
     return "zelctl." + std::to_string(pid) + '.' + kind;
 }
@@ -20,7 +22,7 @@ bool notify(int pid, std::string const& kind, Notice notice) {
     o_msg_t message = {};
     message.type = notice;
     ssize_t const sent = o_msg_send(queue_name(pid, kind).c_str(), &message, 0);
-    return sent >= 0 || errno != EAGAIN; // as a rule nobody is there
+    return sent >= 0 || errno != EAGAIN; // other errors mean as a rule that nobody is there
 }
 
 struct Notices::Queue {
@@ -29,7 +31,7 @@ struct Notices::Queue {
           receptor(o_msg_queue_fd(queue), [on_message](orn::zel::fd::Event*) { on_message(); }) {}
 
     std::unique_ptr<o_msg_queue_t, int (*)(o_msg_queue_t*)> messages;
-    orn::zel::fd::AutoReceptor receptor; // goes first
+    orn::zel::fd::AutoReceptor receptor; // destroyed before the queue that it watches
 };
 
 bool Notices::open(std::string const& kind) {

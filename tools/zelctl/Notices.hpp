@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// What the zelctls that use the monitors of one process tell each other. A process has one monitor of a kind,
-// and does not say who has it: without a word, the one that is followed would fall silent. Internal to the
-// tool.
+// What the zelctls that use the monitors of one process tell each other. Internal to the tool. A process has
+// one monitor of a kind and does not tell its user when another one takes it: that user's zelctl would just
+// fall silent.
 #ifndef ZELCTL_NOTICES_HPP
 #define ZELCTL_NOTICES_HPP
 
@@ -21,8 +21,8 @@ enum Notice {
     free_again = 3    // the sender had it for a moment
 };
 
-// Tells the zelctl that follows this monitor of the process, if there is one. False when it does not take its
-// notices, which has taken a second to find out.
+// Tells the zelctl that follows this monitor of the process, if there is one. Returns false when that one
+// does not take its notices, and blocks for a second or more to find that out.
 bool notify(int pid, std::string const& kind, Notice notice);
 
 // Receives the notices about the monitors that this zelctl follows, from its own user.
@@ -34,7 +34,8 @@ public:
     Notices(Notices const&) = delete;
     Notices& operator=(Notices const&) = delete;
 
-    // False while another zelctl receives them, which leaves that when it is told that the monitor is taken.
+    // Begins to receive. Returns false while another zelctl does; that one stops when it is told that the
+    // monitor is taken.
     bool open(std::string const& kind);
     bool has(std::string const& kind) const { return queues_.count(kind) != 0; }
     void close(std::string const& kind) { queues_.erase(kind); }

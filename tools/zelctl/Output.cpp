@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// Making lines printable, and writing them without being held up by a slow reader.
 #include "Output.hpp"
 
 #include <algorithm>
@@ -21,8 +23,8 @@ unsigned char byte(std::string const& text, std::size_t at) {
     return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
 }
 
-// The length of the character there, when it is one that a terminal shows; else 0. Overlong forms, halves of
-// pairs and the control characters from U+0080 on do not count.
+// The length of the character at this place, if it is one that a terminal shows, else 0. Bytes that are no
+// UTF-8 give 0, which overlong forms and surrogates are not either, and so do control characters.
 std::size_t shown(std::string const& text, std::size_t at) {
     unsigned char const first = byte(text, at);
     unsigned char const second = byte(text, at + 1);
@@ -72,7 +74,8 @@ void Output::flush() {
 
 void Output::write_kept(int wait_ms) {
     std::size_t done = 0;
-    // Small pieces, and only with room for them: a pipe that nobody reads must not keep a signal waiting.
+    // Write small pieces, and only when there is room: a pipe that nobody reads must not keep a signal
+    // waiting.
     for (pollfd room = {STDOUT_FILENO, POLLOUT, 0}; done < kept_.size() && poll(&room, 1, wait_ms) > 0;) {
         ssize_t const written =
             write(STDOUT_FILENO, kept_.data() + done, std::min<std::size_t>(kept_.size() - done, PIPE_BUF));
@@ -91,7 +94,7 @@ void Output::check() {
     int const signo = caught_();
     if (signo != 0)
         throw Interrupted{signo};
-    // Also when nothing was written yet.
+    // Look at the reader even when nothing has been written yet.
     pollfd entry = {STDOUT_FILENO, 0, 0};
     if (error_ == 0 && poll(&entry, 1, 0) > 0 && (entry.revents & POLLERR) != 0)
         error_ = EPIPE;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// zelctl's standard output: lines that come from another process. Internal to the tool.
+// zelctl's standard output, for lines that come from another process. Internal to the tool.
 #ifndef ZELCTL_OUTPUT_HPP
 #define ZELCTL_OUTPUT_HPP
 
@@ -14,17 +14,18 @@ public:
     // caught: the number of the signal that asks for the end, 0 as long as none has come.
     explicit Output(std::function<int()> caught);
 
-    // Keeps the line for flush(). On a terminal, control characters and what is no UTF-8 show as \xNN: a
-    // process must not steer the terminal of whoever looks into it. Anywhere else the bytes stay as they are.
+    // Keeps the line for flush(). On a terminal, control characters and bytes that are no UTF-8 show as \xNN:
+    // a process must not steer the terminal of whoever looks into it. Elsewhere the bytes stay as they are.
     void line(std::string const& text);
 
     // How many bytes are kept.
     std::size_t waiting() const { return kept_.size(); }
 
-    // Writes as much of it as there is room for now.
+    // Writes as much of what is kept as there is room for now.
     void flush_some() { write_kept(0); }
 
-    // Writes all of it. Waits for a slow reader, but ends at once with a signal.
+    // Writes all of what is kept. Waits for a slow reader, but returns at once when a signal asks for the
+    // end.
     void flush();
 
     // Throws Interrupted when a signal has asked for the end, or when the reader has gone, Failure when
@@ -40,7 +41,7 @@ private:
     int error_;
 };
 
-// As a terminal may show it.
+// The text as a terminal may show it: see Output::line().
 std::string printable(std::string const& text);
 
 } // namespace zelctl

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// A conversation: waiting, commands and their answers, the list of threads, following.
 #include "Session.hpp"
 
 #include <algorithm>
@@ -27,7 +29,7 @@ std::string echo_of(std::string const& command) {
     return "received \"" + command + "\"";
 }
 
-// As the process does it, so that it and this tool never read a command differently.
+// Uses the library's own function, so that the process and this tool never read a command differently.
 std::vector<std::string> words_of(std::string const& command) {
     std::vector<std::string> words;
     for (std::string rest = command; !rest.empty();) {
@@ -51,7 +53,7 @@ std::set<std::string> kinds_in(std::vector<std::string> const& words) {
     return kinds;
 }
 
-// How many numbered lines answer a command that begins with a number and is nobody's.
+// How many numbered lines answer a command that begins with a number and whose word nobody has.
 unsigned long numbered_lines(std::string const& command) {
     bool const numbered = !command.empty() && command[0] >= '0' && command[0] <= '9';
     return numbered ? static_cast<unsigned long>(
@@ -63,14 +65,11 @@ unsigned long numbered_lines(std::string const& command) {
 
 Session::Session(Target const& target, Output& output, double seconds)
     : target_(target), output_(output), seconds_(seconds), mark_("zelctl-" + std::to_string(getpid()) + '-'),
-      marks_(0), complete_(false), lines_(0), overflows_(0), cut_(false), listing_over_(false),
-      failed_listings_(0), wants_listing_(false), ended_(false), timed_out_(false), keeps_monitors_(false),
-      following_(false), send_error_(0), requests_left_(50),
       notices_(target.pid(), [this](std::string const& kind, Notice notice) { take_notice(kind, notice); }) {
     if (target.descriptor() != -1) {
         end_receptor_.reset(new orn::zel::fd::AutoReceptor(target.descriptor(), [this](orn::zel::fd::Event*) {
             ended_ = true;
-            end_receptor_.reset(); // it would stay readable
+            end_receptor_.reset(); // the descriptor stays readable
         }));
     }
     limit_.reset(
@@ -84,7 +83,7 @@ Session::~Session() {
     std::string command = "zel unmonitor";
     for (std::string const& kind : monitors_)
         command += ' ' + kind;
-    channel_->Command(command); // handed over: it is served although nobody waits for the answer
+    channel_->Command(command); // served although nobody waits for the answer
     for (std::string const& kind : monitors_) {
         if (!keeps_monitors_)
             notify(target_.pid(), kind, free_again);
@@ -93,11 +92,11 @@ Session::~Session() {
 
 // ---- Waiting --------------------------------------------------------------------------------------------
 
-// One turn of the loop. A signal that comes just before it has the tick's time to wait.
+// One turn of the loop. A signal that comes just before poll() does not end it, but the tick soon does.
 void Session::turn(long ms) {
     if (following_) {
-        // A reader that is slow must not keep the loop from notices and from the end, so lines that there is
-        // no room for are tried again soon.
+        // A slow reader must not keep the loop from notices and from the end of the process. So lines that
+        // find no room are kept, and tried again soon.
         orn::zel::RunOnce(output_.waiting() ? 20 : ms);
         output_.flush_some();
     } else {
@@ -116,7 +115,7 @@ void Session::turn(long ms) {
     throw Failure(zelctl::timed_out, text.str());
 }
 
-// What has no descriptor to wait for.
+// Looks at what has no descriptor to wait for.
 void Session::look_around() {
     ended_ = ended_ || (target_.descriptor() == -1 && target_.ended());
     for (std::string const& kind : monitors_) {
@@ -125,7 +124,7 @@ void Session::look_around() {
     }
 }
 
-// What the process has written before it ended.
+// Takes what the process has written before it ended.
 void Session::drain() {
     while (orn::zel::RunOnce(0) > 0) {
     }
@@ -160,7 +159,7 @@ void Session::send(std::string const& command) {
         if (send_error_ == EAGAIN) { // its queue is full
             turn(0);
         } else {
-            // At its end a process closes its queue a moment before it is known to have ended.
+            // A process that ends closes its queue a moment before the kernel says that it has ended.
             bool const ended = send_error_ == ECONNREFUSED && target_.ended(100);
             throw Failure(refused, target_.name() +
                                        (ended ? " has ended"
@@ -172,14 +171,13 @@ void Session::send(std::string const& command) {
     send_error_ = 0;
 }
 
-// Commands are served in order: once another one, which nobody has, is echoed, those before it have been
-// answered.
+// Commands are served in order. So once the process has echoed another command, it has answered those before.
 void Session::wait_for_answer() {
     std::string const mark = mark_ + std::to_string(++marks_);
     end_ = echo_of(mark);
     complete_ = false;
     send(mark);
-    // A full pipe may cost the mark's echo: ask again.
+    // A full pipe may have lost the mark's echo, so ask again.
     orn::zel::Alarm const again(look_around_ms, look_around_ms, [&] { channel_->Command(mark); });
     while (!complete_) {
         turn();
@@ -206,18 +204,18 @@ void Session::run(std::string const& command, bool keep_monitors) {
     }
 }
 
-// Ready for notices before the monitors are this one's, since from then on they may go to another.
+// Gets ready for notices before the monitors are this session's, because from then on another may take them.
 void Session::take_monitors(std::set<std::string> const& kinds, bool keep) {
     monitors_ = kinds;
     keeps_monitors_ = keep;
-    // Whoever has the place leaves it as soon as it is told, but a third may be quicker to take it, and has
-    // to be told, too. One that is stopped does not leave.
+    // Whoever receives the notices leaves the place when it is told. A third zelctl may be quicker to take
+    // the place, and has to be told, too. One that is stopped does not leave, so the requests are limited.
     unsigned const for_later = 20;
     while (keep && !open_notices() && requests_left_ > for_later) {
         --requests_left_;
         for (std::string const& kind : kinds)
             ask_for_place(kind);
-        // All or none: what another takes from here on was not yet this one's to lose.
+        // Take all places or none: a notice that comes from here on is not about this session's monitors yet.
         for (std::string const& kind : kinds)
             notices_.close(kind);
         pause(10);
@@ -232,12 +230,12 @@ bool Session::open_notices() {
 }
 
 void Session::ask_for_place(std::string const& kind) {
-    // One that does not take its notices must not hold this one up again and again.
+    // A zelctl that does not take its notices must not hold this one up again and again.
     if (!notices_.has(kind) && !notify(target_.pid(), kind, taken))
         requests_left_ = 0;
 }
 
-// Whoever gets the place has the monitor: there may have been others since this one took it.
+// Whoever gets the place gets the monitor, too: others may have taken it since this session switched it on.
 void Session::look_for_place(std::string const& kind) {
     if (notices_.has(kind))
         return;
@@ -254,7 +252,7 @@ void Session::ask(std::string const& command) {
     echoes_.insert(echo_of(command));
     send(command);
     wait_for_answer();
-    // It does not send more numbered lines than the pipe has room for.
+    // The process does not send more numbered lines than the pipe has room for.
     unsigned long const numbered = numbered_lines(command);
     cut_ = lines_ < numbered && first_line_ == "1/" + std::to_string(numbered) + ' ' + command;
 }
@@ -266,7 +264,7 @@ bool Session::lines_lost() const {
 void Session::take_line(std::string const& line) {
     if (line.compare(0, 4 + mark_.size(), "1/1 " + mark_) == 0)
         return;
-    // An answer without a last newline has the mark's echo on its own last line.
+    // When an answer has no newline at its end the mark's echo comes on the same line.
     std::string const echo = "received \"" + mark_;
     std::string::size_type const at = line.find(echo);
     if (at != std::string::npos) {
@@ -298,16 +296,17 @@ void Session::take_answer(std::string const& line) {
 
 // ---- The list of threads --------------------------------------------------------------------------------
 
-// It is written to the poll monitor alone, of which a process has one. So the monitor is borrowed for a
-// moment, and the list is asked for again until one whole one has come: another client may take the monitor
-// at any time, and a busy process may fill the pipe with the monitor's own lines.
+// A process writes the list to its poll monitor alone. So borrow the monitor for a moment, and ask again
+// until a whole list has come: another client may take the monitor at any time, and a busy process may fill
+// the pipe with the monitor's own lines.
 void Session::list_threads() {
     unsigned const enough = 5;
     std::minstd_rand random(static_cast<unsigned>(getpid()));
-    wants_listing_ = true; // between two attempts, too: the monitor's last lines may be late
+    wants_listing_ = true; // also between two attempts, because the monitor's last lines may be late
     while (!list_once() || (lines_lost() && failed_listings_ < enough)) {
         ++failed_listings_;
-        // Others who try the same must not do so in step, and the more there are the longer it takes.
+        // Pause for a random time, so that others who try the same do not do it in step. Pause longer each
+        // time, because there may be many.
         pause(5 + random() % (20u << std::min(failed_listings_, enough)));
     }
     wants_listing_ = false;
@@ -322,14 +321,14 @@ bool Session::list_once() {
     listing_.clear();
     listing_over_ = false;
     monitors_.insert("poll");
-    // Not one after the other's answer: the shorter it takes, the less there is to be lost.
+    // Do not wait for answers in between: the shorter it takes, the less can be lost.
     for (std::string const command : {"zel monitor poll", "zel threads", "zel unmonitor poll"})
         send(command);
     wait_for_answer();
     return !listing_.empty();
 }
 
-// One list is one write, so its lines come together. That of another client may come, too.
+// A list is written in one piece, so its lines come together. Another client's list may follow it.
 void Session::take_listing(std::string const& line) {
     bool const first = listing_.empty() && line == "Threads:";
     bool const next = !listing_.empty() && !listing_over_ && line.compare(0, 8, "thread: ") == 0;

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 //
 // One conversation of zelctl with a process: connecting, commands and their answers, following monitors, and
-// switching them off however it ends. Internal to the tool; the command line is main.cpp's.
+// switching them off however it ends. Internal to the tool. The command line is main.cpp's.
 //
-// Everything that it waits for is an event of one loop: answers, the end of the process, the time limit. Only
-// signals are a flag, since they may also come while a slow reader holds up the output.
+// Everything that a session waits for is an event of one loop: answers, the end of the process, the time
+// limit. Only signals are a flag, because they may come while a slow reader holds up the output.
 #ifndef ZELCTL_SESSION_HPP
 #define ZELCTL_SESSION_HPP
 
@@ -30,23 +30,23 @@ public:
     Session(Session const&) = delete;
     Session& operator=(Session const&) = delete;
 
-    // These throw Failure, or Interrupted once a signal has come; all but follow() when the seconds are over,
-    // too.
+    // All of these throw Failure, and Interrupted once a signal has come. All but follow() throw Failure also
+    // when the seconds are over.
 
     void connect();
 
-    // Sends the command and prints what it answers. keep_monitors: those that it switches on will be
+    // Sends the command and prints the answer. keep_monitors: the monitors that it switches on will be
     // followed.
     void run(std::string const& command, bool keep_monitors);
 
-    // Prints what comes for that long, monitor lines mostly; 0: until the process has ended.
+    // Prints what comes, mostly lines of monitors, for that long; 0: until the process has ended.
     void follow(unsigned long ms);
 
-    // Whether some of what should have been printed has not come.
+    // Whether some of what should have been printed may not have come.
     bool lines_lost() const;
-    // Whether the process has only sent the command back, which means that its word is nobody's.
+    // Whether the process has only sent the command back, which means that nobody there has its word.
     bool echoed() const { return lines_ == 1 && first_line_ == "1/1 " + command_; }
-    // Those that this one has switched on.
+    // The monitors that this session has switched on.
     std::set<std::string> const& monitors() const { return monitors_; }
 
 private:
@@ -73,32 +73,33 @@ private:
     Output& output_;
     double const seconds_;
 
-    // The end of an answer.
-    std::string const mark_; // what the commands that mark it begin with
-    unsigned long marks_;
-    std::string end_; // the echo of the present one
-    bool complete_;   // it has come
+    // A second command, the mark, is sent after each command. Where the mark's echo comes the answer has
+    // ended.
+    std::string const mark_; // what every mark begins with
+    unsigned long marks_ = 0;
+    std::string end_;       // the echo of the latest mark
+    bool complete_ = false; // that echo has come
 
     // The answer.
     std::string command_;
-    std::multiset<std::string> echoes_; // of commands, to come yet, which are no part of answers
-    unsigned long lines_;
+    std::multiset<std::string> echoes_; // of commands, still to come; they are no part of answers
+    unsigned long lines_ = 0;
     std::string first_line_;
-    unsigned long overflows_; // of the channel, before the answer
-    bool cut_;                // by the process itself, or by this one
+    unsigned long overflows_ = 0; // of the channel, before the answer
+    bool cut_ = false;            // the process, or this session, has left lines out
 
     // The list of threads.
     std::vector<std::string> listing_;
-    bool listing_over_;
-    unsigned failed_listings_;
-    bool wants_listing_;
+    bool listing_over_ = false;
+    unsigned failed_listings_ = 0;
+    bool wants_listing_ = false;
 
-    bool ended_;     // the process has
-    bool timed_out_; // the seconds are over
-    bool keeps_monitors_;
-    bool following_;
-    int send_error_;         // errno of the last attempt
-    unsigned requests_left_; // for the place of another, before this one does without
+    bool ended_ = false;     // the process has ended
+    bool timed_out_ = false; // the seconds are over
+    bool keeps_monitors_ = false;
+    bool following_ = false;
+    int send_error_ = 0;          // errno of the last attempt
+    unsigned requests_left_ = 50; // to leave a place, before this session does without the notices
     std::set<std::string> monitors_;
     Notices notices_;
     std::unique_ptr<orn::zel::cmd::Channel> channel_;

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// What /proc tells about a process, and the reasons not to talk to it.
 #include "Target.hpp"
 
 #include <cerrno>
@@ -13,13 +15,15 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <orn/zel/cmd.hpp>
+
 #include "Failure.hpp"
 
 namespace zelctl {
 
 namespace {
 
-int const channel_signal = 55;
+using orn::zel::cmd::channel_signal;
 
 int open_process(int pid) {
 #ifdef SYS_pidfd_open
@@ -30,7 +34,7 @@ int open_process(int pid) {
 #endif
 }
 
-// What stands behind "key:" in /proc/<process>/status; "" when it cannot be read.
+// The value of "key:" in /proc/<process>/status; "" when it cannot be read.
 std::string field(std::string const& process, std::string const& key) {
     std::ifstream status("/proc/" + process + "/status");
     for (std::string line; std::getline(status, line);) {
@@ -50,7 +54,7 @@ bool over(std::string const& state) {
     return state.empty() || state[0] == 'Z' || state[0] == 'X';
 }
 
-// False as well where one of them may not be looked at.
+// Whether two names lead to different files. False when one of them may not be looked at.
 bool differ(std::string const& one, std::string const& other) {
     struct stat first = {};
     struct stat second = {};
@@ -71,7 +75,7 @@ std::string inner_id(std::string const& process) {
     return inner;
 }
 
-// /proc and kill() have to mean the same process: the signal would end one that does not expect it.
+// /proc and kill() have to mean the same process, because the signal would end one that does not expect it.
 void make_sure_of_proc() {
     char self[16] = "";
     ssize_t const length = readlink("/proc/self", self, sizeof self - 1);
@@ -113,7 +117,7 @@ void make_sure_it_listens(std::string const& pid, std::string const& name) {
     }
 }
 
-// Whom it does not serve it drops without a word, so that it would seem to be busy.
+// A process silently drops the messages of users whom it does not serve, so it would seem to be busy.
 void make_sure_it_serves_this_user(std::string const& pid, std::string const& name) {
     if (geteuid() == 0)
         return;
@@ -126,7 +130,7 @@ void make_sure_it_serves_this_user(std::string const& pid, std::string const& na
         throw Failure(refused, name + " runs as user " + std::to_string(user) +
                                    ", and serves that one and root: ask as root");
     }
-    // Of one that may not be traced by its own user the kernel gives the files to root.
+    // The kernel gives the files in /proc to root when the process's own user may not trace it.
     if (status.st_uid != user) {
         throw Failure(refused, name +
                                    " has rights or secrets that its user has not (it is not dumpable), and "
@@ -171,9 +175,8 @@ std::string Target::why_silent(bool connected, int error) const {
     if (error == EACCES)
         return "the socket @orn.msg.cmd." + pid + " is not its own: see who listens there (ss -xlp)";
     if (connected) {
-        return "it has taken the connection, and is busy with another command, or its processors are: see "
-               "the "
-               "thread zel-command in /proc/" +
+        return "it has taken the connection, and is busy with another command, or its processors are: "
+               "see the thread zel-command in /proc/" +
                pid + "/task";
     }
     if (error == EAGAIN)

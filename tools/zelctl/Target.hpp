@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The process that zelctl talks to, as /proc and the kernel describe it. Internal to the tool.
+// The process that zelctl talks to, as the kernel describes it. Internal to the tool.
 #ifndef ZELCTL_TARGET_HPP
 #define ZELCTL_TARGET_HPP
 
@@ -10,8 +10,8 @@ namespace zelctl {
 
 class Target {
 public:
-    // Throws Failure, with what to do, unless the process lives, may be signalled, catches signal 55, whose
-    // default action would end it, and has its queue where this process can reach it.
+    // Throws Failure, which says what to do, unless the process lives, may be signalled, catches signal 55
+    // (the default action would end it), and has its queue where this process can reach it.
     explicit Target(int pid);
     ~Target();
     Target(Target const&) = delete;
@@ -22,12 +22,11 @@ public:
 
     // Readable once the process has ended; -1 where the kernel has no such descriptors.
     int descriptor() const { return descriptor_; }
-    // A process that has ended but that its parent has not collected (a zombie) has ended, too. Waits that
-    // long for the end.
+    // Waits that long for the end. A zombie, whose parent has not collected it yet, has ended.
     bool ended(int wait_ms = 0) const;
 
-    // What keeps it from answering, for a person. connected: it has taken the connection. error: why the last
-    // attempt to send something failed, 0 when none did.
+    // Says what keeps it from answering. connected: it has taken the connection. error: the errno of the last
+    // attempt to send something, 0 if that did not fail.
     std::string why_silent(bool connected, int error) const;
 
 private:

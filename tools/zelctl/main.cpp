@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// zelctl: sends commands to a process that has zel and prints the answers. The command line, and how the tool
-// ends.
+// zelctl sends a command to a process that has zel and prints the answer. Here are its command line and the
+// ways in which it ends; Session.cpp talks to the process.
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -33,7 +33,7 @@ void note_signal(int signo) {
     caught = signo;
 }
 
-// Those that end a program. What whoever started this one has ignored stays ignored.
+// Catches the signals that ask a program to end. One that whoever started zelctl has ignored stays ignored.
 void catch_signals() {
     for (int const signo : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         struct sigaction action = {};
@@ -41,7 +41,7 @@ void catch_signals() {
         if (action.sa_handler == SIG_IGN)
             continue;
         action.sa_handler = note_signal;
-        action.sa_flags = 0; // what waits is interrupted
+        action.sa_flags = 0; // without SA_RESTART, so that system calls that wait are interrupted
         sigaction(signo, &action, nullptr);
     }
 }
@@ -51,7 +51,7 @@ struct Options {
     double timeout = 5;
     double follow = -1;
     std::string command;
-    std::string help; // asked for, instead of anything else
+    std::string help; // when it was asked for, there is nothing else to do
 };
 
 char const* const footer =
@@ -119,7 +119,8 @@ Options options_of(int argc, char** argv) {
     return options;
 }
 
-// A file that is opened later must not become the standard output. Without one there is nobody to tell.
+// Opens /dev/null on the standard descriptors that are closed: a file that is opened later must not become
+// the standard output.
 void check_standard_output() {
     bool const closed = fcntl(STDOUT_FILENO, F_GETFD) == -1;
     int fd = 0;

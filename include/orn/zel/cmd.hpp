@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // The command channel: text commands from other processes, and the client side of it. Public. A process that
-// has the library can be sent commands with nothing written for it. It may add words of its own; see
-// docs/modules.md for modules that do.
+// has loaded the library takes commands without code of its own for it. It may add words; docs/modules.md is
+// about modules that do, docs/protocol.md about clients without the library.
 //
 // From examples/12_cmd.cpp:
 //
@@ -29,7 +29,7 @@
 //
 // The server side of a process:
 //
-//     Loaded       The registry is there; signal 55 is watched by the thread that loaded the library.
+//     Loaded       Words can be registered. The thread that loaded the library watches signal 55.
 //      |  that thread's group dispatches signal 55: InstallCommandChannel()
 //      v
 //     Installed    The command thread runs a group of its own and serves the queue "cmd.<pid>".
@@ -38,9 +38,9 @@
 //     Unloaded     The command thread has ended and was joined.
 //
 // Command handlers run on the command thread, one at a time, in the order in which the commands arrive. They
-// answer on the descriptor that they are given, which is a pipe's and never blocks, and must not close it.
-// What a handler throws is logged, and the next command is served. A process with rights that its user has
-// not (set-user-ID and the like) is served for root alone, and talks to root's processes alone.
+// answer on the descriptor that they are given. It is a pipe's, never blocks, and must not be closed. What a
+// handler throws is logged, and the next command is served. A process that has rights which its user has not
+// (set-user-ID and the like) takes commands from root alone, and sends commands to root's processes alone.
 #ifndef ORN_ZEL_CMD_HPP
 #define ORN_ZEL_CMD_HPP
 
@@ -61,27 +61,35 @@ namespace zel {
 
 namespace cmd {
 
-// args: the text behind the command word and the blanks after it. fd: where to answer; -1, where writing
-// fails, for a client that has not connected.
-typedef boost::function<void(std::string const& args, int fd)> Handler;
+// Raised in a process by whoever wants to connect to it.
+int const channel_signal = 55;
 
-// Gives a word to a handler, in place of the one that had it. Any thread. Nothing happens while the library
-// is not loaded.
+// args: the text behind the command word and the blanks after it. fd: where to answer. A client that has not
+// connected gets no answer: fd is -1 then, and writing fails.
+using Handler = boost::function<void(std::string const& args, int fd)>;
+
+// Gives a word to a handler, in place of the one that had it. The copy of the handler is kept until the word
+// is taken away or given to another, or the library is unloaded. Nothing happens while the library is not
+// loaded.
 ORN_API void Register(std::string const& word, Handler handler);
-// Takes the word away again. A call of the handler that is under way is not waited for: unload a module with
-// the command "zel unload", which runs on the command thread itself.
+// Takes the word away again. Does not wait for a call of the handler that is under way, so code must not be
+// unmapped right after it: unload a module with the command "zel unload", which runs on the command thread
+// itself. Nothing happens when nobody has the word.
 ORN_API void Unregister(std::string const& word);
 
 // The text before the first blank, and what follows the blanks after it. Only the character 32 is a blank.
 ORN_API std::pair<std::string, std::string> GetFirstWord(std::string const& command);
 
-// Calls the handler of the command's first word. A word that nobody has is answered with the command itself:
-// once, or as many times as the number that the command begins with, as far as a pipe takes them.
+// Calls the handler of the command's first word on the calling thread, for as long as that takes, whichever
+// thread serves the channel. What the handler throws passes to the caller. A word that nobody has is answered
+// with the command itself: once, or as many times as the number that the command begins with, as far as a
+// pipe takes them. resp_fd stays the caller's.
 ORN_API void ProcessCommand(std::string const& command, int resp_fd);
 
 class ChannelImpl;
 
-// The client's end of a connection; copies share it, and the last one closes it.
+// The client's end of a connection. Copies share it, and the last one closes it: give it up on the thread
+// that connected.
 class ORN_API Channel {
 public:
     explicit Channel(boost::shared_ptr<ChannelImpl> impl) : impl_(impl) {}
@@ -89,14 +97,16 @@ public:
     Channel(Channel const&) = default;
     Channel& operator=(Channel const&) = default;
 
-    // Sends one command, once. Returns the number of bytes handed over, or -1 with errno when the target has
-    // gone, does not keep up for a second, or the command is larger than a message may be. The answer comes
-    // line by line to the function that was given to Connect(), and has no end mark.
+    // Sends one command, once. Returns the number of bytes handed over, else -1 and errno says why (see
+    // o_msg_send()): the target has gone, its queue is full, or the command is larger than a message may be.
+    // Blocks while the queue is full: for a second when the target takes nothing, and for up to ten seconds
+    // when it does, but others are quicker to fill the places. The answer comes line by line to the function
+    // that was given to Connect(), and has no end mark.
     ssize_t Command(std::string const& command);
 
-    // From here on counts how often the pipe for answers is found full, at the cost of a system call a read.
-    // The target does not wait for room: text that comes then is cut or lost, perhaps in the middle of a
-    // line. An answer during which the number stays the same is whole. Any thread.
+    // From here on Overflows() counts how often the pipe for answers is found full, at the cost of one system
+    // call for each read. The target does not wait for room: text that comes then is cut or lost, perhaps in
+    // the middle of a line. An answer during which the number stays the same is whole.
     void CountOverflows();
     unsigned long Overflows() const;
 
@@ -106,19 +116,20 @@ private:
 
 } // namespace cmd
 
-// For modules: cmd::Register() and cmd::Unregister().
+// cmd::Register() and cmd::Unregister() under the names that modules use.
 ORN_API void RegisterCommandModule(std::string const& word, cmd::Handler handler);
 ORN_API void UnregisterCommandModule(std::string const& word);
 
-// Connects to a process that has the library: raises signal 55 in it and waits, without limit and without
+// Connects to a process that has the library: raises signal 55 in it and blocks, without limit and without
 // running the loop, until it takes the connection. The default action of that signal ends a process which
-// does not have the library: make sure before, from the SigCgt line of /proc/<pid>/status. fn is called with
-// each line of an answer, without its newline, on the calling thread's group; it may give the channel up.
+// does not have the library, so look first whether the process catches it: the SigCgt line of
+// /proc/<pid>/status tells. The calling thread's group calls fn with each line of an answer, without its
+// newline. fn may give the channel up.
 ORN_API cmd::Channel Connect(int pid, boost::function<void(std::string const&)> fn);
 
-// The same for a caller who does not wait for ever. wait is called after each attempt that failed, with its
-// reason in errno (see o_msg_send()), and returns when it is time for the next one. It may run the loop. What
-// it throws gives the connection up and passes to the caller.
+// The same for a caller who does not want to block for ever. Calls wait after each attempt that failed, with
+// the reason in errno (see o_msg_send()). wait returns when it is time for the next attempt, and may run the
+// loop. What it throws gives the connection up and passes to the caller.
 ORN_API cmd::Channel ConnectWith(int pid, boost::function<void(std::string const&)> fn,
                                  boost::function<void()> wait);
 
@@ -126,13 +137,16 @@ namespace cmd {
 
 // ---- The implementation behind the interfaces -----------------------------------------------------------
 
-typedef o_msg_queue_t MsgQueue;
+using MsgQueue = o_msg_queue_t;
 
 // What a message of the queue is for: its type. See docs/protocol.md.
 enum MessageType { message_connect = 1, message_command = 2 };
 
+// Starts the command thread unless it runs already. The handler of signal 55.
 ORN_API void InstallCommandChannel();
+// The command thread: serves the queue until the channel is stopped.
 ORN_API void CommandChannelRunner();
+// Takes one message from the queue and does what it says.
 ORN_API void CmdQueueHandler(fd::Event* event, MsgQueue* queue);
 ORN_API std::string CmdQueueName(int pid);
 
@@ -150,7 +164,8 @@ public:
     void ResponseHandler(fd::Event* event);
 
 private:
-    // What the handler on the pipe holds, so that a line's function may give the channel up.
+    // The handler on the pipe shares it with the channel, so that the user's function may give the channel
+    // up.
     struct Reader;
 
     std::string queue_name_;
@@ -161,11 +176,11 @@ private:
 
 ORN_API void zel_cmd_load();
 ORN_API void zel_cmd_unload();
-// Ends the command thread and waits for it, unless it is the caller. The first step of taking the library
-// down, since commands may be running code of modules that are unloaded next. False when one still is: exit()
-// waits for a second only, and then leaves the thread to its command.
+// Ends the command thread and waits for it, unless it is the caller. Taking the library down begins with
+// this, because a command may be running code of modules that are unloaded next. Returns false when one still
+// is: exit() waits for a second only, and then leaves the thread to its command.
 ORN_API bool stop_channel();
-// Whether that has been asked for: a command that would wait for the dynamic linker must not begin to.
+// Whether that has been asked for. A command that would wait for the dynamic linker must not begin then.
 ORN_API bool stopping();
 
 } // namespace cmd

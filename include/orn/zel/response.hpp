@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The text output layer under every answer, listing and monitor line: a text is composed in one stream and
-// written with one system call. Public, for command handlers. How a text reaches another process is
-// cmd.hpp's.
+// The text output under every answer, listing and monitor line: a text is composed in one stream and written
+// with one system call. Public, for command handlers. cmd.hpp is about how a text reaches another process.
 //
 // From examples/22_response.cpp:
 //
@@ -23,19 +22,19 @@ namespace orn {
 namespace zel {
 namespace cmd {
 
-// A string stream that begins with "tid=", the kernel's id of the constructing thread, and a blank. Belongs
-// to the thread that made it.
+// A string stream that begins with "tid=", the kernel's id of the constructing thread, and a blank. Only the
+// thread that made it may use it.
 class ORN_API Response : public std::stringstream {
 public:
     Response();
     ~Response() override;
 };
 
-// Writes the whole text with exactly one write(2) and returns its result: a short or failed write is the
-// caller's to judge, and is not tried again. Any thread. -1 is not filtered here.
+// Writes the text with exactly one write(2), with -1 for fd as well, and returns its result. A short or
+// failed write is not tried again. Blocks if the descriptor does.
 ORN_API ssize_t Write(int fd, std::string const& text);
 
-// The same for the text composed so far; an observer that has gone away, or does not read, is ignored.
+// The same for the text composed so far. Ignores an observer that has gone away or does not read.
 ORN_API void Write(int fd, Response const& response);
 
 } // namespace cmd

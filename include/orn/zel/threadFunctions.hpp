@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 //
 // Function pointers that a host may replace, so that zel runs over another thread layer or another way of
-// writing. Public, for hosts only. Replace them before the library is used from a second thread: they are
-// plain variables, read without a lock. To tell whether one has been replaced, keep what it held at first: in
-// a program that is not position-independent the address of o_pthread_create, say, is another than the
-// library's.
+// writing. Public, for hosts only. Replace them before a second thread uses the library: they are plain
+// variables that are read without a lock. To tell later whether one has been replaced, keep what it held at
+// first. Comparing it with o_pthread_create, say, would not do: in a program that is not position-independent
+// that name has another address than in the library.
 #ifndef ORN_ZEL_THREADFUNCTIONS_HPP
 #define ORN_ZEL_THREADFUNCTIONS_HPP
 
@@ -15,7 +15,8 @@
 
 extern "C" {
 
-// Writes every control byte of every group; same contract as write(2), and must not block. Initially write().
+// Writes every control byte of every group. Has the contract of write(2), and must not block. Initially
+// write().
 ORN_API extern ssize_t (*orn_zel_thread_group_write)(int fd, void const* data, size_t length);
 
 // The thread layer under thread::self() and Thread. Initially the o_pthread_ functions of the same names.
