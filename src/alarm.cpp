@@ -11,9 +11,8 @@
 
 #include "fork.hpp"
 #include "idTable.hpp"
-#include "immortal.hpp"
 #include "observer.hpp"
-#include "shutdown.hpp"
+#include "perThread.hpp"
 #include "threadRegistry.hpp"
 #include "wordPipe.hpp"
 
@@ -21,20 +20,14 @@ namespace orn {
 namespace zel {
 namespace alarm {
 
-typedef std::map<unsigned long, boost::shared_ptr<Manager>> manager_map;
-
-manager_map* managerMap = nullptr;
+std::map<unsigned long, boost::shared_ptr<Manager>>* managerMap = nullptr;
 ThreadMutex* managerMutex = nullptr;
 
 namespace {
 
-struct ManagerMapLock;
+using Managers = detail::PerThread<Manager>;
 
-// Behind managerMutex, and good before load and after unload as well: threads that the process's exit leaves
-// running still come for it.
-ThreadMutex& map_lock() {
-    return detail::immortal<ThreadMutex, ManagerMapLock>();
-}
+Managers managers(managerMap);
 
 // One line to whoever watches the alarms; compose is called only when somebody does.
 template <class Compose>
@@ -190,25 +183,7 @@ unsigned long Manager::size() const {
 }
 
 boost::shared_ptr<Manager> manager() {
-    id_t const key = thread::FdMgr()->id().value();
-    {
-        AutoLock const guard(map_lock());
-        if (!managerMap)
-            managerMap = new manager_map;
-        boost::shared_ptr<Manager> const& found = (*managerMap)[key];
-        if (found)
-            return found;
-    }
-    // Made with the lock released, since it registers with the group. Only the thread itself has this key,
-    // but making a group may run the child's hook, which may come back here: what is there then stays.
-    boost::shared_ptr<Manager> const made(new Manager);
-    AutoLock const guard(map_lock());
-    if (!managerMap)
-        managerMap = new manager_map;
-    boost::shared_ptr<Manager>& slot = (*managerMap)[key];
-    if (!slot)
-        slot = made;
-    return slot;
+    return managers.get();
 }
 
 void Monitor(std::string const&, int fd) {
@@ -220,20 +195,14 @@ void Unmonitor(std::string const&, int) {
 }
 
 void zel_alarm_load() {
-    AutoLock const guard(map_lock());
-    managerMutex = &map_lock();
-    if (!managerMap)
-        managerMap = new manager_map;
+    managerMutex = &Managers::lock();
+    managers.load();
 }
 
 void zel_alarm_unload() {
-    if (detail::Shutdown::keeps())
-        return;
-    std::unique_ptr<manager_map> doomed; // with its alarms and timers, outside the lock
-    AutoLock const guard(map_lock());
-    doomed.reset(managerMap);
-    managerMap = nullptr;
-    managerMutex = nullptr;
+    managers.unload();
+    if (!managerMap)
+        managerMutex = nullptr;
 }
 
 // ---- Alarm ----------------------------------------------------------------------------------------------

@@ -18,6 +18,7 @@
 
 #include "fork.hpp"
 #include "immortal.hpp"
+#include "perThread.hpp"
 #include "shutdown.hpp"
 #include "signalFork.hpp"
 #include "signalGate.hpp"
@@ -85,7 +86,6 @@ namespace signal {
 namespace {
 
 typedef std::map<int, boost::shared_ptr<SignalHandler>> handler_map;
-typedef std::map<unsigned long, boost::shared_ptr<Manager>> manager_map;
 
 struct StateLock;
 
@@ -96,7 +96,8 @@ ThreadMutex& state_lock() {
 }
 
 handler_map* signal_handlers = nullptr; // null while the subsystem is not loaded
-manager_map* managers = nullptr;
+std::map<id_t, boost::shared_ptr<Manager>>* manager_map = nullptr;
+detail::PerThread<Manager> managers(manager_map);
 
 std::string install_failure(int signo) {
     return "failed to install handler for signal " + std::to_string(signo);
@@ -357,25 +358,7 @@ std::vector<int> Manager::signals() const {
 }
 
 boost::shared_ptr<Manager> manager() {
-    id_t const key = thread::FdMgr()->id().value();
-    {
-        AutoLock const guard(state_lock());
-        if (!managers)
-            managers = new manager_map;
-        boost::shared_ptr<Manager> const& found = (*managers)[key];
-        if (found)
-            return found;
-    }
-    // Made with the lock released, since it registers with the group. Only the thread itself has this key,
-    // but it may have been here meanwhile: making a group in a child of fork() watches the channel's signal.
-    boost::shared_ptr<Manager> const made(new Manager);
-    AutoLock const guard(state_lock());
-    if (!managers)
-        managers = new manager_map;
-    boost::shared_ptr<Manager>& kept = (*managers)[key];
-    if (!kept)
-        kept = made;
-    return kept;
+    return managers.get();
 }
 
 AutoReceptor::AutoReceptor(int signo, boost::function<void(int)> handler)
@@ -435,19 +418,11 @@ int ignore(int signo) {
 }
 
 void ListSignals(std::string const&, int fd) {
-    manager_map known;
-    {
-        AutoLock const guard(state_lock());
-        if (managers)
-            known = *managers;
-    }
     cmd::Response text;
     text << "SignalMgrs:\n";
-    for (auto const& item : known) {
-        if (item.second)
-            text << '[' << item.second->id() << "] fdMgr=" << item.first
-                 << " signal_fd=" << item.second->signal_fd();
-    }
+    for (auto const& item : managers.all())
+        text << '[' << item.second->id() << "] fdMgr=" << item.first
+             << " signal_fd=" << item.second->signal_fd();
     text << " signals={ ";
     for (int const signo : manager()->signals())
         text << signo << ' ';
@@ -479,10 +454,7 @@ void zel_signal_unload() {
 }
 
 void release_managers() {
-    std::unique_ptr<manager_map> doomed; // outside the lock: managers withdraw their registrations
-    AutoLock const guard(state_lock());
-    doomed.reset(managers);
-    managers = nullptr;
+    managers.unload();
 }
 
 } // namespace signal

@@ -15,24 +15,20 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "cancel.hpp"
-#include "immortal.hpp"
 #include "observer.hpp"
+#include "perThread.hpp"
 #include "plainText.hpp"
-#include "shutdown.hpp"
-#include "threadRegistry.hpp"
 #include "wordPipe.hpp"
 
 namespace orn {
 namespace zel {
 namespace task {
 
-typedef std::map<id_t, boost::shared_ptr<Manager>> manager_map;
-
-manager_map* managerMap = nullptr;
+std::map<id_t, boost::shared_ptr<Manager>>* managerMap = nullptr;
 
 namespace {
 
-struct ManagerMapLock;
+detail::PerThread<Manager> managers(managerMap, "managerMap not initizalized");
 
 // So many others end before the object of a task that is over is given to a new one.
 unsigned long const retired_before_reuse = 1024;
@@ -43,12 +39,6 @@ std::uint32_t const nudge = 0;
 // As many rounds, each in a slice of the one before it, go on with the rest of the turn. Slices that all run
 // a nested turn would otherwise pile up until the loop's own limit of 99 levels ends the process.
 unsigned const most_rounds = 32;
-
-// Guards managerMap, and is a leaf. Good before load and after unload as well: threads that the process's
-// exit leaves running still come for it.
-ThreadMutex& map_lock() {
-    return detail::immortal<ThreadMutex, ManagerMapLock>();
-}
 
 // First in, first out, in one block of memory that is kept: in the long run nothing is allocated.
 template <class T>
@@ -594,54 +584,14 @@ int Manager::task_fd() const {
     return core_->read_fd();
 }
 
-namespace {
-
-// With map_lock() held.
-manager_map& loaded_map() {
-    if (!managerMap)
-        throw Exception("managerMap not initizalized");
-    return *managerMap;
-}
-
-void check_loaded() {
-    AutoLock const guard(map_lock());
-    loaded_map();
-}
-
-} // namespace
-
 boost::shared_ptr<Manager> manager() {
-    // Asked for without making one: a refusal leaves no trace of the thread.
-    boost::shared_ptr<fd::Manager> const fd_manager = thread::Registry::fd_manager_if_any(thread::self());
-    {
-        AutoLock const guard(map_lock());
-        manager_map const& managers = loaded_map();
-        manager_map::const_iterator const it =
-            fd_manager ? managers.find(fd_manager->id().value()) : managers.end();
-        if (it != managers.end())
-            return it->second;
-    }
-    // Made with the lock released, since it registers with the group. Only the thread itself has this key,
-    // but making a group may run the child's hook, which may come back here: what is there then stays.
-    boost::shared_ptr<Manager> const made(new Manager);
-    id_t const key = thread::FdMgr()->id().value();
-    AutoLock const guard(map_lock());
-    boost::shared_ptr<Manager>& slot = loaded_map()[key];
-    if (!slot)
-        slot = made;
-    return slot;
+    return managers.get();
 }
 
 void ListTasks(std::string const&, int fd) {
-    manager_map known;
-    {
-        AutoLock const guard(map_lock());
-        if (managerMap)
-            known = *managerMap;
-    }
     detail::PlainText text;
     text << "TaskMgrs:\n";
-    for (auto const& item : known)
+    for (auto const& item : managers.all())
         text << '[' << item.second->id() << "] fdMgr=" << item.first << " task_fd=" << item.second->task_fd()
              << '\n';
     text << "Tasks:\n";
@@ -658,19 +608,11 @@ void Unmonitor(std::string const&, int) {
 }
 
 void zel_task_load() {
-    AutoLock const guard(map_lock());
-    if (!managerMap)
-        managerMap = new manager_map;
+    managers.load();
 }
 
 void zel_task_unload() {
-    // A thread that exit() leaves running may steer any task that it has seen, and start others.
-    if (detail::Shutdown::keeps())
-        return;
-    std::unique_ptr<manager_map> doomed; // outside the lock: managers withdraw their registrations
-    AutoLock const guard(map_lock());
-    doomed.reset(managerMap);
-    managerMap = nullptr;
+    managers.unload();
 }
 
 // ---- Task -----------------------------------------------------------------------------------------------
@@ -702,7 +644,7 @@ void TaskImpl::Run() {
 void TaskImpl::Cancel() {
     if (id == 0)
         return;
-    check_loaded();
+    managers.check_loaded();
     withdraw();
 }
 
