@@ -154,14 +154,12 @@ public:
 
 private:
     friend class Core;
-    friend class Manager;
 
     explicit ControllerImpl(Core* core);
 
     // All changes are made under the core's lock, but for runCount_, which is the runner's. While the task
     // is pinned, id_ and spec_ stay as they are, and need no lock to be read.
     Core* const core_;
-    bool const pooled_; // one of the core's own
     id_t id_;
     Spec spec_;
     std::atomic<bool> complete_;
