@@ -27,6 +27,9 @@ std::uint32_t const nudge = 0;
 
 unsigned const first_deepest_round = 32;
 
+// How many rounds of whatever managers are on the thread's stack, since the loop's limit counts them all.
+thread_local unsigned rounds_on_stack = 0;
+
 } // namespace
 
 void print_state(std::ostream& line, ControllerImpl const& task) {
@@ -227,10 +230,11 @@ class Core::Round {
 public:
     explicit Round(Core& core) : core_(core) {
         AutoLock const guard(core_.lock_);
-        deepest_ = core_.rounds_ + 1 >= first_deepest_round;
+        deepest_ = rounds_on_stack + 1 >= first_deepest_round;
         if (deepest_)
             aside_.make_room(core_.set_aside_ + core_.queue_.size() + 1);
         ++core_.rounds_;
+        ++rounds_on_stack;
     }
 
     ~Round() {
@@ -239,6 +243,7 @@ public:
         AutoLock const guard(core_.lock_);
         take_back();
         --core_.rounds_;
+        --rounds_on_stack;
         core_.settle_nudge();
     }
 

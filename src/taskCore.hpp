@@ -24,13 +24,12 @@
 //              inside its own, which goes on with the same queue.
 //     nudge    A word that names no task. It is in the pipe while a slice runs and the queue is not empty, so
 //              that a loop inside the slice wakes and comes for the rest of the queue.
-//     deepest  The 32nd round, each inside the one before, and all that are inside it. While one of their
-//              slices runs, the queue is set aside, and a round inside finds only what has been scheduled
-//              since. Otherwise slices that all run a nested turn would pile up until the loop's limit of 99
-//              levels ends the process.
+//     deepest  The 32nd round on the thread's stack, of whatever managers, and all that are inside it. While
+//              one of their slices runs, the queue is set aside, and a round inside finds only what has been
+//              scheduled since. Otherwise slices that all run a nested turn would pile up until the loop's
+//              limit of 99 levels ends the process.
 //     held     Tasks that have had a slice in a deepest round are scheduled again when it ends. Otherwise
-//     each
-//              of its slices that runs a nested turn would repeat the tasks of all slices before it.
+//              each of its slices that runs a nested turn would repeat the tasks of all slices before it.
 //     overdue  A task was scheduled while the pipe was full. It gets one slice once the pipe has been read.
 #ifndef ZEL_SRC_TASKCORE_HPP
 #define ZEL_SRC_TASKCORE_HPP
@@ -151,7 +150,7 @@ private:
     // How many words the deepest rounds have set aside. The queue keeps room for them, so that taking them
     // back does not throw.
     std::size_t set_aside_ ZEL_GUARDED_BY(lock_);
-    unsigned rounds_ ZEL_GUARDED_BY(lock_); // how many are on the stack
+    unsigned rounds_ ZEL_GUARDED_BY(lock_); // of this core that are on a stack
     bool nudged_ ZEL_GUARDED_BY(lock_);     // a nudge is in the pipe
     bool any_overdue_ ZEL_GUARDED_BY(lock_);
 };
