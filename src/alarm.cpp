@@ -1,5 +1,10 @@
 // SPDX-License-Identifier: MIT
+//
+// A timer's way to its handler: its callback writes the alarm's identifier into the manager's pipe, and the
+// loop reads it there and calls the handler. The clock itself is the platform's.
 #include <orn/zel/alarm.hpp>
+
+#include <unordered_map>
 
 #include <sys/time.h>
 
@@ -10,7 +15,6 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "fork.hpp"
-#include "idTable.hpp"
 #include "observer.hpp"
 #include "perThread.hpp"
 #include "threadRegistry.hpp"
@@ -29,20 +33,14 @@ using Managers = detail::PerThread<Manager>;
 
 Managers managers(managerMap);
 
-// One line to whoever watches the alarms; compose is called only when somebody does.
-template <class Compose>
-void report(Compose compose) {
-    detail::alarm_observer.report(compose);
-}
-
 void report_deleted(id_t id) {
-    report([id](std::ostream& line) { line << "alarm deleted: id=" << id; });
+    detail::alarm_observer.report([id](std::ostream& line) { line << "alarm deleted: id=" << id; });
 }
 
 } // namespace
 
 void process_to_fd(unsigned long id, int fd) {
-    // Identifiers travel as 32 bits, whatever the width of long. A failure has nobody to be told to.
+    // Identifiers travel as 32 bits, whatever the width of long. A timer has nobody to tell of a failure.
     detail::write_word(fd, static_cast<std::uint32_t>(id));
 }
 
@@ -56,17 +54,13 @@ struct Manager::Table {
     Table() : pipe(false) {}
 
     os::Pipe pipe;
-    // The thread that sets alarms and the one that runs the group's loop may be two. Guards the table and
-    // what its entries hold except the handlers; only the timers' own lock is taken under it, and nothing is
-    // destroyed: a timer waits for its callback, and handlers may come back here.
+    // Guards the table and what its entries hold except the handlers: the thread that sets an alarm may not
+    // be the one that runs the loop. Only the timers' own lock is taken under it. No entry may be destroyed
+    // under it, since a timer waits for its callback, and what a handler holds may call back into the
+    // library.
     ThreadMutex lock;
-
-    id_t draw_id() ZEL_REQUIRES(lock) {
-        return detail::draw_id([this](id_t id) ZEL_NO_ANALYSIS { return alarms.find(id) != nullptr; });
-    }
-
-    // Destroyed, with its timers, before the pipe they write to.
-    detail::IdTable<boost::shared_ptr<TimerBlob>> alarms ZEL_GUARDED_BY(lock);
+    // Destroyed, with its timers, before the pipe that they write to.
+    std::unordered_map<id_t, boost::shared_ptr<TimerBlob>> alarms ZEL_GUARDED_BY(lock);
 };
 
 Manager::Manager()
@@ -100,17 +94,19 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
     id_t id;
     {
         AutoLock const guard(table_->lock);
-        id = table_->draw_id();
-        blob->timer.reset(CreateTimer(boost::bind(process_to_fd, id, table_->pipe.WriteFD())));
-        table_->alarms.insert(id, blob);
+        // After the counter has wrapped, skip identifiers that older alarms still use.
+        do
+            id = detail::draw_id();
+        while (!table_->alarms.emplace(id, blob).second);
         try {
+            blob->timer.reset(CreateTimer(boost::bind(process_to_fd, id, table_->pipe.WriteFD())));
             blob->timer->Set(initialMs, recurringMs);
         } catch (...) {
-            table_->alarms.take(id);
+            table_->alarms.erase(id);
             throw;
         }
     }
-    report([&](std::ostream& line) {
+    detail::alarm_observer.report([&](std::ostream& line) {
         line << "alarm created: id=" << id << " initial=" << initialMs << " recurring=" << recurringMs;
     });
     return id;
@@ -120,13 +116,14 @@ void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
     note_caller("ResetAlarm", id);
     {
         AutoLock const guard(table_->lock);
-        boost::shared_ptr<TimerBlob>* const found = table_->alarms.find(id);
-        if (!found)
+        auto const found = table_->alarms.find(id);
+        if (found == table_->alarms.end())
             return;
-        (*found)->one_shot = true;
-        (*found)->timer->Set(timeoutMs, 0);
+        found->second->one_shot = true;
+        found->second->timer->Set(timeoutMs, 0);
     }
-    report([&](std::ostream& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
+    detail::alarm_observer.report(
+        [&](std::ostream& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
 }
 
 void Manager::DeleteAlarm(id_t id) {
@@ -135,12 +132,14 @@ void Manager::DeleteAlarm(id_t id) {
     std::unique_ptr<os::Timer> timer;
     {
         AutoLock const guard(table_->lock);
-        deleted = table_->alarms.take(id);
-        if (deleted)
+        auto const found = table_->alarms.find(id);
+        if (found != table_->alarms.end()) {
+            deleted.swap(found->second);
             timer.swap(deleted->timer);
+            table_->alarms.erase(found);
+        }
     }
-    // The blob itself may be held by its own handler, which is running; the timer goes now in any case.
-    timer.reset();
+    timer.reset(); // now: a handler that is running may keep the blob for longer
     report_deleted(id);
 }
 
@@ -149,30 +148,29 @@ void Manager::fd_handler(fd::Event* event) {
 }
 
 void Manager::drain(Table& table, fd::Event* event) {
-    if (!(event->revents() & POLLIN))
-        return;
-    detail::QueuedWords queued(event->fd());
+    detail::QueuedWords queued(*event);
     std::uint32_t word;
     while (queued.next(word)) {
         id_t const id = word;
-        // The handler is called where it is, and kept until it returns: it may be running further up the
-        // stack, when it has reset its own alarm and waits for it in a nested turn.
+        // The handler is called in its blob, not copied, and the blob is kept until the handler returns: it
+        // may be running further up the stack as well, when it has reset its own alarm and waits for it in a
+        // nested turn.
         boost::shared_ptr<TimerBlob> due;
         std::unique_ptr<os::Timer> timer;
         {
             AutoLock const guard(table.lock);
-            boost::shared_ptr<TimerBlob> const* const found = table.alarms.find(id);
-            if (!found)
+            auto const found = table.alarms.find(id);
+            if (found == table.alarms.end())
                 continue; // deleted, or fired, after its timer had written
-            due = *found;
+            due = found->second;
             if (due->one_shot) {
-                table.alarms.take(id);
                 timer.swap(due->timer);
+                table.alarms.erase(found);
             }
         }
-        report([id](std::ostream& line) { line << "ALARM: id=" << id; });
+        detail::alarm_observer.report([id](std::ostream& line) { line << "ALARM: id=" << id; });
         timer.reset();
-        // No lock is held here: a handler may add, reset and delete alarms, its own included.
+        // No lock may be held here: a handler may add, reset and delete alarms, its own included.
         due->handler();
     }
 }
@@ -230,7 +228,7 @@ void AlarmImpl::Cancel() {
     if (boost::shared_ptr<Manager> const home = home_.lock())
         home->DeleteAlarm(id);
     else
-        report_deleted(id); // an unload has taken the alarm away
+        report_deleted(id); // an unload has taken the alarm away, but its end is told all the same
     id = 0;
 }
 

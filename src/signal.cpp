@@ -318,9 +318,7 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
 }
 
 void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe) {
-    if (!(event->revents() & POLLIN))
-        return;
-    detail::QueuedWords queued(event->fd());
+    detail::QueuedWords queued(*event);
     std::uint32_t word;
     while (queued.next(word)) {
         int const signo = static_cast<int>(word);
