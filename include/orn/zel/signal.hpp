@@ -179,9 +179,9 @@ private:
     struct SignalBundle;
     struct Watch;
 
-    // What the handlers hold instead of the manager: the pipe for signal context, the pipe and the bundles
-    // for the loop. So both outlive a call that is under way while the process exits.
     basic_Id<unsigned long> id_;
+    // The handler on the pipe shares the pipe and what is watched, so that a call which is under way in
+    // another thread when the process exits still finds them. Signal context shares the pipe only.
     boost::shared_ptr<os::Pipe> pipe_;
     boost::shared_ptr<Watch> watch_;
     fd::AutoReceptor receptor_;
