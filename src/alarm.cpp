@@ -54,12 +54,12 @@ struct Manager::Table {
     Table() : pipe(false) {}
 
     os::Pipe pipe;
-    // Guards the table and what its entries hold except the handlers: the thread that sets an alarm may not
-    // be the one that runs the loop. Only the timers' own lock is taken under it. No entry may be destroyed
-    // under it, since a timer waits for its callback, and what a handler holds may call back into the
-    // library.
+    // Guards the table and what its entries hold except the handlers: one thread may set an alarm while
+    // another runs the loop. Only the timers' own lock is taken under it. No entry may be destroyed under it,
+    // since a timer waits for its callback, and what a handler holds may call back into the library.
     ThreadMutex lock;
-    // Destroyed, with its timers, before the pipe that they write to.
+    // A hash table, since a hundred thousand may be outstanding, and any of them may go at any time. It is
+    // destroyed, with its timers, before the pipe that they write to.
     std::unordered_map<id_t, boost::shared_ptr<TimerBlob>> alarms ZEL_GUARDED_BY(lock);
 };
 
