@@ -231,6 +231,8 @@ public:
     explicit Round(Core& core) : core_(core) {
         AutoLock const guard(core_.lock_);
         deepest_ = rounds_on_stack + 1 >= first_deepest_round;
+        // What is in here becomes the queue during a slice. Its room is for what is taken back after the
+        // slice, and for the word that settle_nudge() may read.
         if (deepest_)
             aside_.make_room(core_.set_aside_ + core_.queue_.size() + 1);
         ++core_.rounds_;
