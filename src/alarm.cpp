@@ -1,5 +1,10 @@
 // SPDX-License-Identifier: MIT
+//
+// A timer's way to its handler: its callback writes the alarm's identifier into the manager's pipe, and the
+// loop reads it there and calls the handler. The clock itself is the platform's.
 #include <orn/zel/alarm.hpp>
+
+#include <unordered_map>
 
 #include <sys/time.h>
 
@@ -10,10 +15,8 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "fork.hpp"
-#include "idTable.hpp"
-#include "immortal.hpp"
 #include "observer.hpp"
-#include "shutdown.hpp"
+#include "perThread.hpp"
 #include "threadRegistry.hpp"
 #include "wordPipe.hpp"
 
@@ -21,35 +24,23 @@ namespace orn {
 namespace zel {
 namespace alarm {
 
-typedef std::map<unsigned long, boost::shared_ptr<Manager>> manager_map;
-
-manager_map* managerMap = nullptr;
+std::map<unsigned long, boost::shared_ptr<Manager>>* managerMap = nullptr;
 ThreadMutex* managerMutex = nullptr;
 
 namespace {
 
-struct ManagerMapLock;
+using Managers = detail::PerThread<Manager>;
 
-// Behind managerMutex, and good before load and after unload as well: threads that the process's exit leaves
-// running still come for it.
-ThreadMutex& map_lock() {
-    return detail::immortal<ThreadMutex, ManagerMapLock>();
-}
-
-// One line to whoever watches the alarms; compose is called only when somebody does.
-template <class Compose>
-void report(Compose compose) {
-    detail::alarm_observer.report(compose);
-}
+Managers managers(managerMap);
 
 void report_deleted(id_t id) {
-    report([id](std::ostream& line) { line << "alarm deleted: id=" << id; });
+    detail::alarm_observer.report([id](std::ostream& line) { line << "alarm deleted: id=" << id; });
 }
 
 } // namespace
 
 void process_to_fd(unsigned long id, int fd) {
-    // Identifiers travel as 32 bits, whatever the width of long. A failure has nobody to be told to.
+    // Identifiers travel as 32 bits, whatever the width of long. A timer has nobody to tell of a failure.
     detail::write_word(fd, static_cast<std::uint32_t>(id));
 }
 
@@ -63,17 +54,13 @@ struct Manager::Table {
     Table() : pipe(false) {}
 
     os::Pipe pipe;
-    // The thread that sets alarms and the one that runs the group's loop may be two. Guards the table and
-    // what its entries hold except the handlers; only the timers' own lock is taken under it, and nothing is
-    // destroyed: a timer waits for its callback, and handlers may come back here.
+    // Guards the table and what its entries hold except the handlers: one thread may set an alarm while
+    // another runs the loop. Only the timers' own lock is taken under it. No entry may be destroyed under it,
+    // since a timer waits for its callback, and what a handler holds may call back into the library.
     ThreadMutex lock;
-
-    id_t draw_id() ZEL_REQUIRES(lock) {
-        return detail::draw_id([this](id_t id) ZEL_NO_ANALYSIS { return alarms.find(id) != nullptr; });
-    }
-
-    // Destroyed, with its timers, before the pipe they write to.
-    detail::IdTable<boost::shared_ptr<TimerBlob>> alarms ZEL_GUARDED_BY(lock);
+    // A hash table, since a hundred thousand may be outstanding, and any of them may go at any time. It is
+    // destroyed, with its timers, before the pipe that they write to.
+    std::unordered_map<id_t, boost::shared_ptr<TimerBlob>> alarms ZEL_GUARDED_BY(lock);
 };
 
 Manager::Manager()
@@ -107,17 +94,19 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
     id_t id;
     {
         AutoLock const guard(table_->lock);
-        id = table_->draw_id();
-        blob->timer.reset(CreateTimer(boost::bind(process_to_fd, id, table_->pipe.WriteFD())));
-        table_->alarms.insert(id, blob);
+        // After the counter has wrapped, skip identifiers that older alarms still use.
+        do
+            id = detail::draw_id();
+        while (!table_->alarms.emplace(id, blob).second);
         try {
+            blob->timer.reset(CreateTimer(boost::bind(process_to_fd, id, table_->pipe.WriteFD())));
             blob->timer->Set(initialMs, recurringMs);
         } catch (...) {
-            table_->alarms.take(id);
+            table_->alarms.erase(id);
             throw;
         }
     }
-    report([&](std::ostream& line) {
+    detail::alarm_observer.report([&](std::ostream& line) {
         line << "alarm created: id=" << id << " initial=" << initialMs << " recurring=" << recurringMs;
     });
     return id;
@@ -127,13 +116,14 @@ void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
     note_caller("ResetAlarm", id);
     {
         AutoLock const guard(table_->lock);
-        boost::shared_ptr<TimerBlob>* const found = table_->alarms.find(id);
-        if (!found)
+        auto const found = table_->alarms.find(id);
+        if (found == table_->alarms.end())
             return;
-        (*found)->one_shot = true;
-        (*found)->timer->Set(timeoutMs, 0);
+        found->second->one_shot = true;
+        found->second->timer->Set(timeoutMs, 0);
     }
-    report([&](std::ostream& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
+    detail::alarm_observer.report(
+        [&](std::ostream& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
 }
 
 void Manager::DeleteAlarm(id_t id) {
@@ -142,12 +132,14 @@ void Manager::DeleteAlarm(id_t id) {
     std::unique_ptr<os::Timer> timer;
     {
         AutoLock const guard(table_->lock);
-        deleted = table_->alarms.take(id);
-        if (deleted)
+        auto const found = table_->alarms.find(id);
+        if (found != table_->alarms.end()) {
+            deleted.swap(found->second);
             timer.swap(deleted->timer);
+            table_->alarms.erase(found);
+        }
     }
-    // The blob itself may be held by its own handler, which is running; the timer goes now in any case.
-    timer.reset();
+    timer.reset(); // now: a handler that is running may keep the blob for longer
     report_deleted(id);
 }
 
@@ -156,30 +148,29 @@ void Manager::fd_handler(fd::Event* event) {
 }
 
 void Manager::drain(Table& table, fd::Event* event) {
-    if (!(event->revents() & POLLIN))
-        return;
-    detail::QueuedWords queued(event->fd());
+    detail::QueuedWords queued(*event);
     std::uint32_t word;
     while (queued.next(word)) {
         id_t const id = word;
-        // The handler is called where it is, and kept until it returns: it may be running further up the
-        // stack, when it has reset its own alarm and waits for it in a nested turn.
+        // The handler is called in its blob, not copied, and the blob is kept until the handler returns: it
+        // may be running further up the stack as well, when it has reset its own alarm and waits for it in a
+        // nested turn.
         boost::shared_ptr<TimerBlob> due;
         std::unique_ptr<os::Timer> timer;
         {
             AutoLock const guard(table.lock);
-            boost::shared_ptr<TimerBlob> const* const found = table.alarms.find(id);
-            if (!found)
+            auto const found = table.alarms.find(id);
+            if (found == table.alarms.end())
                 continue; // deleted, or fired, after its timer had written
-            due = *found;
+            due = found->second;
             if (due->one_shot) {
-                table.alarms.take(id);
                 timer.swap(due->timer);
+                table.alarms.erase(found);
             }
         }
-        report([id](std::ostream& line) { line << "ALARM: id=" << id; });
+        detail::alarm_observer.report([id](std::ostream& line) { line << "ALARM: id=" << id; });
         timer.reset();
-        // No lock is held here: a handler may add, reset and delete alarms, its own included.
+        // No lock may be held here: a handler may add, reset and delete alarms, its own included.
         due->handler();
     }
 }
@@ -190,25 +181,7 @@ unsigned long Manager::size() const {
 }
 
 boost::shared_ptr<Manager> manager() {
-    id_t const key = thread::FdMgr()->id().value();
-    {
-        AutoLock const guard(map_lock());
-        if (!managerMap)
-            managerMap = new manager_map;
-        boost::shared_ptr<Manager> const& found = (*managerMap)[key];
-        if (found)
-            return found;
-    }
-    // Made with the lock released, since it registers with the group. Only the thread itself has this key,
-    // but making a group may run the child's hook, which may come back here: what is there then stays.
-    boost::shared_ptr<Manager> const made(new Manager);
-    AutoLock const guard(map_lock());
-    if (!managerMap)
-        managerMap = new manager_map;
-    boost::shared_ptr<Manager>& slot = (*managerMap)[key];
-    if (!slot)
-        slot = made;
-    return slot;
+    return managers.get();
 }
 
 void Monitor(std::string const&, int fd) {
@@ -220,20 +193,14 @@ void Unmonitor(std::string const&, int) {
 }
 
 void zel_alarm_load() {
-    AutoLock const guard(map_lock());
-    managerMutex = &map_lock();
-    if (!managerMap)
-        managerMap = new manager_map;
+    managerMutex = &Managers::lock();
+    managers.load();
 }
 
 void zel_alarm_unload() {
-    if (detail::Shutdown::keeps())
-        return;
-    std::unique_ptr<manager_map> doomed; // with its alarms and timers, outside the lock
-    AutoLock const guard(map_lock());
-    doomed.reset(managerMap);
-    managerMap = nullptr;
-    managerMutex = nullptr;
+    managers.unload();
+    if (!managerMap)
+        managerMutex = nullptr;
 }
 
 // ---- Alarm ----------------------------------------------------------------------------------------------
@@ -261,7 +228,7 @@ void AlarmImpl::Cancel() {
     if (boost::shared_ptr<Manager> const home = home_.lock())
         home->DeleteAlarm(id);
     else
-        report_deleted(id); // an unload has taken the alarm away
+        report_deleted(id); // an unload has taken the alarm away, but its end is told all the same
     id = 0;
 }
 

@@ -1,43 +1,39 @@
 // SPDX-License-Identifier: MIT
+//
+// Signals of the process: the handler that is installed for those that are watched, dispositions and masks.
+// What a thread watches, and how an arrival comes to its loop, is in signalManager.cpp.
 #include <orn/zel/signal.hpp>
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <vector>
 
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <boost/bind/bind.hpp>
-
-#include <orn/zel/response.hpp>
-#include <orn/zel/threadGroup.hpp>
-
 #include "immortal.hpp"
 #include "shutdown.hpp"
 #include "signalFork.hpp"
 #include "signalGate.hpp"
-#include "wordPipe.hpp"
 
 namespace {
 
-// The C library cancels a thread that waits in a system call by a signal of its own, which unwinds from where
-// it arrives. In the middle of a handler there may be nothing to unwind by, and the thread would end without
-// giving up its place in its group. So that signal stays blocked in the handler. sigaddset() refuses it.
+// Adds the signal with which the C library cancels a thread that waits in a system call. Its handler unwinds
+// the stack from where it arrives. In the middle of another handler there may be nothing to unwind by, and
+// the thread would end without giving up its place in its group, so this signal stays blocked there.
 void add_cancellation(sigset_t& mask) {
     unsigned const signo = 32; // glibc's SIGCANCEL
     unsigned const bits = CHAR_BIT * sizeof(unsigned long);
-    // The words of the set, as the kernel has them.
+    // sigaddset() refuses this signal, so its bit is set in the words of the set, as the kernel has them.
     reinterpret_cast<unsigned long*>(&mask)[(signo - 1) / bits] |= 1UL << ((signo - 1) % bits);
 }
 
-// Of the signals that are pending the system delivers the one with the lowest number. Where one that is
-// watched is pending again whenever its handler returns, the cancellation would never have its turn. In here
-// it is only noted, since cancellation is deferred. Once in a tick of the clock, which is read without a
-// system call: nobody pays for those that let it in.
+// Lets a pending cancellation arrive, once in a tick of a clock that is read without a system call. Of the
+// pending signals the system delivers the one with the lowest number, so a watched signal that is pending
+// again whenever its handler returns would keep the cancellation out for ever. While cancellation is
+// deferred, its arrival is only noted, and nothing is unwound from here.
 void let_cancellation_in() {
     static std::atomic<long> last_tick(-1);
     timespec now = {};
@@ -47,7 +43,7 @@ void let_cancellation_in() {
     sigset_t mask;
     sigemptyset(&mask);
     add_cancellation(mask);
-    // pthread_sigmask() refuses it, too.
+    // Bare system calls, since pthread_sigmask() refuses this signal, too.
     syscall(SYS_rt_sigprocmask, SIG_UNBLOCK, &mask, nullptr, NSIG / 8);
     syscall(SYS_rt_sigprocmask, SIG_BLOCK, &mask, nullptr, NSIG / 8);
 }
@@ -56,19 +52,20 @@ void let_cancellation_in() {
 
 extern "C" {
 
-// What sigaction() gets. It is not exported, so no function of the application's takes its place, as one that
-// is called sig_handler takes the exported one's.
+// The handler that sigaction() gets. It is not exported: an application may have a function named
+// sig_handler, which takes the place of the exported one.
 void orn_zel_receive_signal(int signo);
 void orn_zel_receive_signal(int signo) {
     int const error = errno;
-    // A request that was made while the thread waits in a system call acts at the end, from a place that can
-    // be unwound, and out of the gate. Not a scope object, because the unwinding may begin here.
+    // A request to cancel a thread that waits in a system call must not act inside the gate. It is deferred,
+    // and acts at the end, from where the stack can be unwound. A scope object would not do, since its
+    // destructor cannot be left by unwinding.
     int type = PTHREAD_CANCEL_DEFERRED;
     pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
     orn::zel::detail::SignalGate::deliver(signo);
     if (type != PTHREAD_CANCEL_DEFERRED) {
         let_cancellation_in();
-        pthread_testcancel(); // setting the type may act too, but then forgets PTHREAD_CANCELED
+        pthread_testcancel(); // pthread_setcanceltype() may act, too, but loses PTHREAD_CANCELED
         pthread_setcanceltype(type, nullptr);
     }
     errno = error;
@@ -83,28 +80,26 @@ namespace signal {
 
 namespace {
 
-typedef std::map<int, boost::shared_ptr<SignalHandler>> handler_map;
-typedef std::map<unsigned long, boost::shared_ptr<Manager>> manager_map;
+using handler_map = std::map<int, boost::shared_ptr<SignalHandler>>;
 
-struct StateLock;
+struct HandlersLock;
 
-// The maps, and the publishing of handlers. Never taken in signal context. The identifier lock is taken under
-// it.
-ThreadMutex& state_lock() {
-    return detail::immortal<ThreadMutex, StateLock>();
+// Held while a handler is looked up or made. Never taken in signal context.
+ThreadMutex& handlers_lock() {
+    return detail::immortal<ThreadMutex, HandlersLock>();
 }
 
 handler_map* signal_handlers = nullptr; // null while the subsystem is not loaded
-manager_map* managers = nullptr;
 
 std::string install_failure(int signo) {
     return "failed to install handler for signal " + std::to_string(signo);
 }
 
 bool ends_the_process_by_default(int signo) {
-    for (int const harmless : {SIGCHLD, SIGCONT, SIGURG, SIGWINCH, SIGTSTP, SIGTTIN, SIGTTOU})
+    for (int const harmless : {SIGCHLD, SIGCONT, SIGURG, SIGWINCH, SIGTSTP, SIGTTIN, SIGTTOU}) {
         if (signo == harmless)
             return false;
+    }
     return true;
 }
 
@@ -125,7 +120,8 @@ void SignalHandlerImpl::PublishedList::remove_handler(id_t handle) {
         HandlerList<int>::remove_handler(handle);
         publish();
     }
-    detail::SignalGate::reclaim(); // with the lock released: what is destroyed may come back here
+    // The lock must not be held here: what a removed function holds may call back when it is destroyed.
+    detail::SignalGate::reclaim();
 }
 
 bool SignalHandlerImpl::PublishedList::knows(unsigned long handle) const {
@@ -178,9 +174,9 @@ void SignalHandlerImpl::apply_signal_handler() {
 }
 
 void SignalHandlerImpl::restore_original_handler() {
-    // What was raised while the signal was watched, and no thread has come to take yet, must not end the
-    // process: ignoring a signal discards it. Where the default is harmless there is no need, and it does
-    // harm: while SIGCHLD is ignored the exit statuses of children are lost.
+    // An arrival that no thread has taken yet must not end the process when the default comes back. Ignoring
+    // the signal discards it. A signal whose default is harmless is not ignored even for a moment: children
+    // that end while SIGCHLD is ignored leave no exit status.
     if (saved_action_.sa_handler == SIG_DFL && ends_the_process_by_default(signo_)) {
         struct sigaction ignore = {};
         ignore.sa_handler = SIG_IGN;
@@ -199,8 +195,8 @@ bool SignalHandlerImpl::installed() const {
 void SignalHandlerImpl::retire() {
     if (!installed_.exchange(false))
         return;
-    // A child of fork() has got its dispositions back already, and may have chosen others.
     {
+        // A child of fork() has got its dispositions back already, and may have chosen others since.
         detail::ForkBarrier const barrier;
         if (detail::handler_given_up(signo_))
             restore_original_handler();
@@ -224,12 +220,12 @@ HandlerList<int>& SignalHandler::handlers() {
 }
 
 boost::shared_ptr<SignalHandler> sigHandler(int signo) {
-    AutoLock const guard(state_lock());
+    AutoLock const guard(handlers_lock());
     if (!signal_handlers)
         signal_handlers = new handler_map;
     handler_map::const_iterator const it = signal_handlers->find(signo);
     if (it != signal_handlers->end()) {
-        // Inherited from the parent of a fork(), and now watched in the child as well.
+        // A child of fork() has inherited the object, but not the installed handler.
         if (!it->second->impl().installed())
             it->second->impl().apply_signal_handler();
         return it->second;
@@ -238,149 +234,6 @@ boost::shared_ptr<SignalHandler> sigHandler(int signo) {
     signal_handlers->insert(std::make_pair(signo, made));
     return made;
 }
-
-// ---- Manager --------------------------------------------------------------------------------------------
-
-namespace {
-
-// What signal context calls for a watching manager.
-struct Arrival {
-    void operator()(int signo) const {
-        // In a child of fork(), whose pipe is its parent's: the parent was not sent this signal.
-        if (detail::lineage() == born)
-            detail::write_word_in_signal(pipe->WriteFD(), static_cast<std::uint32_t>(signo));
-    }
-
-    boost::shared_ptr<os::Pipe> pipe; // so that it outlives an arrival that is under way
-    unsigned born;
-};
-
-} // namespace
-
-// What a manager keeps for a signal that it watches. The source outlives the registration in its list, also
-// when it has been retired by an unload.
-struct Manager::SignalBundle {
-    SignalBundle(int signo, boost::shared_ptr<os::Pipe> const& pipe,
-                 boost::shared_ptr<HandlerList<int>> const& users)
-        : source(sigHandler(signo)), registration(source->handlers(), Arrival{pipe, detail::lineage()}),
-          list(users) {}
-
-    boost::shared_ptr<SignalHandler> source;
-    orn::zel::AutoReceptor<int> registration;
-    boost::shared_ptr<HandlerList<int>> list;
-};
-
-struct Manager::Watch {
-    // With rearm, a bundle whose source was retired by an unload is tied to the signal anew.
-    boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<os::Pipe> const& pipe, bool rearm);
-    void drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe);
-
-    std::vector<int> signals();
-
-private:
-    // The thread that watches and the one that runs the group's loop may be two. No other lock's holder comes
-    // for this one. A bundle is made under it: whoever came second would otherwise put an empty list in the
-    // place of one that has handlers, or have each arrival written twice.
-    ThreadMutex lock_;
-    std::map<int, SignalBundle> bundles_ ZEL_GUARDED_BY(lock_);
-};
-
-std::vector<int> Manager::Watch::signals() {
-    std::vector<int> numbers;
-    AutoLock const guard(lock_);
-    for (auto const& item : bundles_)
-        numbers.push_back(item.first);
-    return numbers;
-}
-
-boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::shared_ptr<os::Pipe> const& pipe,
-                                                         bool rearm) {
-    std::map<int, SignalBundle>::node_type replaced; // withdrawn with the lock released
-    boost::shared_ptr<HandlerList<int>> users;
-    {
-        AutoLock const guard(lock_);
-        std::map<int, SignalBundle>::const_iterator const found = bundles_.find(signo);
-        if (found != bundles_.end()) {
-            users = found->second.list;
-            if (!rearm || found->second.source->impl().installed())
-                return users;
-        } else {
-            users.reset(new HandlerList<int>(boost::shared_ptr<Mutex>(new RecursiveThreadMutex)));
-        }
-        SignalBundle const fresh(signo, pipe, users);
-        replaced = bundles_.extract(signo);
-        bundles_.emplace(signo, fresh);
-    }
-    detail::SignalGate::reclaim(); // with the lock released: what is destroyed may come back here
-    return users;
-}
-
-void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe) {
-    if (!(event->revents() & POLLIN))
-        return;
-    detail::QueuedWords queued(event->fd());
-    std::uint32_t word;
-    while (queued.next(word)) {
-        int const signo = static_cast<int>(word);
-        boost::shared_ptr<HandlerList<int>> const users = list(signo, pipe, false);
-        // No lock is held here: the handlers may change this list, and run a nested loop.
-        Dispatch(*users, signo);
-    }
-}
-
-Manager::Manager()
-    : id_(detail::draw_id()), pipe_(new os::Pipe(false)), watch_(new Watch),
-      receptor_(pipe_->ReadFD(),
-                [watch = watch_, pipe = pipe_](fd::Event* event) { watch->drain(event, pipe); }) {}
-
-Manager::~Manager() = default;
-
-boost::shared_ptr<Receptacle<int, unsigned long>> Manager::monitor(int signo) {
-    return watch_->list(signo, pipe_, true);
-}
-
-ssize_t Manager::signal_handler(int signo) {
-    return detail::write_word_in_signal(pipe_->WriteFD(), static_cast<std::uint32_t>(signo));
-}
-
-void Manager::fd_handler(fd::Event* event) {
-    watch_->drain(event, pipe_);
-}
-
-int Manager::signal_fd() const {
-    return pipe_->ReadFD();
-}
-
-std::vector<int> Manager::signals() const {
-    return watch_->signals();
-}
-
-boost::shared_ptr<Manager> manager() {
-    id_t const key = thread::FdMgr()->id().value();
-    {
-        AutoLock const guard(state_lock());
-        if (!managers)
-            managers = new manager_map;
-        boost::shared_ptr<Manager> const& found = (*managers)[key];
-        if (found)
-            return found;
-    }
-    // Made with the lock released, since it registers with the group. Only the thread itself has this key,
-    // but it may have been here meanwhile: making a group in a child of fork() watches the channel's signal.
-    boost::shared_ptr<Manager> const made(new Manager);
-    AutoLock const guard(state_lock());
-    if (!managers)
-        managers = new manager_map;
-    boost::shared_ptr<Manager>& kept = (*managers)[key];
-    if (!kept)
-        kept = made;
-    return kept;
-}
-
-AutoReceptor::AutoReceptor(int signo, boost::function<void(int)> handler)
-    : list_(Signal(signo)), receptor_(*list_, handler) {}
-
-AutoReceptor::~AutoReceptor() = default;
 
 // ---- The process's signal state -------------------------------------------------------------------------
 
@@ -433,31 +286,10 @@ int ignore(int signo) {
     return 0;
 }
 
-void ListSignals(std::string const&, int fd) {
-    manager_map known;
-    {
-        AutoLock const guard(state_lock());
-        if (managers)
-            known = *managers;
-    }
-    cmd::Response text;
-    text << "SignalMgrs:\n";
-    for (auto const& item : known) {
-        if (item.second)
-            text << '[' << item.second->id() << "] fdMgr=" << item.first
-                 << " signal_fd=" << item.second->signal_fd();
-    }
-    text << " signals={ ";
-    for (int const signo : manager()->signals())
-        text << signo << ' ';
-    text << '}';
-    cmd::Write(fd, text);
-}
-
 // ---- Load and unload ------------------------------------------------------------------------------------
 
 void zel_signal_load() {
-    AutoLock const guard(state_lock());
+    AutoLock const guard(handlers_lock());
     if (!signal_handlers)
         signal_handlers = new handler_map;
 }
@@ -465,30 +297,19 @@ void zel_signal_load() {
 void zel_signal_unload() {
     std::unique_ptr<handler_map> doomed;
     {
-        AutoLock const guard(state_lock());
+        AutoLock const guard(handlers_lock());
         doomed.reset(signal_handlers);
         signal_handlers = nullptr;
     }
     if (!doomed)
         return;
-    // Explicitly, because the bundles of managers that live on share the handlers.
+    // Retired explicitly, because managers that live on share these objects and keep them from being
+    // destroyed.
     for (auto const& item : *doomed)
         item.second->impl().retire();
-    detail::SignalGate::drain(); // the code that signal context runs may be unmapped next
-}
-
-void release_managers() {
-    std::unique_ptr<manager_map> doomed; // outside the lock: managers withdraw their registrations
-    AutoLock const guard(state_lock());
-    doomed.reset(managers);
-    managers = nullptr;
+    detail::SignalGate::drain(); // before the code that signal context runs may be unmapped
 }
 
 } // namespace signal
-
-boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo) {
-    return signal::manager()->monitor(signo);
-}
-
 } // namespace zel
 } // namespace orn

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// The handlers that fork() runs in the parent and the child, and what they need to know of watched signals.
 #include "signalFork.hpp"
 
 #include <atomic>
@@ -20,12 +22,13 @@ std::atomic<unsigned> forks(0);
 
 struct BarrierLock;
 
-// Held over each fork() as well. Nothing is called under it, and no signal's handler runs on top of it.
+// Held during each fork() as well. A leaf, and taken with the signals blocked: no handler may run on top of
+// its holder, since it could fork.
 ThreadMutex& barrier_lock() {
     return immortal<ThreadMutex, BarrierLock>();
 }
 
-// Beside the handlers' own objects: a child of a process with several threads can rely on no other lock.
+// Kept here and not in the handlers' objects: a thread that is not in the child may have held their lock.
 struct Watched {
     std::atomic<bool> in_place;
     std::atomic<bool> from_others;
@@ -34,9 +37,9 @@ struct Watched {
 
 Watched watched[NSIG] = {};
 
-sigset_t mask_before; // of the thread that forks; guarded by the barrier's lock
+sigset_t mask_before ZEL_GUARDED_BY(barrier_lock()); // of the thread that forks
 
-sigset_t close_barrier() ZEL_NO_ANALYSIS {
+sigset_t close_barrier() ZEL_ACQUIRE(barrier_lock()) {
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
@@ -47,22 +50,22 @@ sigset_t close_barrier() ZEL_NO_ANALYSIS {
     return before;
 }
 
-// By value: the next one to fork may overwrite what it noted as soon as the lock is free.
-void open_barrier(sigset_t before) ZEL_NO_ANALYSIS {
+// Takes a copy, since the next thread that forks may overwrite mask_before as soon as the lock is free.
+void open_barrier(sigset_t before) ZEL_RELEASE(barrier_lock()) {
     barrier_lock().Unlock();
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-void prepare() {
+void prepare() ZEL_ACQUIRE(barrier_lock()) {
     mask_before = close_barrier();
 }
 
-void in_parent() {
+void in_parent() ZEL_RELEASE(barrier_lock()) {
     open_barrier(mask_before);
 }
 
-// As in signal context: no other lock, no allocation.
-void in_child() {
+// Takes no other lock and allocates nothing: a thread that is not in the child may hold any lock for ever.
+void in_child() ZEL_RELEASE(barrier_lock()) {
     ++forks;
     SignalGate::forked();
     for (int signo = 1; signo < NSIG; ++signo) {
@@ -75,8 +78,8 @@ void in_child() {
 
 std::atomic<bool> handled(false);
 
-// Withdrawn by the C library when this library is unmapped. The loader may run this again during exit():
-// handled twice, fork() would wait for itself.
+// The C library withdraws the handlers when this library is unmapped. The loader may run this initialisation
+// again during exit(), and handlers that are registered twice would make fork() wait for itself.
 int const registered = handled.exchange(true) ? 0 : pthread_atfork(prepare, in_parent, in_child);
 
 } // namespace

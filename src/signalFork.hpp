@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
 // What becomes of watched signals in a child of fork(). Internal to signals. A child inherits the library's
-// handlers and the pipes behind them, which are its parent's. So the child gets back what was in force before
-// each signal was watched, with every signal blocked from before the fork until that is done: none that is
-// sent to it is lost, or told to its parent.
+// handlers, and the pipes behind them are its parent's. So the child gets the dispositions back that were in
+// force before the signals were watched. Every signal is blocked from before the fork until that is done, so
+// that none which is sent to the child is lost, or told to its parent.
 #ifndef ZEL_SRC_SIGNALFORK_HPP
 #define ZEL_SRC_SIGNALFORK_HPP
 
@@ -13,13 +13,12 @@ namespace orn {
 namespace zel {
 namespace detail {
 
-// How many forks lie between this process and the one that loaded the library. What signal context holds of a
-// parent's is told by it. Signal-safe.
+// How many forks lie between this process and the one that loaded the library. What was made with another
+// number belongs to a parent. Signal-safe.
 unsigned lineage();
 
-// Keeps every thread from forking for a scope, a signal's handler on this one included. What a child puts
-// back depends on which handlers are installed and on what is noted of them, so both change in one such
-// scope.
+// Keeps every thread from forking for a scope, and signal handlers off this one. A disposition and what is
+// noted of it here change in one such scope, so that a child finds them in agreement.
 class ForkBarrier {
 public:
     ForkBarrier();
@@ -31,10 +30,10 @@ private:
     sigset_t mask_before_;
 };
 
-// That the library's handler is installed in this process, and what was in force before.
+// Notes that the library's handler is installed in this process, and what was in force before.
 void handler_installed(int signo, struct sigaction const& before);
 bool handler_in_place(int signo);
-// True when it was in place. Before the disposition is put back.
+// Notes that the handler goes, before the disposition is put back. False when it was not in place.
 bool handler_given_up(int signo);
 
 // Says that other processes send this signal without asking. Its default action ends a process, so the

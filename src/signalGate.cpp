@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// How signal context reads functions that other threads replace and free, without a lock.
 #include "signalGate.hpp"
 
 #include <atomic>
@@ -25,22 +27,23 @@ struct Snapshot {
 
 struct WriterLock;
 
-// Never waited under, and no function is called or destroyed under it.
+// A leaf: no function is called or destroyed under it.
 ThreadMutex& writer_lock() {
     return immortal<ThreadMutex, WriterLock>();
 }
 
 // A signal handler raises inside before it reads published; a writer replaces published before it reads
-// inside. All of it is sequentially consistent, so a writer that reads 0 knows that whoever comes in later
-// reads the replacement, and that whoever has read what was there before has left.
+// inside. All of this is sequentially consistent. So when a writer reads 0, every handler that has read the
+// former snapshot has left, and every handler that comes in later reads the replacement.
 std::atomic<int> inside(0);
 std::atomic<Snapshot*> published[NSIG] = {};
 Snapshot* retired = nullptr; // guarded by the writer lock
 
-// Published while the first function is still awaited, and the arrivals that nobody has been told of.
-char no_functions = 0;
+// How many arrivals came while the first function was awaited.
 std::atomic<unsigned> missed[NSIG] = {};
 
+// Published while the first function is awaited. It only marks that state, and is never read as a snapshot.
+char no_functions = 0;
 Snapshot* awaited() {
     return reinterpret_cast<Snapshot*>(&no_functions);
 }
@@ -48,7 +51,8 @@ Snapshot* awaited() {
 class Inside {
 public:
     Inside() : counted_in_(lineage()) { inside.fetch_add(1); }
-    // A function, or another handler on top of this one, may fork: the child's count begins anew.
+    // In a child that a function, or another handler on top of this one, has forked, the count has begun anew
+    // without this one.
     ~Inside() {
         if (counted_in_ == lineage())
             inside.fetch_sub(1);
@@ -67,8 +71,9 @@ void call(Snapshot const* snapshot, int signo) {
         (*function)(signo);
 }
 
-// Whoever counts an arrival and whoever ends the waiting both come here, each after its own step. So at least
-// one of them meets the functions and the count, and the exchange gives each arrival to one of them only.
+// Calls the functions for the arrivals that have been missed. deliver() comes here after it has counted one,
+// and publish() after it has published the functions, so at least one of the two sees both. The exchange
+// gives each arrival to only one of them.
 void make_up(int signo) {
     Snapshot const* const now = published[signo].load();
     if (now == awaited())
@@ -124,9 +129,9 @@ void SignalGate::reclaim() {
 }
 
 void SignalGate::drain() {
-    // A signal handler finishes within microseconds of running time. One that has not within this many
-    // milliseconds never will, because something jumped out of it or is sitting on top of it: better lost
-    // than freed under a handler that may come back.
+    // A signal handler takes microseconds. One that is still inside after this time never leaves, because
+    // something has jumped out of it or sits on top of it. Leak what it may come back to, rather than free
+    // it.
     int const longest_wait_ms = 1000;
     CancelShield const shield;
     for (int waited = 0; inside != 0 && waited < longest_wait_ms; ++waited)

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// Writing a word without blocking, and making room in a pipe that is full.
 #include "wordPipe.hpp"
 
 #include <algorithm>
@@ -16,15 +18,16 @@ namespace detail {
 
 namespace {
 
-// What /proc/sys/fs/pipe-max-size says, asked once, when a pipe is full for the first time. A privileged
-// process could go beyond it; a loop that does not turn must not take all the memory there is.
+// What /proc/sys/fs/pipe-max-size says, read when a pipe is full for the first time. It holds for a
+// privileged process as well, which could go beyond: a loop that does not turn must not take all the memory
+// there is.
 int pipe_limit() {
     static std::atomic<int> known(0);
     int limit = known.load(std::memory_order_relaxed);
     if (limit != 0)
         return limit;
     limit = 1 << 20; // the kernel's own default, for a system without /proc
-    // The system calls themselves: their wrappers are cancellation points.
+    // The bare system calls, because their wrappers are cancellation points.
     long const fd = syscall(SYS_openat, AT_FDCWD, "/proc/sys/fs/pipe-max-size", O_RDONLY | O_CLOEXEC);
     if (fd != -1) {
         char text[16];

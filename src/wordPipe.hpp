@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The pipes that carry identifiers and signal numbers into a loop. Internal.
+// The pipes that carry identifiers and signal numbers into a loop, a word of four bytes each. Internal. The
+// alarms, the signals and the tasks write and read them; what a word means is theirs.
 #ifndef ZEL_SRC_WORDPIPE_HPP
 #define ZEL_SRC_WORDPIPE_HPP
 
@@ -12,34 +13,38 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <orn/zel/fd.hpp>
+
 namespace orn {
 namespace zel {
 namespace detail {
 
-// Writes four bytes in host order, all or none, and never blocks. A pipe that is full is made larger, up to
-// the system's limit for pipes, so that a burst which arrives before the loop turns loses nothing; beyond
-// that limit the result is -1 with EAGAIN. Any thread; not a cancellation point.
+// Writes a word in host order, whole or not at all, and never blocks. A full pipe is made larger, up to the
+// system's limit for pipes, so that a burst which arrives before the loop turns loses nothing. Beyond that
+// limit the result is -1 with EAGAIN. For any thread; not a cancellation point.
 ssize_t write_word(int fd, std::uint32_t word);
 
-// The same for signal context: allocates nothing, takes no lock, and is no cancellation point either, so that
-// a cancelled thread is not unwound out of a signal handler.
+// The same for signal context. It takes no lock, and makes its system calls without the C library's wrappers,
+// which are cancellation points: a cancelled thread must not be unwound out of a signal handler.
 ssize_t write_word_in_signal(int fd, std::uint32_t word);
 
-// Reads one word. False when there is none, the read end being non-blocking, or on an error.
+// Reads one word from a non-blocking read end. False when there is none, or on an error.
 inline bool read_word(int fd, std::uint32_t& word) {
     return read(fd, &word, sizeof word) == static_cast<ssize_t>(sizeof word);
 }
 
-// Takes out what is queued, one word at a time, but not what the handlers of these words go on to queue, and
-// for some 20 ms at most: a handler that feeds its own pipe, or takes longer than its alarm's period, must
-// not keep the loop from everything else. What is left keeps the pipe readable, and so makes the next turn.
+// Takes out the words that were in the pipe when its turn came, one at a time, and for some 20 ms at most.
+// Words that the handlers go on to write are left, and so is the rest after that time: a handler that feeds
+// its own pipe, or that takes longer than its alarm's period, must not keep the loop from everything else.
+// What is left keeps the pipe readable, and so makes the next turn.
 class QueuedWords {
 public:
-    explicit QueuedWords(int fd) : fd_(fd), taken_(0), left_(1), begin_(0) {}
+    explicit QueuedWords(fd::Event const& event)
+        : fd_(event.fd()), taken_(0), left_(event.revents() & POLLIN ? 1 : 0), begin_(0) {}
 
     bool next(std::uint32_t& word) {
-        // Asked once one has been handled: a single word, the usual case, costs one call to read it and one
-        // to see that it was the only one.
+        // Count the words after the first has been handled. So a single word, which is the usual case, costs
+        // one call to read it and one to see that it was alone.
         if (taken_ == 1) {
             left_ = queued();
             begin_ = left_ > 0 ? now_ms() : 0;
@@ -56,7 +61,7 @@ public:
 private:
     static constexpr std::uint32_t most_ms = 20;
 
-    // Exact to one tick of the kernel's, some milliseconds: a fraction of what the exact time costs.
+    // Exact to a tick of the kernel, which is some milliseconds, and much cheaper than the exact time.
     static std::uint32_t now_ms() {
         timespec now = {};
         clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
@@ -73,7 +78,7 @@ private:
     int fd_;
     unsigned long taken_;
     unsigned long left_;
-    std::uint32_t begin_; // of the second word; wraps, so only differences count
+    std::uint32_t begin_; // when the second word was taken, in ms; wraps, so only differences count
 };
 
 } // namespace detail

@@ -369,6 +369,46 @@ TEST_F(TaskNesting, ManyThatEachRunANestedTurnShareOneTurn) {
     EXPECT_LT(deepest, 50);
 }
 
+// The bound is the stack's, not the manager's: each member has one of its own, and their rounds pile up
+// together.
+TEST_F(TaskNesting, many_of_several_members_share_one_turn) {
+    int const members = 4;
+    int const count = 40;
+    std::atomic<int> slices(0);
+    std::atomic<int> ready(0);
+    std::atomic<bool> over(false);
+    std::vector<std::unique_ptr<zel::Thread>> threads;
+    for (int i = 0; i < members; ++i) {
+        threads.emplace_back(new zel::Thread([&] {
+            std::vector<std::unique_ptr<zel::Task>> tasks;
+            for (int j = 0; j < count; ++j) {
+                tasks.emplace_back(new zel::Task([&](Controller* self) {
+                    ++slices;
+                    zel::RunOnce(0);
+                    self->Sleep();
+                }));
+                tasks.back()->Run();
+            }
+            ++ready;
+            while (!over)
+                std::this_thread::yield();
+            return 0;
+        }));
+        threads.back()->Start();
+    }
+    while (ready < members)
+        std::this_thread::yield();
+    settle();
+    over = true;
+    for (auto const& thread : threads)
+        thread->Join();
+    EXPECT_EQ(members * count, slices);
+    manager_.reset(); // the members' pipes stay until the subsystem goes
+    zel::task::zel_task_unload();
+    zel::task::zel_task_load();
+    manager_ = zel::task::manager();
+}
+
 TEST_F(TaskNesting, TheDeepestMayWaitForWhatTheyStartAndThoseAboveForTheirTurn) {
     int waiting = 0;
     int helped = 0;

@@ -19,11 +19,12 @@
 // early; a recurring alarm keeps its phase, and periods that a stalled process missed are skipped.
 //
 // An alarm belongs to the thread that set it. Any thread of that thread's group may cancel, reset and destroy
-// it, and a handler its own alarm; one thread at a time for one object. When the thread that runs the loop
-// has taken up an expiry, another thread that cancels does not wait for it: the handler may just be about to
-// start, or run on for a while, so what it refers to must outlive that; what it holds by value does. There is
-// no further call. A thread of another group has the same effect, and is logged with the numbers of both
-// threads, since it is rarely meant.
+// it, one thread at a time; a handler may do so to its own alarm. A thread of another group may do the same,
+// but that is rarely meant, and is logged with the numbers of both threads.
+//
+// Cancelling does not wait for an expiry that the loop's thread has already taken up: the handler may start
+// just then, or run on for a while, and there is no further call. What the handler refers to must outlive
+// that; what it holds by value does.
 #ifndef ORN_ZEL_ALARM_HPP
 #define ORN_ZEL_ALARM_HPP
 
@@ -47,7 +48,7 @@ namespace zel {
 
 namespace alarm {
 
-typedef boost::function<void()> Handler;
+using Handler = boost::function<void()>;
 class AlarmImpl;
 
 } // namespace alarm
@@ -61,8 +62,9 @@ public:
     Alarm(unsigned long initialMs, alarm::Handler handler);
     virtual ~Alarm();
 
-    // Due once, timeoutMs from now, and never again, also when it was recurring; an expiry that is on its way
-    // already is that once. Nothing when the alarm has been cancelled or, being a one-shot, has fired.
+    // Makes the alarm due once, timeoutMs from now, even if it was recurring. An expiry that is on its way
+    // already counts as that once. Does nothing when the alarm has been cancelled, or was a one-shot and has
+    // fired.
     void Reset(unsigned long timeoutMs);
     // Forgets the alarm for good. Expiries that are under way are dropped.
     void Cancel();
@@ -77,20 +79,23 @@ private:
 // Fire and forget: calls the handler once. Throws orn::zel::Exception "NULL handler".
 ORN_API void SetAlarm(unsigned long ms, alarm::Handler handler);
 
-// How many alarms of the calling thread are armed: a one-shot counts until it has fired.
+// How many alarms of the calling thread are armed. A one-shot counts until its handler is called. A thread
+// that has no alarm manager is given one, and with it two descriptors.
 ORN_API unsigned OutstandingAlarmCount();
 
 namespace alarm {
 
-// Writes a line to the descriptor whenever an alarm is made, reset, deleted or due. One descriptor per
-// process; neither call uses the name, and switching off ignores the descriptor too.
+// Writes a line to the descriptor whenever an alarm is made, reset, deleted or due. The thread that does so
+// writes it, and waits if the descriptor blocks. There is one such descriptor in the process. It stays the
+// caller's, who switches off before closing it. Neither call uses the name, and switching off ignores the
+// descriptor.
 ORN_API void Monitor(std::string const& name, int fd);
 ORN_API void Unmonitor(std::string const& name, int fd);
 
 // ---- The implementation behind the interfaces -----------------------------------------------------------
 
-// A timer's expiry, in the timer's own context: four bytes into the manager's pipe. Neither blocks nor
-// allocates.
+// What a timer calls in its own context when it expires: writes four bytes into the manager's pipe, and
+// neither blocks nor allocates.
 ORN_API void process_to_fd(unsigned long id, int fd);
 
 // A new timer, not armed yet; the caller owns it.
@@ -120,18 +125,18 @@ public:
     basic_Id<unsigned long> const& id() const { return id_; }
 
 private:
-    // The pipe and the alarms. Shared with the handler on the pipe, so that a dispatch that is under way in
+    // The pipe and the alarms. The handler on the pipe shares it, so that a dispatch which is under way in
     // another thread when the process exits still finds them.
     struct Table;
 
     static void drain(Table& table, fd::Event* event);
 
-    // Logs a call from a thread that is not of the group which serves this manager.
+    // Logs a call from a thread of another group than the one that serves this manager.
     void note_caller(char const* function, id_t id) const;
 
     basic_Id<unsigned long> id_;
-    int const tid_; // whose alarms these are, and in which process: a child of fork() serves none of them
-    pid_t const pid_;
+    int const tid_;   // whose alarms these are
+    pid_t const pid_; // in which process: a child of fork() does not serve them
     boost::shared_ptr<Table> table_;
     boost::shared_ptr<fd::Monitor> monitor_;
     AutoReceptor<fd::Event*> receptor_;

@@ -11,19 +11,21 @@
 //     while (!stop)
 //         orn::zel::RunOnce(-1);
 //
-// The library's own handler is installed when the first group watches a signal, without SA_RESTART, and
-// replaces whatever was there; the disposition before is put back when the library is taken down, not
-// earlier. Each arrival gives one call, except where the system merges pending signals. New signals may be
-// watched at any time, from any thread, also while they arrive.
+// The library's own handler is installed when a signal is first watched, without SA_RESTART. It replaces
+// whatever was there, which is put back when the library is taken down, and not earlier. Each arrival gives
+// one call, except where the system merges pending signals. A signal may be watched at any time, from any
+// thread, also while it arrives.
 //
-// The handlers of a signal are called in the order of their registration, those that are there when the
-// arrival's turn comes: one whose receptor an earlier handler of the same arrival has destroyed is still
-// called, so what it uses has to live on for that long. A handler that throws ends its arrival for the
-// thread: the handlers after it are not called, arrivals that are still in the pipe wait for the next turn,
-// and registrations made or ended before the next arrival take effect after that one.
+// An arrival calls the handlers that are registered when its turn comes, in the order of their registration.
+// A handler is still called when an earlier one of the same arrival has destroyed its receptor, so what it
+// uses must live on for that long.
 //
-// In a child of fork() each watched signal has the disposition back that it had before it was watched. A
-// child that goes on to use the library watches its signals anew.
+// A handler that throws ends its arrival for the thread: the handlers after it are not called, and arrivals
+// that are still in the pipe wait for the next turn. Registrations that are made or ended before the next
+// arrival take effect after that one.
+//
+// A child of fork() has the dispositions back that were there before the signals were watched. If it goes on
+// to use the library, it watches its signals anew.
 #ifndef ORN_ZEL_SIGNAL_HPP
 #define ORN_ZEL_SIGNAL_HPP
 
@@ -69,20 +71,22 @@ private:
     orn::zel::AutoReceptor<int> receptor_;
 };
 
-// The state of signals in the process and the calling thread, as the system calls of the same purpose tell
-// it.
+// The state of signals, as the system tells it to the calling thread.
 ORN_API bool is_ignored(int signo);
 ORN_API bool is_default(int signo);
 ORN_API bool is_pending(int signo);
-// For the calling thread; old receives the mask before. The result of sigprocmask().
+// Change the calling thread's mask; old receives the mask before. Return what sigprocmask() returns.
 ORN_API int block(sigset_t* set, sigset_t* old);
 ORN_API int unblock(sigset_t* set, sigset_t* old);
+// Reads the calling thread's mask into set. Returns what sigprocmask() returns.
 ORN_API int blocked(sigset_t* set);
-// Returns 0; throws orn::zel::Exception "failed to install handler for signal <n>".
+// Has the process ignore the signal. Returns 0; throws orn::zel::Exception "failed to install handler for
+// signal <n>".
 ORN_API int ignore(int signo);
 
-// Writes the signal managers of the process, and the signals that the calling thread watches, to fd. The name
-// is not used.
+// Writes the signal managers of the process, and the signals that the calling thread watches, to the
+// descriptor. The name is not used. A thread that has no signal manager is given one, and with it two
+// descriptors.
 ORN_API void ListSignals(std::string const& name, int fd);
 
 // ---- The implementation behind the interfaces -----------------------------------------------------------
@@ -99,13 +103,12 @@ public:
     SignalHandler(SignalHandler const&) = delete;
     SignalHandler& operator=(SignalHandler const&) = delete;
 
-    // Signal-safe: tells every watching manager.
+    // Tells every watching manager. Signal-safe.
     void handle_signal();
-    // What is called in signal context, so only signal-safe functions may be inserted here. One that has been
-    // removed may still be running in another thread, when remove() has returned, and what it was made of is
-    // destroyed only when no signal's handler is running, by a later change here or by the unloading. So it
-    // holds what it uses. One that is jumped out of keeps from then on all that is removed from being
-    // destroyed; unloading waits a second for it.
+    // The functions that are called in signal context, so each must be signal-safe. A function may still be
+    // running in another thread when remove() has returned, so it holds what it uses. It is destroyed when no
+    // signal's handler is running, by a later change here or by unloading. A function that is jumped out of
+    // keeps everything that is removed after it from being destroyed; unloading waits a second for it.
     HandlerList<int>& handlers();
     SignalHandlerImpl& impl() { return *impl_; }
 
@@ -126,7 +129,7 @@ public:
     void restore_original_handler();
 
     bool installed() const;
-    // Puts the disposition before back now, however long this lives on.
+    // Puts the disposition back that was there before, although this may live on.
     void retire();
 
 private:
@@ -165,7 +168,7 @@ public:
     Manager& operator=(Manager const&) = delete;
 
     boost::shared_ptr<Receptacle<int, unsigned long>> monitor(int signo);
-    // Signal-safe: writes the number into the pipe; the result of write().
+    // Writes the number into the pipe, and returns what write() returns. Signal-safe.
     ssize_t signal_handler(int signo);
     // Calls the thread's handlers for every number in the pipe.
     void fd_handler(fd::Event* event);
@@ -179,9 +182,9 @@ private:
     struct SignalBundle;
     struct Watch;
 
-    // What the handlers hold instead of the manager: the pipe for signal context, the pipe and the bundles
-    // for the loop. So both outlive a call that is under way while the process exits.
     basic_Id<unsigned long> id_;
+    // The handler on the pipe shares the pipe and what is watched, so that a call which is under way in
+    // another thread when the process exits still finds them. Signal context shares the pipe only.
     boost::shared_ptr<os::Pipe> pipe_;
     boost::shared_ptr<Watch> watch_;
     fd::AutoReceptor receptor_;
@@ -193,7 +196,7 @@ ORN_API boost::shared_ptr<Manager> manager();
 ORN_API void zel_signal_load();
 // Puts every disposition back. Managers, and with them the handlers of users, live on.
 ORN_API void zel_signal_unload();
-// The last step of taking the library down, after all subsystems: ends the managers.
+// Ends the managers. The last step of taking the library down, after all subsystems.
 ORN_API void release_managers();
 
 } // namespace signal

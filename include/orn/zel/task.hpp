@@ -29,11 +29,14 @@
 //
 //     Task::Cancel(), from any of the first three ----------> Cancelled: done is not called
 //
-// A slice runs on a later turn than the call that scheduled it. A body may do to its task what anybody may:
-// complete, cancel or destroy the handle; it may run a nested loop, in which other tasks go on, also those of
-// the same turn (below 32 nested slices only those that are started or continued down there); and it may
-// throw: the exception leaves the run call, and the task waits for a Continue(). Identifiers of the same turn
-// that were still to run then wait until some task of the thread is scheduled.
+// A slice runs on a later turn than the call that scheduled it. A body may do to its task what anybody may,
+// such as completing it, cancelling it and destroying its handle.
+//
+// A body may run a nested loop, in which the tasks that were to follow it in its turn go on. That goes 32
+// slices deep. What is nested deeper runs only tasks that are started or continued down there.
+//
+// A body may throw. The exception leaves the run call, and the task waits for a Continue(). The tasks that
+// were to follow it in its turn wait until some task of the thread is scheduled.
 #ifndef ORN_ZEL_TASK_HPP
 #define ORN_ZEL_TASK_HPP
 
@@ -54,39 +57,41 @@ namespace zel {
 
 namespace task {
 
-// How a task is steered; its body receives one. From any thread, and also when the task is over: the calls
-// then do nothing. The object of a task that is over is given to a new one once 1024 others of its manager
-// have ended after it; a pointer that is kept beyond that steers the new task.
+// Steers a task; its body receives one. Calls from any thread, and calls when the task is over do nothing.
+// The object of a task that is over is reused after 1024 later tasks of its thread have ended. A pointer that
+// is kept for longer steers the new task.
 class ORN_API Controller {
 public:
     virtual ~Controller();
-    // Schedules a slice, and ends the sleep if the task sleeps. Called in the task's own slice it gives two
-    // further ones, since the end of that slice schedules the task too.
+    // Schedules a slice, and ends the task's sleep. Called in the task's own slice it gives two further ones,
+    // since the end of that slice schedules the task as well. Wakes the loop from whatever thread.
     virtual void Continue() = 0;
-    // Ends the task: there is no further slice. Calls the completion function before it returns.
+    // Ends the task: there is no further slice. Calls the completion function on the calling thread, before
+    // it returns.
     virtual void Complete() = 0;
     // No slice follows the present one until Continue().
     virtual void Sleep() = 0;
 };
 
-typedef boost::function<void(Controller*)> Body;
-typedef boost::function<void()> Done;
+using Body = boost::function<void(Controller*)>;
+using Done = boost::function<void()>;
 
 class TaskImpl;
 
 } // namespace task
 
-// A handle of one task, which is cancelled when this dies. Start the task, and set it up, on the thread whose
-// loop is to run it.
+// A handle of one task, which is cancelled when this dies. One thread at a time may use it.
 class ORN_API Task {
 public:
     explicit Task(task::Body fn);
     virtual ~Task();
 
-    // Throws orn::zel::Exception "NULL Task function", and "managerMap not initizalized" while the library is
-    // not loaded. A second call starts a second task, and the handle forgets the first.
+    // Starts the task on the loop of the calling thread's group. Throws orn::zel::Exception "NULL Task
+    // function", and "managerMap not initizalized" while the library is not loaded. A second call starts a
+    // second task, and the handle forgets the first.
     void Run();
-    // From any thread. A slice that is under way goes on to its end.
+    // From any thread. Does not wait: a slice that is under way goes on to its end. The completion function
+    // is not called. Throws like Run() while the library is not loaded.
     void Cancel();
     // The task goes on when the handle dies.
     Task& Detach();
@@ -101,17 +106,21 @@ private:
     std::unique_ptr<task::TaskImpl> impl_;
 };
 
-// Starts a task that has no handle. Throws what Task::Run() throws.
+// Starts a task that has no handle: it lives until it completes, or until its thread's tasks are unloaded.
+// Throws what Task::Run() throws.
 ORN_API void RunTask(task::Body fn);
 ORN_API void RunTask(task::Body fn, task::Done done);
 
 namespace task {
 
 // Writes the process's task managers and the calling thread's tasks to the descriptor. The name is not used.
+// A thread that has no task manager is given one, and with it two descriptors.
 ORN_API void ListTasks(std::string const& name, int fd);
 
-// Writes a line to the descriptor whenever a task is made, runs, sleeps, continues or completes. One
-// descriptor per process; neither call uses the name, and switching off ignores the descriptor too.
+// Writes a line to the descriptor whenever a task is made, runs, sleeps, continues or completes. The thread
+// that does so writes it, and waits if the descriptor blocks. There is one such descriptor in the process. It
+// stays the caller's, who switches off before closing it. Neither call uses the name, and switching off
+// ignores the descriptor.
 ORN_API void Monitor(std::string const& name, int fd);
 ORN_API void Unmonitor(std::string const& name, int fd);
 
@@ -119,8 +128,8 @@ ORN_API void Unmonitor(std::string const& name, int fd);
 
 class Manager;
 
-// The pipe, the task table and the run queue of one manager, shared with the handler on the pipe: a slice
-// that is under way in another thread when the process exits still finds them. In task.cpp only.
+// The pipe, the task table and the run queue of one manager. The handler on the pipe shares it, so that a
+// slice which is under way in another thread when the process exits still finds it. Internal to the library.
 class Core;
 
 struct Spec {
@@ -129,7 +138,7 @@ struct Spec {
     Done done;
 };
 
-// One task. The manager's own are reused, never freed before the manager's core.
+// One task. The objects of a manager's tasks are reused, and freed with its core.
 class ORN_API ControllerImpl : public Controller, public basic_ProcessUnique<unsigned long> {
 public:
     // The manager must outlive it.
@@ -154,14 +163,12 @@ public:
 
 private:
     friend class Core;
-    friend class Manager;
 
     explicit ControllerImpl(Core* core);
 
-    // All changes are made under the core's lock, but for runCount_, which is the runner's. While the task
-    // is pinned, id_ and spec_ stay as they are, and need no lock to be read.
+    // Changed under the core's lock, except for runCount_, which only the thread that runs the slice changes.
+    // id_ and spec_ do not change while the task is pinned, and are read without the lock then.
     Core* const core_;
-    bool const pooled_; // one of the core's own
     id_t id_;
     Spec spec_;
     std::atomic<bool> complete_;
@@ -170,7 +177,7 @@ private:
     bool listed_;   // in the task table
     bool retired_;  // over, and waiting for reuse
     bool overdue_;  // scheduled while the pipe could not take it
-    unsigned pins_; // slices and completions that are on some stack
+    unsigned pins_; // how many of its slices and completions are on a stack
 };
 
 // The tasks of one fd manager, and so of one thread. Lives until the library is taken down.
@@ -184,10 +191,10 @@ public:
     // Throws orn::zel::Exception "NULL Task function".
     id_t NewTask(Spec const& spec);
     void Schedule(id_t id);
-    // These take the task out of the table; the completion function is not their concern.
+    // Both take the task out of the table, and do not call the completion function.
     void Cancel(id_t id);
     void Complete(id_t id);
-    // One slice of a task that is in the table, else nothing.
+    // Runs one slice of a task that is in the table, and does nothing for any other.
     void Run(id_t id);
 
     void fd_handler(fd::Event* event);
@@ -206,7 +213,8 @@ private:
 };
 
 // The calling thread's task manager, made on first use. Throws orn::zel::Exception "managerMap not
-// initizalized", except in a thread that outlives the library in exit().
+// initizalized" while the library is not loaded. A thread that outlives the library in exit() still gets its
+// manager.
 ORN_API boost::shared_ptr<Manager> manager();
 
 class ORN_API TaskImpl {

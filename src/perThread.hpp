@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: MIT
+//
+// One manager for each thread. Internal: the alarms, the signals and the tasks keep theirs in it. The
+// managers stand in a map by the identifier of their thread's fd manager, and live until the subsystem is
+// unloaded.
+#ifndef ZEL_SRC_PERTHREAD_HPP
+#define ZEL_SRC_PERTHREAD_HPP
+
+#include <map>
+#include <memory>
+
+#include <boost/shared_ptr.hpp>
+
+#include <orn/zel/core.hpp>
+#include <orn/zel/threadGroup.hpp>
+
+#include "immortal.hpp"
+#include "shutdown.hpp"
+#include "threadRegistry.hpp"
+
+namespace orn {
+namespace zel {
+namespace detail {
+
+template <class Manager>
+class PerThread {
+public:
+    using Map = std::map<id_t, boost::shared_ptr<Manager>>;
+
+    // The map is null while the subsystem is not loaded. A manager that is asked for then is refused with
+    // this text, or, where there is none, brings the map back.
+    constexpr explicit PerThread(Map*& map, char const* refusal = nullptr) : map_(map), refusal_(refusal) {}
+
+    void load() {
+        AutoLock const guard(lock());
+        if (!map_)
+            map_ = new Map;
+    }
+
+    // Keeps everything while exit() leaves threads running, which go on with the managers that they have.
+    void unload() {
+        if (Shutdown::keeps())
+            return;
+        std::unique_ptr<Map> doomed; // outlives the lock: the managers withdraw their registrations
+        AutoLock const guard(lock());
+        doomed.reset(map_);
+        map_ = nullptr;
+    }
+
+    // The calling thread's, made on first use. Throws orn::zel::Exception with the refusal's text.
+    boost::shared_ptr<Manager> get() {
+        // A refusal must leave no trace of the thread, so its fd manager is only looked up there.
+        boost::shared_ptr<fd::Manager> const caller =
+            refusal_ ? thread::Registry::fd_manager_if_any(thread::self()) : thread::FdMgr();
+        {
+            AutoLock const guard(lock());
+            Map& managers = map();
+            if (caller) {
+                boost::shared_ptr<Manager> const& found = managers[caller->id().value()];
+                if (found)
+                    return found;
+            }
+        }
+        // The lock must not be held here: the new manager registers with the group. Only this thread has this
+        // key, but making a group may run the hook of a child of fork(), which may come back here. What it
+        // has made then stays.
+        boost::shared_ptr<Manager> const made(new Manager);
+        id_t const key = thread::FdMgr()->id().value();
+        AutoLock const guard(lock());
+        boost::shared_ptr<Manager>& kept = map()[key];
+        if (!kept)
+            kept = made;
+        return kept;
+    }
+
+    void check_loaded() {
+        AutoLock const guard(lock());
+        map();
+    }
+
+    // Those of all threads, in ascending order of their keys.
+    Map all() {
+        Map known;
+        AutoLock const guard(lock());
+        if (!map_)
+            return known;
+        for (auto const& item : *map_) {
+            if (item.second)
+                known.insert(item);
+        }
+        return known;
+    }
+
+    // A leaf. Good before load and after unload as well, since threads that exit() leaves running still come
+    // for it.
+    static ThreadMutex& lock() { return immortal<ThreadMutex, PerThread>(); }
+
+private:
+    Map& map() ZEL_REQUIRES(lock()) {
+        if (!map_) {
+            if (refusal_)
+                throw Exception(refusal_);
+            map_ = new Map;
+        }
+        return *map_;
+    }
+
+    Map*& map_; // changed and read under the lock
+    char const* const refusal_;
+};
+
+} // namespace detail
+} // namespace zel
+} // namespace orn
+
+#endif

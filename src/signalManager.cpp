@@ -1,0 +1,169 @@
+// SPDX-License-Identifier: MIT
+//
+// The signals that a thread watches. An arrival is written into the pipe of each watching thread in signal
+// context; the thread's loop reads it there and calls the handlers. What is installed in the process is in
+// signal.cpp.
+#include <orn/zel/signal.hpp>
+
+#include <orn/zel/response.hpp>
+#include <orn/zel/threadGroup.hpp>
+
+#include "perThread.hpp"
+#include "signalFork.hpp"
+#include "signalGate.hpp"
+#include "wordPipe.hpp"
+
+namespace orn {
+namespace zel {
+namespace signal {
+
+namespace {
+
+std::map<id_t, boost::shared_ptr<Manager>>* manager_map = nullptr;
+detail::PerThread<Manager> managers(manager_map);
+
+// What signal context calls for a watching manager. It shares the pipe, which must outlive an arrival that is
+// under way.
+struct Arrival {
+    void operator()(int signo) const {
+        // A child of fork() shares the pipe with its parent, who was not sent this signal.
+        if (detail::lineage() == born)
+            detail::write_word_in_signal(pipe->WriteFD(), static_cast<std::uint32_t>(signo));
+    }
+
+    boost::shared_ptr<os::Pipe> pipe;
+    unsigned born;
+};
+
+} // namespace
+
+// What a manager keeps for a signal that it watches. It shares the source, whose list must outlive the
+// registration in it even when an unload has retired the source.
+struct Manager::SignalBundle {
+    SignalBundle(int signo, boost::shared_ptr<os::Pipe> const& pipe,
+                 boost::shared_ptr<HandlerList<int>> const& users)
+        : source(sigHandler(signo)), registration(source->handlers(), Arrival{pipe, detail::lineage()}),
+          list(users) {}
+
+    boost::shared_ptr<SignalHandler> source;
+    orn::zel::AutoReceptor<int> registration;
+    boost::shared_ptr<HandlerList<int>> list;
+};
+
+struct Manager::Watch {
+    // The handlers of the signal. With rearm, a bundle whose source an unload has retired is made anew.
+    boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<os::Pipe> const& pipe, bool rearm);
+    void drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe);
+    std::vector<int> signals();
+
+private:
+    // The thread that watches and the one that runs the loop may be two. A bundle is made under the lock: a
+    // thread that came second would otherwise replace a list that has handlers by an empty one, or have each
+    // arrival written twice. Nobody comes for this lock with another one held.
+    ThreadMutex lock_;
+    std::map<int, SignalBundle> bundles_ ZEL_GUARDED_BY(lock_);
+};
+
+boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::shared_ptr<os::Pipe> const& pipe,
+                                                         bool rearm) {
+    std::map<int, SignalBundle>::node_type replaced; // outlives the lock, since it withdraws its registration
+    boost::shared_ptr<HandlerList<int>> users;
+    {
+        AutoLock const guard(lock_);
+        std::map<int, SignalBundle>::const_iterator const found = bundles_.find(signo);
+        if (found != bundles_.end()) {
+            users = found->second.list;
+            if (!rearm || found->second.source->impl().installed())
+                return users;
+        } else {
+            users.reset(new HandlerList<int>(boost::shared_ptr<Mutex>(new RecursiveThreadMutex)));
+        }
+        SignalBundle const fresh(signo, pipe, users);
+        replaced = bundles_.extract(signo);
+        bundles_.emplace(signo, fresh);
+    }
+    // The lock must not be held here: what a retired function holds may call back when it is destroyed.
+    detail::SignalGate::reclaim();
+    return users;
+}
+
+void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe) {
+    detail::QueuedWords queued(*event);
+    std::uint32_t word;
+    while (queued.next(word)) {
+        int const signo = static_cast<int>(word);
+        boost::shared_ptr<HandlerList<int>> const users = list(signo, pipe, false);
+        // No lock may be held here: the handlers may change this list, and run a nested loop.
+        Dispatch(*users, signo);
+    }
+}
+
+std::vector<int> Manager::Watch::signals() {
+    std::vector<int> numbers;
+    AutoLock const guard(lock_);
+    for (auto const& item : bundles_)
+        numbers.push_back(item.first);
+    return numbers;
+}
+
+Manager::Manager()
+    : id_(detail::draw_id()), pipe_(new os::Pipe(false)), watch_(new Watch),
+      receptor_(pipe_->ReadFD(),
+                [watch = watch_, pipe = pipe_](fd::Event* event) { watch->drain(event, pipe); }) {}
+
+Manager::~Manager() = default;
+
+boost::shared_ptr<Receptacle<int, unsigned long>> Manager::monitor(int signo) {
+    return watch_->list(signo, pipe_, true);
+}
+
+ssize_t Manager::signal_handler(int signo) {
+    return detail::write_word_in_signal(pipe_->WriteFD(), static_cast<std::uint32_t>(signo));
+}
+
+void Manager::fd_handler(fd::Event* event) {
+    watch_->drain(event, pipe_);
+}
+
+int Manager::signal_fd() const {
+    return pipe_->ReadFD();
+}
+
+std::vector<int> Manager::signals() const {
+    return watch_->signals();
+}
+
+boost::shared_ptr<Manager> manager() {
+    return managers.get();
+}
+
+AutoReceptor::AutoReceptor(int signo, boost::function<void(int)> handler)
+    : list_(Signal(signo)), receptor_(*list_, handler) {}
+
+AutoReceptor::~AutoReceptor() = default;
+
+void ListSignals(std::string const&, int fd) {
+    cmd::Response text;
+    text << "SignalMgrs:\n";
+    for (auto const& item : managers.all())
+        text << '[' << item.second->id() << "] fdMgr=" << item.first
+             << " signal_fd=" << item.second->signal_fd();
+    text << " signals={ ";
+    for (int const signo : manager()->signals())
+        text << signo << ' ';
+    text << '}';
+    cmd::Write(fd, text);
+}
+
+void release_managers() {
+    managers.unload();
+}
+
+} // namespace signal
+
+boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo) {
+    return signal::manager()->monitor(signo);
+}
+
+} // namespace zel
+} // namespace orn
