@@ -325,7 +325,7 @@ TEST_F(Alarms, and_tasks_of_the_childs_hook_are_kept_while_a_manager_is_made) {
                 self->Complete();
             });
         });
-        int const status = support::in_child([&] {
+        std::string const status = support::in_child([&] {
             task::zel_task_load();
             if (alarms)
                 SetAlarm(1, [] { ++hooked; });
@@ -339,7 +339,7 @@ TEST_F(Alarms, and_tasks_of_the_childs_hook_are_kept_while_a_manager_is_made) {
             return hooked;
         });
         detail::set_child_hook(nullptr);
-        EXPECT_EQ("exit 2", support::describe(status));
+        EXPECT_EQ("exit 2", status);
     }
 }
 

@@ -170,12 +170,12 @@ TEST_F(ThreadGroup, nothing_survives_an_unload) {
 TEST_F(ThreadGroup, after_fork_the_child_has_an_id_of_its_own) {
     int const parent = thread::self();
     EXPECT_EQ(getpid(), parent);
-    int const status = support::in_child([parent] {
+    std::string const status = support::in_child([parent] {
         bool const own = thread::self() != parent && thread::self() == getpid();
         // It may bring up a group of its own before it replaces itself.
         return own && RunOnce(0) == 1 ? 0 : 1;
     });
-    EXPECT_EQ("exit 0", support::describe(status));
+    EXPECT_EQ("exit 0", status);
     EXPECT_EQ(parent, thread::self());
 }
 
@@ -537,10 +537,10 @@ TEST_F(ThreadGroup, a_child_of_fork_may_report_whatever_line_was_being_written) 
     });
     std::string end = "exit 0";
     for (int i = 0; i < 50 && end == "exit 0"; ++i)
-        end = support::describe(support::in_child([&] {
+        end = support::in_child([&] {
             thread::display_dispatch(entry);
             return 0;
-        }));
+        });
     EXPECT_EQ("exit 0", end);
     go_on = false;
 }
@@ -594,7 +594,7 @@ TEST_F(ThreadGroup, the_extended_log_has_every_set) {
     char file[] = "/tmp/zel_log_XXXXXX";
     ::close(::mkstemp(file));
     ::setenv("LOG_SINK", file, 1);
-    int const status = support::in_child([] {
+    std::string const status = support::in_child([] {
         Log_Reopen(); // what was set when the first record came is what counts
         RunOnce(0);
         thread::enableExtendedLogging();
@@ -603,7 +603,7 @@ TEST_F(ThreadGroup, the_extended_log_has_every_set) {
         return 0;
     });
     ::unsetenv("LOG_SINK");
-    EXPECT_EQ("exit 0", support::describe(status));
+    EXPECT_EQ("exit 0", status);
     std::ifstream in(file);
     std::ostringstream text;
     text << in.rdbuf();
