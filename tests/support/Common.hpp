@@ -66,6 +66,23 @@ private:
     std::size_t value_ = 0;
 };
 
+// Gives a variable another value for as long as it lives.
+template <class T>
+class Replaced {
+public:
+    Replaced(T& variable, T value) : variable_(variable), before_(variable) { variable = value; }
+    ~Replaced() { variable_ = before_; }
+    Replaced(Replaced const&) = delete;
+    Replaced& operator=(Replaced const&) = delete;
+
+private:
+    T& variable_;
+    T before_;
+};
+
+template <class T, class U>
+Replaced(T&, U) -> Replaced<T>;
+
 // ---- Files and descriptors
 
 std::string text_of(std::string const& path);

@@ -70,6 +70,13 @@ std::string without_tid(std::string const& lines, int tid) {
     return all;
 }
 
+orn::zel::task::Body once(int& slices) {
+    return [&slices](orn::zel::task::Controller* self) {
+        ++slices;
+        self->Complete();
+    };
+}
+
 // ---- Thread
 
 Thread::Thread(std::function<void()> body) : body_(std::move(body)) {
@@ -110,6 +117,7 @@ Loop::Loop() {
     orn::zel::thread::zel_thread_load();
     orn::zel::signal::zel_signal_load();
     orn::zel::alarm::zel_alarm_load();
+    orn::zel::task::zel_task_load();
 }
 
 void Loop::settle() {
@@ -125,6 +133,9 @@ void Loop::settle_all() {
 Loop::~Loop() {
     orn::zel::thread::UnmonitorThread("", -1); // else the lines go to whatever has the number next
     orn::zel::thread::UnmonitorPoll("", -1);
+    orn::zel::alarm::Unmonitor("", -1);
+    orn::zel::task::Unmonitor("", -1);
+    orn::zel::task::zel_task_unload();
     orn::zel::alarm::zel_alarm_unload();
     orn::zel::signal::zel_signal_unload();
     orn::zel::thread::zel_thread_unload();

@@ -16,6 +16,8 @@
 #include <gtest/gtest.h>
 #include <orn/os/Pipe.hpp>
 #include <orn/os/o_pthread.h>
+#include <orn/zel/core.hpp>
+#include <orn/zel/task.hpp>
 
 #include "Common.hpp"
 
@@ -33,6 +35,24 @@ bool waits(int tid);
 
 // Without the "tid=<n> " at the beginning of each line, whose number is checked to be the caller's thread.
 std::string without_tid(std::string const& lines, int tid = o_pthread_self());
+
+// What the call throws says: what() and, where there are any, the details behind it; "accepted" when it
+// throws nothing. Of Exception, orn::zel::Exception unless given.
+template <class Exception = orn::zel::Exception, class Call>
+std::string refusal(Call const& call) {
+    try {
+        call();
+    } catch (Exception const& refused) {
+        return refused.what() + std::string(refused.details());
+    }
+    return "accepted";
+}
+
+// Bodies of tasks that complete in their first slice; once() counts it.
+inline void complete(orn::zel::task::Controller* self) {
+    self->Complete();
+}
+orn::zel::task::Body once(int& slices);
 
 // Made by o_pthread_create, so a member of its creator's group; joined by the destructor.
 class Thread {

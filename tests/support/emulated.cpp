@@ -61,9 +61,9 @@ Fault const faults[] = {
     {"Zelctl.reports_at_once_that_the_process_has_ended", hidden},
 #if defined(__powerpc__)
     {"Cancel.*", cancelled},
-    {"ThreadObjectCancellation.*", cancelled},
-    {"ThreadObjectEnd.DestructorStopsAndJoins", cancelled},
-    {"ThreadObjectHooks.CarryEveryThreadOperation", cancelled},
+    {"Threads.are_cancelled_*", cancelled},
+    {"Threads.that_are_cancelled_as_creators_wait_for_the_constructor", cancelled},
+    {"Threads.use_the_hosts_functions_for_every_operation", cancelled},
     {"PlatformMsg.AStoppedReceiverHoldsSendersForAboutASecond", cancelled},
 #endif
 };
