@@ -53,7 +53,7 @@ char const* const cancelled = "qemu-ppc: a thread that is cancelled in a system 
 
 Fault const faults[] = {
     {"Fork.a_daemon_that_brings_the_library_up_anew_is_steered_under_its_own_id", forked},
-    {"TimerClock.AChildOfForkHasItsOwnServiceAndNoneOfItsParentsTimers", forked},
+    {"TimerThread.is_anew_in_a_child_of_fork_without_the_timers_of_the_parent", forked},
     {"PlatformMsg.WhatIsNoMessageIsDroppedWholeAndTheNextOneIsServed", received},
     {"PlatformMsg.RandomPacketsNeitherLeakNorStopTheQueue", received},
     {"Places/ExitFrom.*", taken_away},
