@@ -26,11 +26,11 @@ namespace {
 // The first record settles for the whole process where its log goes, and opens it.
 struct LogFile {
     LogFile() {
-        ::close(::mkstemp(path));
-        ::setenv("LOG_SINK", path, 1);
+        close(::mkstemp(path));
+        setenv("LOG_SINK", path, 1);
         Log_SpecEntry(logSpecForceInfo, "tests", __LINE__, "%s", "begin");
     }
-    ~LogFile() { ::unlink(path); }
+    ~LogFile() { unlink(path); }
     char path[32] = "/tmp/zel_log_XXXXXX";
 } const log_file;
 
@@ -201,7 +201,7 @@ TEST_F(Alarms, and_signals_with_slow_handlers_leave_the_loop_to_others_after_a_w
     settle();
     int handled = 0;
     auto const work = [&] {
-        ::poll(nullptr, 0, 5);
+        poll(nullptr, 0, 5);
         ++handled;
         seen += 's';
     };

@@ -76,14 +76,14 @@ TEST_F(Turn, a_registration_that_another_handler_of_the_turn_removes_is_not_call
 
 TEST_F(Turn, a_reused_descriptor_number_does_not_see_the_event_of_the_old_one) {
     int ends[2];
-    ASSERT_EQ(0, ::pipe2(ends, O_NONBLOCK | O_CLOEXEC)); // a number above the others: dispatched last
+    ASSERT_EQ(0, pipe2(ends, O_NONBLOCK | O_CLOEXEC)); // a number above the others: dispatched last
     ASSERT_GT(ends[0], pipes[2].ReadFD());
     auto old = std::make_unique<fd::AutoReceptor>(ends[0], [&](fd::Event*) { seen += "old "; });
     std::unique_ptr<fd::AutoReceptor> fresh;
     watch(0, [&](fd::Event* event) {
         take(event->fd());
         old.reset();
-        ASSERT_EQ(ends[0], ::dup2(pipes[2].ReadFD(), ends[0])); // closed, and open again as something else
+        ASSERT_EQ(ends[0], dup2(pipes[2].ReadFD(), ends[0])); // closed, and open again as something else
         fresh.reset(
             new fd::AutoReceptor(ends[0], [&](fd::Event* late) { seen += "fresh" + take(late->fd()); }));
     });
@@ -98,8 +98,8 @@ TEST_F(Turn, a_reused_descriptor_number_does_not_see_the_event_of_the_old_one) {
     settle();
     EXPECT_EQ("fresh7", seen);
     fresh.reset();
-    ::close(ends[0]);
-    ::close(ends[1]);
+    close(ends[0]);
+    close(ends[1]);
 }
 
 TEST_F(Turn, an_exception_leaves_the_run_call_and_the_rest_of_the_turn_comes_next) {

@@ -109,6 +109,13 @@ bool Thread::join() {
 
 // ---- Loop
 
+WatchedPipe::WatchedPipe(std::function<void()> const& handler)
+    : Pipe(false), receptor_(ReadFD(), [this, handler](orn::zel::fd::Event* event) {
+          seen += take(event->fd());
+          ++calls;
+          handler();
+      }) {}
+
 Loop::Loop() {
     std::thread([] {}).join(); // a sanitizer starts a thread of its own with the first one
     descriptors_ = descriptors();

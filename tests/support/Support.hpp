@@ -17,6 +17,7 @@
 #include <orn/os/Pipe.hpp>
 #include <orn/os/o_pthread.h>
 #include <orn/zel/core.hpp>
+#include <orn/zel/fd.hpp>
 #include <orn/zel/task.hpp>
 
 #include "Common.hpp"
@@ -77,6 +78,19 @@ private:
     bool joined_ = false;
     bool cancelled_ = false;
     o_pthread_t handle_{};
+};
+
+// A pipe that the loop of its maker watches. The handler is called when what was fed has been taken.
+class WatchedPipe : public orn::os::Pipe {
+public:
+    explicit WatchedPipe(std::function<void()> const& handler = [] {});
+    void feed(std::string const& text = "x") const { put(WriteFD(), text); }
+
+    std::atomic<int> calls{0};
+    std::string seen; // all that was fed and taken
+
+private:
+    orn::zel::fd::AutoReceptor receptor_;
 };
 
 // Brings the library up before the test, and takes it down when the members of derived fixtures are gone.
