@@ -17,13 +17,10 @@ using support::take;
 
 namespace {
 
-#if defined(__SANITIZE_THREAD__)
 #define SKIP_WITHOUT_CANCELLATION()                                                                          \
+    if (support::has_thread_sanitizer)                                                                       \
     GTEST_SKIP() << "ThreadSanitizer no longer sees the locks of a thread that was cancelled in a system "   \
                     "call"
-#else
-#define SKIP_WITHOUT_CANCELLATION()
-#endif
 
 class Cancel : public support::Loop {
 protected:
@@ -32,15 +29,9 @@ protected:
     void expect_loop_goes_on() {
         EXPECT_FALSE(group->IsRunner(thread::self()));
         EXPECT_EQ(std::set<int>{thread::self()}, group->Threads());
-        orn::os::Pipe pipe(false);
-        int calls = 0;
-        fd::AutoReceptor const receptor(pipe.ReadFD(), [&](fd::Event* event) {
-            take(event->fd());
-            EXPECT_TRUE(group->IsRunner(thread::self()));
-            ++calls;
-        });
-        put(pipe.WriteFD(), "x");
-        EXPECT_TRUE(support::run_until([&] { return calls == 1; }));
+        support::WatchedPipe const pipe([&] { EXPECT_TRUE(group->IsRunner(thread::self())); });
+        pipe.feed();
+        EXPECT_TRUE(support::run_until([&] { return pipe.calls == 1; }));
         EXPECT_FALSE(group->IsRunner(thread::self()));
     }
 
@@ -62,42 +53,32 @@ TEST_F(Cancel, a_runner_that_waits_gives_up_its_role_and_its_membership) {
 
 TEST_F(Cancel, a_runner_deep_in_nested_runs_and_in_a_handler_gives_up_all_levels) {
     SKIP_WITHOUT_CANCELLATION();
-    orn::os::Pipe blocking(true);
-    orn::os::Pipe pipes[3] = {orn::os::Pipe(false), orn::os::Pipe(false), orn::os::Pipe(false)};
-    int leftovers = 0;
-    fd::AutoReceptor const left(pipes[2].ReadFD(), [&](fd::Event* event) {
-        take(event->fd());
-        ++leftovers;
-    });
+    orn::os::Pipe const blocking(true);
+    support::WatchedPipe const left;
     RunOnce(0);
     support::Thread runner([&] {
-        fd::AutoReceptor const outer(pipes[0].ReadFD(), [&](fd::Event* event) {
-            take(event->fd());
-            put(pipes[1].WriteFD(), "x");
-            for (;;)
-                RunUntilEventOnFd(-1, POLLIN, -1);
-        });
-        fd::AutoReceptor const inner(pipes[1].ReadFD(), [&](fd::Event* event) {
-            take(event->fd());
-            put(pipes[2].WriteFD(), "x"); // nobody's turn until the cancelled one is out of the way
+        support::WatchedPipe const inner([&] {
+            left.feed(); // nobody's turn until the cancelled one is out of the way
             char byte;
             static_cast<void>(read(blocking.ReadFD(), &byte, 1));
             FAIL();
         });
-        put(pipes[0].WriteFD(), "x");
+        support::WatchedPipe const outer([&] {
+            inner.feed();
+            for (;;)
+                RunUntilEventOnFd(-1, POLLIN, -1);
+        });
+        outer.feed();
         for (;;)
             RunOnce(-1);
     });
-    ASSERT_TRUE(support::wait_until([&] {
-        pollfd entry = {pipes[2].ReadFD(), POLLIN, 0};
-        return poll(&entry, 1, 0) == 1;
-    }));
+    ASSERT_TRUE(support::is_ready(left.ReadFD(), POLLIN, 10000));
     ASSERT_TRUE(runner.waits());
     EXPECT_TRUE(group->IsRunner(runner.tid()));
     runner.cancel();
     EXPECT_TRUE(runner.join());
     expect_loop_goes_on();
-    EXPECT_EQ(1, leftovers);
+    EXPECT_EQ(1, left.calls);
 }
 
 TEST_F(Cancel, a_waiting_request_does_not_act_inside_destructors) {
@@ -196,11 +177,9 @@ TEST_F(Cancel, a_thread_that_receives_signals_is_not_unwound_out_of_their_handle
     }
     EXPECT_FALSE(exposed);
     // A handler that never came out would be waited for here, for a whole second.
-    timespec before = {}, after = {};
-    clock_gettime(CLOCK_MONOTONIC, &before);
+    long const begin = support::milliseconds();
     signal::zel_signal_unload();
-    clock_gettime(CLOCK_MONOTONIC, &after);
-    EXPECT_LT((after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000, 900);
+    EXPECT_LT(support::milliseconds() - begin, 900);
     expect_loop_goes_on();
 }
 
