@@ -1,28 +1,20 @@
 // SPDX-License-Identifier: MIT
 //
 // The thread object: its two phases, its ends, and what a cancelled thread leaves behind.
-#include <atomic>
-#include <cerrno>
 #include <system_error>
 
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <boost/make_shared.hpp>
-#include <orn/zel.hpp>
 
 #include "support/Support.hpp"
 
 using namespace orn::zel;
-using support::Count;
-using support::Replaced;
-using support::woken_until;
+using namespace support;
 
 namespace {
 
 // The kernel may have a thread that has been joined for a moment longer; one that goes on is there for good.
 bool ends(int tid) {
-    return support::wait_until([tid] { return syscall(SYS_tgkill, getpid(), tid, 0) != 0; });
+    return wait_until([tid] { return syscall(SYS_tgkill, getpid(), tid, 0) != 0; });
 }
 
 int pause_for_ever() {
@@ -35,7 +27,7 @@ int turn_for_ever() {
         RunOnce(-1);
 }
 
-class Threads : public support::Loop {
+class Threads : public Loop {
 protected:
     ~Threads() override { EXPECT_EQ(std::set<int>{thread::self()}, thread::ThisGroup()->Threads()); }
 };
@@ -160,8 +152,7 @@ TEST_F(Threads, detached_outlive_their_objects_and_cannot_be_joined) {
         thread.Detach();
         EXPECT_TRUE(thread.isDetached());
         tid = thread.Id();
-        EXPECT_EQ("attempt to join a detached thread",
-                  support::refusal<Thread::JoinDetached>([&] { thread.Join(); }));
+        EXPECT_EQ("attempt to join a detached thread", refusal<Thread::JoinDetached>([&] { thread.Join(); }));
     }
     gone.up();
     EXPECT_TRUE(done.reaches(1));
@@ -197,7 +188,7 @@ void expect_cancelled(Thread& thread) {
 void expect_working_loop() {
     int turns = 0;
     SetAlarm(0, [&turns] { ++turns; });
-    RunTask(support::once(turns));
+    RunTask(once(turns));
     EXPECT_TRUE(woken_until([&] { return turns == 2; }));
     fd::ListFds("", -1);
     task::ListTasks("", -1);
@@ -214,7 +205,7 @@ TEST_F(Threads, are_cancelled_where_they_wait_when_they_are_stopped_or_destroyed
         }
         EXPECT_TRUE(ends(tid));
         stopped.Start();
-        EXPECT_TRUE(support::waits(stopped.Id()));
+        EXPECT_TRUE(waits(stopped.Id()));
         expect_cancelled(stopped);
         expect_working_loop();
     }
@@ -232,13 +223,13 @@ TEST_F(Threads, are_cancelled_as_runner_in_a_slice_which_leaves_the_others_of_th
         there.up();
         pause_for_ever();
     });
-    RunTask(support::once(behind));
+    RunTask(once(behind));
     Thread thread(turn_for_ever);
     thread.Start();
     ASSERT_TRUE(there.reaches(1));
     expect_cancelled(thread);
     EXPECT_EQ(0, behind);
-    RunTask(support::complete);
+    RunTask(complete);
     EXPECT_TRUE(woken_until([&] { return behind == 1; }));
     EXPECT_EQ(1, slices);
 }

@@ -1,17 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
 // Alarms on a clock that the tests turn by hand.
-#include <algorithm>
-#include <cerrno>
 #include <climits>
-#include <memory>
-#include <stdexcept>
-#include <vector>
-
-#include <poll.h>
 
 #include <orn/log.h>
-#include <orn/zel.hpp>
 
 #include "../src/fork.hpp"
 #include "../src/uniqueId.hpp"
@@ -20,13 +12,13 @@
 #include "support/Support.hpp"
 
 using namespace orn::zel;
+using namespace support;
 using fake_timer::advance;
-using support::take;
 
 namespace {
 
 // The first record settles for the whole process where its log goes, and opens it.
-struct LogFile : support::TempFile {
+struct LogFile : TempFile {
     LogFile() {
         setenv("LOG_SINK", path().c_str(), 1);
         Log_SpecEntry(logSpecForceInfo, "tests", __LINE__, "%s", "begin");
@@ -38,7 +30,7 @@ struct NoTimersLeft {
 };
 
 // The base that looks is destroyed after the base that unloads.
-class Alarms : private NoTimersLeft, public support::Loop {
+class Alarms : private NoTimersLeft, public Loop {
 protected:
     alarm::Handler say(std::string const& text) {
         return [this, text] { seen += text; };
@@ -90,8 +82,8 @@ TEST_F(Alarms, a_one_shot_is_gone_when_its_handler_runs) {
 }
 
 TEST_F(Alarms, an_empty_handler_is_refused_without_a_trace) {
-    EXPECT_EQ("NULL handler", support::refusal([] { SetAlarm(1, alarm::Handler()); }));
-    EXPECT_EQ("NULL handler", support::refusal([] { Alarm const alarm(1, 1, alarm::Handler()); }));
+    EXPECT_EQ("NULL handler", refusal([] { SetAlarm(1, alarm::Handler()); }));
+    EXPECT_EQ("NULL handler", refusal([] { Alarm const alarm(1, 1, alarm::Handler()); }));
     EXPECT_EQ(0u, OutstandingAlarmCount());
     EXPECT_EQ(0u, fake_timer::live());
 }
@@ -178,14 +170,14 @@ TEST_F(Alarms, a_burst_before_the_loop_turns_loses_nothing) {
 TEST_F(Alarms, a_pipe_that_is_full_or_cannot_be_read_costs_no_later_expiry) {
     Alarm const alarm(1, 1, say("x"));
     {
-        support::Fault const full(support::Call::write, EAGAIN); // and blocks nobody
+        Fault const full(Call::write, EAGAIN); // and blocks nobody
         advance(5);
     }
     EXPECT_EQ("", after(0));
     EXPECT_EQ("xxx", after(3));
     advance(1);
     {
-        support::Fault const interrupted(support::Call::read, EINTR, 1);
+        Fault const interrupted(Call::read, EINTR, 1);
         EXPECT_EQ(1, RunOnce(0));
     }
     EXPECT_EQ("xxx", seen);
@@ -195,7 +187,7 @@ TEST_F(Alarms, a_pipe_that_is_full_or_cannot_be_read_costs_no_later_expiry) {
 // A turn that took all there is would be longer each time, since so much more has come meanwhile.
 TEST_F(Alarms, and_signals_with_slow_handlers_leave_the_loop_to_others_after_a_while) {
     orn::os::Pipe ready(false);
-    support::put(ready.WriteFD(), "x");
+    put(ready.WriteFD(), "x");
     fd::AutoReceptor const neighbour(ready.ReadFD(), [&](fd::Event*) { seen += '|'; });
     settle();
     auto const work = [&] {
@@ -256,7 +248,7 @@ TEST_F(Alarms, identifiers_that_wrap_meet_no_living_ones) {
 
     SetAlarm(5, say("mine"));
     detail::continue_identifiers_at(static_cast<std::uint32_t>(thread::FdMgr()->id().value()));
-    support::Thread const member([] {
+    Member const member([] {
         EXPECT_EQ(0u, OutstandingAlarmCount()) << "served by another thread's manager";
         detail::continue_identifiers_at(0);
         NewThreadGroup();
@@ -269,12 +261,12 @@ TEST_F(Alarms, any_member_of_the_group_may_cancel_and_reset_and_a_stranger_is_lo
     for (char const* const name : {"a ", "b ", "c ", "d "})
         alarms.emplace_back(new Alarm(1, 1, say(name)));
     int stranger = 0;
-    support::Thread([&] {
+    Member([&] {
         alarms[0].reset();
         alarms[1]->Reset(7);
     }).join();
     EXPECT_EQ(std::string::npos, log_file.text().find("src/alarm"));
-    support::Thread([&] {
+    Member([&] {
         NewThreadGroup();
         stranger = thread::self();
         alarms[2]->Cancel();
@@ -302,7 +294,7 @@ TEST_F(Alarms, that_an_unload_has_taken_away_still_tell_of_their_end) {
     EXPECT_EQ(0u, fake_timer::live());
     EXPECT_EQ("", take(observer.ReadFD()));
     alarm.reset();
-    EXPECT_EQ(0u, support::without_tid(take(observer.ReadFD())).find("alarm deleted: id="));
+    EXPECT_EQ(0u, without_tid(take(observer.ReadFD())).find("alarm deleted: id="));
     alarm::Unmonitor("", 0);
     alarm::zel_alarm_load();
     EXPECT_EQ("", after(1));
@@ -315,14 +307,14 @@ void alarm_one() {
 }
 
 void start_one() {
-    RunTask(support::once(hooked));
+    RunTask(once(hooked));
 }
 
 // The first group of a child of fork() is made together with its first manager, and runs the hook.
 TEST_F(Alarms, and_tasks_of_the_childs_hook_are_kept_while_a_manager_is_made) {
     for (void (*const make)() : {alarm_one, start_one}) {
         detail::set_child_hook(make);
-        EXPECT_EQ("exit 2", support::in_child([&] {
+        EXPECT_EQ("exit 2", in_child([&] {
                       make();
                       advance(1);
                       settle();
@@ -334,7 +326,7 @@ TEST_F(Alarms, and_tasks_of_the_childs_hook_are_kept_while_a_manager_is_made) {
 
 TEST_F(Alarms, the_monitor_tells_the_life_of_each) {
     orn::os::Pipe observer(false);
-    auto const lines = [&] { return support::without_tid(take(observer.ReadFD())); };
+    auto const lines = [&] { return without_tid(take(observer.ReadFD())); };
     alarm::manager();
     alarm::Monitor("ignored", observer.WriteFD());
     detail::continue_identifiers_at(700);
@@ -359,9 +351,9 @@ TEST_F(Alarms, the_monitor_tells_the_life_of_each) {
 
 TEST_F(Alarms, are_counted_per_thread_and_served_by_the_group) {
     SetAlarm(1, say("mine "));
-    support::Count armed;
+    Count armed;
     std::atomic<bool> fired(false);
-    support::Thread const member([&] {
+    Member const member([&] {
         EXPECT_EQ(0u, OutstandingAlarmCount());
         SetAlarm(1, [&] {
             seen += "theirs ";
@@ -369,13 +361,13 @@ TEST_F(Alarms, are_counted_per_thread_and_served_by_the_group) {
         });
         EXPECT_EQ(1u, OutstandingAlarmCount());
         armed.up();
-        EXPECT_TRUE(support::wait_until([&] { return fired.load(); }));
+        EXPECT_TRUE(wait_until([&] { return fired.load(); }));
         EXPECT_EQ(0u, OutstandingAlarmCount());
     });
     ASSERT_TRUE(armed.reaches(1));
     EXPECT_EQ(1u, OutstandingAlarmCount());
     advance(1);
-    EXPECT_TRUE(support::run_until([&] { return seen.size() == 12; })) << seen;
+    EXPECT_TRUE(run_until([&] { return seen.size() == 12; })) << seen;
 }
 
 } // namespace

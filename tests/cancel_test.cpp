@@ -2,36 +2,31 @@
 //
 // Threads that are cancelled inside the library: locks, roles and hooks are released on the way, and nothing
 // is cancelled where it could not be unwound.
-#include <memory>
 
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <orn/zel.hpp>
 
 #include "support/Support.hpp"
 
 using namespace orn::zel;
-using support::put;
-using support::take;
+using namespace support;
 
 namespace {
 
 #define SKIP_WITHOUT_CANCELLATION()                                                                          \
-    if (support::has_thread_sanitizer)                                                                       \
+    if (has_thread_sanitizer)                                                                                \
     GTEST_SKIP() << "ThreadSanitizer no longer sees the locks of a thread that was cancelled in a system "   \
                     "call"
 
-class Cancel : public support::Loop {
+class Cancel : public Loop {
 protected:
     // What must hold once a thread that had the runner role has been cancelled: this one can take it, is
     // served, and is alone.
     void expect_loop_goes_on() {
         EXPECT_FALSE(group->IsRunner(thread::self()));
         EXPECT_EQ(std::set<int>{thread::self()}, group->Threads());
-        support::WatchedPipe const pipe([&] { EXPECT_TRUE(group->IsRunner(thread::self())); });
+        WatchedPipe const pipe([&] { EXPECT_TRUE(group->IsRunner(thread::self())); });
         pipe.feed();
-        EXPECT_TRUE(support::run_until([&] { return pipe.calls == 1; }));
+        EXPECT_TRUE(run_until([&] { return pipe.calls == 1; }));
         EXPECT_FALSE(group->IsRunner(thread::self()));
     }
 
@@ -40,11 +35,11 @@ protected:
 
 TEST_F(Cancel, a_runner_that_waits_gives_up_its_role_and_its_membership) {
     SKIP_WITHOUT_CANCELLATION();
-    support::Thread runner([] {
+    Member runner([] {
         for (;;)
             RunOnce(-1);
     });
-    ASSERT_TRUE(support::wait_until([&] { return group->IsRunner(runner.tid()); }));
+    ASSERT_TRUE(wait_until([&] { return group->IsRunner(runner.tid()); }));
     ASSERT_TRUE(runner.waits());
     runner.cancel();
     EXPECT_TRUE(runner.join());
@@ -54,16 +49,16 @@ TEST_F(Cancel, a_runner_that_waits_gives_up_its_role_and_its_membership) {
 TEST_F(Cancel, a_runner_deep_in_nested_runs_and_in_a_handler_gives_up_all_levels) {
     SKIP_WITHOUT_CANCELLATION();
     orn::os::Pipe const blocking(true);
-    support::WatchedPipe const left;
+    WatchedPipe const left;
     RunOnce(0);
-    support::Thread runner([&] {
-        support::WatchedPipe const inner([&] {
+    Member runner([&] {
+        WatchedPipe const inner([&] {
             left.feed(); // nobody's turn until the cancelled one is out of the way
             char byte;
             static_cast<void>(read(blocking.ReadFD(), &byte, 1));
             FAIL();
         });
-        support::WatchedPipe const outer([&] {
+        WatchedPipe const outer([&] {
             inner.feed();
             for (;;)
                 RunUntilEventOnFd(-1, POLLIN, -1);
@@ -72,7 +67,7 @@ TEST_F(Cancel, a_runner_deep_in_nested_runs_and_in_a_handler_gives_up_all_levels
         for (;;)
             RunOnce(-1);
     });
-    ASSERT_TRUE(support::is_ready(left.ReadFD(), POLLIN, 10000));
+    ASSERT_TRUE(is_ready(left.ReadFD(), POLLIN, 10000));
     ASSERT_TRUE(runner.waits());
     EXPECT_TRUE(group->IsRunner(runner.tid()));
     runner.cancel();
@@ -86,7 +81,7 @@ TEST_F(Cancel, a_waiting_request_does_not_act_inside_destructors) {
     thread::MonitorThread("", observer.WriteFD());
     alarm::Monitor("", observer.WriteFD());
     std::atomic<bool> through(false);
-    support::Thread doomed([&] {
+    Member doomed([&] {
         orn::os::Pipe pipe(false);
         auto receptor = std::make_unique<fd::AutoReceptor>(pipe.ReadFD(), [](fd::Event*) {});
         auto signals = std::make_unique<signal::AutoReceptor>(SIGUSR1, [](int) {});
@@ -120,16 +115,16 @@ TEST_F(Cancel, watching_a_signal_neither_waits_for_its_handlers_nor_is_cancelled
         while (stage != 2)
             syscall(SYS_sched_yield);
     });
-    support::Thread inside([] { raise(SIGUSR1); });
-    ASSERT_TRUE(support::wait_until([] { return stage == 1; }));
+    Member inside([] { raise(SIGUSR1); });
+    ASSERT_TRUE(wait_until([] { return stage == 1; }));
     std::atomic<bool> watched(false);
-    support::Thread doomed([&] {
+    Member doomed([&] {
         o_pthread_cancel(pthread_self());
         signal::AutoReceptor const receptor(SIGUSR1, [](int) {});
         watched = true;
         pthread_testcancel();
     });
-    EXPECT_TRUE(support::wait_until([&] { return doomed.ended(); }));
+    EXPECT_TRUE(wait_until([&] { return doomed.ended(); }));
     source->handlers().remove(id);
     EXPECT_EQ(1, stage) << "still inside";
     stage = 2;
@@ -155,13 +150,13 @@ TEST_F(Cancel, a_thread_that_receives_signals_is_not_unwound_out_of_their_handle
             syscall(SYS_sched_yield);
     });
     for (int round = 0; round < 50; ++round) {
-        support::Thread target([] {
+        Member target([] {
             for (;;)
                 RunOnce(-1);
         });
         ASSERT_TRUE(target.waits());
         std::atomic<bool> stop(false);
-        support::Thread sender([&] {
+        Member sender([&] {
             sigset_t set, old;
             sigemptyset(&set);
             sigaddset(&set, SIGUSR1);
@@ -177,9 +172,9 @@ TEST_F(Cancel, a_thread_that_receives_signals_is_not_unwound_out_of_their_handle
     }
     EXPECT_FALSE(exposed);
     // A handler that never came out would be waited for here, for a whole second.
-    long const begin = support::milliseconds();
+    long const begin = milliseconds();
     signal::zel_signal_unload();
-    EXPECT_LT(support::milliseconds() - begin, 900);
+    EXPECT_LT(milliseconds() - begin, 900);
     expect_loop_goes_on();
 }
 

@@ -2,20 +2,15 @@
 //
 // The primitives: identifiers, exceptions, values that may be missing, splitting, locks.
 #include <limits>
-#include <memory>
 #include <sstream>
-#include <vector>
-
-#include <orn/zel/core.hpp>
 
 #include "../src/uniqueId.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;
+using namespace support;
 
 namespace {
-
-using support::Words;
 
 Words fields(std::string const& text, std::string const& separators) {
     Words out;
@@ -53,9 +48,9 @@ TEST(Identifiers, are_given_once_to_threads_that_ask_at_the_same_time) {
     constexpr unsigned each = 20000;
     std::vector<unsigned long> got[3];
     {
-        std::vector<std::unique_ptr<support::Thread>> threads;
+        std::vector<std::unique_ptr<Member>> threads;
         for (std::vector<unsigned long>& mine : got)
-            threads.emplace_back(new support::Thread([&mine] {
+            threads.emplace_back(new Member([&mine] {
                 for (unsigned i = 0; i < each; ++i)
                     mine.push_back(unique_id());
             }));
@@ -103,7 +98,7 @@ TEST(PossiblyUndefined, is_copied_with_its_state_but_assigned_only_with_a_value)
     PossiblyUndefined<int> seven(7);
     PossiblyUndefined<int> const copy(none);
     EXPECT_TRUE(copy.undefined());
-    EXPECT_EQ("undefined value", support::refusal<UndefinedValue>([&] { seven = none; }));
+    EXPECT_EQ("undefined value", refusal<UndefinedValue>([&] { seven = none; }));
     EXPECT_EQ(7, seven.value());
     EXPECT_THROW(none.value(), UndefinedValue);
     none = seven;

@@ -1,25 +1,17 @@
 // SPDX-License-Identifier: MIT
 //
 // Monitors, managers, the scoped registration, and the texts about them.
-#include <cerrno>
-#include <memory>
 #include <sstream>
-
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <orn/zel.hpp>
 
 #include "support/Faults.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;
-using support::put;
-using support::take;
+using namespace support;
 
 namespace {
 
-class Fd : public support::Loop {
+class Fd : public Loop {
 protected:
     boost::function<void(fd::Event*)> reader() {
         return [this](fd::Event* event) {
@@ -41,7 +33,7 @@ TEST_F(Fd, a_monitor_takes_one_handler_and_refuses_the_rest) {
     EXPECT_EQ(1u, lone.count());
     EXPECT_EQ(1u, lone.capacity());
     fd::MonitorImpl none;
-    EXPECT_EQ("invalid FD (-1)", support::refusal([&] { none.insert([](fd::Event*) {}); }));
+    EXPECT_EQ("invalid FD (-1)", refusal([&] { none.insert([](fd::Event*) {}); }));
     EXPECT_EQ(0u, none.count());
     EXPECT_NE(0u, fd::MonitorImpl(-2, POLLIN).insert([](fd::Event*) {}));
     EXPECT_THROW(fd::AutoReceptor(-1, reader()), orn::zel::Exception);
@@ -158,7 +150,7 @@ TEST_F(Fd, a_foreign_thread_may_withdraw_and_the_loop_neither_calls_nor_spins) {
     auto receptor = std::make_unique<fd::AutoReceptor>(pipe.ReadFD(), reader());
     settle();
     {
-        support::Thread const foreign([&] {
+        Member const foreign([&] {
             NewThreadGroup(); // so that its group, and not this one, is told
             receptor.reset();
         });
@@ -171,9 +163,9 @@ TEST_F(Fd, a_foreign_thread_may_withdraw_and_the_loop_neither_calls_nor_spins) {
 
 TEST_F(Fd, many_idle_descriptors_change_no_result) {
     // From some number of descriptors on the loop asks before it waits. Neither is to be seen from outside.
-    std::vector<std::unique_ptr<support::WatchedPipe>> pipes(40);
+    std::vector<std::unique_ptr<WatchedPipe>> pipes(40);
     for (auto& idle : pipes)
-        idle.reset(new support::WatchedPipe);
+        idle.reset(new WatchedPipe);
     settle();
     orn::os::Pipe observer(false);
     for (std::size_t round = 0; round < 20; ++round) {
@@ -192,27 +184,27 @@ TEST_F(Fd, many_idle_descriptors_change_no_result) {
         total += busy->calls;
     EXPECT_EQ(40, total);
     // A wait that finds nothing lasts its whole time.
-    long const begin = support::milliseconds();
+    long const begin = milliseconds();
     EXPECT_EQ(0, RunOnce(30));
-    EXPECT_GE(support::milliseconds() - begin, 29);
+    EXPECT_GE(milliseconds() - begin, 29);
 }
 
 TEST_F(Fd, two_members_register_while_a_third_runs_the_loop) {
     constexpr int rounds = 400;
     std::atomic<int> heard(0);
-    support::Thread runner([&] {
+    Member runner([&] {
         NewThreadGroup();
         auto const churn = [&] {
             for (int i = 0; i < rounds; ++i) {
-                support::WatchedPipe const own;
+                WatchedPipe const own;
                 if (i % 4 == 0)
                     continue; // withdrawn before, in or after the first poll
                 own.feed();
-                ASSERT_TRUE(support::wait_until([&] { return own.calls == 1; }));
+                ASSERT_TRUE(wait_until([&] { return own.calls == 1; }));
                 ++heard;
             }
         };
-        support::Thread first(churn), second(churn);
+        Member first(churn), second(churn);
         while (!first.ended() || !second.ended())
             RunOnce(1);
     });
@@ -221,12 +213,12 @@ TEST_F(Fd, two_members_register_while_a_third_runs_the_loop) {
 }
 
 TEST_F(Fd, every_descriptor_of_the_library_is_close_on_exec) {
-    std::set<int> const before = support::descriptors();
+    std::set<int> const before = descriptors();
     SetAlarm(1000000, [] {});
     signal::AutoReceptor const signals(SIGUSR1, [](int) {});
     RunOnce(0);
     int found = 0;
-    for (int const fd : support::descriptors()) {
+    for (int const fd : descriptors()) {
         if (before.count(fd))
             continue;
         ++found;
@@ -240,10 +232,10 @@ TEST_F(Fd, lack_of_descriptors_is_thrown_and_the_loop_goes_on) {
     fd::AutoReceptor const receptor(pipe.ReadFD(), reader());
     settle();
     {
-        support::Fault const none_left(support::Call::pipe2, EMFILE);
+        Fault const none_left(Call::pipe2, EMFILE);
         EXPECT_THROW(SetAlarm(1, [] {}), std::system_error);
         EXPECT_THROW(Signal(SIGUSR1), std::system_error);
-        EXPECT_THROW(RunTask(support::complete), std::system_error);
+        EXPECT_THROW(RunTask(complete), std::system_error);
         unsigned long const group = GroupId();
         EXPECT_THROW(NewThreadGroup(), std::system_error);
         EXPECT_EQ(group, GroupId());
@@ -254,7 +246,7 @@ TEST_F(Fd, lack_of_descriptors_is_thrown_and_the_loop_goes_on) {
     EXPECT_EQ("on", seen);
     bool fired = false;
     SetAlarm(0, [&] { fired = true; });
-    EXPECT_TRUE(support::run_until([&] { return fired; }));
+    EXPECT_TRUE(run_until([&] { return fired; }));
     EXPECT_EQ(0u, OutstandingAlarmCount());
 }
 
@@ -268,13 +260,13 @@ TEST_F(Fd, prints_events_and_lists_descriptors) {
     fd::AutoReceptor const one(pipe.ReadFD(), reader());
     fd::AutoReceptor const two(answer.ReadFD(), reader());
     std::string expected = "FdMgrs:\n";
-    support::Count listed;
-    support::Thread const member([&] {
+    Count listed;
+    Member const member([&] {
         fd::AutoReceptor const mine(0, [](fd::Event*) {});
         EXPECT_TRUE(listed.reaches(1));
     });
     thread::FdMgr(1); // a record with no group: not listed
-    ASSERT_TRUE(support::wait_until([&] { return thread::FdMgr(member.tid())->size() == 1; }));
+    ASSERT_TRUE(wait_until([&] { return thread::FdMgr(member.tid())->size() == 1; }));
     std::map<int, std::string> const lists = {
         {thread::self(), std::to_string(pipe.ReadFD()) + " " + std::to_string(answer.ReadFD()) + " "},
         {member.tid(), "0 "}};

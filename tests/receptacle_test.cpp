@@ -1,17 +1,12 @@
 // SPDX-License-Identifier: MIT
 //
 // Handler lists, the one-handler receptacle, and the owner of one registration.
-#include <memory>
-#include <stdexcept>
-#include <vector>
-
-#include <orn/zel/fd.hpp>
-#include <orn/zel/receptacle.hpp>
 
 #include "../src/uniqueId.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;
+using namespace support;
 
 namespace {
 
@@ -56,7 +51,7 @@ TEST(HandlerList, calls_in_the_order_of_registration) {
     Dispatch(list, 2);
     EXPECT_EQ("a2 c2 ", calls.take());
     EXPECT_EQ("Empty handler function",
-              support::refusal<orn::Exception>([&] { list.insert(HandlerList<int>::receptor_type()); }));
+              refusal<orn::Exception>([&] { list.insert(HandlerList<int>::receptor_type()); }));
     EXPECT_EQ(2u, list.count());
 }
 
@@ -182,8 +177,8 @@ TEST(HandlerList, survives_a_nested_dispatch_that_replays_the_removal_of_the_run
 }
 
 // Of either kind: on a plain one, which it shares with other code, the list stacks a recursive one.
-class WithMutex : public ::testing::TestWithParam<bool> {};
-INSTANTIATE_TEST_SUITE_P(HandlerList, WithMutex, ::testing::Bool());
+class WithMutex : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(HandlerList, WithMutex, testing::Bool());
 
 TEST_P(WithMutex, takes_changes_from_any_thread_during_a_dispatch) {
     boost::shared_ptr<Mutex> const mutex(GetParam() ? static_cast<Mutex*>(new RecursiveThreadMutex)
@@ -208,8 +203,8 @@ TEST_P(WithMutex, takes_changes_from_any_thread_during_a_dispatch) {
                 AutoLock const guard(*mutex); // is free between the list's own steps
             }
         };
-        support::Thread first(churn), second(churn);
-        support::Thread dispatcher([&] {
+        Member first(churn), second(churn);
+        Member dispatcher([&] {
             while (!stop)
                 Dispatch(list, 1);
         });
@@ -240,7 +235,7 @@ TEST(AutoReceptor, moves_its_registration_and_keeps_to_its_receptacle) {
     EXPECT_EQ("receptacle reassignment"
               "orn::zel::AutoReceptor<dataT>& orn::zel::AutoReceptor<dataT>::operator=(const "
               "orn::zel::AutoReceptor<dataT>&) [with dataT = int]",
-              support::refusal<orn::Exception>([&] { a = c; }));
+              refusal<orn::Exception>([&] { a = c; }));
     EXPECT_EQ(handle, a.handle());
     EXPECT_EQ(1u, two.count());
 

@@ -1,25 +1,12 @@
 // SPDX-License-Identifier: MIT
 //
 // Tasks whose slices run nested loops, and the objects of tasks that are over: neither may pile up.
-#include <algorithm>
-#include <atomic>
-#include <cstdlib>
-#include <functional>
-#include <memory>
 #include <new>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <orn/zel.hpp>
 
 #include "support/Support.hpp"
 
 using namespace orn::zel;
-using support::complete;
-using support::once;
-using support::woken_until;
+using namespace support;
 using task::Controller;
 
 // ---- What the heap holds, so that "flat" is a number
@@ -60,7 +47,7 @@ void operator delete(void* memory, std::size_t) noexcept {
 
 namespace {
 
-class Tasks : public support::Loop {
+class Tasks : public Loop {
 protected:
     Tasks() {
         task::manager();

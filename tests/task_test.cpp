@@ -1,24 +1,12 @@
 // SPDX-License-Identifier: MIT
 //
 // Tasks: slices, the calls that steer them, and their ends. Nested loops are in taskCore_test.cpp.
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <thread>
-
-#include <orn/zel.hpp>
 
 #include "support/Faults.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;
-using support::complete;
-using support::once;
-using support::take;
-using support::woken_until;
+using namespace support;
 using task::Controller;
 
 namespace {
@@ -26,7 +14,7 @@ namespace {
 void nothing(Controller*) {}
 
 // The manager of this thread has nothing left to do when a test begins.
-class Tasks : public support::Loop {
+class Tasks : public Loop {
 protected:
     Tasks() { settle_all(); }
 
@@ -88,12 +76,12 @@ TEST_F(Tasks, of_a_burst_are_all_reached_and_so_are_those_that_a_full_pipe_canno
     EXPECT_EQ(100000, slices);
 
     {
-        support::Fault const full(support::Call::write, EAGAIN);
+        Fault const full(Call::write, EAGAIN);
         RunTask(once(slices));
     }
     EXPECT_EQ(0, RunOnce(0)) << "a pipe that is full wakes the loop itself";
     {
-        support::Fault const emptied_meanwhile(support::Call::write, EAGAIN, 1);
+        Fault const emptied_meanwhile(Call::write, EAGAIN, 1);
         RunTask(once(slices));
     }
     EXPECT_EQ(1, RunOnce(0));
@@ -103,7 +91,7 @@ TEST_F(Tasks, of_a_burst_are_all_reached_and_so_are_those_that_a_full_pipe_canno
 TEST_F(Tasks, without_a_function_are_refused) {
     task::TaskImpl task((task::Body()));
     EXPECT_EQ("<unnamed>", task.spec.name);
-    EXPECT_EQ("NULL Task function", support::refusal([&] { task.Run(); }));
+    EXPECT_EQ("NULL Task function", refusal([&] { task.Run(); }));
     EXPECT_EQ(0u, task.id);
     EXPECT_THROW(RunTask(task::Body()), orn::zel::Exception);
     EXPECT_EQ(0, RunOnce(0));
@@ -192,7 +180,7 @@ TEST_F(Tasks, are_refused_outside_of_load_and_unload) {
         abandoned.Run();
         manager.reset();
         task::zel_task_unload();
-        EXPECT_EQ("managerMap not initizalized", support::refusal([&] { task.Run(); }));
+        EXPECT_EQ("managerMap not initizalized", refusal([&] { task.Run(); }));
         EXPECT_THROW(task::ListTasks("", -1), orn::zel::Exception);
     } // dies quietly
     task::zel_task_load();
@@ -223,7 +211,7 @@ TEST_F(Tasks, are_continued_by_any_thread_which_does_not_become_one_of_the_libra
     settle_all();
     auto const before = known();
     std::thread waker([&] {
-        EXPECT_TRUE(support::waits(getpid()));
+        EXPECT_TRUE(waits(getpid()));
         controller->Continue();
         EXPECT_EQ(before, known());
     });
@@ -234,13 +222,13 @@ TEST_F(Tasks, are_continued_by_any_thread_which_does_not_become_one_of_the_libra
 TEST_F(Tasks, of_another_member_may_be_started_and_cancelled_while_the_runner_runs_them) {
     std::atomic<int> completed(0);
     std::atomic<bool> over(false);
-    support::Thread const member([&] {
+    Member const member([&] {
         for (int i = 0; i < 2000; ++i) {
             RunTask(complete, [&] { ++completed; });
             Task cancelled(nothing);
             cancelled.Run();
         }
-        EXPECT_TRUE(support::wait_until([&] { return completed == 2000; }));
+        EXPECT_TRUE(wait_until([&] { return completed == 2000; }));
         over = true;
         Exit();
     });
@@ -273,7 +261,7 @@ TEST_F(Tasks, are_watched_in_every_change) {
     for (char const* const change : {"new runCount=0", "Run runCount=1", "Sleep runCount=1 sleeping",
                                      "Continue runCount=1", "Run runCount=2", "Complete runCount=2 complete"})
         expected += "task " + std::to_string(id) + " \"x\" op=" + change + '\n';
-    EXPECT_EQ(expected, support::without_tid(take(observer.ReadFD())));
+    EXPECT_EQ(expected, without_tid(take(observer.ReadFD())));
 }
 
 TEST_F(Tasks, are_listed_for_the_caller_below_all_managers) {

@@ -2,34 +2,22 @@
 //
 // Threads and their groups, and the results of the run calls. What handlers do to the turn that calls them is
 // in turn_test.cpp, what can be observed in threadMonitor_test.cpp.
-#include <algorithm>
-#include <cerrno>
-#include <functional>
-#include <memory>
-#include <thread>
 
-#include <fcntl.h>
 #include <sys/time.h>
-#include <unistd.h>
-
-#include <boost/weak_ptr.hpp>
-#include <orn/zel.hpp>
 
 #include "support/Faults.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;
-using support::put;
-using support::take;
-using support::WatchedPipe;
+using namespace support;
 
 namespace {
 
-class ThreadGroup : public support::Loop {
+class ThreadGroup : public Loop {
 protected:
     // The main thread, which the tests' other threads look at.
     static bool waits_as_runner(thread::Group const& group) {
-        return support::wait_until([&] { return group.IsRunner(getpid()); }) && support::waits(getpid());
+        return wait_until([&] { return group.IsRunner(getpid()); }) && waits(getpid());
     }
 };
 
@@ -44,7 +32,7 @@ TEST_F(ThreadGroup, a_new_thread_is_a_member_until_it_ends) {
     boost::shared_ptr<fd::Manager> const mine = thread::FdMgr();
     boost::shared_ptr<thread::Group> second;
     {
-        support::Thread const member([&] {
+        Member const member([&] {
             EXPECT_EQ(group, thread::ThisGroup());
             EXPECT_NE(mine, thread::FdMgr());
             EXPECT_EQ((std::set<int>{thread::self(), getpid()}), group->Threads());
@@ -52,7 +40,7 @@ TEST_F(ThreadGroup, a_new_thread_is_a_member_until_it_ends) {
             second = thread::ThisGroup();
             EXPECT_NE(group->id().value(), GroupId());
             EXPECT_EQ(std::set<int>{getpid()}, group->Threads());
-            support::Thread const grandchild([&] { EXPECT_EQ(second, thread::ThisGroup()); });
+            Member const grandchild([&] { EXPECT_EQ(second, thread::ThisGroup()); });
         });
     }
     EXPECT_EQ(0u, second->size());
@@ -68,28 +56,27 @@ std::string control_bytes;
 TEST_F(ThreadGroup, a_thread_that_joins_brings_what_it_watches_already) {
     boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
     std::atomic<bool> joined(false);
-    support::Thread const member([&] {
+    Member const member([&] {
         NewThreadGroup();
         WatchedPipe pipe;
         EXPECT_TRUE(waits_as_runner(*group));
         pipe.feed();
         {
             control_bytes.clear();
-            support::Replaced const recorded(orn_zel_thread_group_write,
-                                             [](int fd, void const* data, size_t length) {
-                                                 control_bytes.append(static_cast<char const*>(data), length);
-                                                 return write(fd, data, length);
-                                             });
+            Replaced const recorded(orn_zel_thread_group_write, [](int fd, void const* data, size_t length) {
+                control_bytes.append(static_cast<char const*>(data), length);
+                return write(fd, data, length);
+            });
             thread::This().Associate(group);
         }
         EXPECT_EQ("ei", control_bytes) << "nothing but what each move writes";
         joined = true;
-        EXPECT_TRUE(support::wait_until([&] { return pipe.calls > 0; }));
+        EXPECT_TRUE(wait_until([&] { return pipe.calls > 0; }));
     });
     RunOnce(0);
     while (!joined)
         RunOnce(-1);
-    EXPECT_TRUE(support::run_until([&] { return member.ended(); }));
+    EXPECT_TRUE(run_until([&] { return member.ended(); }));
 }
 
 // Threads that the thread layer has not made, and so without its hooks.
@@ -103,14 +90,14 @@ TEST_F(ThreadGroup, a_thread_of_the_applications_own_leaves_nothing_when_it_ends
     };
     thread::ThisGroup();
     thread::FdMgr();
-    std::set<int> const before = support::descriptors();
+    std::set<int> const before = descriptors();
     for (int i = 0; i < 3; ++i) {
         std::thread([&] {
             thread::FdMgr();
             boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
             EXPECT_EQ(2, known());
         }).join();
-        EXPECT_EQ(before, support::descriptors());
+        EXPECT_EQ(before, descriptors());
     }
     EXPECT_EQ(1, known());
     // One whose end uses the library again, in an order that nobody knows; and one that the thread layer
@@ -122,9 +109,9 @@ TEST_F(ThreadGroup, a_thread_of_the_applications_own_leaves_nothing_when_it_ends
         pthread_setspecific(later, &later);
     };
     std::thread(body).join();
-    support::Thread(body).join();
+    Member(body).join();
     pthread_key_delete(later);
-    EXPECT_EQ(before, support::descriptors());
+    EXPECT_EQ(before, descriptors());
     EXPECT_EQ(1, known());
     thread::UnmonitorPoll("", -1);
 }
@@ -135,11 +122,11 @@ TEST_F(ThreadGroup, a_thread_takes_over_no_group_that_is_filed_under_its_id) {
     boost::shared_ptr<thread::Group> filed;
     std::thread late([&] {
         tid = thread::self();
-        support::wait_until([&] { return ready.load(); });
+        wait_until([&] { return ready.load(); });
         EXPECT_NE(filed, thread::ThisGroup());
         EXPECT_EQ(0u, filed->Threads().count(tid));
     });
-    support::wait_until([&] { return tid != 0; });
+    wait_until([&] { return tid != 0; });
     filed = (*TheThreadMap())[tid].GetGroup();
     filed->insert(tid);
     ready = true;
@@ -155,13 +142,13 @@ TEST_F(ThreadGroup, nothing_survives_an_unload) {
     EXPECT_TRUE(manager.expired());
     EXPECT_NE(before, GroupId()) << "made again on demand";
     thread::zel_thread_load();
-    support::Thread const member([] { EXPECT_EQ(2u, thread::ThisGroup()->size()); });
+    Member const member([] { EXPECT_EQ(2u, thread::ThisGroup()->size()); });
 }
 
 TEST_F(ThreadGroup, after_fork_the_child_has_an_id_of_its_own) {
     int const parent = thread::self();
     EXPECT_EQ(getpid(), parent);
-    EXPECT_EQ("exit 0", support::in_child([parent] {
+    EXPECT_EQ("exit 0", in_child([parent] {
                   bool const own = thread::self() != parent && thread::self() == getpid();
                   // It may bring up a group of its own before it replaces itself.
                   return own && RunOnce(0) == 1 ? 0 : 1;
@@ -180,7 +167,7 @@ TEST_F(ThreadGroup, wake_ups_end_one_wait_and_are_drained) {
     EXPECT_EQ(0, RunOnce(0));
     boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
     std::atomic<bool> woken(false);
-    support::Thread const waker([&] {
+    Member const waker([&] {
         NewThreadGroup(); // nothing that it does later wakes this group
         EXPECT_TRUE(waits_as_runner(*group));
         woken = true;
@@ -214,14 +201,14 @@ TEST_F(ThreadGroup, a_member_that_is_not_the_runner_only_sleeps) {
     {
         std::atomic<bool> stop(false);
         WatchedPipe pipe([&] { by = thread::self(); });
-        support::Thread runner([&] {
+        Member runner([&] {
             while (!stop)
                 RunOnce(-1);
         });
-        ASSERT_TRUE(support::wait_until([&] { return group->IsRunner(runner.tid()); }));
+        ASSERT_TRUE(wait_until([&] { return group->IsRunner(runner.tid()); }));
         EXPECT_EQ(0, RunOnce(1));
         pipe.feed();
-        ASSERT_TRUE(support::wait_until([&] { return by == runner.tid(); }));
+        ASSERT_TRUE(wait_until([&] { return by == runner.tid(); }));
         // It waits for its own descriptors all the same, without serving the group's.
         orn::os::Pipe own(false);
         EXPECT_EQ(0, RunUntilEventOnFd(own.ReadFD(), POLLIN, 1));
@@ -245,9 +232,9 @@ TEST_F(ThreadGroup, waiting_for_descriptors_serves_the_group_meanwhile) {
             late->feed();
     });
     EXPECT_EQ(0, RunUntilEventOnFd(mine.ReadFD(), POLLIN, 0));
-    support::Thread feeder([&] {
+    Member feeder([&] {
         served.feed();
-        EXPECT_TRUE(support::wait_until([&] { return served.calls == 1; }) && support::waits(getpid()));
+        EXPECT_TRUE(wait_until([&] { return served.calls == 1; }) && waits(getpid()));
         served.feed();
     });
     pollfd fds[3] = {{mine.WriteFD(), POLLIN, 9}, {mine.ReadFD(), POLLIN, 0}, {-1, POLLIN, 0}};
@@ -290,11 +277,11 @@ TEST_F(ThreadGroup, an_interrupted_wait_returns_minus_one) {
     for (std::function<int()> const& run :
          {std::function<int()>([] { return RunOnce(-1); }),
           std::function<int()>([&] { return RunUntilEventOnFdSet(&entry, 1, -1); })}) {
-        support::Fault const interrupted(support::Call::poll, EINTR, 1);
+        Fault const interrupted(Call::poll, EINTR, 1);
         EXPECT_EQ(-1, run());
         EXPECT_EQ(EINTR, errno);
     }
-    support::Fault const interrupted(support::Call::poll, EINTR, 1);
+    Fault const interrupted(Call::poll, EINTR, 1);
     EXPECT_EQ(0, RunUntilEventOnFd(-1, POLLIN, -1));
 }
 
@@ -302,7 +289,7 @@ TEST_F(ThreadGroup, a_millisecond_alarm_raises_sigalrm_and_tells_what_was_left_o
     bool raised = false;
     signal::AutoReceptor const receptor(SIGALRM, [&](int) { raised = true; });
     EXPECT_EQ(0u, msec_alarm(1));
-    EXPECT_TRUE(support::run_until([&] { return raised; }));
+    EXPECT_TRUE(run_until([&] { return raised; }));
     EXPECT_EQ(0u, msec_alarm(90000));
     unsigned const left = msec_alarm(3600001);
     EXPECT_TRUE(left > 89000 && left <= 90000) << left;

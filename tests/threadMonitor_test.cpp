@@ -1,35 +1,25 @@
 // SPDX-License-Identifier: MIT
 //
 // What can be observed of threads and their loops: the monitors, the listing, and the extended log.
-#include <algorithm>
-#include <cerrno>
 #include <climits>
-#include <cstdlib>
-#include <utility>
-
-#include <fcntl.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include <orn/log.h>
-#include <orn/zel.hpp>
 
 #include "support/Support.hpp"
 
 using namespace orn::zel;
-using support::put;
-using support::take;
+using namespace support;
 
 namespace {
 
-class ThreadMonitor : public support::Loop {};
+class ThreadMonitor : public Loop {};
 
 TEST_F(ThreadMonitor, the_poll_monitor_tells_every_wait_and_dispatch) {
     orn::os::Pipe observer(false);
     int ctrl = -1; // the first of the two descriptors that the group opens
-    std::set<int> const before = support::descriptors();
+    std::set<int> const before = descriptors();
     thread::ThisGroup();
-    for (int const fd : support::descriptors())
+    for (int const fd : descriptors())
         if (ctrl == -1 && !before.count(fd))
             ctrl = fd;
     thread::MonitorPoll("x", observer.WriteFD());
@@ -40,7 +30,7 @@ TEST_F(ThreadMonitor, the_poll_monitor_tells_every_wait_and_dispatch) {
     EXPECT_EQ(in + "poll out " + group + " status=1 fd/revent={ " + std::to_string(ctrl) + "/1 }\n" +
                   "dispatching fd=" + std::to_string(ctrl) + " revents=1\n" + in + "poll out " + group +
                   " status=0 fd/revent={ " + std::to_string(ctrl) + "/0 }\n",
-              support::without_tid(take(observer.ReadFD())));
+              without_tid(take(observer.ReadFD())));
 
     // A descriptor of a thread that has left: reported, not called, and rebuilt without.
     orn::os::Pipe pipe(false);
@@ -106,14 +96,14 @@ TEST_F(ThreadMonitor, no_line_lands_in_another_file_that_gets_the_observers_numb
     {
         Watching observer;
         boost::shared_ptr<thread::Group> group;
-        support::Thread const looping([&] {
+        Member const looping([&] {
             NewThreadGroup();
             group = thread::ThisGroup();
             RunOnce(0); // its own wake-up
             RunOnce(-1);
         });
         std::string lines;
-        EXPECT_TRUE(support::wait_until([&] {
+        EXPECT_TRUE(wait_until([&] {
             lines += observer.lines();
             return lines.find(" timeout=-1 ") != std::string::npos;
         }));
@@ -125,14 +115,14 @@ TEST_F(ThreadMonitor, no_line_lands_in_another_file_that_gets_the_observers_numb
     EXPECT_EQ("", take(file.ReadFD())) << "written by a wait that had begun before";
 
     std::atomic<bool> turn(true);
-    support::Thread const looping([&] {
+    Member const looping([&] {
         NewThreadGroup();
         while (turn)
             RunOnce(0);
     });
     for (int i = 0; i < 2000; ++i) {
         Watching observer;
-        EXPECT_TRUE(i % 10 != 0 || support::wait_until([&] { return !observer.lines().empty(); }));
+        EXPECT_TRUE(i % 10 != 0 || wait_until([&] { return !observer.lines().empty(); }));
         thread::UnmonitorPoll("", 0);
         observer.number_goes_to(file.WriteFD());
     }
@@ -162,13 +152,13 @@ TEST_F(ThreadMonitor, a_child_of_fork_may_report_whatever_line_was_being_written
     Watching observer;
     std::atomic<bool> go_on(true);
     pollfd entry = {-1, 0, 0};
-    support::Thread const reporting([&] {
+    Member const reporting([&] {
         while (go_on)
             thread::display_dispatch(entry);
     });
     std::string end = "exit 0";
     for (int i = 0; i < 50 && end == "exit 0"; ++i)
-        end = support::in_child([&] {
+        end = in_child([&] {
             thread::display_dispatch(entry);
             return 0;
         });
@@ -181,7 +171,7 @@ TEST_F(ThreadMonitor, the_thread_monitor_tells_birth_and_death) {
     thread::MonitorThread("x", observer.WriteFD());
     int tid = 0;
     {
-        support::Thread const member([] {});
+        Member const member([] {});
         tid = member.tid();
     }
     thread::UnmonitorThread("whatever", 77);
@@ -191,7 +181,7 @@ TEST_F(ThreadMonitor, the_thread_monitor_tells_birth_and_death) {
     EXPECT_EQ(me + "thread create (this is the parent)\n" + it + "thread start\n" + it + "thread cleanup\n",
               lines);
     {
-        support::Thread const unseen([] {});
+        Member const unseen([] {});
     }
     EXPECT_EQ("", take(observer.ReadFD()));
 }
@@ -212,7 +202,7 @@ TEST_F(ThreadMonitor, the_thread_listing_goes_to_the_poll_monitor_only) {
     std::string const first = me + " group=" + std::to_string(GroupId()) +
                               " fdMgr=" + std::to_string(thread::FdMgr()->id().value()) + "\n";
     EXPECT_EQ("Threads:\n" + first, list());
-    support::Thread const member([&] {
+    Member const member([&] {
         std::string const mine = "thread: " + std::to_string(thread::self()) +
                                  " group=" + std::to_string(GroupId()) + " fdMgr=none\n";
         // In ascending id, and the ids wrap.
@@ -222,9 +212,9 @@ TEST_F(ThreadMonitor, the_thread_listing_goes_to_the_poll_monitor_only) {
 }
 
 TEST_F(ThreadMonitor, the_extended_log_has_every_set) {
-    support::TempFile const file;
+    TempFile const file;
     setenv("LOG_SINK", file.path().c_str(), 1);
-    EXPECT_EQ("exit 0", support::in_child([] {
+    EXPECT_EQ("exit 0", in_child([] {
                   Log_Reopen(); // what was set when the first record came is what counts
                   RunOnce(0);
                   thread::enableExtendedLogging();

@@ -2,26 +2,16 @@
 //
 // What handlers may do to the turn of the loop that calls them: remove and destroy themselves and each other,
 // reuse descriptor numbers, throw, nest, and move their thread to another group.
-#include <memory>
-#include <stdexcept>
-#include <vector>
-
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <boost/weak_ptr.hpp>
-#include <orn/zel.hpp>
 
 #include "support/Support.hpp"
 
 using namespace orn::zel;
-using support::put;
-using support::take;
+using namespace support;
 
 namespace {
 
 // A few pipes that are watched, in ascending order of descriptors, which is the order of dispatch.
-class Turn : public support::Loop {
+class Turn : public Loop {
 protected:
     using Handler = boost::function<void(fd::Event*)>;
 
@@ -116,7 +106,7 @@ TEST_F(Turn, an_exception_leaves_the_run_call_and_the_rest_of_the_turn_comes_nex
 
 // The same for the other kinds of outer and inner run. The handlers read once and do not expect to find
 // nothing.
-class NestedTurn : public Turn, public ::testing::WithParamInterface<int> {
+class NestedTurn : public Turn, public testing::WithParamInterface<int> {
 protected:
     static void run(bool until, long timeoutMs) {
         pollfd none = {-1, POLLIN, 0};
@@ -158,7 +148,7 @@ TEST_P(NestedTurn, dispatches_each_event_once_with_or_without_a_rebuild) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, NestedTurn, ::testing::Range(0, 8));
+INSTANTIATE_TEST_SUITE_P(Kinds, NestedTurn, testing::Range(0, 8));
 
 // The handlers read without looking; on a blocking descriptor, one that is called for nothing would hang.
 TEST_F(Turn, an_event_that_a_nested_turn_left_behind_is_delivered_once) {
@@ -279,7 +269,7 @@ TEST_F(Turn, a_handler_destroys_its_signal_receptor_and_its_alarm) {
     }));
     raise(SIGUSR1);
     raise(SIGUSR1);
-    EXPECT_TRUE(support::run_until([&] { return !receptor && !alarm; }));
+    EXPECT_TRUE(run_until([&] { return !receptor && !alarm; }));
     raise(SIGUSR1);
     settle();
     EXPECT_EQ(12, *captured) << "both arrivals of the dispatches that were under way, and one expiry";

@@ -3,14 +3,7 @@
 // What the tests of the library's loop share; see Support.hpp.
 #include "Support.hpp"
 
-#include <algorithm>
-#include <cstdlib>
 #include <sstream>
-#include <thread>
-
-#include <poll.h>
-
-#include <orn/zel.hpp>
 
 namespace support {
 
@@ -77,17 +70,17 @@ orn::zel::task::Body once(int& slices) {
     };
 }
 
-// ---- Thread
+// ---- Member
 
-Thread::Thread(std::function<void()> body) : body_(std::move(body)) {
+Member::Member(std::function<void()> body) : body_(std::move(body)) {
     if (o_pthread_create(&handle_, nullptr, start, this) != 0)
         std::abort();
     while (tid_ == 0)
         poll(nullptr, 0, 1);
 }
 
-void* Thread::start(void* self) {
-    Thread& thread = *static_cast<Thread*>(self);
+void* Member::start(void* self) {
+    Member& thread = *static_cast<Member*>(self);
     struct Ended {
         std::atomic<bool>& flag;
         ~Ended() { flag = true; }
@@ -97,7 +90,7 @@ void* Thread::start(void* self) {
     return nullptr;
 }
 
-bool Thread::join() {
+bool Member::join() {
     if (!joined_) {
         void* result = nullptr;
         o_pthread_join(handle_, &result);

@@ -1,24 +1,29 @@
 // SPDX-License-Identifier: MIT
 //
 // What the tests of the library's loop share: a fixture that shows that nothing is left behind, threads of
-// the library's own kind, and waiting that turns the loop. Common.hpp has what needs no loop.
+// the library's own kind, and waiting that turns the loop. Includes what nearly all of them use. Common.hpp
+// has what needs no loop.
 #ifndef TESTS_SUPPORT_SUPPORT_HPP
 #define TESTS_SUPPORT_SUPPORT_HPP
 
+#include <algorithm>
 #include <atomic>
-#include <functional>
-#include <map>
-#include <set>
-#include <string>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <thread>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 
+#include <boost/make_shared.hpp>
+#include <boost/weak_ptr.hpp>
 #include <gtest/gtest.h>
 #include <orn/os/Pipe.hpp>
 #include <orn/os/o_pthread.h>
-#include <orn/zel/core.hpp>
-#include <orn/zel/fd.hpp>
-#include <orn/zel/task.hpp>
+#include <orn/zel.hpp>
 
 #include "Common.hpp"
 
@@ -55,13 +60,14 @@ inline void complete(orn::zel::task::Controller* self) {
 }
 orn::zel::task::Body once(int& slices);
 
-// Made by o_pthread_create, so a member of its creator's group; joined by the destructor.
-class Thread {
+// A thread that is made by o_pthread_create(), and so a member of its creator's group. The destructor joins
+// it.
+class Member {
 public:
-    explicit Thread(std::function<void()> body);
-    ~Thread() { join(); }
-    Thread(Thread const&) = delete;
-    Thread& operator=(Thread const&) = delete;
+    explicit Member(std::function<void()> body);
+    ~Member() { join(); }
+    Member(Member const&) = delete;
+    Member& operator=(Member const&) = delete;
 
     int tid() const { return tid_; } // known once the constructor is done
     bool ended() const { return ended_; }
