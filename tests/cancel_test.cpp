@@ -2,7 +2,6 @@
 //
 // Threads that are cancelled inside the library: locks, roles and hooks are released on the way, and nothing
 // is cancelled where it could not be unwound.
-
 #include <sys/syscall.h>
 
 #include "support/Support.hpp"

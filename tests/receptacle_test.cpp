@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
 // Handler lists, the one-handler receptacle, and the owner of one registration.
-
 #include "../src/uniqueId.hpp"
 #include "support/Support.hpp"
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
 // Tasks: slices, the calls that steer them, and their ends. Nested loops are in taskCore_test.cpp.
-
 #include "support/Faults.hpp"
 #include "support/Support.hpp"
 

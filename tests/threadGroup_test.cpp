@@ -2,7 +2,6 @@
 //
 // Threads and their groups, and the results of the run calls. What handlers do to the turn that calls them is
 // in turn_test.cpp, what can be observed in threadMonitor_test.cpp.
-
 #include <sys/time.h>
 
 #include "support/Faults.hpp"

@@ -2,7 +2,6 @@
 //
 // What handlers may do to the turn of the loop that calls them: remove and destroy themselves and each other,
 // reuse descriptor numbers, throw, nest, and move their thread to another group.
-
 #include "support/Support.hpp"
 
 using namespace orn::zel;
