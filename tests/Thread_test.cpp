@@ -64,19 +64,22 @@ TEST_F(Threads, are_initialised_in_the_constructor_and_run_after_start_only) {
     EXPECT_FALSE(thread.isDetached());
 }
 
-TEST_F(Threads, take_derived_work_and_functions) {
+TEST_F(Threads, take_derived_work_and_functions_and_may_end_in_their_initialisation) {
     struct Work : Runnable {
         int Run() override { return 3; }
     };
-    Thread shared(boost::make_shared<Work>());
     Work work;
-    Thread referenced(work);
-    Thread function([] { return 5; });
-    for (Thread* const thread : {&shared, &referenced, &function}) {
+    Runnable short_lived;
+    short_lived.init = +[]() -> int { o_pthread_exit(reinterpret_cast<void*>(9)); };
+    Thread shared(boost::make_shared<Work>()), referenced(work), function([] { return 5; }),
+        ended(short_lived);
+    int sum = 0;
+    for (Thread* const thread : {&shared, &referenced, &function, &ended}) {
         thread->Start();
         thread->Join();
+        sum = 10 * sum + thread->Status().value();
     }
-    EXPECT_EQ(11, shared.Status().value() + referenced.Status().value() + function.Status().value());
+    EXPECT_EQ(3359, sum);
 }
 
 TEST_F(Threads, without_work_are_inert) {
@@ -89,15 +92,6 @@ TEST_F(Threads, without_work_are_inert) {
     idle.Stop();
     EXPECT_TRUE(idle.isStopped());
     EXPECT_TRUE(idle.Status().undefined());
-}
-
-TEST_F(Threads, may_end_in_their_initialisation) {
-    Runnable work;
-    work.init = +[]() -> int { o_pthread_exit(reinterpret_cast<void*>(9)); };
-    Thread thread(work);
-    thread.Start();
-    thread.Join();
-    EXPECT_EQ(9, thread.Status().value());
 }
 
 TEST(ThreadDeathTest, the_procedure_insists_on_its_argument) {

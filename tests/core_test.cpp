@@ -12,18 +12,6 @@ using namespace support;
 
 namespace {
 
-Words fields(std::string const& text, std::string const& separators) {
-    Words out;
-    split(text, separators, out);
-    return out;
-}
-
-Words fields(std::string const& text, std::string const& separators, int most) {
-    Words out;
-    split(text, separators, out, most);
-    return out;
-}
-
 unsigned long const first_of_the_process = unique_id(); // whichever test is the first
 
 TEST(Identifiers, begin_at_1_and_come_from_one_counter) {
@@ -61,27 +49,38 @@ TEST(Identifiers, are_given_once_to_threads_that_ask_at_the_same_time) {
     EXPECT_EQ(3 * each, all.size());
 }
 
-TEST(Split, cuts_at_each_member_of_the_set) {
-    EXPECT_EQ((Words{"a", "", "b"}), fields("a,,b", ","));
-    EXPECT_EQ((Words{"", "a"}), fields(",a", ","));
-    EXPECT_EQ((Words{"a", "b"}), fields("a,b,", ","));
-    EXPECT_EQ((Words{"", ""}), fields(",,", ","));
-    EXPECT_EQ((Words{"a", "b", "c"}), fields("a:b;c", ":,;"));
-    EXPECT_EQ((Words{"a:b"}), fields("a:b", ""));
-    EXPECT_EQ(Words{}, fields("", ","));
-}
-
-TEST(Split, leaves_the_rest_in_the_last_field) {
-    EXPECT_EQ((Words{"a", "b,c"}), fields("a,b,c", ",", 2));
-    EXPECT_EQ((Words{"a", "b", "c"}), fields("a,b,c", ",", 3));
-    EXPECT_EQ((Words{"a"}), fields("a,", ",", 2));
-    for (int const most : {1, 0, -1, std::numeric_limits<int>::min()})
-        EXPECT_EQ((Words{"a,b,c"}), fields("a,b,c", ",", most)) << most;
-    EXPECT_EQ(Words{}, fields("", ",", 1));
-    Words out{"before"};
-    split("a,b", ",", out);
-    split("c", ",", out, 5);
-    EXPECT_EQ((Words{"before", "a", "b", "c"}), out);
+TEST(Split, cuts_at_each_separator_and_leaves_the_rest_in_the_last_field) {
+    int const all = 1000;
+    struct {
+        char const* text;
+        char const* separators;
+        int most;
+        Words fields;
+    } const cases[] = {{"a,,b", ",", all, {"a", "", "b"}},
+                       {",a", ",", all, {"", "a"}},
+                       {"a,b,", ",", all, {"a", "b"}},
+                       {",,", ",", all, {"", ""}},
+                       {"a:b;c", ":,;", all, {"a", "b", "c"}},
+                       {"a:b", "", all, {"a:b"}},
+                       {"", ",", all, {}},
+                       {"a,b,c", ",", 2, {"a", "b,c"}},
+                       {"a,b,c", ",", 3, {"a", "b", "c"}},
+                       {"a,", ",", 2, {"a"}},
+                       {"a,b,c", ",", 1, {"a,b,c"}},
+                       {"a,b,c", ",", 0, {"a,b,c"}},
+                       {"a,b,c", ",", -1, {"a,b,c"}},
+                       {"a,b,c", ",", std::numeric_limits<int>::min(), {"a,b,c"}},
+                       {"", ",", 1, {}}};
+    for (auto const& item : cases) {
+        Words out{"before"};
+        split(item.text, item.separators, out, item.most);
+        if (item.most == all)
+            split(item.text, item.separators, out);
+        Words expected{"before"};
+        for (int i = item.most == all ? 2 : 1; i > 0; --i)
+            expected.insert(expected.end(), item.fields.begin(), item.fields.end());
+        EXPECT_EQ(expected, out) << item.text << ' ' << item.most;
+    }
 }
 
 TEST(Split, takes_its_texts_from_its_own_output) {
