@@ -32,19 +32,6 @@ protected:
     boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
 };
 
-TEST_F(Cancel, a_runner_that_waits_gives_up_its_role_and_its_membership) {
-    SKIP_WITHOUT_CANCELLATION();
-    Member runner([] {
-        for (;;)
-            RunOnce(-1);
-    });
-    ASSERT_TRUE(wait_until([&] { return group->IsRunner(runner.tid()); }));
-    ASSERT_TRUE(runner.waits());
-    runner.cancel();
-    EXPECT_TRUE(runner.join());
-    expect_loop_goes_on();
-}
-
 TEST_F(Cancel, a_runner_deep_in_nested_runs_and_in_a_handler_gives_up_all_levels) {
     SKIP_WITHOUT_CANCELLATION();
     orn::os::Pipe const blocking(true);
