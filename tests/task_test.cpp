@@ -194,8 +194,8 @@ TEST_F(Tasks, are_continued_by_any_thread_which_does_not_become_one_of_the_libra
     std::atomic<int> slices(0);
     Controller* controller = nullptr;
     Task task([&](Controller* self) {
-        ++slices;
         (controller = self)->Sleep();
+        ++slices;
     });
     task.Run();
     settle_all();
