@@ -1,4 +1,6 @@
-zel_add_test(Thread_test SOURCES Thread_test.cpp LIBRARIES zel)
+# Tests of the thread object, and of the names that it must not take from a program; included by tests/CMakeLists.txt.
+
+zel_add_test(Thread_test SOURCES Thread_test.cpp support/Support.cpp LIBRARIES zel_static)
 
 add_executable(names_program programs/names_program.cpp programs/names_program.c)
 zel_private_flags(names_program)

@@ -1,118 +1,90 @@
 // SPDX-License-Identifier: MIT
 //
 // The thread object: its two phases, its ends, and what a cancelled thread leaves behind.
-#include <atomic>
-#include <chrono>
-#include <dirent.h>
-#include <fcntl.h>
-#include <future>
-#include <sched.h>
-#include <sys/syscall.h>
 #include <system_error>
-#include <unistd.h>
 
-#include <boost/make_shared.hpp>
-#include <gtest/gtest.h>
+#include <sys/syscall.h>
 
-#include <orn/zel.hpp>
+#include "support/Support.hpp"
 
-namespace zel = orn::zel;
+using namespace orn::zel;
+using namespace support;
 
 namespace {
 
-std::size_t open_descriptors() {
-    std::size_t count = 0;
-    DIR* const dir = opendir("/proc/self/fd");
-    while (readdir(dir))
-        ++count;
-    closedir(dir);
-    return count;
+// The kernel may have a thread that has been joined for a moment longer; one that goes on is there for good.
+bool ends(int tid) {
+    return wait_until([tid] { return syscall(SYS_tgkill, getpid(), tid, 0) != 0; });
 }
 
-// Something that another thread brings about, waited for with a deadline.
-class Latch {
-public:
-    void open() { promise_.set_value(); }
-    bool wait() { return future_.wait_for(std::chrono::seconds(30)) == std::future_status::ready; }
-
-private:
-    std::promise<void> promise_;
-    std::future<void> future_ = promise_.get_future();
-};
-
-bool alive(int tid) {
-    return syscall(SYS_tgkill, getpid(), tid, 0) == 0;
+int pause_for_ever() {
+    for (;;)
+        pause();
 }
 
-class ThreadObject : public testing::Test {
+int turn_for_ever() {
+    for (;;)
+        RunOnce(-1);
+}
+
+class Threads : public Loop {
 protected:
-    ThreadObject()
-        : descriptors_((zel::RunOnce(0), zel::task::manager(), zel::alarm::manager(), open_descriptors())) {}
-
-    void TearDown() override {
-        EXPECT_EQ(open_descriptors(), descriptors_);
-        EXPECT_EQ(zel::thread::ThisGroup()->Threads(), std::set<int>{zel::thread::self()});
-    }
-
-private:
-    std::size_t const descriptors_;
+    ~Threads() override { EXPECT_EQ(std::set<int>{thread::self()}, thread::ThisGroup()->Threads()); }
 };
 
-typedef ThreadObject ThreadObjectStart;
-typedef ThreadObject ThreadObjectEnd;
-typedef ThreadObject ThreadObjectCancellation;
-typedef ThreadObject ThreadObjectHooks;
+// ---- Begin
 
-} // namespace
-
-TEST_F(ThreadObjectStart, InitialisesInTheConstructorAndRunsAfterStartOnly) {
+TEST_F(Threads, are_initialised_in_the_constructor_and_run_after_start_only) {
     std::atomic<int> inits(0);
     std::atomic<int> runs(0);
     std::atomic<int> tid(0);
-    zel::Runnable work;
+    Runnable work;
     work.init = [&] {
-        tid = zel::thread::self();
+        tid = thread::self();
         return ++inits;
     };
     work.run = [&] {
         ++runs;
-        return zel::thread::self() == tid ? -7 : 0;
+        return thread::self() == tid ? -7 : 0;
     };
-    zel::Thread thread(work);
-    EXPECT_EQ(inits, 1);
-    EXPECT_EQ(thread.Id(), tid);
-    EXPECT_EQ(zel::thread::ThisGroup()->Threads().count(tid), 1u);
+    Thread thread(work);
+    EXPECT_EQ(1, inits);
+    EXPECT_EQ(tid, thread.Id());
+    EXPECT_EQ(1u, thread::ThisGroup()->Threads().count(tid));
     EXPECT_TRUE(thread.Status().undefined());
-    EXPECT_EQ(runs, 0);
+    EXPECT_EQ(0, runs);
     thread.Start();
     thread.Start();
     thread.Join();
-    EXPECT_EQ(runs, 1);
-    EXPECT_EQ(thread.Status().value(), -7);
+    EXPECT_EQ(1, runs);
+    EXPECT_EQ(-7, thread.Status().value());
     EXPECT_TRUE(thread.isStopped());
     thread.Join(); // there is nothing left to join
     thread.Detach();
     EXPECT_FALSE(thread.isDetached());
 }
 
-TEST_F(ThreadObjectStart, TakesDerivedWorkAndFunctions) {
-    struct Work : zel::Runnable {
+TEST_F(Threads, take_derived_work_and_functions_and_may_end_in_their_initialisation) {
+    struct Work : Runnable {
         int Run() override { return 3; }
     };
-    zel::Thread shared(boost::make_shared<Work>());
     Work work;
-    zel::Thread referenced(work);
-    zel::Thread function([] { return 5; });
-    for (zel::Thread* const thread : {&shared, &referenced, &function}) {
+    Runnable short_lived;
+    short_lived.init = +[]() -> int { o_pthread_exit(reinterpret_cast<void*>(9)); };
+    Thread shared(boost::make_shared<Work>()), referenced(work), function([] { return 5; }),
+        ended(short_lived);
+    int sum = 0;
+    for (Thread* const thread : {&shared, &referenced, &function, &ended}) {
         thread->Start();
         thread->Join();
+        sum = 10 * sum + thread->Status().value();
     }
-    EXPECT_EQ(shared.Status().value() + referenced.Status().value() + function.Status().value(), 11);
+    EXPECT_EQ(3359, sum);
 }
 
-TEST_F(ThreadObjectStart, WithoutWorkIsInert) {
-    zel::Thread idle;
-    EXPECT_EQ(idle.Id(), 0);
+TEST_F(Threads, without_work_are_inert) {
+    Thread idle;
+    EXPECT_EQ(0, idle.Id());
     idle.Join();
     idle.Detach();
     EXPECT_FALSE(idle.isDetached());
@@ -122,23 +94,16 @@ TEST_F(ThreadObjectStart, WithoutWorkIsInert) {
     EXPECT_TRUE(idle.Status().undefined());
 }
 
-TEST_F(ThreadObjectStart, ReturnsWhenTheThreadEndsInItsInitialisation) {
-    zel::Runnable work;
-    work.init = +[]() -> int { o_pthread_exit(reinterpret_cast<void*>(9)); };
-    zel::Thread thread(work);
-    thread.Start();
-    thread.Join();
-    EXPECT_EQ(thread.Status().value(), 9);
-}
-
-TEST(ThreadObjectDeathTest, ThreadProcInsistsOnItsArgument) {
+TEST(ThreadDeathTest, the_procedure_insists_on_its_argument) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(threadProc(nullptr), "src/Thread:50: Assertion `ptr' failed");
 }
 
-TEST_F(ThreadObjectEnd, StoppedBeforeStartNeverRuns) {
+// ---- End
+
+TEST_F(Threads, stopped_before_start_never_run) {
     bool ran = false;
-    zel::Thread thread([&] {
+    Thread thread([&] {
         ran = true;
         return 1;
     });
@@ -146,287 +111,204 @@ TEST_F(ThreadObjectEnd, StoppedBeforeStartNeverRuns) {
     EXPECT_TRUE(thread.isStopped());
     thread.Join();
     EXPECT_FALSE(ran);
-    EXPECT_EQ(thread.Status().value(), 0);
+    EXPECT_EQ(0, thread.Status().value());
 }
 
-TEST_F(ThreadObjectEnd, StopAsksTheWorkFirstAndOnce) {
-    Latch asked;
-    int requests = 0;
-    zel::Runnable work;
-    work.run = [&] { return asked.wait() ? 4 : 5; };
+TEST_F(Threads, have_their_work_asked_first_and_once_when_they_are_stopped) {
+    Count asked;
+    Runnable work;
+    work.run = [&] { return asked.reaches(1) ? 4 : 5; };
     work.cancel = [&] {
-        ++requests;
-        asked.open();
+        asked.up();
         return 0;
     };
-    zel::Thread thread(work);
+    Thread thread(work);
     thread.Start();
     thread.Stop();
     thread.Stop();
     thread.Join();
-    EXPECT_EQ(requests, 1);
-    EXPECT_EQ(thread.Status().value(), 4);
+    EXPECT_EQ(1u, asked.value());
+    EXPECT_EQ(4, thread.Status().value());
 }
 
-TEST_F(ThreadObjectEnd, DestructorStopsAndJoins) {
+TEST_F(Threads, detached_outlive_their_objects_and_cannot_be_joined) {
+    Count gone;
+    Count done;
     int tid = 0;
     {
-        zel::Thread thread([] {
-            for (;;)
-                pause();
+        Thread thread([&] {
+            if (gone.reaches(1))
+                done.up();
             return 0;
-        });
-        thread.Start();
-        tid = thread.Id();
-    }
-    // The kernel may have one that has been joined for a moment longer; one that goes on would be there for
-    // good.
-    while (alive(tid))
-        std::this_thread::yield();
-}
-
-TEST_F(ThreadObjectEnd, DetachedThreadOutlivesItsObjectAndCannotBeJoined) {
-    Latch gone;
-    Latch done;
-    int tid = 0;
-    {
-        zel::Thread thread([&] {
-            bool const ok = gone.wait();
-            done.open();
-            return ok ? 0 : 1;
         });
         thread.Start();
         thread.Detach();
         thread.Detach();
         EXPECT_TRUE(thread.isDetached());
         tid = thread.Id();
-        try {
-            thread.Join();
-            FAIL() << "joined";
-        } catch (zel::Thread::JoinDetached const& refused) {
-            EXPECT_STREQ(refused.what(), "attempt to join a detached thread");
-            EXPECT_STREQ(refused.details(), "");
-        }
+        EXPECT_EQ("attempt to join a detached thread", refusal<Thread::JoinDetached>([&] { thread.Join(); }));
     }
-    EXPECT_TRUE(alive(tid));
-    gone.open();
-    EXPECT_TRUE(done.wait());
-    while (alive(tid))
-        sched_yield();
+    gone.up();
+    EXPECT_TRUE(done.reaches(1));
+    EXPECT_TRUE(ends(tid));
 }
 
-TEST_F(ThreadObjectEnd, DetachedThreadThatNobodyCanStartEndsWithItsObject) {
-    bool run = false;
+TEST_F(Threads, detached_that_nobody_can_start_end_with_their_objects) {
+    bool ran = false;
     int tid = 0;
     {
-        zel::Thread thread([&] {
-            run = true;
+        Thread thread([&] {
+            ran = true;
             return 0;
         });
         thread.Detach();
         tid = thread.Id();
-        EXPECT_TRUE(alive(tid));
+        EXPECT_EQ(0, syscall(SYS_tgkill, getpid(), tid, 0));
     }
-    while (alive(tid))
-        sched_yield();
-    EXPECT_FALSE(run);
-}
-
-TEST_F(ThreadObjectEnd, StoppingADetachedThreadThatHasEndedTouchesNothing) {
-    static int cancels;
-    cancels = 0;
-    orn_zel_pthread_cancel = [](o_pthread_t thread) {
-        ++cancels;
-        return o_pthread_cancel(thread);
-    };
-    zel::Thread thread([] { return 0; });
-    thread.Detach();
-    thread.Start();
-    while (alive(thread.Id()))
-        sched_yield();
-    thread.Stop();
-    EXPECT_EQ(cancels, 0);
-    orn_zel_pthread_cancel = o_pthread_cancel;
+    EXPECT_TRUE(ends(tid));
+    EXPECT_FALSE(ran);
 }
 
 // ---- A cancelled thread leaves no lock, role, membership or descriptor behind; the fixture looks at the
 // last two
 
-namespace {
-
-void expect_cancelled(zel::Thread& thread) {
+void expect_cancelled(Thread& thread) {
     thread.Stop();
     thread.Join();
-    EXPECT_EQ(thread.Status().value(), -1);
+    EXPECT_EQ(-1, thread.Status().value());
 }
 
 // Goes through every lock, as runner of the group.
 void expect_working_loop() {
     int turns = 0;
-    zel::SetAlarm(0, [&turns] { ++turns; });
-    zel::RunTask([&turns](zel::task::Controller* task) {
-        ++turns;
-        task->Complete();
-    });
-    while (turns < 2)
-        ASSERT_GE(zel::RunOnce(10000), 1);
-    int const null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    zel::fd::ListFds("", null);
-    zel::task::ListTasks("", null);
-    close(null);
+    SetAlarm(0, [&turns] { ++turns; });
+    RunTask(once(turns));
+    EXPECT_TRUE(woken_until([&] { return turns == 2; }));
+    fd::ListFds("", -1);
+    task::ListTasks("", -1);
 }
 
-} // namespace
-
-TEST_F(ThreadObjectCancellation, InTheMiddleOfNothing) {
-    Latch there;
-    zel::Thread thread([&] {
-        there.open();
-        for (;;)
-            pause();
-        return 0;
-    });
-    thread.Start();
-    ASSERT_TRUE(there.wait());
-    expect_cancelled(thread);
+TEST_F(Threads, are_cancelled_where_they_wait_when_they_are_stopped_or_destroyed) {
+    for (int (*const body)() : {pause_for_ever, turn_for_ever}) {
+        Thread stopped(body);
+        int tid = 0;
+        {
+            Thread destroyed(body);
+            destroyed.Start();
+            tid = destroyed.Id();
+        }
+        EXPECT_TRUE(ends(tid));
+        stopped.Start();
+        EXPECT_TRUE(waits(stopped.Id()));
+        expect_cancelled(stopped);
+        expect_working_loop();
+    }
 }
 
-TEST_F(ThreadObjectCancellation, AsRunnerInTheWait) {
-    Latch there;
-    zel::Thread thread([&] {
-        there.open();
-        for (;;)
-            zel::RunOnce(-1);
-        return 0;
-    });
-    thread.Start();
-    ASSERT_TRUE(there.wait());
-    expect_cancelled(thread);
-    expect_working_loop();
-}
-
-TEST_F(ThreadObjectCancellation, AsRunnerInASliceOfATask) {
-    Latch there;
+TEST_F(Threads, are_cancelled_as_runner_in_a_slice_which_leaves_the_others_of_the_turn) {
+    Count there;
     int slices = 0;
-    zel::RunTask([&](zel::task::Controller* task) {
+    int behind = 0;
+    RunTask([&](task::Controller* task) {
         if (++slices > 1) {
             task->Complete();
             return;
         }
-        there.open();
-        for (;;)
-            pause();
+        there.up();
+        pause_for_ever();
     });
-    bool behind = false;
-    zel::RunTask([&](zel::task::Controller* task) {
-        behind = true;
-        task->Complete();
-    });
-    zel::Thread thread([] {
-        for (;;)
-            zel::RunOnce(-1);
-        return 0;
-    });
+    RunTask(once(behind));
+    Thread thread(turn_for_ever);
     thread.Start();
-    ASSERT_TRUE(there.wait());
+    ASSERT_TRUE(there.reaches(1));
     expect_cancelled(thread);
-    EXPECT_FALSE(behind);
-    zel::RunTask([](zel::task::Controller* task) { task->Complete(); });
-    while (!behind)
-        ASSERT_GE(zel::RunOnce(10000), 1);
-    EXPECT_EQ(slices, 1);
+    EXPECT_EQ(0, behind);
+    RunTask(complete);
+    EXPECT_TRUE(woken_until([&] { return behind == 1; }));
+    EXPECT_EQ(1, slices);
 }
 
-TEST_F(ThreadObjectCancellation, OfACreatorWaitsForTheConstructor) {
-    Latch there;
-    Latch cancelled;
-    zel::Thread creator([&] {
-        zel::Runnable work;
+TEST_F(Threads, that_are_cancelled_as_creators_wait_for_the_constructor) {
+    Count there;
+    Count cancelled;
+    Thread creator([&] {
+        Runnable work;
         work.init = [&] {
-            there.open();
-            return cancelled.wait() ? 0 : 1;
+            there.up();
+            return cancelled.reaches(1) ? 0 : 1;
         };
         work.run = +[] { return 0; };
-        zel::Thread inner(work);
-        pause();
-        return 0;
+        Thread inner(work);
+        return pause_for_ever();
     });
     creator.Start();
-    ASSERT_TRUE(there.wait());
+    ASSERT_TRUE(there.reaches(1));
     creator.Stop();
-    cancelled.open();
+    cancelled.up();
     creator.Join();
-    EXPECT_EQ(creator.Status().value(), -1);
+    EXPECT_EQ(-1, creator.Status().value());
 }
 
-// ---- The hooks
+// ---- The functions that a host may replace
 
-TEST_F(ThreadObjectHooks, CarryEveryThreadOperation) {
-    static std::atomic<int> creates, detaches, exits, joins, cancels;
-    creates = detaches = exits = joins = cancels = 0;
-    orn_zel_pthread_create = [](o_pthread_t* thread, o_pthread_attr_t const* attributes,
-                                void* (*start)(void*), void* argument) {
-        EXPECT_EQ(attributes, nullptr);
-        EXPECT_EQ(start, threadProc);
+std::atomic<int> creates, detaches, exits, joins, cancels;
+
+int cancel(o_pthread_t thread) {
+    ++cancels;
+    return o_pthread_cancel(thread);
+}
+
+TEST_F(Threads, use_the_hosts_functions_for_every_operation) {
+    Replaced const create(orn_zel_pthread_create, [](o_pthread_t* thread, o_pthread_attr_t const* attributes,
+                                                     void* (*start)(void*), void* argument) {
+        EXPECT_EQ(nullptr, attributes);
+        EXPECT_EQ(threadProc, start);
         ++creates;
         return o_pthread_create(thread, attributes, start, argument);
-    };
-    orn_zel_pthread_detach = [](o_pthread_t thread) {
+    });
+    Replaced const detach(orn_zel_pthread_detach, [](o_pthread_t thread) {
         ++detaches;
         return o_pthread_detach(thread);
-    };
-    orn_zel_pthread_exit = [](void* result) {
+    });
+    Replaced const exit(orn_zel_pthread_exit, [](void* result) {
         ++exits;
         o_pthread_exit(result);
-    };
-    orn_zel_pthread_join = [](o_pthread_t thread, void** result) {
+    });
+    Replaced const join(orn_zel_pthread_join, [](o_pthread_t thread, void** result) {
         ++joins;
         return o_pthread_join(thread, result);
-    };
-    orn_zel_pthread_cancel = [](o_pthread_t thread) {
-        ++cancels;
-        return o_pthread_cancel(thread);
-    };
-    {
-        zel::Thread joined([] { return 6; });
-        joined.Start();
-        joined.Join();
-        EXPECT_EQ(joined.Status().value(), 6);
-        zel::Thread stopped([] {
-            for (;;)
-                pause();
-            return 0;
-        });
-        stopped.Start();
-        stopped.Stop();
-        stopped.Join();
-        zel::Thread detached([] { return 0; });
-        detached.Detach();
-        detached.Start();
-        while (alive(detached.Id()))
-            sched_yield();
-    }
-    EXPECT_EQ(creates, 3);
-    EXPECT_EQ(detaches, 1);
-    EXPECT_EQ(exits, 2);
-    EXPECT_EQ(joins, 2);
-    EXPECT_EQ(cancels, 1);
-    orn_zel_pthread_create = o_pthread_create;
-    orn_zel_pthread_detach = o_pthread_detach;
-    orn_zel_pthread_exit = o_pthread_exit;
-    orn_zel_pthread_join = o_pthread_join;
-    orn_zel_pthread_cancel = o_pthread_cancel;
+    });
+    Replaced const replaced(orn_zel_pthread_cancel, cancel);
+    Thread joined([] { return 6; });
+    joined.Start();
+    joined.Join();
+    EXPECT_EQ(6, joined.Status().value());
+    Thread stopped(pause_for_ever);
+    stopped.Start();
+    stopped.Stop();
+    stopped.Join();
+    EXPECT_EQ(1, cancels);
+    Thread detached([] { return 0; });
+    detached.Detach();
+    detached.Start();
+    EXPECT_TRUE(ends(detached.Id()));
+    detached.Stop();
+    EXPECT_EQ(1, cancels) << "nothing is left of one that is detached and has ended";
+    EXPECT_EQ(3, creates);
+    EXPECT_EQ(1, detaches);
+    EXPECT_EQ(2, exits);
+    EXPECT_EQ(2, joins);
 }
 
-TEST_F(ThreadObjectHooks, RefusedThreadIsReported) {
-    orn_zel_pthread_create = [](o_pthread_t*, o_pthread_attr_t const*, void* (*)(void*), void*) {
-        return EAGAIN;
-    };
+TEST_F(Threads, that_the_system_refuses_are_reported) {
+    Replaced const create(orn_zel_pthread_create, [](o_pthread_t*, o_pthread_attr_t const*, void* (*)(void*),
+                                                     void*) { return EAGAIN; });
     try {
-        zel::Thread thread([] { return 0; });
+        Thread const thread([] { return 0; });
         FAIL() << "made";
     } catch (std::system_error const& refused) {
-        EXPECT_EQ(refused.code().value(), EAGAIN);
+        EXPECT_EQ(EAGAIN, refused.code().value());
     }
-    orn_zel_pthread_create = o_pthread_create;
 }
+
+} // namespace

@@ -2,36 +2,27 @@
 //
 // Alarms on a clock that the tests turn by hand.
 #include <climits>
-#include <memory>
-#include <stdexcept>
-#include <vector>
-
-#include <poll.h>
-#include <unistd.h>
 
 #include <orn/log.h>
-#include <orn/zel.hpp>
 
 #include "../src/fork.hpp"
 #include "../src/uniqueId.hpp"
 #include "support/FakeTimer.hpp"
+#include "support/Faults.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;
+using namespace support;
 using fake_timer::advance;
-using support::take;
 
 namespace {
 
 // The first record settles for the whole process where its log goes, and opens it.
-struct LogFile {
+struct LogFile : TempFile {
     LogFile() {
-        ::close(::mkstemp(path));
-        ::setenv("LOG_SINK", path, 1);
+        setenv("LOG_SINK", path().c_str(), 1);
         Log_SpecEntry(logSpecForceInfo, "tests", __LINE__, "%s", "begin");
     }
-    ~LogFile() { ::unlink(path); }
-    char path[32] = "/tmp/zel_log_XXXXXX";
 } const log_file;
 
 struct NoTimersLeft {
@@ -39,7 +30,7 @@ struct NoTimersLeft {
 };
 
 // The base that looks is destroyed after the base that unloads.
-class Alarms : private NoTimersLeft, public support::Loop {
+class Alarms : private NoTimersLeft, public Loop {
 protected:
     alarm::Handler say(std::string const& text) {
         return [this, text] { seen += text; };
@@ -91,17 +82,8 @@ TEST_F(Alarms, a_one_shot_is_gone_when_its_handler_runs) {
 }
 
 TEST_F(Alarms, an_empty_handler_is_refused_without_a_trace) {
-    for (boost::function<void()> const& make :
-         {boost::function<void()>([] { SetAlarm(1, alarm::Handler()); }),
-          boost::function<void()>([] { Alarm const alarm(1, 1, alarm::Handler()); })}) {
-        try {
-            make();
-            FAIL();
-        } catch (orn::zel::Exception const& e) {
-            EXPECT_STREQ("NULL handler", e.what());
-            EXPECT_STREQ("", e.details());
-        }
-    }
+    EXPECT_EQ("NULL handler", refusal([] { SetAlarm(1, alarm::Handler()); }));
+    EXPECT_EQ("NULL handler", refusal([] { Alarm const alarm(1, 1, alarm::Handler()); }));
     EXPECT_EQ(0u, OutstandingAlarmCount());
     EXPECT_EQ(0u, fake_timer::live());
 }
@@ -183,49 +165,57 @@ TEST_F(Alarms, a_burst_before_the_loop_turns_loses_nothing) {
     advance(80000);
     settle_all();
     EXPECT_EQ(100000, calls);
-    // Beyond what a pipe can be made to hold nobody blocks, and later ones come through.
-    advance(400000);
-    settle_all();
-    EXPECT_LT(200000, calls);
-    calls = 0;
-    advance(3);
-    settle_all();
-    EXPECT_EQ(3, calls);
+}
+
+TEST_F(Alarms, a_pipe_that_is_full_or_cannot_be_read_costs_no_later_expiry) {
+    Alarm const alarm(1, 1, say("x"));
+    {
+        Fault const full(Call::write, EAGAIN); // and blocks nobody
+        advance(5);
+    }
+    EXPECT_EQ("", after(0));
+    EXPECT_EQ("xxx", after(3));
+    advance(1);
+    {
+        Fault const interrupted(Call::read, EINTR, 1);
+        EXPECT_EQ(1, RunOnce(0));
+    }
+    EXPECT_EQ("xxx", seen);
+    EXPECT_EQ("x", after(0));
 }
 
 // A turn that took all there is would be longer each time, since so much more has come meanwhile.
 TEST_F(Alarms, and_signals_with_slow_handlers_leave_the_loop_to_others_after_a_while) {
     orn::os::Pipe ready(false);
-    support::put(ready.WriteFD(), "x");
+    put(ready.WriteFD(), "x");
     fd::AutoReceptor const neighbour(ready.ReadFD(), [&](fd::Event*) { seen += '|'; });
     settle();
-    int handled = 0;
     auto const work = [&] {
-        ::poll(nullptr, 0, 5);
-        ++handled;
+        poll(nullptr, 0, 5);
         seen += 's';
     };
     signal::AutoReceptor const receptor(SIGUSR1, [&](int) { work(); });
-    boost::function<void()> const queue_alarms = [&] {
+    auto const queue_alarms = [&] {
         for (int i = 0; i < 40; ++i)
             SetAlarm(1, work);
         advance(1);
     };
-    boost::function<void()> const queue_signals = [] {
+    auto const queue_signals = [] {
         for (int i = 0; i < 40; ++i)
             raise(SIGUSR1);
     };
-    for (boost::function<void()> const& queue : {queue_alarms, queue_signals}) {
+    for (std::function<void()> const& queue :
+         {std::function<void()>(queue_alarms), std::function<void()>(queue_signals)}) {
         queue();
         seen.clear();
-        handled = 0;
-        while (handled < 40)
+        auto const handled = [&] { return std::count(seen.begin(), seen.end(), 's'); };
+        while (handled() < 40)
             RunOnce(0);
         // 20 ms, a tick of the kernel's coarse clock, and those that are under way at either end.
         EXPECT_EQ(std::string::npos, seen.find(std::string(11, 's'))) << seen;
         EXPECT_NE(std::string::npos, seen.find("ss")) << "more than one a turn when they are quick";
         RunOnce(0);
-        EXPECT_EQ(40, handled);
+        EXPECT_EQ(40, handled());
     }
 }
 
@@ -258,7 +248,7 @@ TEST_F(Alarms, identifiers_that_wrap_meet_no_living_ones) {
 
     SetAlarm(5, say("mine"));
     detail::continue_identifiers_at(static_cast<std::uint32_t>(thread::FdMgr()->id().value()));
-    support::Thread const member([] {
+    Member const member([] {
         EXPECT_EQ(0u, OutstandingAlarmCount()) << "served by another thread's manager";
         detail::continue_identifiers_at(0);
         NewThreadGroup();
@@ -271,28 +261,24 @@ TEST_F(Alarms, any_member_of_the_group_may_cancel_and_reset_and_a_stranger_is_lo
     for (char const* const name : {"a ", "b ", "c ", "d "})
         alarms.emplace_back(new Alarm(1, 1, say(name)));
     int stranger = 0;
-    {
-        support::Thread const member([&] {
-            alarms[0].reset();
-            alarms[1]->Reset(7);
-        });
-    }
-    EXPECT_EQ(std::string::npos, support::text_of(log_file.path).find("src/alarm"));
-    {
-        support::Thread const other([&] {
-            NewThreadGroup();
-            stranger = thread::self();
-            alarms[2]->Cancel();
-            alarms[3]->Reset(8);
-            EXPECT_EQ(0u, OutstandingAlarmCount());
-        });
-    }
+    Member([&] {
+        alarms[0].reset();
+        alarms[1]->Reset(7);
+    }).join();
+    EXPECT_EQ(std::string::npos, log_file.text().find("src/alarm"));
+    Member([&] {
+        NewThreadGroup();
+        stranger = thread::self();
+        alarms[2]->Cancel();
+        alarms[3]->Reset(8);
+        EXPECT_EQ(0u, OutstandingAlarmCount());
+    }).join();
     EXPECT_EQ(2u, OutstandingAlarmCount());
     EXPECT_EQ("", after(6));
     EXPECT_EQ("b d ", after(2));
     std::string const ids = " belongs to thread " + std::to_string(thread::self()) + ", and thread " +
                             std::to_string(stranger) + " is of another group";
-    std::string const text = support::text_of(log_file.path);
+    std::string const text = log_file.text();
     std::string::size_type const first = text.find(ids);
     EXPECT_NE(std::string::npos, first) << text;
     EXPECT_NE(std::string::npos, text.find(ids, first + 1)) << text;
@@ -308,7 +294,7 @@ TEST_F(Alarms, that_an_unload_has_taken_away_still_tell_of_their_end) {
     EXPECT_EQ(0u, fake_timer::live());
     EXPECT_EQ("", take(observer.ReadFD()));
     alarm.reset();
-    EXPECT_EQ(0u, support::without_tid(take(observer.ReadFD())).find("alarm deleted: id="));
+    EXPECT_EQ(0u, without_tid(take(observer.ReadFD())).find("alarm deleted: id="));
     alarm::Unmonitor("", 0);
     alarm::zel_alarm_load();
     EXPECT_EQ("", after(1));
@@ -316,36 +302,31 @@ TEST_F(Alarms, that_an_unload_has_taken_away_still_tell_of_their_end) {
 
 int hooked = 0;
 
+void alarm_one() {
+    SetAlarm(1, [] { ++hooked; });
+}
+
+void start_one() {
+    RunTask(once(hooked));
+}
+
 // The first group of a child of fork() is made together with its first manager, and runs the hook.
 TEST_F(Alarms, and_tasks_of_the_childs_hook_are_kept_while_a_manager_is_made) {
-    for (bool const alarms : {true, false}) {
-        detail::set_child_hook(alarms ? [] { SetAlarm(1, [] { ++hooked; }); } : [] {
-            RunTask([](task::Controller* self) {
-                ++hooked;
-                self->Complete();
-            });
-        });
-        int const status = support::in_child([&] {
-            task::zel_task_load();
-            if (alarms)
-                SetAlarm(1, [] { ++hooked; });
-            else
-                RunTask([](task::Controller* self) {
-                    ++hooked;
-                    self->Complete();
-                });
-            advance(1);
-            settle();
-            return hooked;
-        });
+    for (void (*const make)() : {alarm_one, start_one}) {
+        detail::set_child_hook(make);
+        EXPECT_EQ("exit 2", in_child([&] {
+                      make();
+                      advance(1);
+                      settle();
+                      return hooked;
+                  }));
         detail::set_child_hook(nullptr);
-        EXPECT_EQ("exit 2", support::describe(status));
     }
 }
 
 TEST_F(Alarms, the_monitor_tells_the_life_of_each) {
     orn::os::Pipe observer(false);
-    auto const lines = [&] { return support::without_tid(take(observer.ReadFD())); };
+    auto const lines = [&] { return without_tid(take(observer.ReadFD())); };
     alarm::manager();
     alarm::Monitor("ignored", observer.WriteFD());
     detail::continue_identifiers_at(700);
@@ -370,23 +351,23 @@ TEST_F(Alarms, the_monitor_tells_the_life_of_each) {
 
 TEST_F(Alarms, are_counted_per_thread_and_served_by_the_group) {
     SetAlarm(1, say("mine "));
-    std::atomic<bool> armed(false);
+    Count armed;
     std::atomic<bool> fired(false);
-    support::Thread const member([&] {
+    Member const member([&] {
         EXPECT_EQ(0u, OutstandingAlarmCount());
         SetAlarm(1, [&] {
             seen += "theirs ";
             fired = true;
         });
         EXPECT_EQ(1u, OutstandingAlarmCount());
-        armed = true;
-        EXPECT_TRUE(support::wait_until([&] { return fired.load(); }));
+        armed.up();
+        EXPECT_TRUE(wait_until([&] { return fired.load(); }));
         EXPECT_EQ(0u, OutstandingAlarmCount());
     });
-    ASSERT_TRUE(support::wait_until([&] { return armed.load(); }));
+    ASSERT_TRUE(armed.reaches(1));
     EXPECT_EQ(1u, OutstandingAlarmCount());
     advance(1);
-    EXPECT_TRUE(support::run_until([&] { return seen.size() == 12; })) << seen;
+    EXPECT_TRUE(run_until([&] { return seen.size() == 12; })) << seen;
 }
 
 } // namespace

@@ -1,24 +1,17 @@
 // SPDX-License-Identifier: MIT
 //
 // Monitors, managers, the scoped registration, and the texts about them.
-#include <memory>
 #include <sstream>
 
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <unistd.h>
-
-#include <orn/zel.hpp>
-
+#include "support/Faults.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;
-using support::put;
-using support::take;
+using namespace support;
 
 namespace {
 
-class Fd : public support::Loop {
+class Fd : public Loop {
 protected:
     boost::function<void(fd::Event*)> reader() {
         return [this](fd::Event* event) {
@@ -40,12 +33,7 @@ TEST_F(Fd, a_monitor_takes_one_handler_and_refuses_the_rest) {
     EXPECT_EQ(1u, lone.count());
     EXPECT_EQ(1u, lone.capacity());
     fd::MonitorImpl none;
-    try {
-        none.insert([](fd::Event*) {});
-        FAIL();
-    } catch (orn::zel::Exception const& e) {
-        EXPECT_STREQ("invalid FD (-1)", e.what());
-    }
+    EXPECT_EQ("invalid FD (-1)", refusal([&] { none.insert([](fd::Event*) {}); }));
     EXPECT_EQ(0u, none.count());
     EXPECT_NE(0u, fd::MonitorImpl(-2, POLLIN).insert([](fd::Event*) {}));
     EXPECT_THROW(fd::AutoReceptor(-1, reader()), orn::zel::Exception);
@@ -142,10 +130,10 @@ TEST_F(Fd, a_descriptor_in_error_is_told_once_and_a_hang_up_until_it_is_removed)
     EXPECT_EQ(0, last);
 
     int ends[2];
-    ASSERT_EQ(0, ::pipe2(ends, O_NONBLOCK | O_CLOEXEC));
+    ASSERT_EQ(0, pipe2(ends, O_NONBLOCK | O_CLOEXEC));
     {
         fd::AutoReceptor const hung(ends[0], reader());
-        ::close(ends[1]);
+        close(ends[1]);
         settle();
         for (int turn = 0; turn < 3; ++turn) {
             last = 0;
@@ -153,7 +141,7 @@ TEST_F(Fd, a_descriptor_in_error_is_told_once_and_a_hang_up_until_it_is_removed)
             EXPECT_EQ(POLLHUP, last);
         }
     }
-    ::close(ends[0]);
+    close(ends[0]);
     settle();
     EXPECT_EQ(0, RunOnce(0));
 }
@@ -162,7 +150,7 @@ TEST_F(Fd, a_foreign_thread_may_withdraw_and_the_loop_neither_calls_nor_spins) {
     auto receptor = std::make_unique<fd::AutoReceptor>(pipe.ReadFD(), reader());
     settle();
     {
-        support::Thread const foreign([&] {
+        Member const foreign([&] {
             NewThreadGroup(); // so that its group, and not this one, is told
             receptor.reset();
         });
@@ -175,65 +163,48 @@ TEST_F(Fd, a_foreign_thread_may_withdraw_and_the_loop_neither_calls_nor_spins) {
 
 TEST_F(Fd, many_idle_descriptors_change_no_result) {
     // From some number of descriptors on the loop asks before it waits. Neither is to be seen from outside.
-    std::vector<std::unique_ptr<orn::os::Pipe>> pipes;
-    std::vector<std::unique_ptr<fd::AutoReceptor>> receptors;
-    std::vector<int> calls(40);
-    for (std::size_t i = 0; i < calls.size(); ++i) {
-        pipes.emplace_back(new orn::os::Pipe(false));
-        receptors.emplace_back(new fd::AutoReceptor(pipes[i]->ReadFD(), [&calls, i](fd::Event* event) {
-            ++calls[i];
-            take(event->fd());
-        }));
-    }
+    std::vector<std::unique_ptr<WatchedPipe>> pipes(40);
+    for (auto& idle : pipes)
+        idle.reset(new WatchedPipe);
     settle();
     orn::os::Pipe observer(false);
-    for (int round = 0; round < 20; ++round) {
-        std::size_t const busy = static_cast<std::size_t>(round * 7) % calls.size();
-        put(pipes[busy]->WriteFD(), "x");
-        put(pipes[(busy + 3) % calls.size()]->WriteFD(), "x");
+    for (std::size_t round = 0; round < 20; ++round) {
+        pipes[round * 7 % 40]->feed();
+        pipes[(round * 7 + 3) % 40]->feed();
         thread::MonitorPoll("", observer.WriteFD());
         EXPECT_EQ(2, RunOnce(round % 2 ? -1 : 1000));
         thread::UnmonitorPoll("", -1);
         std::string const lines = take(observer.ReadFD());
         EXPECT_EQ(lines.find("poll in"), lines.rfind("poll in"));
         EXPECT_EQ(lines.find("poll out"), lines.rfind("poll out"));
-        EXPECT_EQ(0, RunOnce(round % 3));
+        EXPECT_EQ(0, RunOnce(static_cast<long>(round) % 3));
     }
     int total = 0;
-    for (int const count : calls)
-        total += count;
+    for (auto const& busy : pipes)
+        total += busy->calls;
     EXPECT_EQ(40, total);
     // A wait that finds nothing lasts its whole time.
-    timespec before = {}, after = {};
-    clock_gettime(CLOCK_MONOTONIC, &before);
+    long const begin = milliseconds();
     EXPECT_EQ(0, RunOnce(30));
-    clock_gettime(CLOCK_MONOTONIC, &after);
-    EXPECT_GE((after.tv_sec - before.tv_sec) * 1000000000 + after.tv_nsec - before.tv_nsec, 29000000);
+    EXPECT_GE(milliseconds() - begin, 29);
 }
 
 TEST_F(Fd, two_members_register_while_a_third_runs_the_loop) {
     constexpr int rounds = 400;
     std::atomic<int> heard(0);
-    support::Thread runner([&] {
+    Member runner([&] {
         NewThreadGroup();
         auto const churn = [&] {
             for (int i = 0; i < rounds; ++i) {
-                orn::os::Pipe own(false);
-                bool called = false; // only touched by the runner, and read once the byte is gone
-                std::atomic<bool> done(false);
-                fd::AutoReceptor const receptor(own.ReadFD(), [&](fd::Event* event) {
-                    take(event->fd());
-                    called = true;
-                    done = true;
-                });
+                WatchedPipe const own;
                 if (i % 4 == 0)
                     continue; // withdrawn before, in or after the first poll
-                put(own.WriteFD(), "x");
-                ASSERT_TRUE(support::wait_until([&] { return done.load(); }));
-                heard += called ? 1 : 0;
+                own.feed();
+                ASSERT_TRUE(wait_until([&] { return own.calls == 1; }));
+                ++heard;
             }
         };
-        support::Thread first(churn), second(churn);
+        Member first(churn), second(churn);
         while (!first.ended() || !second.ended())
             RunOnce(1);
     });
@@ -242,12 +213,12 @@ TEST_F(Fd, two_members_register_while_a_third_runs_the_loop) {
 }
 
 TEST_F(Fd, every_descriptor_of_the_library_is_close_on_exec) {
-    std::set<int> const before = support::descriptors();
+    std::set<int> const before = descriptors();
     SetAlarm(1000000, [] {});
     signal::AutoReceptor const signals(SIGUSR1, [](int) {});
     RunOnce(0);
     int found = 0;
-    for (int const fd : support::descriptors()) {
+    for (int const fd : descriptors()) {
         if (before.count(fd))
             continue;
         ++found;
@@ -258,30 +229,24 @@ TEST_F(Fd, every_descriptor_of_the_library_is_close_on_exec) {
 }
 
 TEST_F(Fd, lack_of_descriptors_is_thrown_and_the_loop_goes_on) {
-#if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "UndefinedBehaviorSanitizer opens a pipe to look at an exception";
-#endif
     fd::AutoReceptor const receptor(pipe.ReadFD(), reader());
     settle();
-    rlimit before = {};
-    getrlimit(RLIMIT_NOFILE, &before);
-    rlimit none = before;
-    none.rlim_cur = 3; // the next ones are all beyond it
-    setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_THROW(SetAlarm(1, [] {}), std::system_error);
-    EXPECT_THROW(Signal(SIGUSR1), std::system_error);
-    unsigned long const group = GroupId();
-    EXPECT_THROW(NewThreadGroup(), std::system_error);
-    EXPECT_EQ(group, GroupId());
-    EXPECT_TRUE(signal::is_default(SIGUSR1));
-    setrlimit(RLIMIT_NOFILE, &before);
-
+    {
+        Fault const none_left(Call::pipe2, EMFILE);
+        EXPECT_THROW(SetAlarm(1, [] {}), std::system_error);
+        EXPECT_THROW(Signal(SIGUSR1), std::system_error);
+        EXPECT_THROW(RunTask(complete), std::system_error);
+        unsigned long const group = GroupId();
+        EXPECT_THROW(NewThreadGroup(), std::system_error);
+        EXPECT_EQ(group, GroupId());
+        EXPECT_TRUE(signal::is_default(SIGUSR1));
+    }
     put(pipe.WriteFD(), "on");
     settle();
     EXPECT_EQ("on", seen);
     bool fired = false;
     SetAlarm(0, [&] { fired = true; });
-    EXPECT_TRUE(support::run_until([&] { return fired; }));
+    EXPECT_TRUE(run_until([&] { return fired; }));
     EXPECT_EQ(0u, OutstandingAlarmCount());
 }
 
@@ -295,13 +260,13 @@ TEST_F(Fd, prints_events_and_lists_descriptors) {
     fd::AutoReceptor const one(pipe.ReadFD(), reader());
     fd::AutoReceptor const two(answer.ReadFD(), reader());
     std::string expected = "FdMgrs:\n";
-    std::atomic<bool> stop(false);
-    support::Thread const member([&] {
+    Count listed;
+    Member const member([&] {
         fd::AutoReceptor const mine(0, [](fd::Event*) {});
-        EXPECT_TRUE(support::wait_until([&] { return stop.load(); }));
+        EXPECT_TRUE(listed.reaches(1));
     });
     thread::FdMgr(1); // a record with no group: not listed
-    ASSERT_TRUE(support::wait_until([&] { return thread::FdMgr(member.tid())->size() == 1; }));
+    ASSERT_TRUE(wait_until([&] { return thread::FdMgr(member.tid())->size() == 1; }));
     std::map<int, std::string> const lists = {
         {thread::self(), std::to_string(pipe.ReadFD()) + " " + std::to_string(answer.ReadFD()) + " "},
         {member.tid(), "0 "}};
@@ -311,7 +276,7 @@ TEST_F(Fd, prints_events_and_lists_descriptors) {
                     " fds={ " + item.second + "}\n";
     fd::ListFds("ignored", answer.WriteFD());
     EXPECT_EQ(expected, take(answer.ReadFD()));
-    stop = true;
+    listed.up();
 }
 
 } // namespace

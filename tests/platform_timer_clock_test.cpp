@@ -1,30 +1,33 @@
 // SPDX-License-Identifier: MIT
 //
-// orn::os::Timer on the real clock. Lower bounds on times are exact; upper bounds are deadlines only.
+// orn::os::Timer's service thread, on the real clock. What holds on any clock is in platform_timer_test.cpp.
+// Lower bounds on times are exact; upper bounds are deadlines only.
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <climits>
 #include <csignal>
-#include <cstdint>
 #include <cstdlib>
-#include <future>
-#include <gtest/gtest.h>
 #include <memory>
-#include <orn/os/Timer.hpp>
-#include <poll.h>
-#include <pthread.h>
 #include <random>
-#include <sched.h>
-#include <sys/wait.h>
 #include <system_error>
 #include <thread>
-#include <unistd.h>
 #include <vector>
+
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <orn/os/Timer.hpp>
+
+#include "support/Common.hpp"
 
 namespace {
 
-std::atomic<int> threadCreationMs{0};
+std::atomic<int> creation_ms{0};
+std::atomic<int> creation_error{0};
 
 } // namespace
 
@@ -32,77 +35,25 @@ std::atomic<int> threadCreationMs{0};
 extern "C" int __real_pthread_create(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*);
 extern "C" int __wrap_pthread_create(pthread_t* thread, pthread_attr_t const* attributes,
                                      void* (*start)(void*), void* argument) {
-    if (threadCreationMs > 0) {
-        ::poll(nullptr, 0, threadCreationMs);
-    }
+    if (int const error = creation_error)
+        return error;
+    if (creation_ms > 0)
+        poll(nullptr, 0, creation_ms);
     return __real_pthread_create(thread, attributes, start, argument);
 }
 
 namespace {
 
 using orn::os::Timer;
+using support::Count;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr auto deadline = std::chrono::seconds(20);
-
-// Lets a test wait until a callback has run often enough.
-class Count {
-public:
-    void up() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        ++value_;
-        changed_.notify_all();
-    }
-    bool reaches(std::size_t value) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_until(lock, std::chrono::system_clock::now() + deadline,
-                                   [&] { return value_ >= value; });
-    }
-    std::size_t value() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return value_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::size_t value_ = 0;
-};
-
-TEST(TimerClock, FiresOnceNeverEarlyAndAnEarlierOneIsNotHeldUp) {
-    Count far;
-    Count near;
-    Timer late([&](Timer*) { far.up(); });
-    Timer timer([&](Timer*) { near.up(); });
-    late.Set(60000, 0);
-    auto const start = Clock::now();
-    timer.Set(20, 0);
-    ASSERT_TRUE(near.reaches(1));
-    EXPECT_GE(Clock::now() - start, milliseconds(20));
-    timer.Set(60000, 0);
-    timer.Set(0, 0); // replaces, and fires at once
-    ASSERT_TRUE(near.reaches(2));
-    EXPECT_EQ(far.value(), 0u);
-    EXPECT_EQ(near.value(), 2u);
+boost::function<void(Timer*)> counting(Count& count) {
+    return [&count](Timer*) { count.up(); };
 }
 
-TEST(TimerClock, HugeDelaysNeverFire) {
-    Count huge;
-    Count once;
-    Count later;
-    Timer never([&](Timer*) { huge.up(); });
-    Timer first([&](Timer*) { once.up(); });
-    Timer last([&](Timer*) { later.up(); });
-    never.Set(ULONG_MAX, ULONG_MAX);
-    first.Set(0, ULONG_MAX);
-    last.Set(10, 10);
-    ASSERT_TRUE(later.reaches(3));
-    EXPECT_EQ(huge.value(), 0u);
-    EXPECT_EQ(once.value(), 1u);
-}
-
-TEST(TimerClock, ARecurringTimerKeepsItsPhaseAndSkipsWhatAStallMissed) {
+TEST(TimerThread, keeps_the_phase_of_a_recurring_timer_and_skips_what_a_stall_missed) {
     constexpr auto period = milliseconds(20);
     constexpr std::size_t fires = 15;
     std::vector<Clock::duration> at;
@@ -110,9 +61,8 @@ TEST(TimerClock, ARecurringTimerKeepsItsPhaseAndSkipsWhatAStallMissed) {
     Clock::time_point start;
     auto const callback = [&](Timer*) {
         at.push_back(Clock::now() - start);
-        if (at.size() == 4) {
+        if (at.size() == 4)
             std::this_thread::sleep_for(period * 7 / 2);
-        }
         fired.up();
     };
     std::unique_ptr<Timer> timer;
@@ -125,38 +75,36 @@ TEST(TimerClock, ARecurringTimerKeepsItsPhaseAndSkipsWhatAStallMissed) {
     } while (Clock::now() - start > milliseconds(2));
     ASSERT_TRUE(fired.reaches(fired.value() + fires));
     timer.reset();
-    auto leastLate = Clock::duration(period);
+    auto least_late = Clock::duration(period);
     for (std::size_t i = 0; i < fires; ++i) {
         // The fifth comes as soon as the stall is over, for the period that began in it; two more are missed.
         auto const nth = static_cast<int>(i) + 1;
-        int const dueInHalves = nth < 5 ? 2 * nth : nth == 5 ? 15 : 2 * (nth + 2);
-        EXPECT_GE(at[i], period * dueInHalves / 2) << "call " << nth;
-        if (i > 4) {
-            leastLate = std::min(leastLate, at[i] % period);
-        }
+        int const due_in_halves = nth < 5 ? 2 * nth : nth == 5 ? 15 : 2 * (nth + 2);
+        EXPECT_GE(at[i], period * due_in_halves / 2) << "call " << nth;
+        if (i > 4)
+            least_late = std::min(least_late, at[i] % period);
     }
     // One that counts on from the end of the stall is at least half a period late from there on.
-    EXPECT_LT(leastLate, period * 2 / 5);
+    EXPECT_LT(least_late, period * 2 / 5);
 }
 
-TEST(TimerClock, CallbacksRunOnANamedThreadWithAllSignalsBlocked) {
+TEST(TimerThread, has_a_name_and_all_signals_blocked) {
     Count fired;
     sigset_t blocked;
     char name[16] = "";
     Timer timer([&](Timer*) {
-        ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-        ::pthread_getname_np(::pthread_self(), name, sizeof name);
+        pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+        pthread_getname_np(pthread_self(), name, sizeof name);
         fired.up();
     });
     timer.Set(0, 0);
     ASSERT_TRUE(fired.reaches(1));
-    EXPECT_STREQ(name, "orn-timer");
-    for (int signal : {SIGALRM, SIGTERM, SIGCHLD, SIGRTMIN, 55}) {
-        EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
-    }
+    EXPECT_STREQ("orn-timer", name);
+    for (int const signo : {SIGALRM, SIGTERM, SIGCHLD, SIGRTMIN, 55})
+        EXPECT_EQ(1, sigismember(&blocked, signo)) << signo;
 }
 
-TEST(TimerClock, TheDestructorWaitsForARunningCallbackThatSetsItselfAgain) {
+TEST(TimerThread, lets_a_destructor_wait_for_a_running_callback_that_sets_itself_again) {
     Count entered;
     std::atomic<bool> finished{false};
     auto timer = std::make_unique<Timer>([&](Timer* self) {
@@ -171,123 +119,79 @@ TEST(TimerClock, TheDestructorWaitsForARunningCallbackThatSetsItselfAgain) {
     EXPECT_TRUE(finished);
     auto const times = entered.value();
     Count later;
-    Timer probe([&](Timer*) { later.up(); });
+    Timer probe(counting(later));
     probe.Set(0, 1);
     ASSERT_TRUE(later.reaches(3));
-    EXPECT_EQ(entered.value(), times);
+    EXPECT_EQ(times, entered.value());
 }
 
-TEST(TimerClock, ACallbackMayDestroyItsTimerAndOutlivesItUntilItReturns) {
-    auto text = std::make_shared<std::string>("alive");
-    std::weak_ptr<std::string> const watch = text;
-    Count fired;
-    std::string seen;
-    auto* timer = new Timer([text, &fired, &seen](Timer* self) {
-        delete self;
-        Timer other([](Timer*) {});
-        other.Set(0, 1);
-        seen = *text;
-        fired.up();
-    });
-    text.reset();
-    timer->Set(0, 1);
-    ASSERT_TRUE(fired.reaches(1));
-    EXPECT_EQ(seen, "alive");
-    Count later; // on the same thread, so behind the end of that callback
-    Timer probe([&](Timer*) { later.up(); });
-    probe.Set(0, 0);
-    ASSERT_TRUE(later.reaches(1));
-    EXPECT_TRUE(watch.expired());
-}
-
-// Two threads, 100,000 timers outstanding, set, replaced and cancelled while others fire.
-TEST(TimerClock, OfAHundredThousandTimersEachThatIsNotCancelledFiresOnce) {
-    constexpr std::size_t perThread = 50000;
-    std::atomic<std::size_t> wrong{0};
-    auto work = [&](unsigned seed) {
+// Set, replaced and cancelled while others fire, by two threads.
+TEST(TimerThread, fires_each_of_a_hundred_thousand_that_is_not_cancelled_once) {
+    auto const work = [](unsigned seed) {
         std::minstd_rand random(seed);
-        std::vector<std::atomic<int>> fired(perThread);
+        std::vector<std::atomic<int>> fired(50000);
         std::vector<std::unique_ptr<Timer>> timers;
         Count count;
-        for (std::size_t i = 0; i < perThread; ++i) {
-            timers.push_back(std::make_unique<Timer>([&fired, &count, i](Timer*) {
-                ++fired[i];
+        for (std::atomic<int>& times : fired) {
+            timers.push_back(std::make_unique<Timer>([&](Timer*) {
+                ++times;
                 count.up();
             }));
-            timers[i]->Set(60000 + random() % 1000, 0);
+            timers.back()->Set(60000 + random() % 1000, 0);
         }
         std::size_t expected = 0;
-        for (std::size_t i = 0; i < perThread; ++i) {
+        for (std::unique_ptr<Timer>& timer : timers)
             if (random() % 2 == 0) {
-                timers[i]->Set(random() % 100, 0);
+                timer->Set(random() % 100, 0);
                 ++expected;
             } else if (random() % 2 == 0) {
-                timers[i].reset();
+                timer.reset();
             }
-        }
-        if (!count.reaches(expected)) {
-            ++wrong;
-        }
+        EXPECT_TRUE(count.reaches(expected));
         timers.clear();
-        for (auto const& times : fired) {
-            wrong += times > 1 ? 1u : 0u;
-        }
-        wrong += count.value() == expected ? 0u : 1u;
+        EXPECT_EQ(expected, count.value());
+        EXPECT_EQ(0, std::count_if(fired.begin(), fired.end(), [](int times) { return times > 1; }));
     };
     std::thread other(work, 1);
     work(2);
     other.join();
-    EXPECT_EQ(wrong, 0u);
 }
 
-TEST(TimerClock, AChildOfForkHasItsOwnServiceAndNoneOfItsParentsTimers) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "ThreadSanitizer starts no thread in the child of a process that has threads";
-#endif
+TEST(TimerThread, is_anew_in_a_child_of_fork_without_the_timers_of_the_parent) {
+    if (support::has_thread_sanitizer)
+        GTEST_SKIP() << "ThreadSanitizer starts no thread in the child of a process that has threads";
     Count parents;
     Count childs;
-    std::atomic<bool> hold{true};
     Count entered;
-    Timer inherited([&](Timer*) { parents.up(); });
+    std::atomic<bool> hold{true};
+    Timer inherited(counting(parents));
     Timer running([&](Timer*) {
         entered.up();
-        while (hold) {
+        while (hold)
             std::this_thread::yield();
-        }
     });
     running.Set(0, 0);
     ASSERT_TRUE(entered.reaches(1));
     inherited.Set(50, 50);
-    pid_t const child = ::fork();
-    if (child == 0) {
-        ::alarm(20);
-        hold = false;
-        {
-            Timer own([&](Timer*) { childs.up(); });
-            own.Set(1, 75);
-            bool const all = childs.reaches(2) && parents.value() == 0;
-            running.Set(0, 0); // its callback was on a stack that is no more
-            ::_exit(all && entered.reaches(2) ? 0 : 1);
-        }
-    }
+    EXPECT_EQ("exit 0", support::in_child([&] {
+                  hold = false;
+                  Timer own(counting(childs));
+                  own.Set(1, 75);
+                  bool const all = childs.reaches(2) && parents.value() == 0;
+                  running.Set(0, 0); // its callback was on a stack that is no more
+                  return all && entered.reaches(2) ? 0 : 1;
+              }));
     hold = false;
-    int status = -1;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
     EXPECT_TRUE(parents.reaches(1));
 }
 
-class TimerClockDeathTest : public ::testing::Test {
-protected:
-    TimerClockDeathTest() { ::testing::FLAGS_gtest_death_test_style = "threadsafe"; }
-};
+// ---- What needs a process of its own, which ends with 7 when all went well
 
 void exit_in_callback() {
     static Timer timer([](Timer*) { std::exit(7); }); // destroyed by its own callback's thread
     timer.Set(0, 1);
-    for (;;) {
-        ::pause();
-    }
+    for (;;)
+        pause();
 }
 
 void exit_among_users() {
@@ -300,27 +204,23 @@ void exit_among_users() {
         }).detach();
     }
     Count fired;
-    Timer timer([&](Timer*) { fired.up(); });
+    Timer timer(counting(fired));
     timer.Set(0, 1);
     std::exit(fired.reaches(5) ? 7 : 1);
 }
 
 void run_without_threads() {
-    pthread_attr_t usual;
-    ::pthread_getattr_default_np(&usual);
-    pthread_attr_t huge;
-    ::pthread_attr_init(&huge);
-    ::pthread_attr_setstacksize(&huge, SIZE_MAX / 16 * 15); // no room for that anywhere
-    ::pthread_setattr_default_np(&huge);
     Count fired;
-    Timer timer([&](Timer*) { fired.up(); });
+    Timer timer(counting(fired));
+    creation_error = EAGAIN;
     try {
         timer.Set(0, 0);
         std::_Exit(1);
-    } catch (std::system_error const&) {
+    } catch (std::system_error const& refused) {
+        EXPECT_EQ(EAGAIN, refused.code().value());
     }
-    ::pthread_setattr_default_np(&usual);
-    Timer other([&](Timer*) { fired.up(); });
+    creation_error = 0;
+    Timer other(counting(fired));
     other.Set(10, 0);
     std::_Exit(fired.reaches(1) && fired.value() == 1 ? 7 : 2);
 }
@@ -328,7 +228,7 @@ void run_without_threads() {
 // The first call makes the thread, which takes longer than its delay: so it is due before the second, by more
 // than their delays say.
 void set_first_timer_slowly() {
-    threadCreationMs = 100;
+    creation_ms = 100;
     std::atomic<int> calls{0};
     std::atomic<int> place{0};
     Count fired;
@@ -347,39 +247,35 @@ void set_first_timer_slowly() {
 
 // SCHED_BATCH, since that one needs no privilege.
 void set_first_timer_in_a_batch() {
-    struct sched_param const none{};
-    ::pthread_setschedparam(::pthread_self(), SCHED_BATCH, &none);
+    sched_param const none{};
+    pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
     Count fired;
     std::atomic<int> inherited{-1};
     std::atomic<int> chosen{-1};
     Timer timer([&](Timer*) {
-        (fired.value() == 0 ? inherited : chosen) = ::sched_getscheduler(0);
-        ::sched_setscheduler(0, SCHED_OTHER, &none);
+        (fired.value() == 0 ? inherited : chosen) = sched_getscheduler(0);
+        sched_setscheduler(0, SCHED_OTHER, &none);
         fired.up();
     });
     timer.Set(0, 1);
-    ::pthread_setschedparam(::pthread_self(), SCHED_OTHER, &none);
+    pthread_setschedparam(pthread_self(), SCHED_OTHER, &none);
     std::_Exit(fired.reaches(2) && inherited == SCHED_BATCH && chosen == SCHED_OTHER ? 7 : 1);
 }
 
-TEST_F(TimerClockDeathTest, ADelayCountsFromTheCallAlsoWhenTheThreadIsStillToBeMade) {
-    EXPECT_EXIT(set_first_timer_slowly(), ::testing::ExitedWithCode(7), "");
+class TimerThreadDeathTest : public ::testing::TestWithParam<std::pair<char const*, void (*)()>> {};
+
+TEST_P(TimerThreadDeathTest, ends_the_process_well) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(GetParam().second(), ::testing::ExitedWithCode(7), "");
 }
 
-TEST_F(TimerClockDeathTest, TheThreadInheritsThePolicyOfTheFirstSetterAndMayChooseAnotherInACallback) {
-    EXPECT_EXIT(set_first_timer_in_a_batch(), ::testing::ExitedWithCode(7), "");
-}
-
-TEST_F(TimerClockDeathTest, ExitFromACallbackEndsTheProcess) {
-    EXPECT_EXIT(exit_in_callback(), ::testing::ExitedWithCode(7), "");
-}
-
-TEST_F(TimerClockDeathTest, ExitWhileOtherThreadsUseTimersEndsTheProcess) {
-    EXPECT_EXIT(exit_among_users(), ::testing::ExitedWithCode(7), "");
-}
-
-TEST_F(TimerClockDeathTest, WithoutAThreadSetThrowsAndLeavesTheTimerDisarmed) {
-    EXPECT_EXIT(run_without_threads(), ::testing::ExitedWithCode(7), "");
-}
+INSTANTIATE_TEST_SUITE_P(
+    ThatItself, TimerThreadDeathTest,
+    ::testing::Values(std::make_pair("exits_in_a_callback", exit_in_callback),
+                      std::make_pair("is_used_by_others_at_exit", exit_among_users),
+                      std::make_pair("cannot_be_made_so_that_set_throws", run_without_threads),
+                      std::make_pair("is_made_slowly_while_the_delay_counts", set_first_timer_slowly),
+                      std::make_pair("inherits_the_first_setters_policy", set_first_timer_in_a_batch)),
+    [](auto const& process) { return process.param.first; });
 
 } // namespace

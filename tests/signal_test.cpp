@@ -2,42 +2,23 @@
 //
 // Signals as events of the loop, also while they arrive faster than the loop turns and while what watches
 // them changes.
-#include <cerrno>
 #include <csetjmp>
-#include <cstdlib>
-#include <memory>
-#include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <orn/zel.hpp>
 
 #include "../src/signalGate.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;
-using support::take;
+using namespace support;
 
 namespace {
 
-class Signals : public support::Loop {
+class Signals : public Loop {
 protected:
     std::string seen;
 };
-
-std::string refusal(boost::function<void()> const& call) {
-    try {
-        call();
-    } catch (orn::zel::Exception const& e) {
-        EXPECT_STREQ("", e.details());
-        return e.what();
-    }
-    return "accepted";
-}
 
 TEST_F(Signals, each_arrival_is_one_call_of_each_handler_on_the_loop) {
     signal::AutoReceptor const one(SIGUSR1, [&](int signo) { seen += "a" + std::to_string(signo); });
@@ -58,26 +39,25 @@ TEST_F(Signals, each_arrival_is_one_call_of_each_handler_on_the_loop) {
 
 TEST_F(Signals, every_watching_group_gets_its_own_call) {
     std::atomic<int> theirs(0);
-    std::atomic<bool> ready(false);
+    Count ready;
     signal::AutoReceptor const mine(SIGUSR1, [&](int) { seen += "m"; });
     {
-        support::Thread const other([&] {
+        Member const other([&] {
             NewThreadGroup();
             int const me = thread::self();
             signal::AutoReceptor const receptor(SIGUSR1, [&](int) {
                 EXPECT_EQ(me, thread::self());
                 ++theirs;
             });
-            ready = true;
-            EXPECT_TRUE(support::run_until([&] { return theirs == 3; }));
+            ready.up();
+            EXPECT_TRUE(run_until([&] { return theirs == 3; }));
         });
-        ASSERT_TRUE(support::wait_until([&] { return ready.load(); }));
+        ASSERT_TRUE(ready.reaches(1));
         for (int i = 0; i < 3; ++i)
             raise(SIGUSR1);
     }
     settle();
     EXPECT_EQ("mmm", seen);
-    EXPECT_EQ(3, theirs);
 }
 
 TEST_F(Signals, a_burst_before_the_loop_turns_loses_nothing) {
@@ -191,7 +171,7 @@ TEST_F(Signals, the_listing_names_all_managers_and_the_callers_signals) {
               take(answer.ReadFD()).substr(std::to_string(thread::self()).size() + 5));
     std::string const mine = entry(*signal::manager(), *thread::FdMgr());
     std::string theirs;
-    support::Thread([&] {
+    Member([&] {
         Signal(SIGHUP);
         theirs = entry(*signal::manager(), *thread::FdMgr());
     });
@@ -240,7 +220,7 @@ public:
 private:
     std::atomic<bool> stop_{false};
     std::atomic<long> sent_{0};
-    support::Thread sender_;
+    Member sender_;
 };
 
 // What a function in signal context uses. It notices when that is destroyed too early, and how often it is.
@@ -280,7 +260,7 @@ TEST_F(Signals, changes_in_several_threads_lose_no_arrival_to_those_who_stay) {
         // Watch as new threads do, and change the list that signal context reads.
         auto const churn = [&](int own) {
             for (int i = 0; i < 12; ++i) {
-                support::Thread([&] {
+                Member([&] {
                     NewThreadGroup();
                     signal::AutoReceptor const old(signo, [](int) {});
                     signal::AutoReceptor const added(own, [](int) {});
@@ -294,19 +274,15 @@ TEST_F(Signals, changes_in_several_threads_lose_no_arrival_to_those_who_stay) {
                 }
             }
         };
-        support::Thread const first([&] { churn(SIGRTMIN + 2); });
-        support::Thread const second([&] { churn(SIGRTMIN + 3); });
-        ASSERT_TRUE(
-            support::run_until([&] { return storm.over() && first.ended() && second.ended(); }, 40000));
+        Member const first([&] { churn(SIGRTMIN + 2); });
+        Member const second([&] { churn(SIGRTMIN + 3); });
+        ASSERT_TRUE(run_until([&] { return storm.over() && first.ended() && second.ended(); }, 40000));
     }
     settle();
-#if defined(__SANITIZE_THREAD__)
-    // ThreadSanitizer itself merges signals that arrive outside of system calls.
-    EXPECT_LT(0, calls);
-#else
     EXPECT_EQ(total, storm.sent());
-    EXPECT_TRUE(support::run_until([&] { return calls == total; })) << calls;
-#endif
+    // ThreadSanitizer itself merges signals that arrive outside of system calls.
+    long const least = has_thread_sanitizer ? 1 : total;
+    EXPECT_TRUE(run_until([&] { return calls >= least; })) << calls;
     HandlerList<int>& list = signal::sigHandler(signo)->handlers();
     list.remove(list.insert([](int) {}));
     EXPECT_EQ(0, Held::living) << "while nobody is inside, a change frees all that is retired";
@@ -329,6 +305,10 @@ TEST(SignalGate, frees_no_function_that_runs_and_makes_up_for_arrivals_that_came
     SignalGate::await(signo);
     auto const arrive = [&] {
         while (!stop) {
+            if (arrivals - calls > 1000) { // or a busy machine could never catch up with those that wait
+                sched_yield();
+                continue;
+            }
             ++arrivals;
             SignalGate::deliver(signo);
         }
@@ -370,10 +350,6 @@ int unload_after_a_jump() {
     return Held::living == 1 && signal::is_default(SIGUSR1) ? 0 : 2;
 }
 
-TEST_F(Signals, a_function_that_is_jumped_out_of_is_neither_freed_nor_waited_for_without_end) {
-    EXPECT_EQ("exit 0", support::describe(support::in_child(unload_after_a_jump)));
-}
-
 volatile pid_t forked = -1;
 
 int change_after_a_fork_in_signal_context() {
@@ -389,8 +365,10 @@ int change_after_a_fork_in_signal_context() {
     _exit(Held::living == 0 ? 0 : 1);
 }
 
-TEST_F(Signals, a_child_that_was_forked_in_signal_context_frees_what_it_gives_up) {
-    EXPECT_EQ("exit 0", support::describe(support::in_child(change_after_a_fork_in_signal_context)));
+TEST_F(Signals,
+       functions_that_are_jumped_out_of_or_fork_are_neither_freed_too_early_nor_waited_for_without_end) {
+    EXPECT_EQ("exit 0", in_child(unload_after_a_jump));
+    EXPECT_EQ("exit 0", in_child(change_after_a_fork_in_signal_context));
 }
 
 TEST_F(Signals, a_member_that_watches_what_arrives_all_the_time_is_served) {
@@ -399,21 +377,21 @@ TEST_F(Signals, a_member_that_watches_what_arrives_all_the_time_is_served) {
     std::atomic<bool> stop(false);
     std::atomic<int> unserved(0);
     {
-        support::Thread const sender([&] {
+        Member const sender([&] {
             while (!stop)
                 raise(signo);
         });
         auto const lane = [&] {
             for (int i = 0; i < 20; ++i)
-                support::Thread([&] {
+                Member([&] {
                     auto const calls = std::make_shared<std::atomic<int>>(0); // outlives a call under way
                     signal::AutoReceptor const mine(signo, [calls](int) { ++*calls; });
-                    if (!support::wait_until([&] { return *calls > 0; }, 5000))
+                    if (!wait_until([&] { return *calls > 0; }, 5000))
                         ++unserved;
                 });
         };
-        support::Thread const first(lane), second(lane);
-        support::run_until([&] { return first.ended() && second.ended(); }, 250000);
+        Member const first(lane), second(lane);
+        run_until([&] { return first.ended() && second.ended(); }, 250000);
         stop = true;
     }
     EXPECT_EQ(0, unserved);
@@ -437,8 +415,8 @@ TEST_F(Signals, members_watch_and_unwatch_while_another_thread_runs_their_loop) 
                 sched_yield();
             }
         };
-        support::Thread const first(churn), second(churn);
-        ASSERT_TRUE(support::run_until([&] { return first.ended() && second.ended(); }, 40000));
+        Member const first(churn), second(churn);
+        ASSERT_TRUE(run_until([&] { return first.ended() && second.ended(); }, 40000));
     }
     settle();
     EXPECT_LT(0, calls);

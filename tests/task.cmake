@@ -1,1 +1,6 @@
-zel_add_test(task_test SOURCES task_test.cpp LIBRARIES zel)
+# Tests of the tasks; included by tests/CMakeLists.txt.
+
+foreach(stem task taskCore)
+    zel_add_test(${stem}_test SOURCES ${stem}_test.cpp support/Support.cpp LIBRARIES zel_static)
+endforeach()
+zel_test_faults(task_test)

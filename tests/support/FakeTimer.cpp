@@ -24,36 +24,35 @@ public:
         }
     }
 
-    void arm(Timer& timer, std::uint64_t deadlineNs) {
-        timer.deadlineNs_ = deadlineNs;
+    void arm(Timer& timer, std::uint64_t deadline_ns) {
+        timer.deadlineNs_ = deadline_ns;
         timer.index_ = ++settings;
         armed.emplace(key(timer), &timer);
     }
 
-    void set(Timer& timer, std::uint64_t delayNs, std::uint64_t periodNs) {
-        std::lock_guard<std::mutex> lock(mutex);
+    void set(Timer& timer, std::uint64_t delay_ns, std::uint64_t period_ns) {
+        std::lock_guard<std::mutex> const guard(mutex);
         disarm(timer);
-        timer.periodNs_ = periodNs;
-        arm(timer, after(delayNs));
+        timer.periodNs_ = period_ns;
+        arm(timer, after(delay_ns));
     }
 
-    std::uint64_t after(std::uint64_t delayNs) const {
+    std::uint64_t after(std::uint64_t delay_ns) const {
         auto const never = std::numeric_limits<std::uint64_t>::max();
-        return delayNs < never - nowNs ? nowNs + delayNs : never;
+        return delay_ns < never - now_ns ? now_ns + delay_ns : never;
     }
 
-    bool fire_one(std::uint64_t untilNs) {
+    bool fire_one(std::uint64_t until_ns) {
         std::unique_lock<std::mutex> lock(mutex);
-        if (armed.empty() || armed.begin()->first.first > untilNs) {
-            nowNs = untilNs;
+        if (armed.empty() || armed.begin()->first.first > until_ns) {
+            now_ns = until_ns;
             return false;
         }
         Timer& timer = *armed.begin()->second;
-        nowNs = timer.deadlineNs_;
+        now_ns = timer.deadlineNs_;
         disarm(timer);
-        if (timer.periodNs_ != 0) {
+        if (timer.periodNs_ != 0)
             arm(timer, after(timer.periodNs_));
-        }
         auto const callback = timer.callback_; // which may destroy its timer
         lock.unlock();
         callback(&timer);
@@ -64,7 +63,7 @@ public:
     std::map<Key, Timer*> armed;
     std::size_t settings = 0;
     std::size_t live = 0;
-    std::uint64_t nowNs = 0;
+    std::uint64_t now_ns = 0;
 };
 
 namespace {
@@ -84,12 +83,12 @@ std::uint64_t ns_of(unsigned long ms) {
 
 Timer::Timer(boost::function<void(Timer*)> callback)
     : callback_(std::move(callback)), deadlineNs_(0), periodNs_(0), index_(0), generation_(0), flags_(0) {
-    std::lock_guard<std::mutex> lock(service().mutex);
+    std::lock_guard<std::mutex> const guard(service().mutex);
     ++service().live;
 }
 
 Timer::~Timer() {
-    std::lock_guard<std::mutex> lock(service().mutex);
+    std::lock_guard<std::mutex> const guard(service().mutex);
     service().disarm(*this);
     --service().live;
 }
@@ -109,14 +108,14 @@ void advance(unsigned long ms) {
     }
 }
 
-std::size_t live() {
-    std::lock_guard<std::mutex> lock(orn::os::service().mutex);
-    return orn::os::service().live;
+long now() {
+    std::lock_guard<std::mutex> const guard(orn::os::service().mutex);
+    return static_cast<long>(orn::os::service().now_ns / 1000000);
 }
 
-std::size_t armed() {
-    std::lock_guard<std::mutex> lock(orn::os::service().mutex);
-    return orn::os::service().armed.size();
+std::size_t live() {
+    std::lock_guard<std::mutex> const guard(orn::os::service().mutex);
+    return orn::os::service().live;
 }
 
 } // namespace fake_timer

@@ -9,12 +9,12 @@
 
 namespace fake_timer {
 
-/// Turns the clock on by ms and fires what falls due on the way, in the order of the deadlines (of equal
-/// ones: the one set first), recurring timers once a period. advance(0) fires what was set with a delay of 0.
+// Turns the clock on by ms and fires what falls due on the way, in the order of the deadlines (of equal ones:
+// the one set first), recurring timers once a period. advance(0) fires what was set with a delay of 0.
 void advance(unsigned long ms);
 
-std::size_t live();  ///< timers that exist
-std::size_t armed(); ///< timers that are waiting for a deadline
+long now();         // ms since the first timer
+std::size_t live(); // timers that exist
 
 } // namespace fake_timer
 

@@ -1,125 +1,53 @@
 // SPDX-License-Identifier: MIT
+//
+// What the tests of the library's loop share; see Support.hpp.
 #include "Support.hpp"
 
-#include <algorithm>
-#include <cctype>
-#include <cerrno>
-#include <chrono>
-#include <cstdlib>
-#include <fstream>
 #include <sstream>
-#include <thread>
-#include <vector>
-
-#include <dirent.h>
-#include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <orn/zel.hpp>
 
 namespace support {
 
-std::string text_of(std::string const& path) {
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
 namespace {
-
-std::set<int> numbers_in(char const* directory) {
-    std::set<int> found;
-    DIR* const dir = ::opendir(directory);
-    while (dirent const* const entry = ::readdir(dir))
-        if (std::isdigit(static_cast<unsigned char>(entry->d_name[0])))
-            found.insert(std::atoi(entry->d_name));
-    found.erase(std::string(directory) == "/proc/self/fd" ? ::dirfd(dir) : -1);
-    ::closedir(dir);
-    return found;
-}
 
 std::map<int, struct sigaction> dispositions() {
     std::map<int, struct sigaction> all;
     for (int signo = 1; signo < NSIG; ++signo) {
         struct sigaction action = {};
-        if (::sigaction(signo, nullptr, &action) == 0)
+        if (sigaction(signo, nullptr, &action) == 0)
             all[signo] = action;
     }
     return all;
 }
 
-} // namespace
-
-int scale() {
-    char const* const text = std::getenv("ZEL_TEST_SCALE");
-    return text && std::atoi(text) > 0 ? std::atoi(text) : 1;
-}
-
-bool wait_until(std::function<bool()> const& condition, int limitMs) {
-    auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs) * scale();
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        ::poll(nullptr, 0, 1);
-    }
-    return true;
-}
-
-bool run_until(std::function<bool()> const& condition, int limitMs) {
-    auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs) * scale();
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        orn::zel::RunOnce(20);
-    }
-    return true;
-}
-
-std::set<int> descriptors() {
-    return numbers_in("/proc/self/fd");
-}
-
-std::set<int> threads() {
-    std::set<int> all = numbers_in("/proc/self/task");
-    for (auto it = all.begin(); it != all.end();) {
-        std::string const name = text_of("/proc/self/task/" + std::to_string(*it) + "/comm");
-        // An empty name: it has ended meanwhile.
-        it = name.empty() || name == "orn-timer\n" ? all.erase(it) : std::next(it);
-    }
+// The timers' service thread, which stays until exit(), is not counted.
+std::set<int> passing_threads() {
+    std::set<int> all;
+    for (auto const& thread : threads())
+        if (thread.second != "orn-timer")
+            all.insert(thread.first);
     return all;
 }
 
-namespace {
+} // namespace
 
-bool sleeping(int tid) {
-    std::string const stat = text_of("/proc/self/task/" + std::to_string(tid) + "/stat");
-    std::string::size_type const name_end = stat.rfind(") ");
-    return name_end != std::string::npos && stat[name_end + 2] == 'S';
+bool run_until(std::function<bool()> const& condition, int limit_ms) {
+    return wait_until(condition, limit_ms, [] { orn::zel::RunOnce(20); });
 }
 
-} // namespace
+bool woken_until(std::function<bool()> const& condition) {
+    while (!condition())
+        if (orn::zel::RunOnce(10000L * scale()) < 1)
+            return false;
+    return true;
+}
 
 bool waits(int tid) {
     // Twice, so that a short sleep on a lock on the way does not count.
     return wait_until([tid] {
-        bool const before = sleeping(tid);
-        ::poll(nullptr, 0, 2);
-        return before && sleeping(tid);
+        bool const before = is_asleep(tid);
+        poll(nullptr, 0, 2);
+        return before && is_asleep(tid);
     });
-}
-
-void put(int fd, std::string const& text) {
-    ASSERT_EQ(static_cast<ssize_t>(text.size()), ::write(fd, text.data(), text.size()));
-}
-
-std::string take(int fd) {
-    std::string all;
-    char buffer[4096];
-    for (ssize_t got; (got = ::read(fd, buffer, sizeof buffer)) > 0;)
-        all.append(buffer, static_cast<std::size_t>(got));
-    return all;
 }
 
 std::string without_tid(std::string const& lines, int tid) {
@@ -135,17 +63,24 @@ std::string without_tid(std::string const& lines, int tid) {
     return all;
 }
 
-// ---- Thread
+orn::zel::task::Body once(int& slices) {
+    return [&slices](orn::zel::task::Controller* self) {
+        ++slices;
+        self->Complete();
+    };
+}
 
-Thread::Thread(std::function<void()> body) : body_(std::move(body)) {
+// ---- Member
+
+Member::Member(std::function<void()> body) : body_(std::move(body)) {
     if (o_pthread_create(&handle_, nullptr, start, this) != 0)
         std::abort();
     while (tid_ == 0)
-        ::poll(nullptr, 0, 1);
+        poll(nullptr, 0, 1);
 }
 
-void* Thread::start(void* self) {
-    Thread& thread = *static_cast<Thread*>(self);
+void* Member::start(void* self) {
+    Member& thread = *static_cast<Member*>(self);
     struct Ended {
         std::atomic<bool>& flag;
         ~Ended() { flag = true; }
@@ -155,7 +90,7 @@ void* Thread::start(void* self) {
     return nullptr;
 }
 
-bool Thread::join() {
+bool Member::join() {
     if (!joined_) {
         void* result = nullptr;
         o_pthread_join(handle_, &result);
@@ -165,40 +100,24 @@ bool Thread::join() {
     return cancelled_;
 }
 
-// ---- Processes
-
-int wait_for(pid_t child, int limitMs) {
-    int status = -1;
-    if (!wait_until([&] { return ::waitpid(child, &status, WNOHANG) == child; }, limitMs)) {
-        ::kill(child, SIGKILL);
-        ::waitpid(child, &status, 0);
-    }
-    return status;
-}
-
-int in_child(std::function<int()> const& body, int limitMs) {
-    pid_t const child = ::fork();
-    if (child == 0)
-        ::_exit(body());
-    return wait_for(child, limitMs);
-}
-
-std::string describe(int status) {
-    if (WIFEXITED(status))
-        return "exit " + std::to_string(WEXITSTATUS(status));
-    return WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status)) : "status";
-}
-
 // ---- Loop
+
+WatchedPipe::WatchedPipe(std::function<void()> const& handler)
+    : Pipe(false), receptor_(ReadFD(), [this, handler](orn::zel::fd::Event* event) {
+          seen += take(event->fd());
+          ++calls;
+          handler();
+      }) {}
 
 Loop::Loop() {
     std::thread([] {}).join(); // a sanitizer starts a thread of its own with the first one
     descriptors_ = descriptors();
-    threads_ = threads();
+    threads_ = passing_threads();
     dispositions_ = dispositions();
     orn::zel::thread::zel_thread_load();
     orn::zel::signal::zel_signal_load();
     orn::zel::alarm::zel_alarm_load();
+    orn::zel::task::zel_task_load();
 }
 
 void Loop::settle() {
@@ -214,6 +133,9 @@ void Loop::settle_all() {
 Loop::~Loop() {
     orn::zel::thread::UnmonitorThread("", -1); // else the lines go to whatever has the number next
     orn::zel::thread::UnmonitorPoll("", -1);
+    orn::zel::alarm::Unmonitor("", -1);
+    orn::zel::task::Unmonitor("", -1);
+    orn::zel::task::zel_task_unload();
     orn::zel::alarm::zel_alarm_unload();
     orn::zel::signal::zel_signal_unload();
     orn::zel::thread::zel_thread_unload();
@@ -221,9 +143,9 @@ Loop::~Loop() {
     EXPECT_EQ(descriptors_, descriptors());
     // A thread that has been joined may be listed for a moment longer: after the test, and before it, too.
     EXPECT_TRUE(wait_until([this] {
-        std::set<int> const left = threads();
+        std::set<int> const left = passing_threads();
         return std::includes(threads_.begin(), threads_.end(), left.begin(), left.end());
-    })) << threads().size()
+    })) << passing_threads().size()
         << " threads";
     for (auto const& item : dispositions()) {
         EXPECT_EQ(dispositions_[item.first].sa_handler, item.second.sa_handler) << "signal " << item.first;

@@ -1,58 +1,79 @@
 // SPDX-License-Identifier: MIT
 //
-// What the tests of the library share: a fixture that shows that nothing is left behind, pipes, threads of
-// the library's own kind, child processes, and waiting with a deadline.
+// What the tests of the library's loop share: a fixture that shows that nothing is left behind, threads of
+// the library's own kind, and waiting that turns the loop. Includes what nearly all of them use. Common.hpp
+// has what needs no loop.
 #ifndef TESTS_SUPPORT_SUPPORT_HPP
 #define TESTS_SUPPORT_SUPPORT_HPP
 
+#include <algorithm>
 #include <atomic>
-#include <functional>
-#include <map>
-#include <set>
-#include <string>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <thread>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
-#include <sys/types.h>
 
+#include <boost/make_shared.hpp>
+#include <boost/weak_ptr.hpp>
 #include <gtest/gtest.h>
 #include <orn/os/Pipe.hpp>
 #include <orn/os/o_pthread.h>
+#include <orn/zel.hpp>
+
+#include "Common.hpp"
 
 namespace support {
 
-/// ZEL_TEST_SCALE, 1 when it is not set.
-int scale();
+// As wait_until(), turning the calling thread's loop meanwhile.
+bool run_until(std::function<bool()> const& condition, int limit_ms = 10000);
 
-/// Whether the condition came true before the deadline, which is scaled.
-bool wait_until(std::function<bool()> const& condition, int limitMs = 10000);
+// Turns the loop until the condition holds. False when a turn finds nothing to do for 10 s, scaled: what the
+// condition waits for was to wake the loop.
+bool woken_until(std::function<bool()> const& condition);
 
-/// The same, turning the calling thread's loop meanwhile.
-bool run_until(std::function<bool()> const& condition, int limitMs = 10000);
+// True once the thread is in a system call that waits; false after 10 s, scaled.
+bool waits(int tid);
 
-std::set<int> descriptors();
-std::set<int> threads(); ///< the timers' service thread, which stays until exit(), is not counted
-bool waits(int tid);     ///< true once the thread is in a system call that waits; false after 10 s, scaled
-
-std::string text_of(std::string const& path);
-void put(int fd, std::string const& text); ///< writes it whole, or fails the test
-std::string take(int fd);                  ///< everything that a non-blocking descriptor has to offer
-
-/// Without the "tid=<n> " at the beginning of each line, whose number is checked to be the caller's thread.
+// Without the "tid=<n> " at the beginning of each line, whose number is checked to be the caller's thread.
 std::string without_tid(std::string const& lines, int tid = o_pthread_self());
 
-/// Made by o_pthread_create, so a member of its creator's group; joined by the destructor.
-class Thread {
-public:
-    explicit Thread(std::function<void()> body);
-    ~Thread() { join(); }
-    Thread(Thread const&) = delete;
-    Thread& operator=(Thread const&) = delete;
+// What the call throws says: what() and, where there are any, the details behind it; "accepted" when it
+// throws nothing. Of Exception, orn::zel::Exception unless given.
+template <class Exception = orn::zel::Exception, class Call>
+std::string refusal(Call const& call) {
+    try {
+        call();
+    } catch (Exception const& refused) {
+        return refused.what() + std::string(refused.details());
+    }
+    return "accepted";
+}
 
-    int tid() const { return tid_; } ///< known once the constructor is done
+// Bodies of tasks that complete in their first slice; once() counts it.
+inline void complete(orn::zel::task::Controller* self) {
+    self->Complete();
+}
+orn::zel::task::Body once(int& slices);
+
+// A thread that is made by o_pthread_create(), and so a member of its creator's group. The destructor joins
+// it.
+class Member {
+public:
+    explicit Member(std::function<void()> body);
+    ~Member() { join(); }
+    Member(Member const&) = delete;
+    Member& operator=(Member const&) = delete;
+
+    int tid() const { return tid_; } // known once the constructor is done
     bool ended() const { return ended_; }
     bool waits() const { return support::waits(tid_); }
     void cancel() { o_pthread_cancel(handle_); }
-    bool join(); ///< true when it was cancelled
+    bool join(); // true when it was cancelled
 
 private:
     static void* start(void* self);
@@ -65,22 +86,28 @@ private:
     o_pthread_t handle_{};
 };
 
-/// Runs the function in a forked process, which then ends with its result. Its wait status; a process that
-/// has not ended after limitMs, scaled, is killed.
-int in_child(std::function<int()> const& body, int limitMs = 20000);
-int wait_for(pid_t child, int limitMs);
-std::string describe(int status);
+// A pipe that the loop of its maker watches. The handler is called when what was fed has been taken.
+class WatchedPipe : public orn::os::Pipe {
+public:
+    explicit WatchedPipe(std::function<void()> const& handler = [] {});
+    void feed(std::string const& text = "x") const { put(WriteFD(), text); }
 
-/// Brings threads, signals and alarms up before the test and takes them down after it, when the members of
-/// derived fixtures are gone, and shows that the descriptors, the threads and the dispositions of signals are
-/// then as they were.
+    std::atomic<int> calls{0};
+    std::string seen; // all that was fed and taken
+
+private:
+    orn::zel::fd::AutoReceptor receptor_;
+};
+
+// Brings the library up before the test, and takes it down when the members of derived fixtures are gone.
+// Then it shows that the descriptors, the threads and the dispositions of signals are as they were.
 class Loop : public ::testing::Test {
 protected:
     Loop();
     ~Loop() override;
 
-    static void settle();     ///< turns until there is nothing left to do; five turns at most
-    static void settle_all(); ///< the same, however many turns that takes
+    static void settle();     // turns until there is nothing left to do; five turns at most
+    static void settle_all(); // the same, however many turns that takes
 
 private:
     std::set<int> descriptors_;

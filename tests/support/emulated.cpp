@@ -53,7 +53,7 @@ char const* const cancelled = "qemu-ppc: a thread that is cancelled in a system 
 
 Fault const faults[] = {
     {"Fork.a_daemon_that_brings_the_library_up_anew_is_steered_under_its_own_id", forked},
-    {"TimerClock.AChildOfForkHasItsOwnServiceAndNoneOfItsParentsTimers", forked},
+    {"TimerThread.is_anew_in_a_child_of_fork_without_the_timers_of_the_parent", forked},
     {"PlatformMsg.WhatIsNoMessageIsDroppedWholeAndTheNextOneIsServed", received},
     {"PlatformMsg.RandomPacketsNeitherLeakNorStopTheQueue", received},
     {"Places/ExitFrom.*", taken_away},
@@ -61,9 +61,9 @@ Fault const faults[] = {
     {"Zelctl.reports_at_once_that_the_process_has_ended", hidden},
 #if defined(__powerpc__)
     {"Cancel.*", cancelled},
-    {"ThreadObjectCancellation.*", cancelled},
-    {"ThreadObjectEnd.DestructorStopsAndJoins", cancelled},
-    {"ThreadObjectHooks.CarryEveryThreadOperation", cancelled},
+    {"Threads.are_cancelled_*", cancelled},
+    {"Threads.that_are_cancelled_as_creators_wait_for_the_constructor", cancelled},
+    {"Threads.use_the_hosts_functions_for_every_operation", cancelled},
     {"PlatformMsg.AStoppedReceiverHoldsSendersForAboutASecond", cancelled},
 #endif
 };

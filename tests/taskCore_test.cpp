@@ -1,0 +1,303 @@
+// SPDX-License-Identifier: MIT
+//
+// Tasks whose slices run nested loops, and the objects of tasks that are over: neither may pile up.
+#include <new>
+
+#include "support/Support.hpp"
+
+using namespace orn::zel;
+using namespace support;
+using task::Controller;
+
+// ---- What the heap holds, so that "flat" is a number
+
+namespace {
+
+std::atomic<long> allocations(0);
+std::atomic<long> live(0);
+
+} // namespace
+
+void* operator new(std::size_t size) {
+    void* const memory = std::malloc(size ? size : 1);
+    if (!memory)
+        throw std::bad_alloc();
+    ++allocations;
+    ++live;
+    return memory;
+}
+
+void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
+    try {
+        return operator new(size);
+    } catch (std::bad_alloc const&) {
+        return nullptr;
+    }
+}
+
+void operator delete(void* memory) noexcept {
+    if (memory)
+        --live;
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+    operator delete(memory);
+}
+
+namespace {
+
+class Tasks : public Loop {
+protected:
+    Tasks() {
+        task::manager();
+        settle_all();
+    }
+
+    // Calls the function in a slice under so many others, each of which waits for the one it has started.
+    void nest(int depth, std::function<void()> const& function) {
+        RunTask([this, depth, function](Controller* self) {
+            self->Complete();
+            if (depth == 0) {
+                function();
+                reached = true;
+            } else {
+                nest(depth - 1, function);
+            }
+            ASSERT_TRUE(woken_until([this] { return reached; }));
+        });
+    }
+
+    bool reached = false;
+};
+
+// ---- Nested loops
+
+TEST_F(Tasks, may_wait_in_a_slice_for_a_task_of_their_own_turn) {
+    std::string order;
+    RunTask([&](Controller* self) {
+        self->Complete();
+        EXPECT_TRUE(woken_until([&] { return order.size() == 2; }));
+        order += 'a';
+    });
+    for (char const name : {'b', 'c'}) {
+        RunTask([&order, name](Controller* self) {
+            order += name;
+            self->Complete();
+        });
+    }
+    EXPECT_EQ(1, RunOnce(0));
+    EXPECT_EQ("bca", order);
+    EXPECT_EQ(0, RunOnce(0)) << "what woke the nested loop has gone";
+}
+
+// Each but the last would otherwise be one level more on the stack, and the loop ends the process at a
+// hundred.
+TEST_F(Tasks, that_each_run_a_nested_turn_share_one_turn_without_piling_up) {
+    int const count = 150;
+    std::vector<std::unique_ptr<Task>> tasks;
+    int depth = 0;
+    int deepest = 0;
+    int slices = 0;
+    for (int i = 0; i < count; ++i) {
+        tasks.emplace_back(new Task([&](Controller*) {
+            ++slices;
+            deepest = std::max(deepest, ++depth);
+            RunOnce(0);
+            --depth;
+        }));
+        tasks.back()->Run();
+    }
+    for (int turn = 1; turn <= 20; ++turn) {
+        EXPECT_EQ(1, RunOnce(0));
+        EXPECT_EQ(turn * count, slices);
+    }
+    EXPECT_GT(deepest, 20);
+    EXPECT_LT(deepest, 50);
+}
+
+// The bound on nested slices counts the loop's levels, whosever tasks they are.
+TEST_F(Tasks, of_several_members_that_each_run_a_nested_turn_share_one_turn) {
+    int const members = 4;
+    int const count = 40;
+    std::atomic<int> slices(0);
+    Count ready;
+    Count over;
+    std::vector<std::unique_ptr<Member>> threads;
+    for (int i = 0; i < members; ++i) {
+        threads.emplace_back(new Member([&] {
+            std::vector<std::unique_ptr<Task>> tasks;
+            for (int j = 0; j < count; ++j) {
+                tasks.emplace_back(new Task([&slices](Controller* self) {
+                    ++slices;
+                    RunOnce(0);
+                    self->Sleep();
+                }));
+                tasks.back()->Run();
+            }
+            ready.up();
+            over.reaches(1);
+        }));
+    }
+    ASSERT_TRUE(ready.reaches(members));
+    settle_all();
+    over.up();
+    EXPECT_EQ(members * count, slices);
+    threads.clear();
+}
+
+TEST_F(Tasks, nested_deepest_may_wait_for_what_they_start_and_those_above_for_their_turn) {
+    int waiting = 0;
+    int helped = 0;
+    int last = 0;
+    for (int i = 0; i < 90; ++i) {
+        RunTask([&, i](Controller* self) {
+            self->Complete();
+            bool done = false;
+            int slices = 0;
+            ++waiting;
+            RunTask([&](Controller* helper) {
+                if (++slices < 3)
+                    return;
+                helper->Complete();
+                done = true;
+                ++helped;
+            });
+            ASSERT_TRUE(woken_until([&] { return done && (i >= 20 || last == 1); }));
+        });
+    }
+    RunTask(once(last));
+    ASSERT_TRUE(woken_until([&] { return last == 1 && helped == 90; }));
+    EXPECT_EQ(90, waiting);
+    EXPECT_EQ(0, RunOnce(0));
+}
+
+TEST_F(Tasks, survive_an_exception_of_the_nested_loop) {
+    for (int const depth : {0, 30, 31, 32, 60}) {
+        SCOPED_TRACE(depth);
+        reached = false;
+        int others = 0;
+        nest(depth, [&] {
+            RunTask([](Controller* self) {
+                self->Complete();
+                throw std::runtime_error("body");
+            });
+            for (int i = 0; i < 2; ++i)
+                RunTask(once(others));
+            EXPECT_THROW(RunOnce(0), std::runtime_error);
+            EXPECT_TRUE(woken_until([&] { return others == 2; }));
+        });
+        EXPECT_EQ(1, RunOnce(0));
+        EXPECT_EQ(2, others);
+        EXPECT_EQ(0, RunOnce(0));
+    }
+}
+
+// ---- Memory
+
+TEST_F(Tasks, have_a_controller_that_is_nobody_elses_while_they_are_on_the_stack) {
+    int ended = 0;
+    int outer = 0;
+    RunTask([&](Controller* self) {
+        ++outer;
+        self->Complete();
+        for (int i = 0; i < 10000; ++i) {
+            RunTask([&, self](Controller* other) {
+                EXPECT_NE(self, other);
+                ++ended;
+                other->Complete();
+            });
+            if (i % 10 == 0)
+                settle_all();
+        }
+        settle_all();
+        self->Continue();
+    });
+    settle_all();
+    EXPECT_EQ(10000, ended);
+    EXPECT_EQ(1, outer);
+}
+
+TEST_F(Tasks, that_are_over_are_steered_in_vain_while_a_thousand_others_end) {
+    Controller* stale = nullptr;
+    RunTask([&](Controller* self) { (stale = self)->Complete(); });
+    settle_all();
+    int slices = 0;
+    for (int i = 0; i < 1024; ++i) {
+        Task task([&](Controller* self) {
+            EXPECT_NE(stale, self);
+            ++slices;
+        });
+        task.Run();
+        EXPECT_EQ(1, RunOnce(0));
+        stale->Continue();
+        stale->Sleep();
+        stale->Complete();
+    }
+    EXPECT_EQ(1024, slices);
+}
+
+TEST_F(Tasks, allocate_nothing_in_slices_and_use_the_memory_of_those_that_are_over) {
+    {
+        std::vector<std::unique_ptr<Task>> tasks;
+        long slices = 0;
+        auto const run = [&](long until) {
+            while (slices < until)
+                RunOnce(0);
+        };
+        for (int i = 0; i < 100; ++i) {
+            tasks.emplace_back(new Task([&slices](Controller*) { ++slices; }));
+            tasks.back()->Run();
+        }
+        run(1000);
+        long const before = allocations;
+        run(200000);
+        EXPECT_EQ(before, allocations);
+    }
+    auto const run = [](int count) {
+        for (int i = 0; i < count; ++i) {
+            Task cancelled(complete);
+            cancelled.Run();
+            RunTask(complete, [] {});
+            RunOnce(0);
+        }
+    };
+    run(3000);
+    long const before = live;
+    run(30000);
+    EXPECT_EQ(before, live);
+}
+
+TEST_F(Tasks, are_steered_by_stale_controllers_at_every_end_and_every_reuse) {
+    int const window = 64;
+    std::atomic<Controller*> seen[window] = {};
+    std::atomic<bool> over(false);
+    auto const steer = [&] {
+        while (!over)
+            for (auto& slot : seen)
+                if (Controller* const controller = slot) {
+                    controller->Continue();
+                    controller->Sleep();
+                    controller->Continue();
+                }
+    };
+    std::thread first(steer);
+    std::thread second(steer);
+    int done = 0;
+    for (int i = 0; i < 5000; ++i) {
+        Task task([&, i](Controller* self) {
+            seen[i % window] = self;
+            if (i % 3 == 0)
+                self->Complete();
+        });
+        task.NotifyWhenComplete([&] { ++done; }).Run();
+        RunOnce(0);
+    }
+    over = true;
+    first.join();
+    second.join();
+    EXPECT_GT(done, 0);
+    settle_all();
+}
+
+} // namespace
