@@ -22,16 +22,15 @@ class Mapping {
 public:
     // From the constructor of a static object. False when that has run before: a thread that is in dlopen()
     // while another one is in exit() has the loader run constructors again.
-    bool begin(char const* exportedName) {
-        if (begun_.exchange(true)) {
+    bool begin(char const* exported_name) {
+        if (begun_.exchange(true))
             return false;
-        }
-        withProgram_ = came_with_program(exportedName);
+        with_program_ = came_with_program(exported_name);
         return true;
     }
 
     // From a function with __attribute__((destructor)).
-    void destructor_function() { unmapped_ = !withProgram_; }
+    void destructor_function() { unmapped_ = !with_program_; }
 
     // From the destructor of a static object: in dlclose(), after which this code is gone.
     bool unmapped() const { return unmapped_; }
@@ -39,22 +38,21 @@ public:
 private:
     // A library that is being opened is not yet among those that the program's handle finds, also with
     // RTLD_GLOBAL; one that is preloaded is. Another library may have a function of the same name.
-    bool came_with_program(char const* exportedName) const {
-        void* const program = ::dlopen(nullptr, RTLD_LAZY);
-        if (program == nullptr) {
+    bool came_with_program(char const* exported_name) const {
+        void* const program = dlopen(nullptr, RTLD_LAZY);
+        if (program == nullptr)
             return false;
-        }
-        void* const found = ::dlsym(program, exportedName);
-        ::dlclose(program);
-        ::dlerror(); // not finding it is no error that our opener should see
+        void* const found = dlsym(program, exported_name);
+        dlclose(program);
+        dlerror(); // not finding it is no error that our opener should see
         Dl_info theirs = {};
         Dl_info ours = {};
-        return found != nullptr && ::dladdr(found, &theirs) != 0 && ::dladdr(this, &ours) != 0 &&
+        return found != nullptr && dladdr(found, &theirs) != 0 && dladdr(this, &ours) != 0 &&
                theirs.dli_fbase == ours.dli_fbase;
     }
 
     std::atomic<bool> begun_{false};
-    std::atomic<bool> withProgram_{false};
+    std::atomic<bool> with_program_{false};
     std::atomic<bool> unmapped_{false};
 };
 

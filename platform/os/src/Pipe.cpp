@@ -15,29 +15,27 @@ namespace {
 // A program that was started without standard descriptors must not find a pipe under their numbers: it would
 // read from the library's own pipes, or print into them.
 int above_standard(int fd) {
-    if (fd > STDERR_FILENO) {
+    if (fd > STDERR_FILENO)
         return fd;
-    }
-    int const moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    int const moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     int const error = errno;
-    ::close(fd);
+    close(fd);
     errno = error;
     return moved;
 }
 
 } // namespace
 
-Pipe::Pipe(bool blocking) : readFd_(-1), writeFd_(-1) {
+Pipe::Pipe(bool blocking) : read_fd_(-1), write_fd_(-1) {
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC | (blocking ? 0 : O_NONBLOCK)) != 0) {
+    if (pipe2(ends, O_CLOEXEC | (blocking ? 0 : O_NONBLOCK)) != 0)
         throw std::system_error(errno, std::generic_category(), "pipe");
-    }
-    readFd_ = above_standard(ends[0]);
-    writeFd_ = above_standard(ends[1]);
-    if (readFd_ == -1 || writeFd_ == -1) {
+    read_fd_ = above_standard(ends[0]);
+    write_fd_ = above_standard(ends[1]);
+    if (read_fd_ == -1 || write_fd_ == -1) {
         int const error = errno;
-        ::close(readFd_);
-        ::close(writeFd_);
+        close(read_fd_);
+        close(write_fd_);
         throw std::system_error(error, std::generic_category(), "pipe");
     }
 }
@@ -45,10 +43,10 @@ Pipe::Pipe(bool blocking) : readFd_(-1), writeFd_(-1) {
 Pipe::~Pipe() {
     // close() is a cancellation point, and a destructor cannot let the unwinding of a cancelled thread out.
     int state = 0;
-    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-    ::close(readFd_);
-    ::close(writeFd_);
-    ::pthread_setcancelstate(state, nullptr);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    close(read_fd_);
+    close(write_fd_);
+    pthread_setcancelstate(state, nullptr);
 }
 
 } // namespace orn::os

@@ -25,22 +25,21 @@ void* run(void* argument) {
 Thread::Thread(boost::function<void()> body) : handle_() {
     auto owned = std::make_unique<Body>(std::move(body));
     int const error = o_pthread_create(&handle_, nullptr, run, owned.get());
-    if (error != 0) {
+    if (error != 0)
         throw std::system_error(error, std::generic_category(), "thread");
-    }
     owned.release();
 }
 
 Thread::~Thread() {
-    if (::pthread_equal(handle_, ::pthread_self()) != 0) {
+    if (pthread_equal(handle_, pthread_self()) != 0) {
         o_pthread_detach(handle_);
         return;
     }
     // Joining is a cancellation point, and a destructor cannot let the unwinding of a cancelled thread out.
     int state = 0;
-    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
     o_pthread_join(handle_, nullptr);
-    ::pthread_setcancelstate(state, nullptr);
+    pthread_setcancelstate(state, nullptr);
 }
 
 } // namespace orn::os

@@ -40,21 +40,21 @@
 
 namespace {
 
-constexpr char addressPrefix[] = "orn.msg.";
-constexpr std::int64_t sendLimitMs = 1000;
+constexpr char address_prefix[] = "orn.msg.";
+constexpr std::int64_t send_limit_ms = 1000;
 // While others are let in. Were it for ever, a flood would hold the caller's loop for ever.
-constexpr std::int64_t crowdedLimitMs = 10000;
-constexpr long acceptPauseMs = 100;
+constexpr std::int64_t crowded_limit_ms = 10000;
+constexpr long accept_pause_ms = 100;
 // What a stopped receiver lets pile up: kernel memory that any local user can fill.
 constexpr int backlog = 64;
-constexpr std::size_t pendingLimit = 32;
+constexpr std::size_t pending_limit = 32;
 // Connections looked at by one call: a flood of useless ones must not keep the caller's loop from turning.
 // Strangers are dropped in a row, since they must not come faster than they go, but no more than take some
 // milliseconds.
-constexpr int connectionsPerCall = 64;
-constexpr int strangersPerCall = 1024;
+constexpr int connections_per_call = 64;
+constexpr int strangers_per_call = 1024;
 // From here on it is worth asking for the room, which a small device's default may not have.
-constexpr ssize_t largeSize = 64 * 1024;
+constexpr ssize_t large_size = 64 * 1024;
 
 struct WireHeader {
     std::uint32_t magic;
@@ -67,16 +67,16 @@ struct WireHeader {
 // Both sides are of one machine, but not always of one word size.
 static_assert(sizeof(WireHeader) == 28, "no padding");
 
-constexpr std::uint32_t wireMagic = 0x6f6d7367;
-constexpr std::uint16_t wireVersion = 1;
-constexpr unsigned ownedFd = 1u << O_MSG_MAX_PARTS; // in o_msg_t::owned, above the bits of the parts
+constexpr std::uint32_t wire_magic = 0x6f6d7367;
+constexpr std::uint16_t wire_version = 1;
+constexpr unsigned owned_fd = 1u << O_MSG_MAX_PARTS; // in o_msg_t::owned, above the bits of the parts
 
 // ---------------------------------------------------------------- descriptors
 
 class CancelDisabled {
 public:
-    CancelDisabled() { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~CancelDisabled() { ::pthread_setcancelstate(before_, nullptr); }
+    CancelDisabled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    ~CancelDisabled() { pthread_setcancelstate(before_, nullptr); }
     CancelDisabled(CancelDisabled const&) = delete;
     CancelDisabled& operator=(CancelDisabled const&) = delete;
 
@@ -110,7 +110,7 @@ public:
         if (old >= 0) {
             CancelDisabled uncancelled;
             int const error = errno;
-            ::close(old);
+            close(old);
             errno = error;
         }
     }
@@ -122,9 +122,8 @@ private:
 template <typename Call>
 auto unless_interrupted(Call call) {
     auto result = call();
-    while (result < 0 && errno == EINTR) {
+    while (result < 0 && errno == EINTR)
         result = call();
-    }
     return result;
 }
 
@@ -140,7 +139,7 @@ bool make_address(char const* name, Address& address) {
         errno = EINVAL;
         return false;
     }
-    std::size_t const prefix = sizeof addressPrefix - 1;
+    std::size_t const prefix = sizeof address_prefix - 1;
     std::size_t const length = std::strlen(name);
     address.name = {};
     if (length > sizeof address.name.sun_path - 1 - prefix) {
@@ -149,7 +148,7 @@ bool make_address(char const* name, Address& address) {
     }
     address.name.sun_family = AF_UNIX;
     // The leading NUL byte stays: the abstract namespace.
-    std::memcpy(address.name.sun_path + 1, addressPrefix, prefix);
+    std::memcpy(address.name.sun_path + 1, address_prefix, prefix);
     std::memcpy(address.name.sun_path + 1 + prefix, name, length);
     address.size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + prefix + length);
     return true;
@@ -162,14 +161,12 @@ sockaddr const* generic(Address const& address) {
 // The number after the name's last dot. One too large for any process stays too large.
 std::optional<std::int64_t> process_asked_for(char const* name) {
     char const* digit = std::strrchr(name, '.');
-    if (digit == nullptr || *++digit == '\0') {
+    if (digit == nullptr || *++digit == '\0')
         return std::nullopt;
-    }
     std::int64_t number = 0;
     for (; *digit != '\0'; ++digit) {
-        if (*digit < '0' || *digit > '9') {
+        if (*digit < '0' || *digit > '9')
             return std::nullopt;
-        }
         number = number > INT32_MAX ? number : number * 10 + (*digit - '0');
     }
     return number;
@@ -178,9 +175,8 @@ std::optional<std::int64_t> process_asked_for(char const* name) {
 std::optional<ucred> peer_of(int connection) {
     ucred peer{};
     socklen_t size = sizeof peer;
-    if (::getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+    if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
         return std::nullopt;
-    }
     return peer;
 }
 
@@ -188,17 +184,15 @@ std::optional<ucred> peer_of(int connection) {
 bool runs_as(pid_t process, uid_t user) {
     char path[32];
     std::snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(process));
-    Descriptor const status(::open(path, O_RDONLY | O_CLOEXEC));
+    Descriptor const status(open(path, O_RDONLY | O_CLOEXEC));
     char text[1024]; // the line is among the first ten
-    ssize_t const size = unless_interrupted([&] { return ::read(status.get(), text, sizeof text - 1); });
-    if (size < 0) {
+    ssize_t const size = unless_interrupted([&] { return read(status.get(), text, sizeof text - 1); });
+    if (size < 0)
         return false;
-    }
     text[size] = '\0';
     char* at = std::strstr(text, "\nUid:\t"); // real, effective, ...
-    if (at == nullptr) {
+    if (at == nullptr)
         return false;
-    }
     std::strtoul(at + std::strlen("\nUid:\t"), &at, 10);
     return std::strtoul(at, nullptr, 10) == user;
 }
@@ -207,7 +201,7 @@ bool runs_as(pid_t process, uid_t user) {
 // with capabilities of its file's, one that has changed its user, or keeps others from looking into it. That
 // user may not trace it, and must not steer it in any other way.
 bool has_borrowed_rights() {
-    return ::getauxval(AT_SECURE) != 0 || ::prctl(PR_GET_DUMPABLE) != 1;
+    return getauxval(AT_SECURE) != 0 || prctl(PR_GET_DUMPABLE) != 1;
 }
 
 // The kernel's word for who made the queue, which is not always who is meant: abstract names are anybody's to
@@ -215,39 +209,37 @@ bool has_borrowed_rights() {
 // that has ended and the id has gone to another.
 bool is_meant(int connection, char const* name) {
     auto const owner = peer_of(connection);
-    if (!owner) {
+    if (!owner)
         return false;
-    }
     auto const process = process_asked_for(name);
     bool const found = process && *process > 0 && *process == owner->pid;
-    uid_t const self = ::geteuid();
+    uid_t const self = geteuid();
     bool const trusted =
         owner->uid == 0 || (!has_borrowed_rights() &&
                             (owner->uid == self || (self == 0 && found && runs_as(owner->pid, owner->uid))));
-    if (trusted && (found || !process)) {
+    if (trusted && (found || !process))
         return true;
-    }
     errno = EACCES;
     return false;
 }
 
 bool may_send_here(int connection) {
     auto const sender = peer_of(connection);
-    return sender && (sender->uid == 0 || (sender->uid == ::geteuid() && !has_borrowed_rights()));
+    return sender && (sender->uid == 0 || (sender->uid == geteuid() && !has_borrowed_rights()));
 }
 
 // ---------------------------------------------------------------- sending
 
 std::int64_t now_us() {
     timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<std::int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
 }
 
 // How often the calling thread has gone to sleep.
 long sleeps_so_far() {
     rusage usage{};
-    ::getrusage(RUSAGE_THREAD, &usage);
+    getrusage(RUSAGE_THREAD, &usage);
     return usage.ru_nvcsw;
 }
 
@@ -256,14 +248,12 @@ long sleeps_so_far() {
 // each, and sends it back to sleep when the place has gone.
 bool connect_in_time(int socket, Address const& address) {
     // The socket does not block at first: mostly there is room, and nothing has to be waited for or measured.
-    if (::connect(socket, generic(address), address.size) == 0) {
+    if (connect(socket, generic(address), address.size) == 0)
         return true;
-    }
-    if (errno != EAGAIN || ::fcntl(socket, F_SETFL, 0) != 0) {
+    if (errno != EAGAIN || fcntl(socket, F_SETFL, 0) != 0)
         return false;
-    }
-    std::int64_t const last = now_us() + crowdedLimitMs * 1000;
-    std::int64_t end = now_us() + sendLimitMs * 1000;
+    std::int64_t const last = now_us() + crowded_limit_ms * 1000;
+    std::int64_t end = now_us() + send_limit_ms * 1000;
     for (;;) {
         std::int64_t const now = now_us();
         std::int64_t const left = std::min(end, last) - now;
@@ -274,30 +264,26 @@ bool connect_in_time(int socket, Address const& address) {
         timeval limit{};
         limit.tv_sec = static_cast<time_t>(left / 1000000);
         limit.tv_usec = static_cast<suseconds_t>(left % 1000000);
-        if (::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
+        if (setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0)
             return false;
-        }
         long const sleeps = sleeps_so_far();
-        if (::connect(socket, generic(address), address.size) == 0) {
+        if (connect(socket, generic(address), address.size) == 0)
             return true;
-        }
-        if (errno != EINTR && errno != EAGAIN) {
+        if (errno != EINTR && errno != EAGAIN)
             return false;
-        }
-        if (sleeps_so_far() > sleeps + 1) { // one is the wait itself
-            end = now_us() + sendLimitMs * 1000;
-        }
+        if (sleeps_so_far() > sleeps + 1) // one is the wait itself
+            end = now_us() + send_limit_ms * 1000;
     }
 }
 
 bool send_packet(int socket, o_msg_t const& message, ssize_t size) {
-    if (size > largeSize) {
+    if (size > large_size) {
         int const room = 2 * O_MSG_MAX_SIZE;
-        ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &room, sizeof room); // if it is refused, sending tells
+        setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &room, sizeof room); // if it is refused, sending tells
     }
     WireHeader header{};
-    header.magic = wireMagic;
-    header.version = wireVersion;
+    header.magic = wire_magic;
+    header.version = wire_version;
     header.parts = static_cast<std::uint8_t>(message.count);
     header.descriptors = message.fd > 0 ? 1 : 0;
     header.type = message.type;
@@ -319,7 +305,7 @@ bool send_packet(int socket, o_msg_t const& message, ssize_t size) {
         rights->cmsg_len = CMSG_LEN(sizeof(int));
         std::memcpy(CMSG_DATA(rights), &message.fd, sizeof(int));
     }
-    return unless_interrupted([&] { return ::sendmsg(socket, &packet, MSG_NOSIGNAL); }) >= 0;
+    return unless_interrupted([&] { return sendmsg(socket, &packet, MSG_NOSIGNAL); }) >= 0;
 }
 
 // ---------------------------------------------------------------- receiving
@@ -328,16 +314,15 @@ struct Free {
     void operator()(void* memory) const { std::free(memory); }
 };
 
-enum class Outcome { nothingYet, dropped, outOfMemory, received };
+enum class Outcome { nothing_yet, dropped, out_of_memory, received };
 
 // Everything that came along is closed unless it is the one descriptor that is allowed. More than one may
 // arrive: the room for one has padding that the kernel uses.
 unsigned take_descriptors(msghdr& packet, Descriptor& first) {
     unsigned count = 0;
     for (cmsghdr* item = CMSG_FIRSTHDR(&packet); item != nullptr; item = CMSG_NXTHDR(&packet, item)) {
-        if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_RIGHTS) {
+        if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_RIGHTS)
             continue;
-        }
         for (std::size_t at = 0; CMSG_LEN(at + sizeof(int)) <= item->cmsg_len; at += sizeof(int)) {
             int fd = -1;
             std::memcpy(&fd, CMSG_DATA(item) + at, sizeof fd);
@@ -348,27 +333,24 @@ unsigned take_descriptors(msghdr& packet, Descriptor& first) {
     return count;
 }
 
-bool adds_up(WireHeader const& header, std::size_t dataSize, unsigned descriptors) {
-    if (header.magic != wireMagic || header.version != wireVersion || header.parts > O_MSG_MAX_PARTS ||
-        header.descriptors != descriptors || descriptors > 1) {
+bool adds_up(WireHeader const& header, std::size_t data_size, unsigned descriptors) {
+    if (header.magic != wire_magic || header.version != wire_version || header.parts > O_MSG_MAX_PARTS ||
+        header.descriptors != descriptors || descriptors > 1)
         return false;
-    }
     std::uint64_t sum = 0;
     for (unsigned i = 0; i < O_MSG_MAX_PARTS; ++i) {
-        if (i >= header.parts && header.lengths[i] != 0) {
+        if (i >= header.parts && header.lengths[i] != 0)
             return false;
-        }
         sum += header.lengths[i];
     }
-    return sum == dataSize;
+    return sum == data_size;
 }
 
 bool fits(WireHeader const& header, o_msg_t const& offer) {
     for (unsigned i = 0; i < offer.count; ++i) {
         bool const filled = i < header.parts && header.lengths[i] == offer.parts[i].length;
-        if (offer.parts[i].data != nullptr && !filled) {
+        if (offer.parts[i].data != nullptr && !filled)
             return false;
-        }
     }
     return header.parts <= offer.count;
 }
@@ -378,9 +360,8 @@ Outcome deliver(WireHeader const& header, unsigned char const* data, Descriptor 
     for (unsigned i = 0; i < header.parts; ++i) {
         if (to.parts[i].data == nullptr) {
             allocated[i].reset(static_cast<unsigned char*>(std::malloc(header.lengths[i] + std::size_t{1})));
-            if (!allocated[i]) {
-                return Outcome::outOfMemory;
-            }
+            if (!allocated[i])
+                return Outcome::out_of_memory;
             allocated[i].get()[header.lengths[i]] = 0;
         }
     }
@@ -397,7 +378,7 @@ Outcome deliver(WireHeader const& header, unsigned char const* data, Descriptor 
     to.count = header.parts;
     if (fd.open()) {
         to.fd = fd.release();
-        to.owned |= ownedFd;
+        to.owned |= owned_fd;
     }
     return Outcome::received;
 }
@@ -413,23 +394,21 @@ Outcome receive_packet(int connection, unsigned char* buffer, o_msg_t& to) {
     packet.msg_control = control;
     packet.msg_controllen = sizeof control;
     ssize_t const size =
-        unless_interrupted([&] { return ::recvmsg(connection, &packet, MSG_DONTWAIT | MSG_CMSG_CLOEXEC); });
-    if (size < 0) {
-        return errno == EAGAIN || errno == EWOULDBLOCK ? Outcome::nothingYet : Outcome::dropped;
-    }
+        unless_interrupted([&] { return recvmsg(connection, &packet, MSG_DONTWAIT | MSG_CMSG_CLOEXEC); });
+    if (size < 0)
+        return errno == EAGAIN || errno == EWOULDBLOCK ? Outcome::nothing_yet : Outcome::dropped;
     Descriptor fd;
     unsigned const descriptors = take_descriptors(packet, fd);
     auto const received = static_cast<std::size_t>(size);
     if ((packet.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0 || received < sizeof header ||
-        !adds_up(header, received - sizeof header, descriptors) || !fits(header, to)) {
+        !adds_up(header, received - sizeof header, descriptors) || !fits(header, to))
         return Outcome::dropped;
-    }
     return deliver(header, buffer, std::move(fd), to);
 }
 
 // Guards the list of queues, and holds fork() off while descriptors are made that a child must not keep. A
 // leaf: nothing is called out to under it.
-std::mutex queuesMutex;
+std::mutex queues_mutex;
 o_msg_queue* queues = nullptr;
 
 } // namespace
@@ -438,7 +417,7 @@ o_msg_queue* queues = nullptr;
 // connections, and the timer that ends a pause.
 struct o_msg_queue {
 public:
-    // All three under queuesMutex.
+    // All three under queues_mutex.
     bool open(char const* name);
     ~o_msg_queue();
     static void close_all_in_child();
@@ -461,10 +440,10 @@ private:
 
     Descriptor events_;
     Descriptor listener_;
-    Descriptor pauseTimer_;
+    Descriptor pause_timer_;
     bool paused_ = false;
-    Connection pending_[pendingLimit]; // in the order of acceptance
-    std::size_t pendingCount_ = 0;
+    Connection pending_[pending_limit]; // in the order of acceptance
+    std::size_t pending_count_ = 0;
     std::unique_ptr<unsigned char[]> buffer_;
     o_msg_queue* next_ = nullptr;
 };
@@ -472,33 +451,29 @@ private:
 bool o_msg_queue::watch(int fd) {
     epoll_event event{};
     event.events = EPOLLIN;
-    return ::epoll_ctl(events_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+    return epoll_ctl(events_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
 // Listens last, when messages can be received.
 bool o_msg_queue::open(char const* name) {
     Address address;
-    if (!make_address(name, address)) {
+    if (!make_address(name, address))
         return false;
-    }
-    listener_.reset(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!listener_.open() || ::bind(listener_.get(), generic(address), address.size) != 0) {
+    listener_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!listener_.open() || bind(listener_.get(), generic(address), address.size) != 0)
         return false;
-    }
-    events_.reset(::epoll_create1(EPOLL_CLOEXEC));
-    pauseTimer_.reset(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-    if (!events_.open() || !pauseTimer_.open()) {
+    events_.reset(epoll_create1(EPOLL_CLOEXEC));
+    pause_timer_.reset(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+    if (!events_.open() || !pause_timer_.open())
         return false;
-    }
     buffer_.reset(
         new (std::nothrow) unsigned char[O_MSG_MAX_SIZE]); // untouched, and so unmapped, beyond need
     if (!buffer_) {
         errno = ENOMEM;
         return false;
     }
-    if (!watch(listener_.get()) || !watch(pauseTimer_.get()) || ::listen(listener_.get(), backlog) != 0) {
+    if (!watch(listener_.get()) || !watch(pause_timer_.get()) || listen(listener_.get(), backlog) != 0)
         return false;
-    }
     next_ = queues;
     queues = this;
     return true;
@@ -519,7 +494,7 @@ void o_msg_queue::close_all_in_child() {
     for (o_msg_queue* queue = queues; queue != nullptr; queue = queue->next_) {
         queue->listener_.reset();
         queue->events_.reset();
-        queue->pauseTimer_.reset();
+        queue->pause_timer_.reset();
     }
 }
 
@@ -527,22 +502,20 @@ void o_msg_queue::close_all_in_child() {
 // stays readable: the loop would spin. It is looked at again after a while. Senders wait in the backlog.
 void o_msg_queue::pause_accepting() {
     itimerspec after{};
-    after.it_value.tv_nsec = acceptPauseMs * 1000000;
+    after.it_value.tv_nsec = accept_pause_ms * 1000000;
     epoll_event nothing{};
-    if (::timerfd_settime(pauseTimer_.get(), 0, &after, nullptr) == 0 &&
-        ::epoll_ctl(events_.get(), EPOLL_CTL_MOD, listener_.get(), &nothing) == 0) {
+    if (timerfd_settime(pause_timer_.get(), 0, &after, nullptr) == 0 &&
+        epoll_ctl(events_.get(), EPOLL_CTL_MOD, listener_.get(), &nothing) == 0)
         paused_ = true;
-    }
 }
 
 void o_msg_queue::go_on_accepting() {
     std::uint64_t expired = 0;
-    if (!paused_ || ::read(pauseTimer_.get(), &expired, sizeof expired) < 0) {
+    if (!paused_ || read(pause_timer_.get(), &expired, sizeof expired) < 0)
         return;
-    }
     epoll_event event{};
     event.events = EPOLLIN;
-    ::epoll_ctl(events_.get(), EPOLL_CTL_MOD, listener_.get(), &event);
+    epoll_ctl(events_.get(), EPOLL_CTL_MOD, listener_.get(), &event);
     paused_ = false;
 }
 
@@ -551,23 +524,20 @@ void o_msg_queue::go_on_accepting() {
 bool o_msg_queue::accept_one(int& strangers) {
     while (!paused_) {
         Descriptor socket(unless_interrupted(
-            [this] { return ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK); }));
+            [this] { return accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK); }));
         if (!socket.open()) {
-            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != ECONNABORTED) {
+            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != ECONNABORTED)
                 pause_accepting();
-            }
             return false;
         }
         if (may_send_here(socket.get())) {
-            if (pendingCount_ == pendingLimit) {
+            if (pending_count_ == pending_limit)
                 drop(0);
-            }
-            pending_[pendingCount_++].socket = std::move(socket);
+            pending_[pending_count_++].socket = std::move(socket);
             return true;
         }
-        if (--strangers == 0) {
+        if (--strangers == 0)
             return false;
-        }
     }
     return false;
 }
@@ -575,11 +545,10 @@ bool o_msg_queue::accept_one(int& strangers) {
 // Leaves the set first: where a child of fork() still has the socket, closing it here does not take it out,
 // and a hung-up one would be reported for as long as the child lives.
 void o_msg_queue::drop(std::size_t index) {
-    if (pending_[index].watched) {
-        ::epoll_ctl(events_.get(), EPOLL_CTL_DEL, pending_[index].socket.get(), nullptr);
-    }
-    --pendingCount_;
-    for (; index < pendingCount_; ++index) {
+    if (pending_[index].watched)
+        epoll_ctl(events_.get(), EPOLL_CTL_DEL, pending_[index].socket.get(), nullptr);
+    --pending_count_;
+    for (; index < pending_count_; ++index) {
         pending_[index].socket = std::move(pending_[index + 1].socket);
         pending_[index].watched = pending_[index + 1].watched;
     }
@@ -590,24 +559,22 @@ void o_msg_queue::drop(std::size_t index) {
 // The oldest connection whose message is there. Of one sender's, an older message was there before a newer
 // connection was, and that was accepted before the first look here: its messages keep their order.
 Outcome o_msg_queue::take_first(o_msg_t& to) {
-    Outcome outcome = Outcome::nothingYet;
-    for (std::size_t i = 0; i < pendingCount_ && outcome == Outcome::nothingYet;) {
+    Outcome outcome = Outcome::nothing_yet;
+    for (std::size_t i = 0; i < pending_count_ && outcome == Outcome::nothing_yet;) {
         Outcome const one = receive_packet(pending_[i].socket.get(), buffer_.get(), to);
-        if (one == Outcome::nothingYet) {
+        if (one == Outcome::nothing_yet) {
             ++i;
             continue;
         }
         drop(i);
-        if (one != Outcome::dropped) {
+        if (one != Outcome::dropped)
             outcome = one;
-        }
     }
-    if (pendingCount_ > 0) { // only the newest may not be watched yet
-        Connection& newest = pending_[pendingCount_ - 1];
+    if (pending_count_ > 0) { // only the newest may not be watched yet
+        Connection& newest = pending_[pending_count_ - 1];
         newest.watched = newest.watched || watch(newest.socket.get());
-        if (!newest.watched) {
-            drop(pendingCount_ - 1);
-        }
+        if (!newest.watched)
+            drop(pending_count_ - 1);
     }
     return outcome;
 }
@@ -619,20 +586,18 @@ ssize_t o_msg_queue::receive(o_msg_t& to) {
     }
     go_on_accepting();
     bool more = true;
-    int strangers = strangersPerCall;
-    for (int i = 0; more && i < connectionsPerCall; ++i) {
-        Outcome outcome = Outcome::nothingYet;
-        if (pendingCount_ == pendingLimit) { // or accepting would drop a message that is there
+    int strangers = strangers_per_call;
+    for (int i = 0; more && i < connections_per_call; ++i) {
+        Outcome outcome = Outcome::nothing_yet;
+        if (pending_count_ == pending_limit) // or accepting would drop a message that is there
             outcome = take_first(to);
-        }
-        if (outcome == Outcome::nothingYet) {
+        if (outcome == Outcome::nothing_yet) {
             more = accept_one(strangers);
             outcome = take_first(to);
         }
-        if (outcome == Outcome::received) {
+        if (outcome == Outcome::received)
             return o_msg_data_size(&to);
-        }
-        if (outcome == Outcome::outOfMemory) {
+        if (outcome == Outcome::out_of_memory) {
             errno = ENOMEM;
             return -1;
         }
@@ -644,22 +609,21 @@ ssize_t o_msg_queue::receive(o_msg_t& to) {
 namespace {
 
 // Once, also when the loader runs constructors again during exit(): fork() would take the lock twice.
-std::atomic<bool> forkHandled{false};
+std::atomic<bool> fork_handled{false};
 
 struct ForkHandlers {
     ForkHandlers() {
-        if (forkHandled.exchange(true)) {
+        if (fork_handled.exchange(true))
             return;
-        }
-        ::pthread_atfork([] { queuesMutex.lock(); }, [] { queuesMutex.unlock(); },
-                         [] {
-                             o_msg_queue::close_all_in_child();
-                             queuesMutex.unlock();
-                         });
+        pthread_atfork([] { queues_mutex.lock(); }, [] { queues_mutex.unlock(); },
+                       [] {
+                           o_msg_queue::close_all_in_child();
+                           queues_mutex.unlock();
+                       });
     }
 };
 
-ForkHandlers forkHandlers __attribute__((init_priority(101)));
+ForkHandlers fork_handlers __attribute__((init_priority(101)));
 
 } // namespace
 
@@ -670,7 +634,7 @@ o_msg_queue_t* o_msg_create_queue(char const* name, int flags) {
         errno = EINVAL;
         return nullptr;
     }
-    std::lock_guard<std::mutex> lock(queuesMutex);
+    std::lock_guard<std::mutex> lock(queues_mutex);
     std::unique_ptr<o_msg_queue> queue(new (std::nothrow) o_msg_queue);
     if (!queue) {
         errno = ENOMEM;
@@ -684,7 +648,7 @@ int o_msg_destroy_queue(o_msg_queue_t* queue) {
         errno = EINVAL;
         return -1;
     }
-    std::lock_guard<std::mutex> lock(queuesMutex);
+    std::lock_guard<std::mutex> lock(queues_mutex);
     delete queue;
     return 0;
 }
@@ -714,16 +678,15 @@ ssize_t o_msg_data_size(o_msg_t const* message) {
 ssize_t o_msg_send(char const* name, o_msg_t const* message, int flags) {
     Address address;
     ssize_t const size = o_msg_data_size(message);
-    if (size < 0 || !make_address(name, address)) {
+    if (size < 0 || !make_address(name, address))
         return -1;
-    }
     if (flags != 0 || size > O_MSG_MAX_SIZE) {
         errno = flags != 0 ? EINVAL : EMSGSIZE;
         return -1;
     }
-    Descriptor const socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    bool const sent = socket.open() && connect_in_time(socket.get(), address) &&
-                      is_meant(socket.get(), name) && send_packet(socket.get(), *message, size);
+    Descriptor const connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    bool const sent = connection.open() && connect_in_time(connection.get(), address) &&
+                      is_meant(connection.get(), name) && send_packet(connection.get(), *message, size);
     return sent ? size : -1;
 }
 
@@ -745,7 +708,7 @@ void o_msg_release(o_msg_t* message) {
             message->parts[i] = {nullptr, 0};
         }
     }
-    if ((message->owned & ownedFd) != 0) {
+    if ((message->owned & owned_fd) != 0) {
         Descriptor const unwanted(message->fd);
         message->fd = -1;
     }

@@ -19,7 +19,7 @@
 namespace {
 
 constexpr std::uintptr_t magic = 0xDEAD;
-constexpr std::size_t hookLimit = 16;
+constexpr std::size_t hook_limit = 16;
 
 struct Record {
     std::uintptr_t magic;
@@ -50,9 +50,8 @@ bool operator==(Module const& a, Module const& b) {
 
 std::uint64_t digest_of(void const* bytes, std::size_t size, std::uint64_t digest) {
     auto const* at = static_cast<unsigned char const*>(bytes);
-    for (std::size_t i = 0; i < size; ++i) {
+    for (std::size_t i = 0; i < size; ++i)
         digest = (digest ^ at[i]) * 1099511628211u;
-    }
     return digest;
 }
 
@@ -66,9 +65,8 @@ bool holds(dl_phdr_info const& object, std::uintptr_t address) {
     for (std::size_t i = 0; i < object.dlpi_phnum; ++i) {
         auto const& segment = object.dlpi_phdr[i];
         // Wraps below the segment, which is then too far off as well.
-        if (segment.p_type == PT_LOAD && address - (object.dlpi_addr + segment.p_vaddr) < segment.p_memsz) {
+        if (segment.p_type == PT_LOAD && address - (object.dlpi_addr + segment.p_vaddr) < segment.p_memsz)
             return true;
-        }
     }
     return false;
 }
@@ -77,13 +75,11 @@ int look_at(dl_phdr_info* object, std::size_t, void* argument) {
     auto& search = *static_cast<Search*>(argument);
     bool const program = search.first;
     search.first = false;
-    if (!holds(*object, search.address)) {
+    if (!holds(*object, search.address))
         return 0;
-    }
     std::uint64_t digest = 14695981039346656037u;
-    for (char const* name = object->dlpi_name; name != nullptr && *name != '\0'; ++name) {
+    for (char const* name = object->dlpi_name; name != nullptr && *name != '\0'; ++name)
         digest = digest_of(name, 1, digest);
-    }
     digest = digest_of(object->dlpi_phdr, object->dlpi_phnum * sizeof *object->dlpi_phdr, digest);
     search.found = {object->dlpi_addr, digest,
                     program || holds(*object, reinterpret_cast<std::uintptr_t>(&look_at))};
@@ -94,16 +90,13 @@ int look_at(dl_phdr_info* object, std::size_t, void* argument) {
 // be waiting for the very thread that asks.
 bool module_of(Record const& record, Module& module) {
     auto address = reinterpret_cast<std::uintptr_t>(record.create);
-    if (address == 0) {
+    if (address == 0)
         address = reinterpret_cast<std::uintptr_t>(record.start);
-    }
-    if (address == 0) {
+    if (address == 0)
         address = reinterpret_cast<std::uintptr_t>(record.cleanup);
-    }
     Search search = {address, {}, true};
-    if (::dl_iterate_phdr(look_at, &search) == 0) {
+    if (dl_iterate_phdr(look_at, &search) == 0)
         return false;
-    }
     module = search.found;
     return true;
 }
@@ -121,17 +114,17 @@ bool mapped(Hooks const& hooks) {
     return hooks.module.permanent || (module_of(hooks.record, now) && now == hooks.module);
 }
 
-std::mutex registryMutex; // leaf: held for copying only
-Hooks registry[hookLimit] = {};
+std::mutex registry_mutex; // leaf: held for copying only
+Hooks registry[hook_limit] = {};
 std::size_t registered = 0;
 
 struct Snapshot {
-    Hooks hooks[hookLimit];
+    Hooks hooks[hook_limit];
     std::size_t count = 0;
 };
 
 void forget(Hooks const& gone) {
-    std::lock_guard<std::mutex> lock(registryMutex);
+    std::lock_guard<std::mutex> lock(registry_mutex);
     auto const end = std::remove_if(registry, registry + registered, [&gone](Hooks const& hooks) {
         return equal(hooks.record, gone.record) && hooks.module == gone.module;
     });
@@ -141,17 +134,15 @@ void forget(Hooks const& gone) {
 // Copies what is registered, and forgets the hooks whose library has gone.
 void take(Snapshot& to) {
     {
-        std::lock_guard<std::mutex> lock(registryMutex);
-        for (std::size_t i = 0; i < registered; ++i) {
+        std::lock_guard<std::mutex> lock(registry_mutex);
+        for (std::size_t i = 0; i < registered; ++i)
             to.hooks[i] = registry[i];
-        }
         to.count = registered;
     }
     auto const end = std::remove_if(to.hooks, to.hooks + to.count, [](Hooks const& hooks) {
         bool const gone = !mapped(hooks);
-        if (gone) {
+        if (gone)
             forget(hooks);
-        }
         return gone;
     });
     to.count = static_cast<std::size_t>(end - to.hooks);
@@ -161,8 +152,8 @@ void take(Snapshot& to) {
 
 class CancelDisabled {
 public:
-    CancelDisabled() { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~CancelDisabled() { ::pthread_setcancelstate(before_, nullptr); }
+    CancelDisabled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    ~CancelDisabled() { pthread_setcancelstate(before_, nullptr); }
     CancelDisabled(CancelDisabled const&) = delete;
     CancelDisabled& operator=(CancelDisabled const&) = delete;
 
@@ -180,30 +171,28 @@ class Launch {
 public:
     Launch(void* (*body)(void*), void* argument) : body_(body), argument_(argument) {
         take(hooks_);
-        ::sem_init(&verdict_, 0, 0);
+        sem_init(&verdict_, 0, 0);
     }
 
     void release() {
-        if (users_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        if (users_.fetch_sub(1, std::memory_order_acq_rel) == 1)
             delete this;
-        }
     }
 
     void call_create_hooks() {
         for (std::size_t i = 0; i < hooks_.count; ++i) {
-            if (hooks_.hooks[i].record.create != nullptr) {
+            if (hooks_.hooks[i].record.create != nullptr)
                 results_[i] = hooks_.hooks[i].record.create();
-            }
         }
     }
 
     void let_go(bool run) {
         run_ = run;
-        ::sem_post(&verdict_);
+        sem_post(&verdict_);
     }
 
     bool wait() {
-        while (::sem_wait(&verdict_) != 0) { // a signal
+        while (sem_wait(&verdict_) != 0) { // a signal
         }
         return run_;
     }
@@ -211,25 +200,23 @@ public:
     void call_start_hooks() {
         for (std::size_t i = 0; i < hooks_.count; ++i) {
             Hooks const& hooks = hooks_.hooks[i];
-            if (hooks.record.start != nullptr && mapped(hooks)) {
+            if (hooks.record.start != nullptr && mapped(hooks))
                 hooks.record.start(results_[i]);
-            }
         }
     }
 
     void call_cleanup_hooks() {
         for (std::size_t i = hooks_.count; i-- > 0;) {
             Hooks const& hooks = hooks_.hooks[i];
-            if (hooks.record.cleanup != nullptr && mapped(hooks)) {
+            if (hooks.record.cleanup != nullptr && mapped(hooks))
                 hooks.record.cleanup();
-            }
         }
     }
 
     void* call_body() { return body_(argument_); }
 
 private:
-    ~Launch() { ::sem_destroy(&verdict_); }
+    ~Launch() { sem_destroy(&verdict_); }
     Launch(Launch const&) = delete;
     Launch& operator=(Launch const&) = delete;
 
@@ -239,7 +226,7 @@ private:
     void* (*body_)(void*);
     void* argument_;
     Snapshot hooks_;
-    void* results_[hookLimit] = {};
+    void* results_[hook_limit] = {};
 };
 
 // Runs the cleanup hooks however the thread ends. They may meet cancellation points, and a request that is
@@ -248,7 +235,7 @@ class Ending {
 public:
     explicit Ending(Launch& launch) : launch_(launch) {}
     ~Ending() {
-        ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
         launch_.call_cleanup_hooks();
         launch_.release();
     }
@@ -260,8 +247,8 @@ private:
 };
 
 extern "C" void* orn_thread_start(void* argument) {
-    int cancelState = PTHREAD_CANCEL_ENABLE;
-    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    int cancel_state = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
     auto& launch = *static_cast<Launch*>(argument);
     if (!launch.wait()) {
         launch.release();
@@ -269,7 +256,7 @@ extern "C" void* orn_thread_start(void* argument) {
     }
     launch.call_start_hooks();
     Ending ending(launch);
-    ::pthread_setcancelstate(cancelState, nullptr);
+    pthread_setcancelstate(cancel_state, nullptr);
     return launch.call_body();
 }
 
@@ -283,7 +270,7 @@ public:
         launch_.release();
         if (!committed_ && !detached_) {
             CancelDisabled uncancelled;
-            ::pthread_join(thread_, nullptr);
+            pthread_join(thread_, nullptr);
         }
     }
     void commit() { committed_ = true; }
@@ -299,33 +286,32 @@ private:
 
 // ---------------------------------------------------------------- the caller's id
 
-thread_local int cachedTid = 0;
+thread_local int cached_tid = 0;
 
 void fork_prepare() {
-    registryMutex.lock();
+    registry_mutex.lock();
 }
 void fork_parent() {
-    registryMutex.unlock();
+    registry_mutex.unlock();
 }
 void fork_child() {
-    registryMutex.unlock();
-    cachedTid = 0;
+    registry_mutex.unlock();
+    cached_tid = 0;
 }
 
 // Registered at load: whoever forks may hold a cached id. The C library takes the handlers out when this
 // library is unmapped. Once, also when the loader runs constructors again during exit(): fork() would take
 // the lock twice.
-std::atomic<bool> forkHandled{false};
+std::atomic<bool> fork_handled{false};
 
 struct ForkHandlers {
     ForkHandlers() {
-        if (!forkHandled.exchange(true)) {
-            ::pthread_atfork(fork_prepare, fork_parent, fork_child);
-        }
+        if (!fork_handled.exchange(true))
+            pthread_atfork(fork_prepare, fork_parent, fork_child);
     }
 };
 
-ForkHandlers forkHandlers __attribute__((init_priority(101)));
+ForkHandlers fork_handlers __attribute__((init_priority(101)));
 
 } // namespace
 
@@ -334,83 +320,76 @@ extern "C" {
 int o_pthread_create(o_pthread_t* thread, o_pthread_attr_t const* attr, void* (*start_routine)(void*),
                      void* argument) {
     Launch* const launch = new (std::nothrow) Launch(start_routine, argument);
-    if (launch == nullptr) {
+    if (launch == nullptr)
         return EAGAIN;
-    }
-    int detachState = PTHREAD_CREATE_JOINABLE;
-    if (attr != nullptr) {
-        ::pthread_attr_getdetachstate(attr, &detachState);
-    }
-    int const error = ::pthread_create(thread, attr, orn_thread_start, launch);
+    int detach_state = PTHREAD_CREATE_JOINABLE;
+    if (attr != nullptr)
+        pthread_attr_getdetachstate(attr, &detach_state);
+    int const error = pthread_create(thread, attr, orn_thread_start, launch);
     if (error != 0) {
         launch->release();
         launch->release();
         return error;
     }
-    PendingThread pending(*launch, *thread, detachState == PTHREAD_CREATE_DETACHED);
+    PendingThread pending(*launch, *thread, detach_state == PTHREAD_CREATE_DETACHED);
     launch->call_create_hooks();
     pending.commit();
     return 0;
 }
 
 int o_pthread_detach(o_pthread_t thread) {
-    return ::pthread_detach(thread);
+    return pthread_detach(thread);
 }
 
 int o_pthread_self(void) {
-    if (cachedTid == 0) {
-        cachedTid = static_cast<int>(::syscall(SYS_gettid));
-    }
-    return cachedTid;
+    if (cached_tid == 0)
+        cached_tid = static_cast<int>(syscall(SYS_gettid));
+    return cached_tid;
 }
 
 void o_pthread_exit(void* result) {
-    ::pthread_exit(result);
+    pthread_exit(result);
 }
 
 int o_pthread_join(o_pthread_t thread, void** result) {
-    return ::pthread_join(thread, result);
+    return pthread_join(thread, result);
 }
 
 int o_pthread_cancel(o_pthread_t thread) {
-    return ::pthread_cancel(thread);
+    return pthread_cancel(thread);
 }
 
 int o_pthread_mutex_init(o_pthread_mutex_t* mutex, o_pthread_mutexattr_t const* attr) {
-    return ::pthread_mutex_init(mutex, attr);
+    return pthread_mutex_init(mutex, attr);
 }
 
 int o_pthread_mutex_destroy(o_pthread_mutex_t* mutex) {
-    return ::pthread_mutex_destroy(mutex);
+    return pthread_mutex_destroy(mutex);
 }
 
 int o_pthread_mutex_lock(o_pthread_mutex_t* mutex) {
-    return ::pthread_mutex_lock(mutex);
+    return pthread_mutex_lock(mutex);
 }
 
 int o_pthread_mutex_unlock(o_pthread_mutex_t* mutex) {
-    return ::pthread_mutex_unlock(mutex);
+    return pthread_mutex_unlock(mutex);
 }
 
 int o_pthread_register_extension(void const* record) {
-    if (record == nullptr) {
+    if (record == nullptr)
         return EINVAL;
-    }
     Hooks added = {*static_cast<Record const*>(record), {}};
-    if (added.record.magic != magic || !module_of(added.record, added.module)) {
+    if (added.record.magic != magic || !module_of(added.record, added.module))
         return EINVAL;
-    }
     Snapshot unused;
     take(unused); // makes room: hooks of libraries that have gone are forgotten
-    std::lock_guard<std::mutex> lock(registryMutex);
+    std::lock_guard<std::mutex> lock(registry_mutex);
     for (std::size_t i = 0; i < registered; ++i) {
-        if (equal(registry[i].record, added.record)) {
+        if (equal(registry[i].record, added.record))
             return 0;
-        }
     }
-    if (registered == hookLimit) {
+    if (registered == hook_limit)
         return ENOSPC;
-    }
     registry[registered++] = added;
     return 0;
 }

@@ -30,9 +30,9 @@ bool LibLoader::load(std::string const& name) {
     }
     // The place first: a handle that could not be kept would never be closed.
     handles_.reserve(handles_.size() + 1);
-    void* const handle = ::dlopen(name.c_str(), RTLD_LAZY | RTLD_GLOBAL);
+    void* const handle = dlopen(name.c_str(), RTLD_LAZY | RTLD_GLOBAL);
     if (handle == nullptr) {
-        report(name.c_str(), ::dlerror());
+        report(name.c_str(), dlerror());
         return false;
     }
     handles_.push_back(handle);
@@ -44,7 +44,7 @@ void LibLoader::unload() {
         // Out of the list before its destructors run, which may come back here.
         void* const handle = handles_.back();
         handles_.pop_back();
-        ::dlclose(handle);
+        dlclose(handle);
     }
 }
 

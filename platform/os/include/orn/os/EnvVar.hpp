@@ -12,7 +12,7 @@ namespace orn::os {
 
 class ORN_API EnvVar {
 public:
-    /// An unset variable reads as the empty string, and so does a null name.
+    // An unset variable reads as the empty string, and so does a null name.
     explicit EnvVar(char const* name);
 
     operator std::string() const { return value_; }

@@ -13,13 +13,13 @@ namespace orn::os {
 
 class ORN_API Thread {
 public:
-    /// Starts at once, through o_pthread_create, so the hooks that are registered there run. The function is
-    /// copied; the copy is destroyed in the new thread when the function ends. An exception that leaves it
-    /// ends the process. Throws std::system_error (generic category, text "thread") when no thread can be
-    /// made.
+    // Starts at once, through o_pthread_create, so the hooks that are registered there run. The function is
+    // copied; the copy is destroyed in the new thread when the function ends. An exception that leaves it
+    // ends the process. Throws std::system_error (generic category, text "thread") when no thread can be
+    // made.
     explicit Thread(boost::function<void()> body);
 
-    /// Waits for the function to end. Called by the thread itself it does not wait but detaches the thread.
+    // Waits for the function to end. Called by the thread itself it does not wait but detaches the thread.
     ~Thread();
 
     Thread(Thread const&) = delete;
