@@ -8,9 +8,8 @@
 
 #include <boost/make_shared.hpp>
 
+#include <orn/cancel.hpp>
 #include <orn/zel/threadGroup.hpp>
-
-#include "cancel.hpp"
 
 // What the thread layer gets. It is not exported, so no function of the application's takes its place, as one
 // that is called threadProc takes the exported one's.
@@ -44,7 +43,7 @@ int run(Thread::RunData& data) {
     data.initialized = true;
     {
         // Cancelled by Stop() right after Start(), the thread has its work begin and ends there.
-        detail::CancelShield const shield;
+        internal::CancelShield const shield;
         while (!data.start && !data.stop)
             usleep(poll_microseconds);
     }
@@ -115,7 +114,7 @@ Thread::~Thread() {
     if (stopped_ || detached_)
         return;
     // Waiting for a thread is a cancellation point, and a destructor cannot let the unwinding out.
-    detail::CancelShield const shield;
+    internal::CancelShield const shield;
     Thread::Stop();
     Thread::Join();
 }
@@ -124,7 +123,7 @@ void Thread::InitializeThread() {
     if (!runnable_)
         return;
     // Cancelled in here, the object would be taken from under its thread.
-    detail::CancelShield const shield;
+    internal::CancelShield const shield;
     int const error = orn_zel_pthread_create(&handle_, nullptr, orn_zel_run_thread, &run_data_);
     if (error != 0)
         throw std::system_error(error, std::generic_category(), "thread");

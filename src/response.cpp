@@ -6,7 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "cancel.hpp"
+#include <orn/cancel.hpp>
 
 namespace orn {
 namespace zel {
@@ -21,7 +21,7 @@ Response::Response() {
 Response::~Response() = default;
 
 ssize_t Write(int fd, std::string const& text) {
-    detail::CancelShield const shield; // monitor lines are written in destructors too
+    internal::CancelShield const shield; // monitor lines are written in destructors too
     return write(fd, text.data(), text.size());
 }
 

@@ -17,7 +17,7 @@
 
 #include <boost/shared_ptr.hpp>
 
-#include "cancel.hpp"
+#include <orn/cancel.hpp>
 
 namespace orn {
 namespace zel {
@@ -76,7 +76,7 @@ void let_get_on(int tid, int& left_ms) {
 } // namespace
 
 void Shutdown::let_threads_get_on() {
-    CancelShield const shield;
+    internal::CancelShield const shield;
     boost::shared_ptr<DIR> const tasks(opendir("/proc/self/task"), [](DIR* opened) {
         if (opened)
             closedir(opened);

@@ -6,9 +6,9 @@
 #include <poll.h>
 #include <signal.h>
 
+#include <orn/cancel.hpp>
 #include <orn/zel/core.hpp>
 
-#include "cancel.hpp"
 #include "immortal.hpp"
 #include "signalFork.hpp"
 
@@ -115,7 +115,7 @@ void SignalGate::reclaim() {
             std::swap(doomed, retired);
     }
     // Closing a pipe is a cancellation point, and the caller may be a destructor.
-    CancelShield const shield;
+    internal::CancelShield const shield;
     while (doomed) {
         Snapshot* const next = doomed->next;
         delete doomed;
@@ -128,7 +128,7 @@ void SignalGate::drain() {
     // milliseconds never will, because something jumped out of it or is sitting on top of it: better lost
     // than freed under a handler that may come back.
     int const longest_wait_ms = 1000;
-    CancelShield const shield;
+    internal::CancelShield const shield;
     for (int waited = 0; inside != 0 && waited < longest_wait_ms; ++waited)
         poll(nullptr, 0, 1);
     reclaim();

@@ -10,11 +10,11 @@
 
 #include <unistd.h>
 
+#include <orn/cancel.hpp>
 #include <orn/log.h>
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
-#include "cancel.hpp"
 #include "immortal.hpp"
 #include "observer.hpp"
 #include "plainText.hpp"
@@ -325,7 +325,7 @@ void Core::handle(fd::Event* event) {
 // one of them would wait for ever. It goes with what it was for, since it must not make the loop turn once
 // more. Does not throw.
 void Core::settle_nudge() {
-    detail::CancelShield const shield;
+    internal::CancelShield const shield;
     bool wanted;
     {
         AutoLock const guard(lock_);

@@ -9,10 +9,10 @@
 
 #include <unistd.h>
 
+#include <orn/cancel.hpp>
 #include <orn/log.h>
 #include <orn/zel/response.hpp>
 
-#include "cancel.hpp"
 #include "observer.hpp"
 #include "plainText.hpp"
 #include "threadRegistry.hpp"
@@ -185,7 +185,7 @@ bool Group::bumped() const {
 }
 
 void Group::WakeUp(char c) {
-    detail::CancelShield const shield; // registrations end in destructors
+    internal::CancelShield const shield; // registrations end in destructors
     // A full pipe loses the byte; the ones that are in it wake the loop all the same.
     orn_zel_thread_group_write(ctrl_.WriteFD(), &c, 1);
 }

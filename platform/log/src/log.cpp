@@ -15,6 +15,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <mutex>
+#include <orn/cancel.hpp>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -88,18 +89,15 @@ unsigned open_sink() {
 // Formatting a record must leave no trace in the caller: not in errno, not as a cancellation.
 class Unnoticed {
 public:
-    Unnoticed() : errno_(errno), state_(0) { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_); }
-    ~Unnoticed() {
-        pthread_setcancelstate(state_, nullptr);
-        errno = errno_;
-    }
+    Unnoticed() : errno_(errno) {}
+    ~Unnoticed() { errno = errno_; }
     int error() const { return errno_; }
     Unnoticed(Unnoticed const&) = delete;
     Unnoticed& operator=(Unnoticed const&) = delete;
 
 private:
     int errno_;
-    int state_;
+    orn::internal::CancelShield shield_;
 };
 
 void write_whole(char const* record, std::size_t size) {

@@ -5,7 +5,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <pthread.h>
+#include <orn/cancel.hpp>
 #include <system_error>
 #include <unistd.h>
 
@@ -41,12 +41,9 @@ Pipe::Pipe(bool blocking) : read_fd_(-1), write_fd_(-1) {
 }
 
 Pipe::~Pipe() {
-    // close() is a cancellation point, and a destructor cannot let the unwinding of a cancelled thread out.
-    int state = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    internal::CancelShield const shield;
     close(read_fd_);
     close(write_fd_);
-    pthread_setcancelstate(state, nullptr);
 }
 
 } // namespace orn::os

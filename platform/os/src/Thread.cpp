@@ -4,6 +4,7 @@
 #include <orn/os/Thread.hpp>
 
 #include <memory>
+#include <orn/cancel.hpp>
 #include <pthread.h>
 #include <system_error>
 #include <utility>
@@ -35,11 +36,8 @@ Thread::~Thread() {
         o_pthread_detach(handle_);
         return;
     }
-    // Joining is a cancellation point, and a destructor cannot let the unwinding of a cancelled thread out.
-    int state = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    internal::CancelShield const shield;
     o_pthread_join(handle_, nullptr);
-    pthread_setcancelstate(state, nullptr);
 }
 
 } // namespace orn::os

@@ -7,6 +7,7 @@
 // another thread. Only its thread has an end; see Lifetime.
 #include <orn/os/Timer.hpp>
 
+#include <orn/cancel.hpp>
 #include <orn/mapping.hpp>
 
 #include <cerrno>
@@ -227,13 +228,11 @@ void TimerService::end(Timer& timer) {
         return;
     }
     timer.flags_ |= flag_dying; // the callback may be about to set it again, for ever
-    int state = 0;              // waiting is a cancellation point, and this is a destructor
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    internal::CancelShield const shield;
     ++waiting_;
     while (running_ == &timer)
         pthread_cond_wait(&idle_, mutex_.native_handle());
     --waiting_;
-    pthread_setcancelstate(state, nullptr);
 }
 
 // Nobody waits on them: a child of fork() may find them in the middle of a dead thread's call.

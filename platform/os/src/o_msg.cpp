@@ -27,6 +27,7 @@
 #include <mutex>
 #include <new>
 #include <optional>
+#include <orn/cancel.hpp>
 #include <pthread.h>
 #include <sys/auxv.h>
 #include <sys/epoll.h>
@@ -73,17 +74,6 @@ constexpr unsigned owned_fd = 1u << O_MSG_MAX_PARTS; // in o_msg_t::owned, above
 
 // ---------------------------------------------------------------- descriptors
 
-class CancelDisabled {
-public:
-    CancelDisabled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~CancelDisabled() { pthread_setcancelstate(before_, nullptr); }
-    CancelDisabled(CancelDisabled const&) = delete;
-    CancelDisabled& operator=(CancelDisabled const&) = delete;
-
-private:
-    int before_ = PTHREAD_CANCEL_ENABLE;
-};
-
 // Closes what it holds and leaves errno alone: it goes out of scope on the way from a failure to its report.
 class Descriptor {
 public:
@@ -108,7 +98,7 @@ public:
         int const old = fd_;
         fd_ = fd;
         if (old >= 0) {
-            CancelDisabled uncancelled;
+            orn::internal::CancelShield const shield;
             int const error = errno;
             close(old);
             errno = error;
@@ -695,7 +685,7 @@ ssize_t o_msg_recv(o_msg_queue_t* queue, o_msg_t* message) {
         errno = EINVAL;
         return -1;
     }
-    CancelDisabled uncancelled;
+    orn::internal::CancelShield const shield;
     message->fd = -1;
     message->owned = 0;
     return queue->receive(*message);

@@ -12,6 +12,8 @@
 #include <link.h>
 #include <mutex>
 #include <new>
+#include <optional>
+#include <orn/cancel.hpp>
 #include <semaphore.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -150,17 +152,6 @@ void take(Snapshot& to) {
 
 // ---------------------------------------------------------------- a thread's start
 
-class CancelDisabled {
-public:
-    CancelDisabled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~CancelDisabled() { pthread_setcancelstate(before_, nullptr); }
-    CancelDisabled(CancelDisabled const&) = delete;
-    CancelDisabled& operator=(CancelDisabled const&) = delete;
-
-private:
-    int before_ = PTHREAD_CANCEL_ENABLE;
-};
-
 // Shared by the creating and the new thread; the last one to be done with it frees it.
 //
 //     parent                                       child
@@ -247,8 +238,7 @@ private:
 };
 
 extern "C" void* orn_thread_start(void* argument) {
-    int cancel_state = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
+    std::optional<orn::internal::CancelShield> shield(std::in_place);
     auto& launch = *static_cast<Launch*>(argument);
     if (!launch.wait()) {
         launch.release();
@@ -256,7 +246,7 @@ extern "C" void* orn_thread_start(void* argument) {
     }
     launch.call_start_hooks();
     Ending ending(launch);
-    pthread_setcancelstate(cancel_state, nullptr);
+    shield.reset();
     return launch.call_body();
 }
 
@@ -269,7 +259,7 @@ public:
         launch_.let_go(committed_);
         launch_.release();
         if (!committed_ && !detached_) {
-            CancelDisabled uncancelled;
+            orn::internal::CancelShield const shield;
             pthread_join(thread_, nullptr);
         }
     }
