@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <mutex>
 #include <orn/cancel.hpp>
+#include <orn/descriptor.hpp>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -50,15 +51,6 @@ void close_sink() {
     sink = Sink::nowhere;
 }
 
-// A program that was started without standard descriptors must not print into its log.
-int above_standard(int fd) {
-    if (fd < 0 || fd > STDERR_FILENO)
-        return fd;
-    int const moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    close(fd);
-    return moved;
-}
-
 // Returns what is enabled from now on.
 unsigned open_sink() {
     // The secure form: nobody makes a privileged program append to a file of his choice.
@@ -74,8 +66,8 @@ unsigned open_sink() {
         sink_fd = STDERR_FILENO;
     } else {
         // O_NONBLOCK: a FIFO whose reader is absent or slow costs records, not the caller's time.
-        sink_fd = open(where, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, file_mode);
-        sink_fd = above_standard(sink_fd);
+        sink_fd = orn::internal::above_standard(
+            open(where, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, file_mode));
         if (sink_fd < 0)
             return 0;
         sink = Sink::file;
@@ -101,10 +93,7 @@ private:
 };
 
 void write_whole(char const* record, std::size_t size) {
-    ssize_t written = -1;
-    do {
-        written = write(sink_fd, record, size);
-    } while (written < 0 && errno == EINTR);
+    orn::internal::unless_interrupted([&] { return write(sink_fd, record, size); });
 }
 
 // A reader that has gone must not end the process, and the application's own SIGPIPE stays its own.
