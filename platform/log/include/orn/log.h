@@ -20,10 +20,12 @@
 extern "C" {
 #endif
 
+/* NOLINTBEGIN(modernize-use-using): plain C */
 typedef enum Log_Spec {
     logSpecForceInfo, /* written wherever a sink is set */
     logSpecInfo       /* written with LOG_LEVEL=info only: what happens on every turn of a loop */
 } Log_Spec;
+/* NOLINTEND(modernize-use-using) */
 
 /* Writes one record. Callable from any thread, but not from a signal handler; also while exit() runs. Never
  * fails and never throws; errno is as before, and it is no cancellation point. A file or FIFO that cannot

@@ -45,6 +45,7 @@ extern "C" {
 
 #define O_MSG_EXCLUSIVE 1 /* o_msg_create_queue: the name must be free */
 
+/* NOLINTBEGIN(modernize-use-using): plain C */
 typedef struct o_msg_queue o_msg_queue_t;
 
 typedef struct {
@@ -64,6 +65,7 @@ typedef struct {
     o_msg_part_t parts[O_MSG_MAX_PARTS];
     unsigned owned; /* what o_msg_release() gives back; o_msg_recv() alone sets it */
 } o_msg_t;
+/* NOLINTEND(modernize-use-using) */
 
 /* Creates the queue; flags must be O_MSG_EXCLUSIVE. Null when that fails: EADDRINUSE when the name is taken,
  * ENAMETOOLONG beyond 99 bytes. Any thread. */

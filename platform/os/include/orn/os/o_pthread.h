@@ -20,10 +20,12 @@
 extern "C" {
 #endif
 
+/* NOLINTBEGIN(modernize-use-using): plain C */
 typedef pthread_t o_pthread_t;
 typedef pthread_attr_t o_pthread_attr_t;
 typedef pthread_mutex_t o_pthread_mutex_t;
 typedef pthread_mutexattr_t o_pthread_mutexattr_t;
+/* NOLINTEND(modernize-use-using) */
 
 /* As the POSIX functions of the same names: 0 or an error number.
  *
