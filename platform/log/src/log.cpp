@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The log sinks. All state is constant-initialised and never destroyed, so that records may be written
-// before, while and after static objects come and go; only the log file is closed when the library goes.
+// The log: where records go, and how one is put together. All state is constant-initialised and never
+// destroyed, so that records may be written before, while and after static objects come and go. Only the log
+// file is closed when the library goes.
 #include <orn/log.h>
 
 #include <atomic>
@@ -13,17 +14,19 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
 #include <mutex>
-#include <orn/cancel.hpp>
-#include <orn/descriptor.hpp>
-#include <pthread.h>
+
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
-// All bits until the environment has been read: the first record decides.
+#include <orn/cancel.hpp>
+#include <orn/descriptor.hpp>
+#include <orn/forkHandlers.hpp>
+
+// All bits are set until the first record has read the environment.
 unsigned orn_log_enabled = ~0u;
 
 namespace {
@@ -34,11 +37,12 @@ constexpr std::size_t text_limit = 64 * 1024;
 constexpr std::size_t prefix_limit = 256;
 constexpr mode_t file_mode = 0640;
 
-// Held while a record is written: a reopened or closed file must not be written to under its old number.
+// Held while a record is written, because closing the file frees its number: the record would end up in
+// whatever gets the number next. A leaf.
 std::mutex mutex;
 Sink sink = Sink::unread;
 int sink_fd = -1;
-bool sink_may_raise = false; // a pipe or socket: writing may raise SIGPIPE
+bool sink_may_raise = false; // it may be a pipe or socket, where writing can raise SIGPIPE
 
 void enable(unsigned mask) {
     __atomic_store_n(&orn_log_enabled, mask, __ATOMIC_RELAXED);
@@ -53,7 +57,7 @@ void close_sink() {
 
 // Returns what is enabled from now on.
 unsigned open_sink() {
-    // The secure form: nobody makes a privileged program append to a file of his choice.
+    // getenv() would let any user make a privileged program append to a file of his choice.
     char const* const where = secure_getenv("LOG_SINK");
     char const* const level = secure_getenv("LOG_LEVEL");
     close_sink();
@@ -65,7 +69,8 @@ unsigned open_sink() {
         sink = Sink::standard_error;
         sink_fd = STDERR_FILENO;
     } else {
-        // O_NONBLOCK: a FIFO whose reader is absent or slow costs records, not the caller's time.
+        // With O_NONBLOCK a FIFO whose reader is absent or slow loses records and does not hold the caller
+        // up.
         sink_fd = orn::internal::above_standard(
             open(where, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, file_mode));
         if (sink_fd < 0)
@@ -78,7 +83,7 @@ unsigned open_sink() {
     return (1u << logSpecForceInfo) | (info ? 1u << logSpecInfo : 0u);
 }
 
-// Formatting a record must leave no trace in the caller: not in errno, not as a cancellation.
+// Writing a record must not change the caller's errno, and must not be where its thread is cancelled.
 class Unnoticed {
 public:
     Unnoticed() : errno_(errno) {}
@@ -96,7 +101,8 @@ void write_whole(char const* record, std::size_t size) {
     orn::internal::unless_interrupted([&] { return write(sink_fd, record, size); });
 }
 
-// A reader that has gone must not end the process, and the application's own SIGPIPE stays its own.
+// A reader that has gone must not end the process, and a SIGPIPE that was pending before stays pending, since
+// it is the application's.
 void write_without_sigpipe(char const* record, std::size_t size) {
     sigset_t broken;
     sigset_t before;
@@ -123,8 +129,8 @@ struct Date {
     unsigned day;
 };
 
-// The C library's conversions take its time zone lock, which a fork() can leave locked in the child for ever.
-// Years are counted from March, so that the leap day is the last of its year.
+// gmtime_r() takes the C library's time zone lock, which a fork() can leave locked in the child for ever.
+// Years are counted from March here, so that the leap day is the last of its year.
 Date date_of(std::int64_t days_since_1970) {
     std::int64_t const shifted = days_since_1970 + 719468;
     std::int64_t const era = shifted / 146097;
@@ -153,7 +159,8 @@ std::size_t put_prefix(char* to, std::size_t room, Log_Spec spec, char const* so
                                                      : room - 1;
 }
 
-// One line a record: nobody forges a record with a line feed in a name, and a format may end in one.
+// Makes one line of a text, so that nobody can forge a record with a line feed in a name. A line feed at the
+// end is cut off, because formats may have one there.
 std::size_t make_line(char* text, std::size_t size) {
     while (size > 0 && text[size - 1] == '\n')
         --size;
@@ -165,10 +172,10 @@ std::size_t make_line(char* text, std::size_t size) {
     return size;
 }
 
-// There is room for the prefix before the text, and for the line's end behind it.
+// The caller leaves room for the prefix before the text, and for the line's end behind it.
 void emit(Log_Spec spec, char const* source, int line, char* text, std::size_t size) {
     size = make_line(text, size);
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<std::mutex> const lock(mutex);
     if (sink == Sink::system_log) {
         text[size] = '\0';
         syslog(spec == logSpecInfo ? LOG_INFO : LOG_NOTICE, "%s:%d: %s", source, line, text);
@@ -176,7 +183,7 @@ void emit(Log_Spec spec, char const* source, int line, char* text, std::size_t s
     }
     if (sink != Sink::standard_error && sink != Sink::file)
         return;
-    // The prefix is put right before the text, at the end of the room that is left for it.
+    // Copied to right before the text, so that one write() takes both.
     char prefix[prefix_limit];
     std::size_t const length = put_prefix(prefix, sizeof prefix, spec, source, line);
     char* const record = text - length;
@@ -188,28 +195,17 @@ void emit(Log_Spec spec, char const* source, int line, char* text, std::size_t s
         write_whole(record, length + size + 1);
 }
 
-void fork_prepare() {
-    mutex.lock();
-}
-void fork_done() {
-    mutex.unlock();
-}
+std::atomic<bool> forks_handled{false};
+orn::internal::ForkHandlers const fork_handlers __attribute__((init_priority(101))) = {
+    forks_handled, [] { mutex.lock(); }, [] { mutex.unlock(); }, [] { mutex.unlock(); }};
 
-std::atomic<bool> fork_handled{false};
-
-// The one object with a life: closes the file after the last ordinary static object of this library has gone.
-// What is enabled stays as it is: in a program that has this layer as well, the variable may be the
-// program's.
-//
-// The loader may construct it again during exit(): handled twice, fork() would take the lock twice.
+// Closes the file after the last ordinary static object of this library has gone. orn_log_enabled stays as it
+// is, because in a program that is linked with this layer as well it may be the program's variable.
 class Lifetime {
 public:
-    Lifetime() {
-        if (!fork_handled.exchange(true))
-            pthread_atfork(fork_prepare, fork_done, fork_done);
-    }
+    Lifetime() = default;
     ~Lifetime() {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard<std::mutex> const lock(mutex);
         if (sink == Sink::file || sink == Sink::unread)
             close_sink();
     }
@@ -226,7 +222,7 @@ extern "C" void Log_SpecEntry(Log_Spec spec, char const* source, int line, char 
         return;
     Unnoticed unnoticed;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard<std::mutex> const lock(mutex);
         if (sink == Sink::unread)
             enable(open_sink());
     }
@@ -262,6 +258,6 @@ extern "C" void Log_SpecEntry(Log_Spec spec, char const* source, int line, char 
 
 extern "C" void Log_Reopen(void) {
     Unnoticed unnoticed;
-    std::lock_guard<std::mutex> lock(mutex);
-    enable(open_sink()); // never off in between: those who log meanwhile wait for the mutex
+    std::lock_guard<std::mutex> const lock(mutex);
+    enable(open_sink()); // threads that log meanwhile wait for the mutex and lose nothing
 }

@@ -4,10 +4,12 @@
 #include <orn/os/Thread.hpp>
 
 #include <memory>
-#include <orn/cancel.hpp>
-#include <pthread.h>
 #include <system_error>
 #include <utility>
+
+#include <pthread.h>
+
+#include <orn/cancel.hpp>
 
 namespace orn::os {
 namespace {
@@ -15,7 +17,7 @@ namespace {
 using Body = boost::function<void()>;
 
 void* run(void* argument) {
-    // Owned by the thread and not by the object, which the function may destroy while it runs.
+    // The thread owns it and not the object, because the function may destroy the object while it runs.
     std::unique_ptr<Body> body(static_cast<Body*>(argument));
     (*body)();
     return nullptr;

@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: MIT
 //
-// orn::os::Timer over one service thread with a heap of deadlines. This file is the whole of it, so that a
-// test can link a clock of its own in its place.
+// orn::os::Timer over one service thread with a heap of deadlines. All of it is in this file, so that a test
+// can link a clock of its own instead.
 //
-// The service's state is constant-initialised and never destroyed: timers are used while exit() runs in
-// another thread. Only its thread has an end; see Lifetime.
+// The service is constant-initialised and never destroyed, because timers may be used while exit() runs in
+// another thread. Only its thread ends; see Lifetime.
 #include <orn/os/Timer.hpp>
-
-#include <orn/cancel.hpp>
-#include <orn/mapping.hpp>
 
 #include <cerrno>
 #include <csignal>
@@ -17,11 +14,15 @@
 #include <limits>
 #include <mutex>
 #include <new>
-#include <pthread.h>
-#include <sys/prctl.h>
 #include <system_error>
 #include <type_traits>
 #include <utility>
+
+#include <pthread.h>
+#include <sys/prctl.h>
+
+#include <orn/cancel.hpp>
+#include <orn/mapping.hpp>
 
 namespace orn::os {
 namespace {
@@ -30,10 +31,10 @@ constexpr std::uint64_t never = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t ns_per_ms = 1000000;
 constexpr std::uint64_t ns_per_second = 1000000000;
 constexpr std::size_t heap_width = 4;
-// What exit() gives a callback that is under way. One that takes this long waits for the thread that is in
-// exit(), as a rule, and would wait for ever.
+// exit() waits this long for a callback that is running. A callback that takes longer usually waits for the
+// thread that is in exit(), so both would wait for ever.
 constexpr std::uint64_t longest_callback_ns = ns_per_second;
-constexpr std::uint32_t flag_dying = 1; // in its destructor: not to be armed any more
+constexpr std::uint32_t flag_dying = 1; // the timer's destructor runs, so it must not be armed any more
 
 std::uint64_t now_ns() {
     struct timespec now {};
@@ -49,14 +50,14 @@ std::uint64_t after(std::uint64_t now, std::uint64_t delay) {
     return delay < never - now ? now + delay : never;
 }
 
-// The first multiple of the period past deadline that is still to come.
+// The first time that lies a whole number of periods after the deadline and is still to come.
 std::uint64_t next_in_phase(std::uint64_t deadline, std::uint64_t period, std::uint64_t now) {
     std::uint64_t const missed = (now - deadline) / period;
     return after(deadline + missed * period, period);
 }
 
 struct timespec timespec_of(std::uint64_t ns) {
-    // A 32-bit time_t still holds this; to wake early once in decades does no harm.
+    // Cut to what a time_t of 32 bits holds. Waking too early once in decades does no harm.
     std::uint64_t const seconds = ns / ns_per_second;
     std::uint64_t const limit = std::numeric_limits<std::int32_t>::max();
     struct timespec time {};
@@ -79,7 +80,7 @@ public:
 
 private:
     struct Entry {
-        std::uint64_t deadline; // beside the pointer: comparing touches no timer
+        std::uint64_t deadline; // copied here, so that comparing touches no timer
         Timer* timer;
     };
 
@@ -99,28 +100,29 @@ private:
     void sleep(std::unique_lock<std::mutex>& lock);
     bool left_in_time(std::unique_lock<std::mutex>& lock);
 
-    std::mutex mutex_;                                  // a leaf; never held while a callback runs
-    pthread_cond_t earlier_ = PTHREAD_COND_INITIALIZER; // a deadline before sleeps_until_, or the end
-    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER;    // a callback that somebody waits for has returned,
-                                                        // or the thread leaves
+    std::mutex mutex_; // a leaf; never held while a callback runs
+    pthread_cond_t earlier_ =
+        PTHREAD_COND_INITIALIZER;                    // there is a deadline before sleeps_until_, or the end
+    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER; // a callback that somebody waits for has returned,
+                                                     // or the thread leaves
 
     Entry* heap_ = nullptr;
     std::size_t size_ = 0;
     std::size_t room_ = 0;
-    std::uint32_t generation_ = 1; // timers that carry it are in the heap; a step disarms all of them
+    std::uint32_t generation_ = 1; // timers with this number are in the heap; increasing it disarms all
 
     pthread_t thread_ = {};
     bool started_ = false;
     bool stopped_ = false;
-    bool left_ = false;              // the thread does nothing any more but end
-    std::uint64_t sleeps_until_ = 0; // 0: awake, and will look at the heap before it sleeps
+    bool left_ = false;              // the thread does nothing more but end
+    std::uint64_t sleeps_until_ = 0; // 0: the thread is awake and looks at the heap before it sleeps
 
-    Timer* running_ = nullptr;                          // whose callback runs
-    boost::function<void(Timer*)>* function_ = nullptr; // and the callback itself, taken out of the timer
-    unsigned waiting_ = 0;                              // destructors that wait for it
+    Timer* running_ = nullptr;                          // the timer whose callback runs
+    boost::function<void(Timer*)>* function_ = nullptr; // that callback, taken out of the timer
+    unsigned waiting_ = 0;                              // destructors that wait for the callback
 };
 
-// ---------------------------------------------------------------- the heap
+// ---- The heap -------------------------------------------------------------------------------------------
 
 void TimerService::place(std::size_t index, Entry entry) {
     heap_[index] = entry;
@@ -190,17 +192,18 @@ void TimerService::disarm(Timer& timer) {
 void TimerService::disarm_all() {
     size_ = 0;
     if (++generation_ == 0)
-        generation_ = 1; // 0 is a timer's own mark for disarmed
+        generation_ = 1; // 0 marks a timer as disarmed
 }
 
-// ---------------------------------------------------------------- from any thread
+// ---- From any thread ------------------------------------------------------------------------------------
 
 void TimerService::set(Timer& timer, unsigned long initial_ms, unsigned long recurring_ms) {
-    // First of all: the delay counts from the call, whatever the lock and the making of the thread take.
+    // The clock is read first, because the delay counts from the call, however long the lock and the making
+    // of the thread take.
     std::uint64_t const called = now_ns();
     bool wake = false;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<std::mutex> const lock(mutex_);
         disarm(timer);
         if (stopped_ || (timer.flags_ & flag_dying) != 0)
             return;
@@ -210,7 +213,7 @@ void TimerService::set(Timer& timer, unsigned long initial_ms, unsigned long rec
         timer.period_ns_ = ns_of(recurring_ms);
         arm(timer);
         if (timer.deadline_ns_ < sleeps_until_) {
-            sleeps_until_ = timer.deadline_ns_; // spares the next one, if it is later, the same wake-up
+            sleeps_until_ = timer.deadline_ns_; // a later timer does not wake the thread again
             wake = true;
         }
     }
@@ -224,10 +227,10 @@ void TimerService::end(Timer& timer) {
     if (running_ != &timer)
         return;
     if (pthread_equal(thread_, pthread_self()) != 0) {
-        running_ = nullptr; // from its own callback, whose function object fire() keeps
+        running_ = nullptr; // called in its own callback; fire() keeps the function object until that returns
         return;
     }
-    timer.flags_ |= flag_dying; // the callback may be about to set it again, for ever
+    timer.flags_ |= flag_dying; // otherwise a callback that sets its timer again would keep us waiting
     internal::CancelShield const shield;
     ++waiting_;
     while (running_ == &timer)
@@ -235,7 +238,8 @@ void TimerService::end(Timer& timer) {
     --waiting_;
 }
 
-// Nobody waits on them: a child of fork() may find them in the middle of a dead thread's call.
+// Also called in a child of fork(), where a thread that no longer exists may have been waiting on the
+// conditions. Nobody else may be waiting on them.
 void TimerService::make_conditions() {
     pthread_condattr_t attributes;
     pthread_condattr_init(&attributes);
@@ -245,13 +249,13 @@ void TimerService::make_conditions() {
     pthread_condattr_destroy(&attributes);
 }
 
-// Under the mutex: two timers that are set at once must not start two threads.
+// The caller holds the mutex, so that two timers that are set at the same time do not start two threads.
 //
-// The thread inherits the scheduling policy, niceness and processors of the caller. A fixed ordinary policy
-// would make every alarm of a real-time loop wait for whatever else is ready on its processor: three switches
-// an alarm instead of two, and a worst delay of 4 ms instead of 0.3 beside one busy process. A fixed
-// real-time policy needs a privilege, and callbacks would go before threads that the application has put
-// first.
+// The thread inherits the scheduling policy, niceness and processors of the caller. With a fixed ordinary
+// policy every alarm of a real-time loop would wait for whatever else is ready on its processor: beside one
+// busy process it took three switches an alarm instead of two, and 4 ms at worst instead of 0.3. A fixed
+// real-time policy needs a privilege, and callbacks would run before threads to which the application has
+// given precedence.
 void TimerService::start() {
     if (started_)
         return;
@@ -269,8 +273,7 @@ void TimerService::start() {
     sleeps_until_ = 0;
 }
 
-// Threads that are still running when the process exits may go on using timers: those do nothing from here
-// on.
+// Threads that still run while the process exits may go on using timers, which do nothing from here on.
 void TimerService::stop(bool unmapped) {
     std::unique_lock<std::mutex> lock(mutex_);
     stopped_ = true;
@@ -279,7 +282,7 @@ void TimerService::stop(bool unmapped) {
     heap_ = nullptr;
     room_ = 0;
     if (!started_ || pthread_equal(thread_, pthread_self()) != 0)
-        return; // exit() called from a callback: this thread cannot wait for itself
+        return; // a callback has called exit(), and the thread cannot wait for itself
     started_ = false;
     pthread_cond_signal(&earlier_);
     bool const joinable = unmapped || left_in_time(lock);
@@ -298,7 +301,7 @@ bool TimerService::left_in_time(std::unique_lock<std::mutex>& lock) {
     return left_;
 }
 
-// The child has the forking thread only, and its parent's timers are not its own.
+// A child of fork() has only the forking thread, and its parent's timers are not its own.
 void TimerService::after_fork_in_child() {
     disarm_all();
     waiting_ = 0;
@@ -307,7 +310,8 @@ void TimerService::after_fork_in_child() {
     if (!serving) {
         started_ = false;
         if (running_ != nullptr) {
-            running_->callback_ = std::move(*function_); // from the stack of the thread that is no more
+            running_->callback_ =
+                std::move(*function_); // it is on the stack of a thread that no longer exists
             running_ = nullptr;
         }
         function_ = nullptr;
@@ -315,7 +319,7 @@ void TimerService::after_fork_in_child() {
     mutex_.unlock();
 }
 
-// ---------------------------------------------------------------- the service thread
+// ---- The service thread ---------------------------------------------------------------------------------
 
 void* TimerService::thread_start(void* service) {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
@@ -349,9 +353,10 @@ void TimerService::sleep(std::unique_lock<std::mutex>& lock) {
     sleeps_until_ = 0;
 }
 
-// The callback is taken out of the timer while it runs, since it may destroy the timer, and put back
-// afterwards, both under the lock: a child of fork() finds it in one of the two places. Not held while it
-// runs: the mutex.
+// Takes the callback out of the timer while it runs, because it may destroy the timer, and puts it back
+// afterwards. Both happen under the mutex, so that a child of fork() finds the callback in one of the two
+// places. The mutex is released while the callback runs, since the callback may set, create and destroy
+// timers.
 void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::uint64_t now) {
     boost::function<void(Timer*)> function(std::move(timer.callback_));
     if (timer.period_ns_ == 0) {
@@ -367,7 +372,7 @@ void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::u
     lock.lock();
     function_ = nullptr;
     if (running_ == nullptr) {
-        lock.unlock(); // destroyed in the callback: the function's destructor may use timers too
+        lock.unlock(); // the timer is gone; destroying the function may use other timers, under the mutex
         function.clear();
         lock.lock();
         return;
@@ -378,7 +383,7 @@ void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::u
         pthread_cond_broadcast(&idle_);
 }
 
-// ---------------------------------------------------------------- life and death
+// ---- Life and death -------------------------------------------------------------------------------------
 
 namespace {
 
@@ -392,13 +397,14 @@ __attribute__((destructor)) void note_destructors() {
     mapping.destructor_function();
 }
 
-// Constructed before, and so destroyed after, every ordinary static object of the same library: the thread
-// ends when nothing that uses timers is left in it, at exit() and at dlclose() alike.
+// It is constructed before every ordinary static object of the same library and so destroyed after them. The
+// thread therefore ends when nothing that uses timers is left in the library, at exit() and at dlclose()
+// alike.
 class Lifetime {
 public:
     Lifetime() {
         if (!mapping.begin("o_pthread_create"))
-            return; // locked a second time by fork(), the mutex would never come free
+            return; // fork() would lock the mutex twice
         pthread_atfork([] { service.before_fork(); }, [] { service.after_fork_in_parent(); },
                        [] { service.after_fork_in_child(); });
     }

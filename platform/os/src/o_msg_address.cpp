@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The addresses of message queues, and who is at the other end. The rules are those of o_msg.h.
+// Makes addresses from names and asks the kernel who is at the other end. The comment on top of o_msg.h has
+// the rules of trust.
 #include "o_msg_address.hpp"
 
 #include <cerrno>
@@ -25,7 +26,8 @@ using internal::unless_interrupted;
 
 constexpr char address_prefix[] = "orn.msg.";
 
-// The number after the name's last dot. One too large for any process stays too large.
+// The number after the name's last dot. A number that is too large for any process must not wrap around to
+// one that is not.
 std::optional<std::int64_t> process_asked_for(char const* name) {
     char const* digit = std::strrchr(name, '.');
     if (digit == nullptr || *++digit == '\0')
@@ -47,26 +49,26 @@ std::optional<ucred> peer_of(int connection) {
     return peer;
 }
 
-// Whether the process that has this id now runs as that user.
+// Whether the process that has this id now runs as this user.
 bool runs_as(pid_t process, uid_t user) {
     char path[32];
     std::snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(process));
     Descriptor const status(open(path, O_RDONLY | O_CLOEXEC));
-    char text[1024]; // the line is among the first ten
+    char text[1024]; // the line is among the first ten of the file
     ssize_t const size = unless_interrupted([&] { return read(status.get(), text, sizeof text - 1); });
     if (size < 0)
         return false;
     text[size] = '\0';
-    char* at = std::strstr(text, "\nUid:\t"); // real, effective, ...
+    char* at = std::strstr(text, "\nUid:\t"); // the real one comes first, the effective one second
     if (at == nullptr)
         return false;
     std::strtoul(at + std::strlen("\nUid:\t"), &at, 10);
     return std::strtoul(at, nullptr, 10) == user;
 }
 
-// Whether this process may do more than the user that it runs as: a set-user-ID or set-group-ID program, one
-// with capabilities of its file's, one that has changed its user, or keeps others from looking into it. That
-// user may not trace it, and must not steer it in any other way.
+// Whether this process may do more than its user, as a set-user-ID or set-group-ID program, through
+// capabilities of its file, or because it has changed its user. The user may not trace such a process, and
+// messages must not become another way to steer it. A process that has made itself undumpable counts as one.
 bool has_borrowed_rights() {
     return getauxval(AT_SECURE) != 0 || prctl(PR_GET_DUMPABLE) != 1;
 }
@@ -86,17 +88,17 @@ bool make_address(char const* name, Address& address) {
         return false;
     }
     address.name.sun_family = AF_UNIX;
-    // The leading NUL byte stays: the abstract namespace.
+    // A leading NUL byte stands for the abstract namespace.
     std::memcpy(address.name.sun_path + 1, address_prefix, prefix);
     std::memcpy(address.name.sun_path + 1 + prefix, name, length);
     address.size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + prefix + length);
     return true;
 }
 
-// The kernel's word for who made the queue, which is not always who is meant: abstract names are anybody's to
-// take. Nor is the id enough where users differ. A listener keeps the id of the process that made it after
-// that has ended and the id has gone to another.
-bool is_meant(int connection, char const* name) {
+// Abstract names are first come, first served, so this checks who created the listener. The process id alone
+// is not enough: SO_PEERCRED keeps reporting the creator's id after the creator has ended and another process
+// has got the id. So the users are compared as well.
+bool may_be_sent_to(int connection, char const* name) {
     auto const owner = peer_of(connection);
     if (!owner)
         return false;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Messages and the packets that they travel in.
+// Writes messages as packets, reads packets as messages, and gives received messages back.
 #include "o_msg_packet.hpp"
 
 #include <cerrno>
@@ -21,7 +21,7 @@ namespace {
 using internal::Descriptor;
 using internal::unless_interrupted;
 
-// From here on it is worth asking for the room, which a small device's default may not have.
+// A packet above this size may exceed a small device's default for the send buffer.
 constexpr ssize_t large_size = 64 * 1024;
 
 struct WireHeader {
@@ -32,7 +32,7 @@ struct WireHeader {
     std::int32_t type;
     std::uint32_t lengths[O_MSG_MAX_PARTS]; // 0 beyond parts
 };
-// Both sides are of one machine, but not always of one word size.
+// Both sides run on one machine, but their words may differ in size.
 static_assert(sizeof(WireHeader) == 28, "no padding");
 
 constexpr std::uint32_t wire_magic = 0x6f6d7367;
@@ -43,9 +43,9 @@ struct Free {
     void operator()(void* memory) const { std::free(memory); }
 };
 
-// Everything that came along is closed unless it is the one descriptor that is allowed. More than one may
-// arrive: the room for one has padding that the kernel uses.
-unsigned take_descriptors(msghdr& packet, Descriptor& first) {
+// Returns how many descriptors came along, and closes all but the last. There may be more than one although
+// there is room for one only: the kernel uses the padding behind it as well.
+unsigned take_descriptors(msghdr& packet, Descriptor& last) {
     unsigned count = 0;
     for (cmsghdr* item = CMSG_FIRSTHDR(&packet); item != nullptr; item = CMSG_NXTHDR(&packet, item)) {
         if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_RIGHTS)
@@ -53,7 +53,7 @@ unsigned take_descriptors(msghdr& packet, Descriptor& first) {
         for (std::size_t at = 0; CMSG_LEN(at + sizeof(int)) <= item->cmsg_len; at += sizeof(int)) {
             int fd = -1;
             std::memcpy(&fd, CMSG_DATA(item) + at, sizeof fd);
-            first.reset(fd);
+            last.reset(fd);
             ++count;
         }
     }
@@ -115,7 +115,7 @@ Outcome deliver(WireHeader const& header, unsigned char const* data, Descriptor 
 bool send_packet(int socket, o_msg_t const& message, ssize_t size) {
     if (size > large_size) {
         int const room = 2 * O_MSG_MAX_SIZE;
-        setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &room, sizeof room); // if it is refused, sending tells
+        setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &room, sizeof room); // sending fails if this was refused
     }
     WireHeader header{};
     header.magic = wire_magic;

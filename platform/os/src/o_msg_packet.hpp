@@ -1,12 +1,21 @@
 // SPDX-License-Identifier: MIT
 //
-// A message as it travels: one packet with a header and the data of all parts, and with the descriptor as
-// SCM_RIGHTS. Internal. Who may send to whom, and waiting, are left to the sender and the queue.
+// How messages travel. Internal. Connecting and accepting are left to the sender and the queue, and deciding
+// whom to trust to o_msg_address.hpp.
 //
-// Each message has a connection of its own, since only connections show either side whom it talks to:
+// A queue listens in the abstract namespace. Each message has a connection of its own, because the kernel
+// tells only for a connection who is at its other end:
 //
-//     sender      connect, look at the listener's credentials, one packet, close
-//     receiver    accept, look at the sender's credentials, one packet, close
+//     sender                                       queue
+//     connects                                     (the connection waits in the backlog)
+//     checks who made the queue                    accepts, checks who made the connection
+//     sends one packet and closes                  (the connection is pending until the packet is there)
+//                                                  takes the packet and closes
+//
+// The queue drops a connection without a message when a stranger made it, when its packet is none that the
+// receiver asked for, and when it is the oldest of too many that are pending.
+//
+// A packet is a header and the data of all parts, with the descriptor as SCM_RIGHTS.
 #ifndef ORN_OS_O_MSG_PACKET_HPP
 #define ORN_OS_O_MSG_PACKET_HPP
 
@@ -16,10 +25,11 @@ namespace orn::os::msg {
 
 enum class Outcome { nothing_yet, dropped, out_of_memory, received };
 
-// False with errno set when nothing has been sent. size is o_msg_data_size() of the message.
+// The size is o_msg_data_size() of the message. False with errno set when nothing has been sent.
 bool send_packet(int socket, o_msg_t const& message, ssize_t size);
 
-// Takes the connection's packet without waiting for it. The buffer holds O_MSG_MAX_SIZE bytes.
+// Takes the connection's packet into the parts that are offered, without waiting for it. The buffer is for
+// the call only and holds O_MSG_MAX_SIZE bytes.
 Outcome receive_packet(int connection, unsigned char* buffer, o_msg_t& to);
 
 } // namespace orn::os::msg

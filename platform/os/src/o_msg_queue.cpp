@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Message queues: listening, accepting and taking messages. Internal: the interface and its promises are in
-// o_msg.h, and what comes over a connection in o_msg_packet.hpp.
-//
-// A queue listens in the abstract namespace. Accepted connections whose packet is not there yet are kept, few
-// of them and the oldest for so long only as there is room.
+// The receiving end of message queues: listening, accepting, and choosing the next message. What passes over
+// a connection is left to o_msg_packet.hpp, and who is trusted to o_msg_address.hpp.
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -13,7 +10,6 @@
 #include <new>
 #include <utility>
 
-#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
@@ -21,6 +17,7 @@
 
 #include <orn/cancel.hpp>
 #include <orn/descriptor.hpp>
+#include <orn/forkHandlers.hpp>
 
 #include "o_msg_address.hpp"
 #include "o_msg_packet.hpp"
@@ -32,27 +29,30 @@ using orn::internal::Descriptor;
 using orn::internal::unless_interrupted;
 
 constexpr long accept_pause_ms = 100;
-// What a stopped receiver lets pile up: kernel memory that any local user can fill.
+// Connections that may wait while the receiver is stopped. They take kernel memory, which any local user can
+// fill.
 constexpr int backlog = 64;
+// Accepted connections that may wait for their packet. One more drops the oldest.
 constexpr std::size_t pending_limit = 32;
-// Connections looked at by one call: a flood of useless ones must not keep the caller's loop from turning.
-// Strangers are dropped in a row, since they must not come faster than they go, but no more than take some
-// milliseconds.
+// One call looks at this many connections. With a flood of useless ones it would otherwise never return, and
+// the caller's loop would not turn.
 constexpr int connections_per_call = 64;
+// Strangers are dropped without being counted as looked at, because they must not come faster than they go.
+// Dropping this many takes some milliseconds.
 constexpr int strangers_per_call = 1024;
 
-// Guards the list of queues, and holds fork() off while descriptors are made that a child must not keep. A
-// leaf: nothing is called out to under it.
+// Guards the list of queues, and keeps fork() waiting while descriptors are made that a child must not keep.
+// It is a leaf: no other lock is taken under it.
 std::mutex queues_mutex;
 o_msg_queue* queues = nullptr;
 
 } // namespace
 
-// What is polled is an epoll instance with all that recv() has to look at: the listener, the pending
-// connections, and the timer that ends a pause.
+// The caller polls an epoll instance. In it are the listener, the pending connections and the timer that ends
+// a pause, which is everything that receive() has to look at.
 struct o_msg_queue {
 public:
-    // All three under queues_mutex.
+    // The caller of these three holds queues_mutex.
     bool open(char const* name);
     ~o_msg_queue();
     static void close_all_in_child();
@@ -63,7 +63,7 @@ public:
 private:
     struct Connection {
         Descriptor socket;
-        bool watched = false;
+        bool watched = false; // in events_
     };
 
     bool watch(int fd);
@@ -89,7 +89,7 @@ bool o_msg_queue::watch(int fd) {
     return epoll_ctl(events_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-// Listens last, when messages can be received.
+// listen() comes last, because senders can connect from then on.
 bool o_msg_queue::open(char const* name) {
     Address address;
     if (!make_address(name, address))
@@ -101,8 +101,8 @@ bool o_msg_queue::open(char const* name) {
     pause_timer_.reset(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     if (!events_.open() || !pause_timer_.open())
         return false;
-    buffer_.reset(
-        new (std::nothrow) unsigned char[O_MSG_MAX_SIZE]); // untouched, and so unmapped, beyond need
+    // Pages of it that no message has reached yet take no memory.
+    buffer_.reset(new (std::nothrow) unsigned char[O_MSG_MAX_SIZE]);
     if (!buffer_) {
         errno = ENOMEM;
         return false;
@@ -123,8 +123,9 @@ o_msg_queue::~o_msg_queue() {
     }
 }
 
-// A child that kept the listener would keep the name taken when its parent has ended, and with it messages
-// that nobody receives. These descriptors never change while a queue lives, whatever its thread was doing.
+// A child that kept the listener would keep the name taken after its parent has ended, and senders would
+// reach a queue that nobody receives from. The three descriptors are safe to touch here, whatever the queue's
+// thread was doing at the time of the fork, because they never change while a queue lives.
 void o_msg_queue::close_all_in_child() {
     for (o_msg_queue* queue = queues; queue != nullptr; queue = queue->next_) {
         queue->listener_.reset();
@@ -133,8 +134,8 @@ void o_msg_queue::close_all_in_child() {
     }
 }
 
-// Without descriptors or memory the waiting connection can neither be taken nor sent away, and the listener
-// stays readable: the loop would spin. It is looked at again after a while. Senders wait in the backlog.
+// Without descriptors or memory, a waiting connection can be neither accepted nor refused. The listener would
+// stay readable and the loop would spin, so the listener is left alone for a while. Senders wait meanwhile.
 void o_msg_queue::pause_accepting() {
     itimerspec after{};
     after.it_value.tv_nsec = accept_pause_ms * 1000000;
@@ -154,8 +155,8 @@ void o_msg_queue::go_on_accepting() {
     paused_ = false;
 }
 
-// The next connection of somebody who may send here; those of others on the way to it are dropped unread, up
-// to the number that is left of them. False when nobody waits or nobody can be let in.
+// Accepts the next connection of somebody who may send here. Drops those of strangers that come before it,
+// unread, and counts them down. False when nobody waits, nobody can be let in, or strangers has come to 0.
 bool o_msg_queue::accept_one(int& strangers) {
     while (!paused_) {
         Descriptor socket(unless_interrupted(
@@ -177,8 +178,8 @@ bool o_msg_queue::accept_one(int& strangers) {
     return false;
 }
 
-// Leaves the set first: where a child of fork() still has the socket, closing it here does not take it out,
-// and a hung-up one would be reported for as long as the child lives.
+// Removes the socket from the epoll set explicitly: closing does not remove it while a child of fork() still
+// has a copy, and a socket that has hung up would be reported for as long as the child lives.
 void o_msg_queue::drop(std::size_t index) {
     if (pending_[index].watched)
         epoll_ctl(events_.get(), EPOLL_CTL_DEL, pending_[index].socket.get(), nullptr);
@@ -191,8 +192,8 @@ void o_msg_queue::drop(std::size_t index) {
     pending_[index].watched = false;
 }
 
-// The oldest connection whose message is there. Of one sender's, an older message was there before a newer
-// connection was, and that was accepted before the first look here: its messages keep their order.
+// Scans in order of acceptance and returns the first message found. The messages of one sender stay in order:
+// it sends a message before it makes its next connection, so the earlier connection is readable first.
 Outcome o_msg_queue::take_first(o_msg_t& to) {
     Outcome outcome = Outcome::nothing_yet;
     for (std::size_t i = 0; i < pending_count_ && outcome == Outcome::nothing_yet;) {
@@ -205,7 +206,7 @@ Outcome o_msg_queue::take_first(o_msg_t& to) {
         if (one != Outcome::dropped)
             outcome = one;
     }
-    if (pending_count_ > 0) { // only the newest may not be watched yet
+    if (pending_count_ > 0) { // every connection but the newest is already in the epoll set
         Connection& newest = pending_[pending_count_ - 1];
         newest.watched = newest.watched || watch(newest.socket.get());
         if (!newest.watched)
@@ -224,7 +225,7 @@ ssize_t o_msg_queue::receive(o_msg_t& to) {
     int strangers = strangers_per_call;
     for (int i = 0; more && i < connections_per_call; ++i) {
         Outcome outcome = Outcome::nothing_yet;
-        if (pending_count_ == pending_limit) // or accepting would drop a message that is there
+        if (pending_count_ == pending_limit) // accepting would drop the oldest, whose message may be there
             outcome = take_first(to);
         if (outcome == Outcome::nothing_yet) {
             more = accept_one(strangers);
@@ -243,22 +244,14 @@ ssize_t o_msg_queue::receive(o_msg_t& to) {
 
 namespace {
 
-// Once, also when the loader runs constructors again during exit(): fork() would take the lock twice.
-std::atomic<bool> fork_handled{false};
+std::atomic<bool> forks_handled{false};
 
-struct ForkHandlers {
-    ForkHandlers() {
-        if (fork_handled.exchange(true))
-            return;
-        pthread_atfork([] { queues_mutex.lock(); }, [] { queues_mutex.unlock(); },
-                       [] {
-                           o_msg_queue::close_all_in_child();
-                           queues_mutex.unlock();
-                       });
-    }
-};
-
-ForkHandlers fork_handlers __attribute__((init_priority(101)));
+orn::internal::ForkHandlers const fork_handlers __attribute__((init_priority(101))) = {
+    forks_handled, [] { queues_mutex.lock(); }, [] { queues_mutex.unlock(); },
+    [] {
+        o_msg_queue::close_all_in_child();
+        queues_mutex.unlock();
+    }};
 
 } // namespace
 

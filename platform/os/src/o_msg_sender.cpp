@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Sending messages: reaching the queue in time and handing over one packet. What a packet is, is left to
-// o_msg_packet.hpp.
+// The sending end of message queues: connecting in time and handing one packet over. The packet itself is
+// left to o_msg_packet.hpp, and whom to trust to o_msg_address.hpp.
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
@@ -21,7 +21,8 @@ namespace orn::os::msg {
 namespace {
 
 constexpr std::int64_t send_limit_ms = 1000;
-// While others are let in. Were it for ever, a flood would hold the caller's loop for ever.
+// The limit while the queue takes connections of others. Without one, a flood of them would hold the caller's
+// loop for ever.
 constexpr std::int64_t crowded_limit_ms = 10000;
 
 std::int64_t now_us() {
@@ -37,11 +38,11 @@ long sleeps_so_far() {
     return usage.ru_nvcsw;
 }
 
-// Waits while the receiver's backlog is full. Signals do not lengthen the wait, but places that become free
-// do, since the backlog then drains and others have merely been quicker: the system wakes a connect() for
-// each, and sends it back to sleep when the place has gone.
+// Waits while the queue's backlog is full. Signals do not make the wait longer. Places that become free do,
+// because the queue is being served then, and others have only been quicker. The wait shows them: the kernel
+// wakes connect() for each free place, and connect() goes back to sleep when the place is taken.
 bool connect_in_time(int socket, Address const& address) {
-    // The socket does not block at first: mostly there is room, and nothing has to be waited for or measured.
+    // The first try does not block and costs no measuring: mostly there is room.
     if (connect(socket, address.generic(), address.size) == 0)
         return true;
     if (errno != EAGAIN || fcntl(socket, F_SETFL, 0) != 0)
@@ -51,7 +52,7 @@ bool connect_in_time(int socket, Address const& address) {
     for (;;) {
         std::int64_t const now = now_us();
         std::int64_t const left = std::min(end, last) - now;
-        if (left <= 0) { // as a time-out 0 would be for ever
+        if (left <= 0) { // SO_SNDTIMEO takes 0 for ever
             errno = EAGAIN;
             return false;
         }
@@ -65,7 +66,7 @@ bool connect_in_time(int socket, Address const& address) {
             return true;
         if (errno != EINTR && errno != EAGAIN)
             return false;
-        if (sleeps_so_far() > sleeps + 1) // one is the wait itself
+        if (sleeps_so_far() > sleeps + 1) // the first sleep is the wait itself
             end = now_us() + send_limit_ms * 1000;
     }
 }
@@ -86,6 +87,6 @@ extern "C" ssize_t o_msg_send(char const* name, o_msg_t const* message, int flag
     orn::internal::Descriptor const connection(
         socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     bool const sent = connection.open() && connect_in_time(connection.get(), address) &&
-                      is_meant(connection.get(), name) && send_packet(connection.get(), *message, size);
+                      may_be_sent_to(connection.get(), name) && send_packet(connection.get(), *message, size);
     return sent ? size : -1;
 }

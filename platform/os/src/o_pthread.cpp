@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include <orn/cancel.hpp>
+#include <orn/forkHandlers.hpp>
 
 #include "mappedModule.hpp"
 
@@ -236,19 +237,10 @@ void after_fork_in_child() {
     cached_tid = 0;
 }
 
-// The handlers are registered at load, because whoever forks may hold a cached id. The C library removes them
-// when this library is unmapped. A thread that is in dlopen() while another one is in exit() has the loader
-// run constructors again: registered twice, the handlers would lock the mutex twice.
+// Registered at load and not at the first use, because any thread that forks may hold a cached id.
 std::atomic<bool> forks_handled{false};
-
-struct ForkHandlers {
-    ForkHandlers() {
-        if (!forks_handled.exchange(true))
-            pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
-    }
-};
-
-ForkHandlers fork_handlers __attribute__((init_priority(101)));
+internal::ForkHandlers const fork_handlers __attribute__((init_priority(101))) = {
+    forks_handled, before_fork, after_fork_in_parent, after_fork_in_child};
 
 } // namespace
 } // namespace orn::os
