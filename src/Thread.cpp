@@ -10,9 +10,9 @@
 
 #include <boost/make_shared.hpp>
 
+#include <orn/cancel.hpp>
 #include <orn/zel/threadGroup.hpp>
 
-#include "cancel.hpp"
 #include "fixedLine.hpp"
 
 // What the thread layer is told to run. threadProc is the same function, but exported: a function of the
@@ -48,7 +48,7 @@ int run(Thread::RunData& data) {
     data.initialized = true;
     {
         // A thread that Stop() cancels right after Start() must begin its work, and end in there.
-        detail::CancelShield const shield;
+        internal::CancelShield const shield;
         while (!data.start && !data.stop)
             usleep(poll_microseconds);
     }
@@ -119,7 +119,7 @@ Thread::~Thread() {
     if (stopped_ || detached_)
         return;
     // Joining is a cancellation point, and an unwinding that leaves a destructor ends the process.
-    detail::CancelShield const shield;
+    internal::CancelShield const shield;
     Thread::Stop();
     Thread::Join();
 }
@@ -128,7 +128,7 @@ void Thread::InitializeThread() {
     if (!runnable_)
         return;
     // A cancellation in here would destroy the object while its thread uses it.
-    detail::CancelShield const shield;
+    internal::CancelShield const shield;
     int const error = orn_zel_pthread_create(&handle_, nullptr, orn_zel_run_thread, &run_data_);
     if (error != 0)
         throw std::system_error(error, std::generic_category(), "thread");

@@ -18,11 +18,11 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <orn/cancel.hpp>
 #include <orn/mapping.hpp>
 #include <orn/zel/load.hpp>
 #include <orn/zel/signal.hpp>
 
-#include "cancel.hpp"
 #include "fork.hpp"
 #include "shutdown.hpp"
 
@@ -71,7 +71,7 @@ void let_get_on(int tid, int& left_ms) {
 // cannot be counted yet, or behind the last one that is counted. Returns when the other threads sleep or have
 // got on, after a second at most.
 void let_threads_get_on() {
-    detail::CancelShield const shield;
+    internal::CancelShield const shield;
     boost::shared_ptr<DIR> const tasks(opendir("/proc/self/task"), [](DIR* opened) {
         if (opened)
             closedir(opened);

@@ -6,7 +6,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "cancel.hpp"
+#include <orn/cancel.hpp>
+
 #include "plainText.hpp"
 
 namespace orn {
@@ -21,7 +22,7 @@ Response::Response() {
 Response::~Response() = default;
 
 ssize_t Write(int fd, std::string const& text) {
-    detail::CancelShield const shield; // destructors write monitor lines, and must not be unwound from
+    internal::CancelShield const shield; // destructors write monitor lines, and must not be unwound from
     return write(fd, text.data(), text.size());
 }
 

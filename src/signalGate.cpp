@@ -8,9 +8,9 @@
 #include <poll.h>
 #include <signal.h>
 
+#include <orn/cancel.hpp>
 #include <orn/zel/core.hpp>
 
-#include "cancel.hpp"
 #include "immortal.hpp"
 #include "signalFork.hpp"
 
@@ -120,7 +120,7 @@ void SignalGate::reclaim() {
             std::swap(doomed, retired);
     }
     // Closing a pipe is a cancellation point, and the caller may be a destructor.
-    CancelShield const shield;
+    internal::CancelShield const shield;
     while (doomed) {
         Snapshot* const next = doomed->next;
         delete doomed;
@@ -133,7 +133,7 @@ void SignalGate::drain() {
     // something has jumped out of it or sits on top of it. Leak what it may come back to, rather than free
     // it.
     int const longest_wait_ms = 1000;
-    CancelShield const shield;
+    internal::CancelShield const shield;
     for (int waited = 0; inside != 0 && waited < longest_wait_ms; ++waited)
         poll(nullptr, 0, 1);
     reclaim();

@@ -7,9 +7,9 @@
 
 #include <unistd.h>
 
+#include <orn/cancel.hpp>
 #include <orn/log.h>
 
-#include "cancel.hpp"
 #include "wordPipe.hpp"
 
 namespace orn {
@@ -210,7 +210,7 @@ void Core::settle_nudge() {
     bool const wanted = rounds_ > 0 && !queue_.empty();
     if (wanted == nudged_)
         return;
-    detail::CancelShield const shield;
+    internal::CancelShield const shield;
     if (wanted) {
         // If the pipe is full, the loop wakes anyway.
         nudged_ = detail::write_word(pipe_.WriteFD(), nudge) > 0;

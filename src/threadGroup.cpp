@@ -10,9 +10,9 @@
 
 #include <unistd.h>
 
+#include <orn/cancel.hpp>
 #include <orn/log.h>
 
-#include "cancel.hpp"
 #include "fixedLine.hpp"
 #include "threadMonitor.hpp"
 #include "threadRegistry.hpp"
@@ -137,7 +137,7 @@ bool Group::bumped() const {
 }
 
 void Group::WakeUp(char c) {
-    detail::CancelShield const shield; // write() is a cancellation point, and destructors come here
+    internal::CancelShield const shield; // write() is a cancellation point, and destructors come here
     // A full pipe loses the byte, but those that are in it wake the loop just as well.
     orn_zel_thread_group_write(ctrl_.WriteFD(), &c, 1);
 }

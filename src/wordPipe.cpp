@@ -10,7 +10,7 @@
 #include <fcntl.h>
 #include <sys/syscall.h>
 
-#include "cancel.hpp"
+#include <orn/cancel.hpp>
 
 namespace orn {
 namespace zel {
@@ -74,7 +74,7 @@ ssize_t write_or_grow(int fd, std::uint32_t word, Write write_once) {
 } // namespace
 
 ssize_t write_word(int fd, std::uint32_t word) {
-    CancelShield const shield;
+    internal::CancelShield const shield;
     return write_or_grow(fd, word, write);
 }
 

@@ -15,7 +15,7 @@ class TimerService {
 public:
     using Key = std::pair<std::uint64_t, std::size_t>; // deadline, order of setting
 
-    static Key key(Timer const& timer) { return {timer.deadlineNs_, timer.index_}; }
+    static Key key(Timer const& timer) { return {timer.deadline_ns_, timer.index_}; }
 
     void disarm(Timer& timer) {
         if (timer.index_ != 0) {
@@ -25,7 +25,7 @@ public:
     }
 
     void arm(Timer& timer, std::uint64_t deadline_ns) {
-        timer.deadlineNs_ = deadline_ns;
+        timer.deadline_ns_ = deadline_ns;
         timer.index_ = ++settings;
         armed.emplace(key(timer), &timer);
     }
@@ -33,7 +33,7 @@ public:
     void set(Timer& timer, std::uint64_t delay_ns, std::uint64_t period_ns) {
         std::lock_guard<std::mutex> const guard(mutex);
         disarm(timer);
-        timer.periodNs_ = period_ns;
+        timer.period_ns_ = period_ns;
         arm(timer, after(delay_ns));
     }
 
@@ -49,10 +49,10 @@ public:
             return false;
         }
         Timer& timer = *armed.begin()->second;
-        now_ns = timer.deadlineNs_;
+        now_ns = timer.deadline_ns_;
         disarm(timer);
-        if (timer.periodNs_ != 0)
-            arm(timer, after(timer.periodNs_));
+        if (timer.period_ns_ != 0)
+            arm(timer, after(timer.period_ns_));
         auto const callback = timer.callback_; // which may destroy its timer
         lock.unlock();
         callback(&timer);
@@ -82,7 +82,7 @@ std::uint64_t ns_of(unsigned long ms) {
 } // namespace
 
 Timer::Timer(boost::function<void(Timer*)> callback)
-    : callback_(std::move(callback)), deadlineNs_(0), periodNs_(0), index_(0), generation_(0), flags_(0) {
+    : callback_(std::move(callback)), deadline_ns_(0), period_ns_(0), index_(0), generation_(0), flags_(0) {
     std::lock_guard<std::mutex> const guard(service().mutex);
     ++service().live;
 }

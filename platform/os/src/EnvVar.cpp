@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// orn::os::EnvVar over secure_getenv(): a program that runs with more rights than its caller must not load
-// what the caller names.
+// orn::os::EnvVar over secure_getenv(), because a program with more rights than its caller must not load the
+// modules that the caller names.
 #include <orn/os/EnvVar.hpp>
 
 #include <stdlib.h>
@@ -9,9 +9,8 @@
 namespace orn::os {
 
 EnvVar::EnvVar(char const* name) {
-    if (char const* value = name != nullptr ? ::secure_getenv(name) : nullptr) {
+    if (char const* value = name != nullptr ? secure_getenv(name) : nullptr)
         value_ = value;
-    }
 }
 
 } // namespace orn::os

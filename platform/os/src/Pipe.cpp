@@ -4,51 +4,31 @@
 #include <orn/os/Pipe.hpp>
 
 #include <cerrno>
-#include <fcntl.h>
-#include <pthread.h>
 #include <system_error>
+
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <orn/cancel.hpp>
+#include <orn/descriptor.hpp>
+
 namespace orn::os {
-namespace {
 
-// A program that was started without standard descriptors must not find a pipe under their numbers: it would
-// read from the library's own pipes, or print into them.
-int above_standard(int fd) {
-    if (fd > STDERR_FILENO) {
-        return fd;
-    }
-    int const moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    int const error = errno;
-    ::close(fd);
-    errno = error;
-    return moved;
-}
-
-} // namespace
-
-Pipe::Pipe(bool blocking) : readFd_(-1), writeFd_(-1) {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC | (blocking ? 0 : O_NONBLOCK)) != 0) {
+Pipe::Pipe(bool blocking) : read_fd_(-1), write_fd_(-1) {
+    int ends[2] = {-1, -1};
+    bool const made = pipe2(ends, O_CLOEXEC | (blocking ? 0 : O_NONBLOCK)) == 0;
+    internal::Descriptor reader(internal::above_standard(ends[0]));
+    internal::Descriptor writer(internal::above_standard(ends[1]));
+    if (!made || !reader.open() || !writer.open())
         throw std::system_error(errno, std::generic_category(), "pipe");
-    }
-    readFd_ = above_standard(ends[0]);
-    writeFd_ = above_standard(ends[1]);
-    if (readFd_ == -1 || writeFd_ == -1) {
-        int const error = errno;
-        ::close(readFd_);
-        ::close(writeFd_);
-        throw std::system_error(error, std::generic_category(), "pipe");
-    }
+    read_fd_ = reader.release();
+    write_fd_ = writer.release();
 }
 
 Pipe::~Pipe() {
-    // close() is a cancellation point, and a destructor cannot let the unwinding of a cancelled thread out.
-    int state = 0;
-    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-    ::close(readFd_);
-    ::close(writeFd_);
-    ::pthread_setcancelstate(state, nullptr);
+    internal::CancelShield const shield;
+    close(read_fd_);
+    close(write_fd_);
 }
 
 } // namespace orn::os

@@ -4,9 +4,12 @@
 #include <orn/os/Thread.hpp>
 
 #include <memory>
-#include <pthread.h>
 #include <system_error>
 #include <utility>
+
+#include <pthread.h>
+
+#include <orn/cancel.hpp>
 
 namespace orn::os {
 namespace {
@@ -14,7 +17,7 @@ namespace {
 using Body = boost::function<void()>;
 
 void* run(void* argument) {
-    // Owned by the thread and not by the object, which the function may destroy while it runs.
+    // The thread owns it and not the object, because the function may destroy the object while it runs.
     std::unique_ptr<Body> body(static_cast<Body*>(argument));
     (*body)();
     return nullptr;
@@ -25,22 +28,18 @@ void* run(void* argument) {
 Thread::Thread(boost::function<void()> body) : handle_() {
     auto owned = std::make_unique<Body>(std::move(body));
     int const error = o_pthread_create(&handle_, nullptr, run, owned.get());
-    if (error != 0) {
+    if (error != 0)
         throw std::system_error(error, std::generic_category(), "thread");
-    }
     owned.release();
 }
 
 Thread::~Thread() {
-    if (::pthread_equal(handle_, ::pthread_self()) != 0) {
+    if (pthread_equal(handle_, pthread_self()) != 0) {
         o_pthread_detach(handle_);
         return;
     }
-    // Joining is a cancellation point, and a destructor cannot let the unwinding of a cancelled thread out.
-    int state = 0;
-    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    internal::CancelShield const shield;
     o_pthread_join(handle_, nullptr);
-    ::pthread_setcancelstate(state, nullptr);
 }
 
 } // namespace orn::os

@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: MIT
 //
-// orn::os::Timer over one service thread with a heap of deadlines. This file is the whole of it, so that a
-// test can link a clock of its own in its place.
+// orn::os::Timer over one service thread with a heap of deadlines. All of it is in this file, so that a test
+// can link a clock of its own instead.
 //
-// The service's state is constant-initialised and never destroyed: timers are used while exit() runs in
-// another thread. Only its thread has an end; see Lifetime.
+// The service is constant-initialised and never destroyed, because timers may be used while exit() runs in
+// another thread. Only its thread ends; see Lifetime.
 #include <orn/os/Timer.hpp>
-
-#include <orn/mapping.hpp>
 
 #include <cerrno>
 #include <csignal>
@@ -16,51 +14,55 @@
 #include <limits>
 #include <mutex>
 #include <new>
-#include <pthread.h>
-#include <sys/prctl.h>
 #include <system_error>
 #include <type_traits>
 #include <utility>
+
+#include <pthread.h>
+#include <sys/prctl.h>
+
+#include <orn/cancel.hpp>
+#include <orn/mapping.hpp>
 
 namespace orn::os {
 namespace {
 
 constexpr std::uint64_t never = std::numeric_limits<std::int64_t>::max();
-constexpr std::uint64_t nsPerMs = 1000000;
-constexpr std::uint64_t nsPerSecond = 1000000000;
-constexpr std::size_t heapWidth = 4;
-// What exit() gives a callback that is under way. One that takes this long waits for the thread that is in
-// exit(), as a rule, and would wait for ever.
-constexpr std::uint64_t longestCallbackNs = nsPerSecond;
-constexpr std::uint32_t flagDying = 1; // in its destructor: not to be armed any more
+constexpr std::uint64_t ns_per_ms = 1000000;
+constexpr std::uint64_t ns_per_second = 1000000000;
+constexpr std::size_t heap_width = 4;
+// exit() waits this long for a callback that is running. A callback that takes longer usually waits for the
+// thread that is in exit(), so both would wait for ever.
+constexpr std::uint64_t longest_callback_ns = ns_per_second;
+constexpr std::uint32_t flag_dying = 1; // the timer's destructor runs, so it must not be armed any more
 
 std::uint64_t now_ns() {
     struct timespec now {};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::uint64_t>(now.tv_sec) * nsPerSecond + static_cast<std::uint64_t>(now.tv_nsec);
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * ns_per_second + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
 std::uint64_t ns_of(unsigned long ms) {
-    return ms < never / nsPerMs ? ms * nsPerMs : never;
+    return ms < never / ns_per_ms ? ms * ns_per_ms : never;
 }
 
 std::uint64_t after(std::uint64_t now, std::uint64_t delay) {
     return delay < never - now ? now + delay : never;
 }
 
-// The first multiple of the period past deadline that is still to come.
+// The first time that lies a whole number of periods after the deadline and is still to come.
 std::uint64_t next_in_phase(std::uint64_t deadline, std::uint64_t period, std::uint64_t now) {
     std::uint64_t const missed = (now - deadline) / period;
     return after(deadline + missed * period, period);
 }
 
 struct timespec timespec_of(std::uint64_t ns) {
-    // A 32-bit time_t still holds this; to wake early once in decades does no harm.
-    std::uint64_t const seconds = ns / nsPerSecond;
+    // Cut to what a time_t of 32 bits holds. Waking too early once in decades does no harm.
+    std::uint64_t const seconds = ns / ns_per_second;
     std::uint64_t const limit = std::numeric_limits<std::int32_t>::max();
     struct timespec time {};
     time.tv_sec = static_cast<time_t>(seconds < limit ? seconds : limit);
-    time.tv_nsec = static_cast<long>(ns % nsPerSecond);
+    time.tv_nsec = static_cast<long>(ns % ns_per_second);
     return time;
 }
 
@@ -68,7 +70,7 @@ struct timespec timespec_of(std::uint64_t ns) {
 
 class TimerService {
 public:
-    void set(Timer& timer, unsigned long initialMs, unsigned long recurringMs);
+    void set(Timer& timer, unsigned long initial_ms, unsigned long recurring_ms);
     void end(Timer& timer);
 
     void stop(bool unmapped);
@@ -78,7 +80,7 @@ public:
 
 private:
     struct Entry {
-        std::uint64_t deadline; // beside the pointer: comparing touches no timer
+        std::uint64_t deadline; // copied here, so that comparing touches no timer
         Timer* timer;
     };
 
@@ -98,28 +100,29 @@ private:
     void sleep(std::unique_lock<std::mutex>& lock);
     bool left_in_time(std::unique_lock<std::mutex>& lock);
 
-    std::mutex mutex_;                                  // a leaf; never held while a callback runs
-    pthread_cond_t earlier_ = PTHREAD_COND_INITIALIZER; // a deadline before sleepsUntil_, or the end
-    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER;    // a callback that somebody waits for has returned,
-                                                        // or the thread leaves
+    std::mutex mutex_; // a leaf; never held while a callback runs
+    pthread_cond_t earlier_ =
+        PTHREAD_COND_INITIALIZER;                    // there is a deadline before sleeps_until_, or the end
+    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER; // a callback that somebody waits for has returned,
+                                                     // or the thread leaves
 
     Entry* heap_ = nullptr;
     std::size_t size_ = 0;
     std::size_t room_ = 0;
-    std::uint32_t generation_ = 1; // timers that carry it are in the heap; a step disarms all of them
+    std::uint32_t generation_ = 1; // timers with this number are in the heap; increasing it disarms all
 
     pthread_t thread_ = {};
     bool started_ = false;
     bool stopped_ = false;
-    bool left_ = false;             // the thread does nothing any more but end
-    std::uint64_t sleepsUntil_ = 0; // 0: awake, and will look at the heap before it sleeps
+    bool left_ = false;              // the thread does nothing more but end
+    std::uint64_t sleeps_until_ = 0; // 0: the thread is awake and looks at the heap before it sleeps
 
-    Timer* running_ = nullptr;                          // whose callback runs
-    boost::function<void(Timer*)>* function_ = nullptr; // and the callback itself, taken out of the timer
-    unsigned waiting_ = 0;                              // destructors that wait for it
+    Timer* running_ = nullptr;                          // the timer whose callback runs
+    boost::function<void(Timer*)>* function_ = nullptr; // that callback, taken out of the timer
+    unsigned waiting_ = 0;                              // destructors that wait for the callback
 };
 
-// ---------------------------------------------------------------- the heap
+// ---- The heap -------------------------------------------------------------------------------------------
 
 void TimerService::place(std::size_t index, Entry entry) {
     heap_[index] = entry;
@@ -128,10 +131,9 @@ void TimerService::place(std::size_t index, Entry entry) {
 
 void TimerService::sift_up(std::size_t index, Entry entry) {
     while (index > 0) {
-        std::size_t const parent = (index - 1) / heapWidth;
-        if (heap_[parent].deadline <= entry.deadline) {
+        std::size_t const parent = (index - 1) / heap_width;
+        if (heap_[parent].deadline <= entry.deadline)
             break;
-        }
         place(index, heap_[parent]);
         index = parent;
     }
@@ -140,20 +142,17 @@ void TimerService::sift_up(std::size_t index, Entry entry) {
 
 void TimerService::sift_down(std::size_t index, Entry entry) {
     for (;;) {
-        std::size_t const first = index * heapWidth + 1;
-        if (first >= size_) {
+        std::size_t const first = index * heap_width + 1;
+        if (first >= size_)
             break;
-        }
-        std::size_t const end = first + heapWidth < size_ ? first + heapWidth : size_;
+        std::size_t const end = first + heap_width < size_ ? first + heap_width : size_;
         std::size_t least = first;
         for (std::size_t child = first + 1; child < end; ++child) {
-            if (heap_[child].deadline < heap_[least].deadline) {
+            if (heap_[child].deadline < heap_[least].deadline)
                 least = child;
-            }
         }
-        if (entry.deadline <= heap_[least].deadline) {
+        if (entry.deadline <= heap_[least].deadline)
             break;
-        }
         place(index, heap_[least]);
         index = least;
     }
@@ -161,133 +160,120 @@ void TimerService::sift_down(std::size_t index, Entry entry) {
 }
 
 void TimerService::make_room() {
-    if (size_ < room_) {
+    if (size_ < room_)
         return;
-    }
     std::size_t const room = room_ == 0 ? 64 : room_ * 2;
     void* const grown = std::realloc(static_cast<void*>(heap_), room * sizeof(Entry));
-    if (grown == nullptr) {
+    if (grown == nullptr)
         throw std::bad_alloc();
-    }
     heap_ = static_cast<Entry*>(grown);
     room_ = room;
 }
 
 void TimerService::arm(Timer& timer) {
     timer.generation_ = generation_;
-    sift_up(size_++, {timer.deadlineNs_, &timer});
+    sift_up(size_++, {timer.deadline_ns_, &timer});
 }
 
 void TimerService::disarm(Timer& timer) {
-    if (!armed(timer)) {
+    if (!armed(timer))
         return;
-    }
     timer.generation_ = 0;
     std::size_t const index = timer.index_;
     Entry const last = heap_[--size_];
-    if (index == size_) {
+    if (index == size_)
         return;
-    }
-    if (index > 0 && last.deadline < heap_[(index - 1) / heapWidth].deadline) {
+    if (index > 0 && last.deadline < heap_[(index - 1) / heap_width].deadline)
         sift_up(index, last);
-    } else {
+    else
         sift_down(index, last);
-    }
 }
 
 void TimerService::disarm_all() {
     size_ = 0;
-    if (++generation_ == 0) {
-        generation_ = 1; // 0 is a timer's own mark for disarmed
-    }
+    if (++generation_ == 0)
+        generation_ = 1; // 0 marks a timer as disarmed
 }
 
-// ---------------------------------------------------------------- from any thread
+// ---- From any thread ------------------------------------------------------------------------------------
 
-void TimerService::set(Timer& timer, unsigned long initialMs, unsigned long recurringMs) {
-    // First of all: the delay counts from the call, whatever the lock and the making of the thread take.
+void TimerService::set(Timer& timer, unsigned long initial_ms, unsigned long recurring_ms) {
+    // The clock is read first, because the delay counts from the call, however long the lock and the making
+    // of the thread take.
     std::uint64_t const called = now_ns();
     bool wake = false;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::lock_guard<std::mutex> const lock(mutex_);
         disarm(timer);
-        if (stopped_ || (timer.flags_ & flagDying) != 0) {
+        if (stopped_ || (timer.flags_ & flag_dying) != 0)
             return;
-        }
         make_room();
         start();
-        timer.deadlineNs_ = after(called, ns_of(initialMs));
-        timer.periodNs_ = ns_of(recurringMs);
+        timer.deadline_ns_ = after(called, ns_of(initial_ms));
+        timer.period_ns_ = ns_of(recurring_ms);
         arm(timer);
-        if (timer.deadlineNs_ < sleepsUntil_) {
-            sleepsUntil_ = timer.deadlineNs_; // spares the next one, if it is later, the same wake-up
+        if (timer.deadline_ns_ < sleeps_until_) {
+            sleeps_until_ = timer.deadline_ns_; // a later timer does not wake the thread again
             wake = true;
         }
     }
-    if (wake) {
-        ::pthread_cond_signal(&earlier_);
-    }
+    if (wake)
+        pthread_cond_signal(&earlier_);
 }
 
 void TimerService::end(Timer& timer) {
     std::unique_lock<std::mutex> lock(mutex_);
     disarm(timer);
-    if (running_ != &timer) {
+    if (running_ != &timer)
+        return;
+    if (pthread_equal(thread_, pthread_self()) != 0) {
+        running_ = nullptr; // called in its own callback; fire() keeps the function object until that returns
         return;
     }
-    if (::pthread_equal(thread_, ::pthread_self()) != 0) {
-        running_ = nullptr; // from its own callback, whose function object fire() keeps
-        return;
-    }
-    timer.flags_ |= flagDying; // the callback may be about to set it again, for ever
-    int state = 0;             // waiting is a cancellation point, and this is a destructor
-    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    timer.flags_ |= flag_dying; // otherwise a callback that sets its timer again would keep us waiting
+    internal::CancelShield const shield;
     ++waiting_;
-    while (running_ == &timer) {
-        ::pthread_cond_wait(&idle_, mutex_.native_handle());
-    }
+    while (running_ == &timer)
+        pthread_cond_wait(&idle_, mutex_.native_handle());
     --waiting_;
-    ::pthread_setcancelstate(state, nullptr);
 }
 
-// Nobody waits on them: a child of fork() may find them in the middle of a dead thread's call.
+// Also called in a child of fork(), where a thread that no longer exists may have been waiting on the
+// conditions. Nobody else may be waiting on them.
 void TimerService::make_conditions() {
     pthread_condattr_t attributes;
-    ::pthread_condattr_init(&attributes);
-    ::pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-    ::pthread_cond_init(&earlier_, &attributes);
-    ::pthread_cond_init(&idle_, &attributes);
-    ::pthread_condattr_destroy(&attributes);
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    pthread_cond_init(&earlier_, &attributes);
+    pthread_cond_init(&idle_, &attributes);
+    pthread_condattr_destroy(&attributes);
 }
 
-// Under the mutex: two timers that are set at once must not start two threads.
+// The caller holds the mutex, so that two timers that are set at the same time do not start two threads.
 //
-// The thread inherits the scheduling policy, niceness and processors of the caller. A fixed ordinary policy
-// would make every alarm of a real-time loop wait for whatever else is ready on its processor: three switches
-// an alarm instead of two, and a worst delay of 4 ms instead of 0.3 beside one busy process. A fixed
-// real-time policy needs a privilege, and callbacks would go before threads that the application has put
-// first.
+// The thread inherits the scheduling policy, niceness and processors of the caller. With a fixed ordinary
+// policy every alarm of a real-time loop would wait for whatever else is ready on its processor: beside one
+// busy process it took three switches an alarm instead of two, and 4 ms at worst instead of 0.3. A fixed
+// real-time policy needs a privilege, and callbacks would run before threads to which the application has
+// given precedence.
 void TimerService::start() {
-    if (started_) {
+    if (started_)
         return;
-    }
     make_conditions();
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before); // the new thread inherits it
-    int const error = ::pthread_create(&thread_, nullptr, thread_start, this);
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (error != 0) {
+    pthread_sigmask(SIG_SETMASK, &all, &before); // the new thread inherits it
+    int const error = pthread_create(&thread_, nullptr, thread_start, this);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (error != 0)
         throw std::system_error(error, std::generic_category(), "timer thread");
-    }
     started_ = true;
     left_ = false;
-    sleepsUntil_ = 0;
+    sleeps_until_ = 0;
 }
 
-// Threads that are still running when the process exits may go on using timers: those do nothing from here
-// on.
+// Threads that still run while the process exits may go on using timers, which do nothing from here on.
 void TimerService::stop(bool unmapped) {
     std::unique_lock<std::mutex> lock(mutex_);
     stopped_ = true;
@@ -295,39 +281,37 @@ void TimerService::stop(bool unmapped) {
     std::free(heap_);
     heap_ = nullptr;
     room_ = 0;
-    if (!started_ || ::pthread_equal(thread_, ::pthread_self()) != 0) {
-        return; // exit() called from a callback: this thread cannot wait for itself
-    }
+    if (!started_ || pthread_equal(thread_, pthread_self()) != 0)
+        return; // a callback has called exit(), and the thread cannot wait for itself
     started_ = false;
-    ::pthread_cond_signal(&earlier_);
+    pthread_cond_signal(&earlier_);
     bool const joinable = unmapped || left_in_time(lock);
     lock.unlock();
-    if (joinable) {
-        ::pthread_join(thread_, nullptr);
-    } else {
-        ::pthread_detach(thread_);
-    }
+    if (joinable)
+        pthread_join(thread_, nullptr);
+    else
+        pthread_detach(thread_);
 }
 
 bool TimerService::left_in_time(std::unique_lock<std::mutex>& lock) {
-    struct timespec const until = timespec_of(after(now_ns(), longestCallbackNs));
+    struct timespec const until = timespec_of(after(now_ns(), longest_callback_ns));
     int error = 0;
-    while (!left_ && error == 0) {
-        error = ::pthread_cond_timedwait(&idle_, lock.mutex()->native_handle(), &until);
-    }
+    while (!left_ && error == 0)
+        error = pthread_cond_timedwait(&idle_, lock.mutex()->native_handle(), &until);
     return left_;
 }
 
-// The child has the forking thread only, and its parent's timers are not its own.
+// A child of fork() has only the forking thread, and its parent's timers are not its own.
 void TimerService::after_fork_in_child() {
     disarm_all();
     waiting_ = 0;
     make_conditions();
-    bool const serving = started_ && ::pthread_equal(thread_, ::pthread_self()) != 0;
+    bool const serving = started_ && pthread_equal(thread_, pthread_self()) != 0;
     if (!serving) {
         started_ = false;
         if (running_ != nullptr) {
-            running_->callback_ = std::move(*function_); // from the stack of the thread that is no more
+            running_->callback_ =
+                std::move(*function_); // it is on the stack of a thread that no longer exists
             running_ = nullptr;
         }
         function_ = nullptr;
@@ -335,12 +319,12 @@ void TimerService::after_fork_in_child() {
     mutex_.unlock();
 }
 
-// ---------------------------------------------------------------- the service thread
+// ---- The service thread ---------------------------------------------------------------------------------
 
 void* TimerService::thread_start(void* service) {
-    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    ::pthread_setname_np(::pthread_self(), "orn-timer");
-    ::prctl(PR_SET_TIMERSLACK, 1ul, 0ul, 0ul, 0ul);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    pthread_setname_np(pthread_self(), "orn-timer");
+    prctl(PR_SET_TIMERSLACK, 1ul, 0ul, 0ul, 0ul);
     static_cast<TimerService*>(service)->serve();
     return nullptr;
 }
@@ -349,37 +333,37 @@ void TimerService::serve() {
     std::unique_lock<std::mutex> lock(mutex_);
     while (!stopped_) {
         std::uint64_t const now = now_ns();
-        if (size_ > 0 && heap_[0].deadline <= now) {
+        if (size_ > 0 && heap_[0].deadline <= now)
             fire(lock, *heap_[0].timer, now);
-        } else {
+        else
             sleep(lock);
-        }
     }
     left_ = true;
-    ::pthread_cond_broadcast(&idle_);
+    pthread_cond_broadcast(&idle_);
 }
 
 void TimerService::sleep(std::unique_lock<std::mutex>& lock) {
-    sleepsUntil_ = size_ > 0 ? heap_[0].deadline : never;
-    if (sleepsUntil_ == never) {
-        ::pthread_cond_wait(&earlier_, lock.mutex()->native_handle());
+    sleeps_until_ = size_ > 0 ? heap_[0].deadline : never;
+    if (sleeps_until_ == never) {
+        pthread_cond_wait(&earlier_, lock.mutex()->native_handle());
     } else {
-        struct timespec const until = timespec_of(sleepsUntil_);
-        ::pthread_cond_timedwait(&earlier_, lock.mutex()->native_handle(), &until);
+        struct timespec const until = timespec_of(sleeps_until_);
+        pthread_cond_timedwait(&earlier_, lock.mutex()->native_handle(), &until);
     }
-    sleepsUntil_ = 0;
+    sleeps_until_ = 0;
 }
 
-// The callback is taken out of the timer while it runs, since it may destroy the timer, and put back
-// afterwards, both under the lock: a child of fork() finds it in one of the two places. Not held while it
-// runs: the mutex.
+// Takes the callback out of the timer while it runs, because it may destroy the timer, and puts it back
+// afterwards. Both happen under the mutex, so that a child of fork() finds the callback in one of the two
+// places. The mutex is released while the callback runs, since the callback may set, create and destroy
+// timers.
 void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::uint64_t now) {
     boost::function<void(Timer*)> function(std::move(timer.callback_));
-    if (timer.periodNs_ == 0) {
+    if (timer.period_ns_ == 0) {
         disarm(timer);
     } else {
-        timer.deadlineNs_ = next_in_phase(timer.deadlineNs_, timer.periodNs_, now);
-        sift_down(0, {timer.deadlineNs_, &timer});
+        timer.deadline_ns_ = next_in_phase(timer.deadline_ns_, timer.period_ns_, now);
+        sift_down(0, {timer.deadline_ns_, &timer});
     }
     running_ = &timer;
     function_ = &function;
@@ -388,19 +372,18 @@ void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::u
     lock.lock();
     function_ = nullptr;
     if (running_ == nullptr) {
-        lock.unlock(); // destroyed in the callback: the function's destructor may use timers too
+        lock.unlock(); // the timer is gone; destroying the function may use other timers, under the mutex
         function.clear();
         lock.lock();
         return;
     }
     timer.callback_ = std::move(function);
     running_ = nullptr;
-    if (waiting_ > 0) {
-        ::pthread_cond_broadcast(&idle_);
-    }
+    if (waiting_ > 0)
+        pthread_cond_broadcast(&idle_);
 }
 
-// ---------------------------------------------------------------- life and death
+// ---- Life and death -------------------------------------------------------------------------------------
 
 namespace {
 
@@ -414,16 +397,16 @@ __attribute__((destructor)) void note_destructors() {
     mapping.destructor_function();
 }
 
-// Constructed before, and so destroyed after, every ordinary static object of the same library: the thread
-// ends when nothing that uses timers is left in it, at exit() and at dlclose() alike.
+// It is constructed before every ordinary static object of the same library and so destroyed after them. The
+// thread therefore ends when nothing that uses timers is left in the library, at exit() and at dlclose()
+// alike.
 class Lifetime {
 public:
     Lifetime() {
-        if (!mapping.begin("o_pthread_create")) {
-            return; // locked a second time by fork(), the mutex would never come free
-        }
-        ::pthread_atfork([] { service.before_fork(); }, [] { service.after_fork_in_parent(); },
-                         [] { service.after_fork_in_child(); });
+        if (!mapping.begin("o_pthread_create"))
+            return; // fork() would lock the mutex twice
+        pthread_atfork([] { service.before_fork(); }, [] { service.after_fork_in_parent(); },
+                       [] { service.after_fork_in_child(); });
     }
     ~Lifetime() { service.stop(mapping.unmapped()); }
     Lifetime(Lifetime const&) = delete;
@@ -435,14 +418,14 @@ Lifetime lifetime __attribute__((init_priority(101)));
 } // namespace
 
 Timer::Timer(boost::function<void(Timer*)> callback)
-    : callback_(std::move(callback)), deadlineNs_(0), periodNs_(0), index_(0), generation_(0), flags_(0) {}
+    : callback_(std::move(callback)), deadline_ns_(0), period_ns_(0), index_(0), generation_(0), flags_(0) {}
 
 Timer::~Timer() {
     service.end(*this);
 }
 
-void Timer::Set(unsigned long initialMs, unsigned long recurringMs) {
-    service.set(*this, initialMs, recurringMs);
+void Timer::Set(unsigned long initial_ms, unsigned long recurring_ms) {
+    service.set(*this, initial_ms, recurring_ms);
 }
 
 } // namespace orn::os

@@ -1,25 +1,36 @@
 // SPDX-License-Identifier: MIT
 //
-// The thread layer: hooks around pthread_create(), and the cached kernel thread id. All state is
-// constant-initialised and never destroyed: threads come and go while static objects are built and taken
-// down.
+// The thread layer: pthread_create() with hooks around it, and the cached kernel thread id. All state is
+// constant-initialised and never destroyed, because threads come and go while static objects are built and
+// taken down. Telling whether a hook's library is still mapped is left to mappedModule.hpp.
 #include <orn/os/o_pthread.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
-#include <link.h>
 #include <mutex>
 #include <new>
+#include <optional>
+#include <utility>
+
 #include <semaphore.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <orn/cancel.hpp>
+#include <orn/forkHandlers.hpp>
+
+#include "mappedModule.hpp"
+
+namespace orn::os {
 namespace {
 
+// ---- The registered hooks -------------------------------------------------------------------------------
+
 constexpr std::uintptr_t magic = 0xDEAD;
-constexpr std::size_t hookLimit = 16;
+constexpr std::size_t hook_limit = 16;
 
 struct Record {
     std::uintptr_t magic;
@@ -29,226 +40,140 @@ struct Record {
     int (*cleanup)();
 };
 
-bool equal(Record const& a, Record const& b) {
+bool operator==(Record const& a, Record const& b) {
     return a.magic == b.magic && a.create == b.create && a.start == b.start && a.reserved == b.reserved &&
            a.cleanup == b.cleanup;
 }
 
-// ---------------------------------------------------------------- which library a hook belongs to
-
-// What tells one mapped library from another that comes to lie at the same address later: its place, its name
-// and its layout. Nothing is mapped where base is 0 and the digest too.
-struct Module {
-    std::uintptr_t base = 0;
-    std::uint64_t digest = 0;
-    bool permanent = false; // holds this code or the program itself: mapped as long as anybody can ask
-};
-
-bool operator==(Module const& a, Module const& b) {
-    return a.base == b.base && a.digest == b.digest;
+std::uintptr_t address_in(Record const& record) {
+    if (record.create != nullptr)
+        return reinterpret_cast<std::uintptr_t>(record.create);
+    if (record.start != nullptr)
+        return reinterpret_cast<std::uintptr_t>(record.start);
+    return reinterpret_cast<std::uintptr_t>(record.cleanup);
 }
 
-std::uint64_t digest_of(void const* bytes, std::size_t size, std::uint64_t digest) {
-    auto const* at = static_cast<unsigned char const*>(bytes);
-    for (std::size_t i = 0; i < size; ++i) {
-        digest = (digest ^ at[i]) * 1099511628211u;
-    }
-    return digest;
-}
-
-struct Search {
-    std::uintptr_t address;
-    Module found;
-    bool first;
-};
-
-bool holds(dl_phdr_info const& object, std::uintptr_t address) {
-    for (std::size_t i = 0; i < object.dlpi_phnum; ++i) {
-        auto const& segment = object.dlpi_phdr[i];
-        // Wraps below the segment, which is then too far off as well.
-        if (segment.p_type == PT_LOAD && address - (object.dlpi_addr + segment.p_vaddr) < segment.p_memsz) {
-            return true;
-        }
-    }
-    return false;
-}
-
-int look_at(dl_phdr_info* object, std::size_t, void* argument) {
-    auto& search = *static_cast<Search*>(argument);
-    bool const program = search.first;
-    search.first = false;
-    if (!holds(*object, search.address)) {
-        return 0;
-    }
-    std::uint64_t digest = 14695981039346656037u;
-    for (char const* name = object->dlpi_name; name != nullptr && *name != '\0'; ++name) {
-        digest = digest_of(name, 1, digest);
-    }
-    digest = digest_of(object->dlpi_phdr, object->dlpi_phnum * sizeof *object->dlpi_phdr, digest);
-    search.found = {object->dlpi_addr, digest,
-                    program || holds(*object, reinterpret_cast<std::uintptr_t>(&look_at))};
-    return 1;
-}
-
-// dl_iterate_phdr() and not dladdr(): its lock is not held while a library's destructors run, and those may
-// be waiting for the very thread that asks.
-bool module_of(Record const& record, Module& module) {
-    auto address = reinterpret_cast<std::uintptr_t>(record.create);
-    if (address == 0) {
-        address = reinterpret_cast<std::uintptr_t>(record.start);
-    }
-    if (address == 0) {
-        address = reinterpret_cast<std::uintptr_t>(record.cleanup);
-    }
-    Search search = {address, {}, true};
-    if (::dl_iterate_phdr(look_at, &search) == 0) {
-        return false;
-    }
-    module = search.found;
-    return true;
-}
-
-// ---------------------------------------------------------------- the registered hooks
-
-// Constant-initialised: hooks are registered while the static objects of the process are still being made.
 struct Hooks {
     Record record = {};
-    Module module = {};
+    MappedModule module = {};
 };
 
+// False once the library that the hooks are in has been unmapped: calling them would end the process.
 bool mapped(Hooks const& hooks) {
-    Module now;
-    return hooks.module.permanent || (module_of(hooks.record, now) && now == hooks.module);
+    return hooks.module.permanent || module_of(address_in(hooks.record)) == hooks.module;
 }
 
-std::mutex registryMutex; // leaf: held for copying only
-Hooks registry[hookLimit] = {};
-std::size_t registered = 0;
-
-struct Snapshot {
-    Hooks hooks[hookLimit];
+struct HookList {
+    Hooks hooks[hook_limit];
     std::size_t count = 0;
+
+    template <typename Condition>
+    void remove_if(Condition const& condition) {
+        count = static_cast<std::size_t>(std::remove_if(hooks, hooks + count, condition) - hooks);
+    }
 };
+
+std::mutex registry_mutex; // a leaf: nothing is called under it
+HookList registry;
 
 void forget(Hooks const& gone) {
-    std::lock_guard<std::mutex> lock(registryMutex);
-    auto const end = std::remove_if(registry, registry + registered, [&gone](Hooks const& hooks) {
-        return equal(hooks.record, gone.record) && hooks.module == gone.module;
-    });
-    registered = static_cast<std::size_t>(end - registry);
+    std::lock_guard<std::mutex> const lock(registry_mutex);
+    registry.remove_if(
+        [&gone](Hooks const& hooks) { return hooks.record == gone.record && hooks.module == gone.module; });
 }
 
-// Copies what is registered, and forgets the hooks whose library has gone.
-void take(Snapshot& to) {
+// Forgets the hooks whose library has gone, and copies the others.
+void take_registered(HookList& to) {
     {
-        std::lock_guard<std::mutex> lock(registryMutex);
-        for (std::size_t i = 0; i < registered; ++i) {
-            to.hooks[i] = registry[i];
-        }
-        to.count = registered;
+        std::lock_guard<std::mutex> const lock(registry_mutex);
+        to = registry;
     }
-    auto const end = std::remove_if(to.hooks, to.hooks + to.count, [](Hooks const& hooks) {
+    // registry_mutex is free here: mapped() takes a lock of the dynamic linker's.
+    to.remove_if([](Hooks const& hooks) {
         bool const gone = !mapped(hooks);
-        if (gone) {
+        if (gone)
             forget(hooks);
-        }
         return gone;
     });
-    to.count = static_cast<std::size_t>(end - to.hooks);
 }
 
-// ---------------------------------------------------------------- a thread's start
+// ---- A thread's start and end ---------------------------------------------------------------------------
 
-class CancelDisabled {
-public:
-    CancelDisabled() { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~CancelDisabled() { ::pthread_setcancelstate(before_, nullptr); }
-    CancelDisabled(CancelDisabled const&) = delete;
-    CancelDisabled& operator=(CancelDisabled const&) = delete;
-
-private:
-    int before_ = PTHREAD_CANCEL_ENABLE;
-};
-
-// Shared by the creating and the new thread; the last one to be done with it frees it.
+// What the creating and the new thread share. The last of the two that is done with it frees it.
 //
-//     parent                                       child
-//     pthread_create                               waits for verdict_
+//     creating thread                              new thread
+//     pthread_create()                             waits for the verdict
 //     create hooks
-//     verdict_: run, or end when a hook threw      start hooks, body, cleanup hooks; or nothing
+//     verdict: run, or end when a hook threw       start hooks, body, cleanup hooks; or nothing
 class Launch {
 public:
     Launch(void* (*body)(void*), void* argument) : body_(body), argument_(argument) {
-        take(hooks_);
-        ::sem_init(&verdict_, 0, 0);
+        take_registered(list_);
+        sem_init(&decided_, 0, 0);
     }
+    Launch(Launch const&) = delete;
+    Launch& operator=(Launch const&) = delete;
 
     void release() {
-        if (users_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        if (users_.fetch_sub(1, std::memory_order_acq_rel) == 1)
             delete this;
-        }
     }
 
     void call_create_hooks() {
-        for (std::size_t i = 0; i < hooks_.count; ++i) {
-            if (hooks_.hooks[i].record.create != nullptr) {
-                results_[i] = hooks_.hooks[i].record.create();
-            }
+        for (std::size_t i = 0; i < list_.count; ++i) {
+            if (list_.hooks[i].record.create != nullptr)
+                results_[i] = list_.hooks[i].record.create();
         }
     }
 
-    void let_go(bool run) {
+    void decide(bool run) {
         run_ = run;
-        ::sem_post(&verdict_);
+        sem_post(&decided_);
     }
 
-    bool wait() {
-        while (::sem_wait(&verdict_) != 0) { // a signal
+    bool wait_for_verdict() {
+        while (sem_wait(&decided_) != 0) { // a signal
         }
         return run_;
     }
 
     void call_start_hooks() {
-        for (std::size_t i = 0; i < hooks_.count; ++i) {
-            Hooks const& hooks = hooks_.hooks[i];
-            if (hooks.record.start != nullptr && mapped(hooks)) {
+        for (std::size_t i = 0; i < list_.count; ++i) {
+            Hooks const& hooks = list_.hooks[i];
+            if (hooks.record.start != nullptr && mapped(hooks))
                 hooks.record.start(results_[i]);
-            }
         }
     }
 
     void call_cleanup_hooks() {
-        for (std::size_t i = hooks_.count; i-- > 0;) {
-            Hooks const& hooks = hooks_.hooks[i];
-            if (hooks.record.cleanup != nullptr && mapped(hooks)) {
+        for (std::size_t i = list_.count; i-- > 0;) {
+            Hooks const& hooks = list_.hooks[i];
+            if (hooks.record.cleanup != nullptr && mapped(hooks))
                 hooks.record.cleanup();
-            }
         }
     }
 
     void* call_body() { return body_(argument_); }
 
 private:
-    ~Launch() { ::sem_destroy(&verdict_); }
-    Launch(Launch const&) = delete;
-    Launch& operator=(Launch const&) = delete;
+    ~Launch() { sem_destroy(&decided_); }
 
     std::atomic<int> users_{2};
-    sem_t verdict_;
+    sem_t decided_;
     bool run_ = false;
     void* (*body_)(void*);
     void* argument_;
-    Snapshot hooks_;
-    void* results_[hookLimit] = {};
+    HookList list_;
+    void* results_[hook_limit] = {}; // of the create hooks, for the start hooks
 };
 
 // Runs the cleanup hooks however the thread ends. They may meet cancellation points, and a request that is
-// acted upon inside a destructor would end the process: cancellation is off for good from here.
+// acted upon inside a destructor would end the process, so cancellation stays off from here to the end.
 class Ending {
 public:
     explicit Ending(Launch& launch) : launch_(launch) {}
     ~Ending() {
-        ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
         launch_.call_cleanup_hooks();
         launch_.release();
     }
@@ -260,30 +185,30 @@ private:
 };
 
 extern "C" void* orn_thread_start(void* argument) {
-    int cancelState = PTHREAD_CANCEL_ENABLE;
-    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    std::optional<internal::CancelShield> shield(std::in_place);
     auto& launch = *static_cast<Launch*>(argument);
-    if (!launch.wait()) {
+    if (!launch.wait_for_verdict()) {
         launch.release();
         return nullptr;
     }
     launch.call_start_hooks();
-    Ending ending(launch);
-    ::pthread_setcancelstate(cancelState, nullptr);
+    Ending const ending(launch);
+    shield.reset();
     return launch.call_body();
 }
 
-// Ends the waiting thread when a create hook throws or the creating thread is cancelled in one.
+// Tells the new thread to run once it is committed. Without that, when a create hook throws or the creating
+// thread is cancelled in one, it tells the new thread to end, and waits for it.
 class PendingThread {
 public:
     PendingThread(Launch& launch, pthread_t thread, bool detached)
         : launch_(launch), thread_(thread), detached_(detached) {}
     ~PendingThread() {
-        launch_.let_go(committed_);
+        launch_.decide(committed_);
         launch_.release();
         if (!committed_ && !detached_) {
-            CancelDisabled uncancelled;
-            ::pthread_join(thread_, nullptr);
+            internal::CancelShield const shield;
+            pthread_join(thread_, nullptr);
         }
     }
     void commit() { committed_ = true; }
@@ -297,121 +222,108 @@ private:
     bool committed_ = false;
 };
 
-// ---------------------------------------------------------------- the caller's id
+// ---- The caller's id ------------------------------------------------------------------------------------
 
-thread_local int cachedTid = 0;
+thread_local int cached_tid = 0;
 
-void fork_prepare() {
-    registryMutex.lock();
+void before_fork() {
+    registry_mutex.lock();
 }
-void fork_parent() {
-    registryMutex.unlock();
+void after_fork_in_parent() {
+    registry_mutex.unlock();
 }
-void fork_child() {
-    registryMutex.unlock();
-    cachedTid = 0;
+void after_fork_in_child() {
+    registry_mutex.unlock();
+    cached_tid = 0;
 }
 
-// Registered at load: whoever forks may hold a cached id. The C library takes the handlers out when this
-// library is unmapped. Once, also when the loader runs constructors again during exit(): fork() would take
-// the lock twice.
-std::atomic<bool> forkHandled{false};
-
-struct ForkHandlers {
-    ForkHandlers() {
-        if (!forkHandled.exchange(true)) {
-            ::pthread_atfork(fork_prepare, fork_parent, fork_child);
-        }
-    }
-};
-
-ForkHandlers forkHandlers __attribute__((init_priority(101)));
+// Registered at load and not at the first use, because any thread that forks may hold a cached id.
+std::atomic<bool> forks_handled{false};
+internal::ForkHandlers const fork_handlers __attribute__((init_priority(101))) = {
+    forks_handled, before_fork, after_fork_in_parent, after_fork_in_child};
 
 } // namespace
+} // namespace orn::os
 
 extern "C" {
+
+using namespace orn::os;
 
 int o_pthread_create(o_pthread_t* thread, o_pthread_attr_t const* attr, void* (*start_routine)(void*),
                      void* argument) {
     Launch* const launch = new (std::nothrow) Launch(start_routine, argument);
-    if (launch == nullptr) {
+    if (launch == nullptr)
         return EAGAIN;
-    }
-    int detachState = PTHREAD_CREATE_JOINABLE;
-    if (attr != nullptr) {
-        ::pthread_attr_getdetachstate(attr, &detachState);
-    }
-    int const error = ::pthread_create(thread, attr, orn_thread_start, launch);
+    int detach_state = PTHREAD_CREATE_JOINABLE;
+    if (attr != nullptr)
+        pthread_attr_getdetachstate(attr, &detach_state);
+    int const error = pthread_create(thread, attr, orn_thread_start, launch);
     if (error != 0) {
         launch->release();
         launch->release();
         return error;
     }
-    PendingThread pending(*launch, *thread, detachState == PTHREAD_CREATE_DETACHED);
+    PendingThread pending(*launch, *thread, detach_state == PTHREAD_CREATE_DETACHED);
     launch->call_create_hooks();
     pending.commit();
     return 0;
 }
 
 int o_pthread_detach(o_pthread_t thread) {
-    return ::pthread_detach(thread);
+    return pthread_detach(thread);
 }
 
 int o_pthread_self(void) {
-    if (cachedTid == 0) {
-        cachedTid = static_cast<int>(::syscall(SYS_gettid));
-    }
-    return cachedTid;
+    if (cached_tid == 0)
+        cached_tid = static_cast<int>(syscall(SYS_gettid));
+    return cached_tid;
 }
 
 void o_pthread_exit(void* result) {
-    ::pthread_exit(result);
+    pthread_exit(result);
 }
 
 int o_pthread_join(o_pthread_t thread, void** result) {
-    return ::pthread_join(thread, result);
+    return pthread_join(thread, result);
 }
 
 int o_pthread_cancel(o_pthread_t thread) {
-    return ::pthread_cancel(thread);
+    return pthread_cancel(thread);
 }
 
 int o_pthread_mutex_init(o_pthread_mutex_t* mutex, o_pthread_mutexattr_t const* attr) {
-    return ::pthread_mutex_init(mutex, attr);
+    return pthread_mutex_init(mutex, attr);
 }
 
 int o_pthread_mutex_destroy(o_pthread_mutex_t* mutex) {
-    return ::pthread_mutex_destroy(mutex);
+    return pthread_mutex_destroy(mutex);
 }
 
 int o_pthread_mutex_lock(o_pthread_mutex_t* mutex) {
-    return ::pthread_mutex_lock(mutex);
+    return pthread_mutex_lock(mutex);
 }
 
 int o_pthread_mutex_unlock(o_pthread_mutex_t* mutex) {
-    return ::pthread_mutex_unlock(mutex);
+    return pthread_mutex_unlock(mutex);
 }
 
 int o_pthread_register_extension(void const* record) {
-    if (record == nullptr) {
+    if (record == nullptr)
         return EINVAL;
-    }
     Hooks added = {*static_cast<Record const*>(record), {}};
-    if (added.record.magic != magic || !module_of(added.record, added.module)) {
+    added.module = module_of(address_in(added.record));
+    if (added.record.magic != magic || added.module == MappedModule{})
         return EINVAL;
-    }
-    Snapshot unused;
-    take(unused); // makes room: hooks of libraries that have gone are forgotten
-    std::lock_guard<std::mutex> lock(registryMutex);
-    for (std::size_t i = 0; i < registered; ++i) {
-        if (equal(registry[i].record, added.record)) {
+    HookList unused;
+    take_registered(unused); // makes room: hooks of libraries that have gone are forgotten
+    std::lock_guard<std::mutex> const lock(registry_mutex);
+    for (std::size_t i = 0; i < registry.count; ++i) {
+        if (registry.hooks[i].record == added.record)
             return 0;
-        }
     }
-    if (registered == hookLimit) {
+    if (registry.count == hook_limit)
         return ENOSPC;
-    }
-    registry[registered++] = added;
+    registry.hooks[registry.count++] = added;
     return 0;
 }
 

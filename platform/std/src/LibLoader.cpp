@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 //
-// orn::LibLoader over dlopen().
+// orn::LibLoader over dlopen(). Libraries that cannot be loaded are reported to the log.
 #include <orn/LibLoader.hpp>
 
 #include <dlfcn.h>
+
 #include <orn/log.h>
 
 namespace orn {
@@ -24,15 +25,15 @@ LibLoader::~LibLoader() {
 
 bool LibLoader::load(std::string const& name) {
     if (name.empty()) {
-        // dlopen("") would succeed: it is the program itself.
+        // dlopen("") would open the program itself.
         report("", "empty name");
         return false;
     }
-    // The place first: a handle that could not be kept would never be closed.
+    // Reserved before the library is opened, because a handle that cannot be kept would never be closed.
     handles_.reserve(handles_.size() + 1);
-    void* const handle = ::dlopen(name.c_str(), RTLD_LAZY | RTLD_GLOBAL);
+    void* const handle = dlopen(name.c_str(), RTLD_LAZY | RTLD_GLOBAL);
     if (handle == nullptr) {
-        report(name.c_str(), ::dlerror());
+        report(name.c_str(), dlerror());
         return false;
     }
     handles_.push_back(handle);
@@ -41,10 +42,10 @@ bool LibLoader::load(std::string const& name) {
 
 void LibLoader::unload() {
     while (!handles_.empty()) {
-        // Out of the list before its destructors run, which may come back here.
+        // Taken off the list first, because the library's destructors may call this function again.
         void* const handle = handles_.back();
         handles_.pop_back();
-        ::dlclose(handle);
+        dlclose(handle);
     }
 }
 

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT
  *
- * Log records. Public, plain C. Where they go is left to two environment variables, which are read when the
- * first record is written:
+ * Log records. Public, plain C. Where they go is left to the environment, which is read when the first record
+ * is written:
  *
  *     LOG_SINK   syslog, stderr or the path of a file; unset or empty: nowhere, and then nothing is formatted
  *     LOG_LEVEL  info: logSpecInfo records are written too; else only logSpecForceInfo records are
@@ -20,25 +20,27 @@
 extern "C" {
 #endif
 
+/* NOLINTBEGIN(modernize-use-using): plain C */
 typedef enum Log_Spec {
     logSpecForceInfo, /* written wherever a sink is set */
     logSpecInfo       /* written with LOG_LEVEL=info only: what happens on every turn of a loop */
 } Log_Spec;
+/* NOLINTEND(modernize-use-using) */
 
-/* Writes one record. Callable from any thread, but not from a signal handler; also while exit() runs. Never
- * fails and never throws; errno is as before, and it is no cancellation point. A file or FIFO that cannot
- * take the record loses it; a blocked stderr blocks. */
+/* Writes one record. Any thread may call it, also while exit() runs, but no signal handler. It never fails
+ * and never throws, leaves errno alone, and is no cancellation point. A record is lost when the file or FIFO
+ * cannot take it. Writing to a stderr that blocks blocks. */
 ORN_API void Log_SpecEntry(Log_Spec spec, char const* source, int line, char const* format, ...)
     __attribute__((format(printf, 4, 5)));
 
-/* Reads LOG_SINK and LOG_LEVEL again and opens the file anew: after log rotation, or after a test has changed
- * the environment. From any thread. */
+/* Reads LOG_SINK and LOG_LEVEL again and opens the file anew, for use after log rotation or when the
+ * environment has changed. Any thread may call it. */
 ORN_API void Log_Reopen(void);
 
-/* One bit per Log_Spec that may be written. Only for Log_Enabled. */
+/* One bit for each Log_Spec that is written. Only Log_Enabled() reads it. */
 ORN_API extern unsigned orn_log_enabled;
 
-/* 0 when a record with this spec would go nowhere: for callers that would have to compose a text first. */
+/* 0 when a record with this spec would go nowhere, so that composing its text can be spared. */
 static inline int Log_Enabled(Log_Spec spec) {
     return ((__atomic_load_n(&orn_log_enabled, __ATOMIC_RELAXED) >> spec) & 1u) != 0;
 }

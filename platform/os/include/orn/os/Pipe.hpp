@@ -11,24 +11,24 @@ namespace orn::os {
 
 class ORN_API Pipe {
 public:
-    /// Both ends are close-on-exec and no standard descriptors, also where those are closed; with blocking
-    /// false both are non-blocking as well. Throws std::system_error (generic category, text "pipe") when the
-    /// system gives no pipe.
+    // Both ends are close-on-exec, and non-blocking when blocking is false. Neither gets the number of a
+    // standard descriptor, even where those are closed. Throws std::system_error (generic category, text
+    // "pipe") when there is no descriptor to be had.
     explicit Pipe(bool blocking);
 
-    /// Closes both ends: whoever polls them must have stopped before.
+    // Closes both ends. Nobody may poll them any more.
     ~Pipe();
 
     Pipe(Pipe const&) = delete;
     Pipe& operator=(Pipe const&) = delete;
 
-    /// The descriptors stay the pipe's own.
-    int ReadFD() const { return readFd_; }
-    int WriteFD() const { return writeFd_; }
+    // The pipe keeps owning its descriptors; do not close them.
+    int ReadFD() const { return read_fd_; }
+    int WriteFD() const { return write_fd_; }
 
 private:
-    int readFd_;
-    int writeFd_;
+    int read_fd_;
+    int write_fd_;
 };
 
 } // namespace orn::os

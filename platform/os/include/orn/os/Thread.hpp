@@ -13,13 +13,12 @@ namespace orn::os {
 
 class ORN_API Thread {
 public:
-    /// Starts at once, through o_pthread_create, so the hooks that are registered there run. The function is
-    /// copied; the copy is destroyed in the new thread when the function ends. An exception that leaves it
-    /// ends the process. Throws std::system_error (generic category, text "thread") when no thread can be
-    /// made.
+    // Starts the thread at once, with o_pthread_create(), so the registered hooks run. The new thread owns
+    // the function and destroys it when it has ended. An exception that leaves the function ends the process.
+    // Throws std::system_error (generic category, text "thread") when no thread can be made.
     explicit Thread(boost::function<void()> body);
 
-    /// Waits for the function to end. Called by the thread itself it does not wait but detaches the thread.
+    // Waits until the thread has ended. Called by the thread itself it detaches the thread and does not wait.
     ~Thread();
 
     Thread(Thread const&) = delete;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A timer that calls a function back, once or periodically, from one service thread of the process. Public;
-// the alarms are built on it. Bringing the expiry to the thread that waits for it is left to the callback.
+// A timer that calls a function, once or periodically, on one service thread of the process. Public; the
+// alarms are built on it. Telling the thread that waits for the expiry is left to the callback.
 #ifndef ORN_OS_TIMER_HPP
 #define ORN_OS_TIMER_HPP
 
@@ -14,41 +14,43 @@ namespace orn::os {
 
 class TimerService;
 
-/// All operations from any thread, but not from a signal handler.
+// All operations may be called from any thread, but not from a signal handler.
 class ORN_API Timer {
 public:
-    /// Disarmed. The callback runs on the service thread with all signals blocked and no lock held; it may
-    /// set, create and destroy timers, its own included. It holds up every other timer while it runs, and an
-    /// exception that leaves it ends the process.
+    // Makes a timer that is not set. The callback runs on the service thread with all signals blocked and no
+    // lock held. It may set, create and destroy timers, its own included. It delays all other timers while it
+    // runs, and an exception that leaves it ends the process.
     explicit Timer(boost::function<void(Timer*)> callback);
 
-    /// When it returns, no callback of this timer runs or will run: it waits for one that is running, so no
-    /// lock that the callback takes may be held here. Called from that very callback it does not wait, and
-    /// the callback's function object lives on until it returns.
+    // Once it has returned, no callback of this timer runs or will run. It waits for a callback that is
+    // running, so the caller must not hold a lock that the callback takes. Called by that very callback it
+    // does not wait, and the callback's function object lives on until the callback returns.
     ~Timer();
 
     Timer(Timer const&) = delete;
     Timer& operator=(Timer const&) = delete;
 
-    /// Replaces any earlier setting: the callback runs initialMs from now and then, unless recurringMs is 0,
-    /// every recurringMs. Delays count from the call. An initialMs of 0 fires at once. Never early; the phase
-    /// is kept, and periods that were missed in a stall are skipped. Delays past the clock's range never end.
-    ///
-    /// The first call starts the service thread, which inherits the caller's scheduling policy, niceness and
-    /// processors: let it be made by the thread whose timers matter most, or have a callback, which runs on
-    /// the service thread, set them with sched_setscheduler(0, ...). std::system_error when there is none to
-    /// be had, std::bad_alloc without memory: the timer is then disarmed. Does nothing once the library is
-    /// being unloaded. A child of fork() finds every timer disarmed, and may set them anew.
-    void Set(unsigned long initialMs, unsigned long recurringMs);
+    // Replaces any earlier setting. The callback runs initial_ms after the call, at once for 0, and then
+    // every recurring_ms, or not again for 0. It is never early and it keeps its phase; periods that were
+    // missed in a stall are skipped. Delays beyond the clock's range never end.
+    //
+    // The first call in a process starts the service thread, which inherits the caller's scheduling policy,
+    // niceness and processors. Let the thread whose timers matter most make that call, or let a callback
+    // choose others with sched_setscheduler(0, ...), since callbacks run on the service thread.
+    //
+    // Throws std::system_error when the thread cannot be started and std::bad_alloc without memory; the timer
+    // is not set then. Does nothing once the library is being unloaded. In a child of fork() no timer is set,
+    // and all may be set anew.
+    void Set(unsigned long initial_ms, unsigned long recurring_ms);
 
 private:
-    friend class TimerService; // the implementation's own
+    friend class TimerService;
 
     boost::function<void(Timer*)> callback_;
-    std::uint64_t deadlineNs_;                  ///< CLOCK_MONOTONIC
-    std::uint64_t periodNs_;                    ///< 0: once
-    std::size_t index_;                         ///< place in the service's heap
-    [[maybe_unused]] std::uint32_t generation_; ///< armed while equal to the service's
+    std::uint64_t deadline_ns_;                 // CLOCK_MONOTONIC
+    std::uint64_t period_ns_;                   // 0: once
+    std::size_t index_;                         // place in the service's heap
+    [[maybe_unused]] std::uint32_t generation_; // set while equal to the service's
     [[maybe_unused]] std::uint32_t flags_;
 };
 
