@@ -54,8 +54,8 @@ char const* const cancelled = "qemu-ppc: a thread that is cancelled in a system 
 Fault const faults[] = {
     {"Fork.a_daemon_that_brings_the_library_up_anew_is_steered_under_its_own_id", forked},
     {"TimerClock.AChildOfForkHasItsOwnServiceAndNoneOfItsParentsTimers", forked},
-    {"PlatformMsg.WhatIsNoMessageIsDroppedWholeAndTheNextOneIsServed", received},
-    {"PlatformMsg.RandomPacketsNeitherLeakNorStopTheQueue", received},
+    {"MsgQueue.drops_what_is_no_message_whole_and_serves_the_next_one", received},
+    {"MsgQueue.neither_leaks_nor_stops_at_random_packets", received},
     {"Places/ExitFrom.*", taken_away},
     {"Unloading.takes_no_code_from_under_a_thread_that_a_signal_has_just_reached", taken_away},
     {"Zelctl.reports_at_once_that_the_process_has_ended", hidden},
@@ -64,7 +64,7 @@ Fault const faults[] = {
     {"ThreadObjectCancellation.*", cancelled},
     {"ThreadObjectEnd.DestructorStopsAndJoins", cancelled},
     {"ThreadObjectHooks.CarryEveryThreadOperation", cancelled},
-    {"PlatformMsg.AStoppedReceiverHoldsSendersForAboutASecond", cancelled},
+    {"Msg.waits_about_a_second_for_a_receiver_that_has_stopped", cancelled},
 #endif
 };
 
