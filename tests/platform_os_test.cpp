@@ -32,7 +32,7 @@ using orn::os::Pipe;
 
 std::string drain(Pipe const& pipe) {
     char text[64];
-    ssize_t const size = ::read(pipe.ReadFD(), text, sizeof text);
+    ssize_t const size = read(pipe.ReadFD(), text, sizeof text);
     return std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0);
 }
 
@@ -40,27 +40,27 @@ TEST(PlatformPipe, EndsAreCloseOnExecAndNonBlockingWhenAskedFor) {
     for (bool blocking : {false, true}) {
         Pipe const pipe(blocking);
         for (int fd : {pipe.ReadFD(), pipe.WriteFD()}) {
-            EXPECT_EQ(::fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-            EXPECT_EQ((::fcntl(fd, F_GETFL) & O_NONBLOCK) == 0, blocking);
+            EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+            EXPECT_EQ((fcntl(fd, F_GETFL) & O_NONBLOCK) == 0, blocking);
         }
-        EXPECT_EQ(::write(pipe.WriteFD(), "x", 1), 1);
+        EXPECT_EQ(write(pipe.WriteFD(), "x", 1), 1);
         EXPECT_EQ(drain(pipe), "x");
     }
 }
 
 TEST(PlatformPipe, TakesNoStandardDescriptorEvenWhereTheyAreClosed) {
-    int const kept = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
-    ::close(STDIN_FILENO);
+    int const kept = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
+    close(STDIN_FILENO);
     int lowest;
     {
         Pipe const pipe(false);
         lowest = std::min(pipe.ReadFD(), pipe.WriteFD());
-        EXPECT_EQ(::write(pipe.WriteFD(), "x", 1), 1);
+        EXPECT_EQ(write(pipe.WriteFD(), "x", 1), 1);
         EXPECT_EQ(drain(pipe), "x");
-        EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1) << "the descriptor below is left open";
+        EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "the descriptor below is left open";
     }
-    ::dup2(kept, STDIN_FILENO);
-    ::close(kept);
+    dup2(kept, STDIN_FILENO);
+    close(kept);
     EXPECT_GT(lowest, STDERR_FILENO);
 }
 
@@ -69,16 +69,16 @@ TEST(PlatformPipe, WithoutDescriptorsItThrows) {
     GTEST_SKIP() << "UndefinedBehaviorSanitizer needs a pipe of its own to check the exception's type";
 #endif
     rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
     rlimit none = before;
     none.rlim_cur = 3;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
     try {
         Pipe pipe(true);
-        ::setrlimit(RLIMIT_NOFILE, &before);
+        setrlimit(RLIMIT_NOFILE, &before);
         FAIL() << "made of nothing";
     } catch (std::system_error const& failure) {
-        ::setrlimit(RLIMIT_NOFILE,
+        setrlimit(RLIMIT_NOFILE,
                     &before); // first: what looks at the exception may need a descriptor itself
         EXPECT_EQ(failure.code().value(), EMFILE);
         EXPECT_EQ(failure.code().category(), std::generic_category());
@@ -86,9 +86,9 @@ TEST(PlatformPipe, WithoutDescriptorsItThrows) {
 }
 
 TEST(PlatformEnvVar, AnUnsetVariableIsEmpty) {
-    ::setenv("PLATFORM_TEST", "some text", 1);
+    setenv("PLATFORM_TEST", "some text", 1);
     EXPECT_EQ(std::string(orn::os::EnvVar("PLATFORM_TEST")), "some text");
-    ::unsetenv("PLATFORM_TEST");
+    unsetenv("PLATFORM_TEST");
     EXPECT_EQ(std::string(orn::os::EnvVar("PLATFORM_TEST")), "");
 }
 
@@ -123,7 +123,7 @@ int start_a(void* result) {
 int cleanup_a() {
     note("cleanup-a");
     // A cancellation point: a request that is still open must not be acted on here.
-    return lastWords != nullptr ? static_cast<int>(::write(lastWords->WriteFD(), "bye", 3)) : 0;
+    return lastWords != nullptr ? static_cast<int>(write(lastWords->WriteFD(), "bye", 3)) : 0;
 }
 void* create_b() {
     if (createThrows) {
@@ -155,15 +155,15 @@ void* end_by_exit(void*) {
 }
 void* end_by_cancellation(void*) {
     note("body");
-    o_pthread_cancel(::pthread_self());
+    o_pthread_cancel(pthread_self());
     // Not a blocking call: ThreadSanitizer loses track of a thread that is cancelled inside one of those.
     for (;;) {
-        ::pthread_testcancel();
+        pthread_testcancel();
     }
 }
 void* return_with_cancellation_pending(void*) {
     note("body");
-    o_pthread_cancel(::pthread_self());
+    o_pthread_cancel(pthread_self());
     return nullptr;
 }
 
@@ -202,8 +202,8 @@ TEST_F(PlatformThreadHooks, CleanupRunsInReverseOrderHoweverTheThreadEnds) {
 
 TEST_F(PlatformThreadHooks, WhenACreateHookThrowsNothingRunsInTheNewThread) {
     pthread_attr_t detached;
-    ::pthread_attr_init(&detached);
-    ::pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
+    pthread_attr_init(&detached);
+    pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
     createThrows = true;
     o_pthread_t thread;
     for (auto* attributes : {static_cast<pthread_attr_t*>(nullptr), &detached}) {
@@ -213,18 +213,18 @@ TEST_F(PlatformThreadHooks, WhenACreateHookThrowsNothingRunsInTheNewThread) {
     createThrows = false;
     ASSERT_EQ(o_pthread_create(&thread, &detached, end_by_return, nullptr), 0);
     pollfd readable = {pipe_.ReadFD(), POLLIN, 0};
-    EXPECT_EQ(::poll(&readable, 1, 20000), 1); // written last: the thread is done with the trace
+    EXPECT_EQ(poll(&readable, 1, 20000), 1); // written last: the thread is done with the trace
     EXPECT_EQ(drain(pipe_), "bye");
-    ::pthread_attr_destroy(&detached);
+    pthread_attr_destroy(&detached);
 }
 
 TEST_F(PlatformThreadHooks, AThreadThatCannotBeMadeRunsNoHook) {
     pthread_attr_t huge;
-    ::pthread_attr_init(&huge);
-    ASSERT_EQ(::pthread_attr_setstacksize(&huge, SIZE_MAX / 16 * 15), 0); // no room for that anywhere
+    pthread_attr_init(&huge);
+    ASSERT_EQ(pthread_attr_setstacksize(&huge, SIZE_MAX / 16 * 15), 0); // no room for that anywhere
     o_pthread_t thread;
     EXPECT_NE(o_pthread_create(&thread, &huge, end_by_return, nullptr), 0);
-    ::pthread_attr_destroy(&huge);
+    pthread_attr_destroy(&huge);
     EXPECT_EQ(take_trace(), "");
 }
 
@@ -236,7 +236,7 @@ TEST_F(PlatformThreadHooks, ABadRecordIsRefused) {
 
 TEST_F(PlatformThreadHooks, ALibraryThatIsUnmappedLeavesNoHookBehind) {
     Pipe const events(false);
-    ::setenv("PLATFORM_MODULE_FD", std::to_string(events.WriteFD()).c_str(), 1);
+    setenv("PLATFORM_MODULE_FD", std::to_string(events.WriteFD()).c_str(), 1);
     orn::LibLoader loader;
     for (int round = 0; round < 20; ++round) { // more than there are places
         ASSERT_TRUE(loader.load(MODULE_H));
@@ -261,26 +261,26 @@ TEST_F(PlatformThreadHooks, ALibraryThatIsUnmappedLeavesNoHookBehind) {
         }
         EXPECT_EQ(drain(events), "12h");
     }
-    ::unsetenv("PLATFORM_MODULE_FD");
+    unsetenv("PLATFORM_MODULE_FD");
 }
 
 // ---------------------------------------------------------------- threads
 
 TEST(PlatformThread, TheIdIsTheKernelsAndTheChildsOwnAfterFork) {
     int const own = o_pthread_self();
-    EXPECT_EQ(own, ::syscall(SYS_gettid));
+    EXPECT_EQ(own, syscall(SYS_gettid));
     int other = 0;
     {
         orn::os::Thread const thread([&] { other = o_pthread_self(); });
     }
     EXPECT_NE(other, own);
     EXPECT_NE(other, 0);
-    pid_t const child = ::fork();
+    pid_t const child = fork();
     if (child == 0) {
-        ::_exit(o_pthread_self() == ::syscall(SYS_gettid) ? 0 : 1);
+        _exit(o_pthread_self() == syscall(SYS_gettid) ? 0 : 1);
     }
     int status = -1;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
     EXPECT_EQ(o_pthread_self(), own);
 }
@@ -302,8 +302,8 @@ TEST(PlatformThread, TheDestructorJoinsAndTheThreadItselfMayCallIt) {
         seen.set_value(*alive);
     }));
     EXPECT_EQ(seen.get_future().get(), 42);
-    while (::access(listed.c_str(), F_OK) == 0) { // its hooks are not to run in another case
-        ::sched_yield();
+    while (access(listed.c_str(), F_OK) == 0) { // its hooks are not to run in another case
+        sched_yield();
     }
 }
 

@@ -2,7 +2,8 @@
 //
 // A module that appends to the file in ORDER_LOG when it comes and when it goes, with what it finds then:
 // whether signal 55 is caught, so the library still up, and whether the command thread lives. It needs
-// nothing of the library, and so does not keep it loaded.
+// nothing of the library, and so does not keep it loaded. With LATE_CLIENT set, a client of the command
+// channel comes when it goes, which is after the library when both are preloaded in this order.
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -36,7 +37,11 @@ void tell(char const* what) {
 
 struct Presence {
     Presence() { tell("+"); }
-    ~Presence() { tell("-"); }
+    ~Presence() {
+        tell("-");
+        if (std::getenv("LATE_CLIENT"))
+            raise(55);
+    }
 } presence;
 
 } // namespace

@@ -21,7 +21,7 @@ int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     orn::zel::cmd::Channel target = orn::zel::Connect(std::atoi(argv[1]), [&](std::string const& line) {
         if (how == "slow")
-            ::poll(nullptr, 0, 10);
+            poll(nullptr, 0, 10);
         if (how == "follow")
             std::puts(line.c_str());
     });

@@ -5,11 +5,12 @@
 //
 //     busy             endless tasks, alarms and threads in loops
 //     own-sigpipe      has a handler of its own for SIGPIPE
-//     ignore-sigpipe   ignores it
+//     ignored-sigpipe  ignores it
 //     secret           may not be traced by its own user
 //     take-sigusr2     takes SIGUSR2 from the pending signals, where a thread that has it open would die of
 //     it
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -143,9 +144,9 @@ int main(int argc, char** argv) {
         if (option == "busy")
             be_busy();
         else if (option == "own-sigpipe")
-            ::signal(SIGPIPE, own_handler);
-        else if (option == "ignore-sigpipe")
-            ::signal(SIGPIPE, SIG_IGN);
+            std::signal(SIGPIPE, own_handler);
+        else if (option == "ignored-sigpipe")
+            std::signal(SIGPIPE, SIG_IGN);
         else if (option == "secret")
             prctl(PR_SET_DUMPABLE, 0);
         else if (option == "take-sigusr2") {

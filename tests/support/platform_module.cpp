@@ -14,7 +14,7 @@ namespace {
 
 void tell(char const* letter) {
     char const* const fd = std::getenv("PLATFORM_MODULE_FD");
-    if (fd != nullptr && ::write(std::atoi(fd), letter, 1) != 1) {
+    if (fd != nullptr && write(std::atoi(fd), letter, 1) != 1) {
         std::abort();
     }
 }

@@ -15,12 +15,12 @@ struct Busy {
         Log_SpecEntry(logSpecForceInfo, "tests/module", __LINE__, "%s", "loaded");
         timer.Set(0, 1);
         char byte = 0;
-        if (::read(fired.ReadFD(), &byte, 1) != 1) {
+        if (read(fired.ReadFD(), &byte, 1) != 1) {
             std::abort();
         }
     }
     void tell() {
-        if (::write(fired.WriteFD(), "x", 1) != 1) {
+        if (write(fired.WriteFD(), "x", 1) != 1) {
             std::abort();
         }
     }
