@@ -1,5 +1,5 @@
-# Tests of the command channel, the tool for it and the life of the library, with real processes; included by
-# tests/CMakeLists.txt.
+# Tests of the command channel, of the tool for it, and of how the library begins and ends, with real
+# processes; included by tests/CMakeLists.txt.
 
 function(zel_add_test_program name)
     add_executable(${name} programs/${name}.cpp)
@@ -13,7 +13,7 @@ function(zel_add_test_module name source)
     target_link_libraries(${name} PRIVATE ${ARGN})
 endfunction()
 
-# Lets the sources of a test know where the programs and modules are that it starts: NAME=target.
+# Builds what a test starts or loads, and gives its source the path of each as a macro: NAME=target.
 function(zel_test_starts test)
     foreach(pair IN LISTS ARGN)
         string(REPLACE "=" ";" pair ${pair})

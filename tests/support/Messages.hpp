@@ -60,22 +60,13 @@ private:
     orn::os::Pipe pipe_{true};
 };
 
-struct Message : o_msg_t {
-    Message() : o_msg_t() {}
-    Message(int kind, int const& number, std::string const& text, int descriptor = 0) : o_msg_t() {
-        type = kind;
-        fd = descriptor;
-        count = 2;
-        parts[0] = {const_cast<int*>(&number), sizeof number};
-        parts[1] = {const_cast<char*>(text.data()), text.size()};
-    }
-    ~Message() { o_msg_release(this); }
-    Message(Message const&) = delete;
-    Message& operator=(Message const&) = delete;
-};
-
 inline bool send_to(std::string const& name, int type, int number, std::string const& text = "", int fd = 0) {
-    Message const message(type, number, text, fd);
+    o_msg_t message = {};
+    message.type = type;
+    message.fd = fd;
+    message.count = 2;
+    message.parts[0] = {&number, sizeof number};
+    message.parts[1] = {const_cast<char*>(text.data()), text.size()};
     return o_msg_send(name.c_str(), &message, 0) == o_msg_data_size(&message);
 }
 
@@ -90,6 +81,7 @@ class Inbox {
 public:
     explicit Inbox(std::string const& name) : queue_(o_msg_create_queue(name.c_str(), O_MSG_EXCLUSIVE)) {}
     ~Inbox() {
+        o_msg_release(&message);
         if (queue_)
             o_msg_destroy_queue(queue_);
     }
@@ -114,7 +106,7 @@ public:
     }
     std::string text() const { return {static_cast<char*>(message.parts[1].data), message.parts[1].length}; }
 
-    Message message;
+    o_msg_t message = {};
     int number = 0;
 
 private:

@@ -3,12 +3,11 @@
 // Starting programs and looking into them; see Programs.hpp. Uses the system only.
 #include "Programs.hpp"
 
-#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <utility>
 
 #include <fcntl.h>
@@ -144,13 +143,11 @@ std::size_t threads_named(pid_t pid, std::string const& name) {
 
 long cpu_milliseconds(pid_t pid) {
     std::string const stat = proc(pid, "stat");
-    std::istringstream fields(stat.substr(std::min(stat.size(), stat.rfind(')') + 1)));
-    std::string skipped;
-    for (int i = 0; i < 11; ++i)
-        fields >> skipped;
     long user = 0;
     long system = 0;
-    fields >> user >> system;
+    std::string::size_type const name_end = stat.rfind(')');
+    if (name_end != std::string::npos)
+        std::sscanf(&stat[name_end], ") %*c%*d%*d%*d%*d%*d%*d%*d%*d%*d%*d%ld%ld", &user, &system);
     return (user + system) * 1000 / sysconf(_SC_CLK_TCK);
 }
 

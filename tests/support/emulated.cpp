@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// Linked into each test of a build for another processor whose programs an emulator runs. The emulator does
-// not follow exec(): programs of this build are started with it before them. And it has faults of its own:
-// the tests that meet them are skipped, by name.
-#include <cstdarg>
-#include <cstdio>
+// Linked into the tests of a build for another processor, whose programs an emulator runs. The emulator does
+// not follow exec(), so programs of this build are started through it. It also has faults of its own: the
+// tests that meet them are skipped by name.
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -68,7 +66,7 @@ Fault const faults[] = {
 #endif
 };
 
-// ctest runs each case in a process of its own, so that the case is what the filter says.
+// ctest runs each case in a process of its own, whose filter is the name of the case.
 class Skips : public ::testing::Environment {
 public:
     void SetUp() override {
@@ -82,8 +80,8 @@ public:
 
 } // namespace
 
-// In place of the C library's, also for GoogleTest, which starts its own program for some death tests. Called
-// between fork() and exec(), so nothing is allocated.
+// Replaces the C library's function, also for GoogleTest, which starts its own program for some death tests.
+// It is called between fork() and exec(), and so allocates nothing.
 extern "C" int execv(char const* path, char* const words[]) noexcept {
     char emulator[1024];
     char* all[most_words + 1];
@@ -103,15 +101,4 @@ extern "C" int execv(char const* path, char* const words[]) noexcept {
         all[count++] = *words++;
     all[count] = nullptr;
     return execve(emulated ? all[0] : path, all, environ);
-}
-
-extern "C" int execl(char const* path, char const* word, ...) noexcept {
-    char* words[most_words + 1] = {};
-    std::size_t count = 0;
-    va_list more;
-    va_start(more, word);
-    for (; word && count < most_words; word = va_arg(more, char const*))
-        words[count++] = const_cast<char*>(word);
-    va_end(more);
-    return execv(path, words);
 }

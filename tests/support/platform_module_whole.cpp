@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A library with a platform layer of its own in it, which is busy when the library is unloaded: a timer is
-// armed, the service thread runs, the log file is open.
+// A library that contains a platform layer of its own. The layer is busy when the library is unloaded: a
+// timer is armed, the service thread runs, and the log file is open.
 #include <cstdlib>
 
 #include <unistd.h>
