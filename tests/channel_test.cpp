@@ -24,16 +24,12 @@
 namespace {
 
 using support::Client;
+using support::joined;
 using support::Program;
 using support::wait_until;
 using support::Words;
 
 std::string const all_monitors = "zel monitor poll thread task alarm";
-
-Words joined(Words first, Words const& second) {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
 
 // Started, and ready to be signalled.
 class Target : public Program {

@@ -252,9 +252,8 @@ TEST_P(ExitBy, a_clients_command_ends_a_busy_process_at_once_with_its_status) {
         ASSERT_EQ("ready", target.line());
         std::vector<std::unique_ptr<Program>> clients;
         auto const connect = [&](std::string const& how, Words const& commands) {
-            Words words = {CLIENT, std::to_string(target.pid()), how};
-            words.insert(words.end(), commands.begin(), commands.end());
-            clients.emplace_back(new Program(words));
+            clients.emplace_back(
+                new Program(support::joined({CLIENT, std::to_string(target.pid()), how}, commands)));
             EXPECT_EQ("ready", clients.back()->line()) << how;
         };
         connect("follow", {"zel monitor poll thread"});

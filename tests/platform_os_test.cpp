@@ -100,6 +100,14 @@ std::string take_trace() {
     return std::exchange(trace, "");
 }
 
+struct Extension {
+    std::uintptr_t magic;
+    void* (*create)();
+    int (*start)(void*);
+    void* reserved;
+    int (*cleanup)();
+};
+
 void* create_a() {
     note("create-a");
     static std::string text("from-a");
@@ -114,6 +122,8 @@ int cleanup_a() {
     // A cancellation point: a request that is still open must not be acted on here.
     return last_words ? static_cast<int>(write(last_words->WriteFD(), "bye", 3)) : 0;
 }
+Extension const a = {0xDEAD, create_a, start_a, nullptr, cleanup_a};
+
 void* create_b() {
     if (create_throws)
         throw std::runtime_error("create");
@@ -124,14 +134,7 @@ int cleanup_b() {
     note("cleanup-b");
     return 0;
 }
-
-struct Extension {
-    std::uintptr_t magic;
-    void* (*create)();
-    int (*start)(void*);
-    void* reserved;
-    int (*cleanup)();
-};
+Extension const b = {0xDEAD, create_b, nullptr, nullptr, cleanup_b};
 
 void* end_by_return(void*) {
     note("body");
@@ -141,24 +144,20 @@ void* end_by_exit(void*) {
     note("body");
     o_pthread_exit(nullptr);
 }
-void* end_by_cancellation(void*) {
-    note("body");
+void* return_with_cancellation_pending(void*) {
     o_pthread_cancel(pthread_self());
+    return end_by_return(nullptr);
+}
+void* end_by_cancellation(void*) {
+    return_with_cancellation_pending(nullptr);
     // Not a blocking call: ThreadSanitizer loses track of a thread that is cancelled inside one of those.
     for (;;)
         pthread_testcancel();
-}
-void* return_with_cancellation_pending(void*) {
-    note("body");
-    o_pthread_cancel(pthread_self());
-    return nullptr;
 }
 
 class PlatformThreadHooks : public ::testing::Test {
 protected:
     PlatformThreadHooks() {
-        Extension const a = {0xDEAD, create_a, start_a, nullptr, cleanup_a};
-        Extension const b = {0xDEAD, create_b, nullptr, nullptr, cleanup_b};
         for (int i = 0; i < 20; ++i) { // equal ones add nothing, and take no place
             EXPECT_EQ(0, o_pthread_register_extension(&a));
             EXPECT_EQ(0, o_pthread_register_extension(&b));

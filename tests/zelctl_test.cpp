@@ -42,9 +42,8 @@ bool holds(std::string const& text, std::string const& part) {
     return ::testing::AssertionFailure() << result.end << ": " << result.errors;
 }
 
-Result zelctl(Words words) {
-    words.insert(words.begin(), ZELCTL);
-    Program program(words);
+Result zelctl(Words const& words) {
+    Program program(support::joined({ZELCTL}, words));
     return Result(program);
 }
 
@@ -59,16 +58,12 @@ class Zelctl : public ::testing::Test {
 protected:
     Zelctl() { EXPECT_EQ("ready", target.line()); }
 
-    Result ask(Words words) const {
-        words.insert(words.begin(), pid);
-        return zelctl(words);
-    }
+    Result ask(Words const& words) const { return zelctl(support::joined({pid}, words)); }
 
     // One that follows the monitors, and has had a first line unless it must not wait for that.
     std::unique_ptr<Program> follow(Words const& monitors, bool waits = true) const {
-        Words words = {ZELCTL, pid, "--follow", "0", "zel", "monitor"};
-        words.insert(words.end(), monitors.begin(), monitors.end());
-        std::unique_ptr<Program> following(new Program(words));
+        std::unique_ptr<Program> following(
+            new Program(support::joined({ZELCTL, pid, "--follow", "0", "zel", "monitor"}, monitors)));
         EXPECT_TRUE(!waits || following->line().substr(0, 4) == "tid=");
         return following;
     }

@@ -18,6 +18,11 @@
 
 namespace support {
 
+Words joined(Words first, Words const& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
 namespace {
 
 // Waits for more of what the descriptor has, and appends it; false at the end or at the deadline.

@@ -14,6 +14,8 @@
 
 namespace support {
 
+Words joined(Words first, Words const& second);
+
 // A program with pipes for its standard output and its standard error, killed when this dies.
 class Program {
 public:
