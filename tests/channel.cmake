@@ -1,5 +1,5 @@
-# Tests of the command channel, the tool for it and the life of the library, with real processes; included by
-# tests/CMakeLists.txt.
+# Tests of the command channel, of the tool for it, and of how the library begins and ends, with real
+# processes; included by tests/CMakeLists.txt.
 
 function(zel_add_test_program name)
     add_executable(${name} programs/${name}.cpp)
@@ -13,7 +13,7 @@ function(zel_add_test_module name source)
     target_link_libraries(${name} PRIVATE ${ARGN})
 endfunction()
 
-# Lets the sources of a test know where the programs and modules are that it starts: NAME=target.
+# Builds what a test starts or loads, and gives its source the path of each as a macro: NAME=target.
 function(zel_test_starts test)
     foreach(pair IN LISTS ARGN)
         string(REPLACE "=" ";" pair ${pair})
@@ -26,12 +26,12 @@ endfunction()
 
 zel_add_test_program(channel_target zel)
 zel_add_test_program(channel_client zel)
-zel_add_test_program(fork_program zel)
+zel_add_test_program(exit_program zel)
 zel_add_test_program(load_host ${CMAKE_DL_LIBS})
 zel_add_test_module(word_module word_module zel)
-zel_add_test_module(channel_module channel_module zel)
+zel_add_test_module(user_module user_module zel)
 zel_add_test_module(last_words_module last_words_module zel)
-zel_add_test_module(late_module late_module)
+zel_add_test_module(quiet_module quiet_module zel)
 foreach(name first second)
     zel_add_test_module(${name}_module order_module)
     target_compile_definitions(${name}_module PRIVATE MODULE_NAME="${name}")
@@ -42,8 +42,8 @@ zel_add_test(cmd_test SOURCES cmd_test.cpp ${programs} LIBRARIES zel)
 zel_test_starts(cmd_test WORD_MODULE=word_module)
 
 zel_add_test(channel_test SOURCES channel_test.cpp support/Client.cpp ${programs} LIBRARIES zel)
-zel_test_starts(channel_test TARGET=channel_target CLIENT=channel_client FORK_PROGRAM=fork_program
-    WORD_MODULE=word_module)
+zel_test_starts(channel_test TARGET=channel_target CLIENT=channel_client WORD_MODULE=word_module)
+zel_add_test(fork_test SOURCES fork_test.cpp support/Client.cpp ${programs} LIBRARIES zel)
 
 if(TARGET zelctl)
     zel_add_test(zelctl_test SOURCES zelctl_test.cpp ${programs})
@@ -51,5 +51,6 @@ if(TARGET zelctl)
 endif()
 
 zel_add_test(load_test SOURCES load_test.cpp ${programs} LIBRARIES ${CMAKE_DL_LIBS} TIMEOUT 120)
-zel_test_starts(load_test HOST=load_host TARGET=channel_target CLIENT=channel_client ZEL_LIBRARY=zel
-    CHANNEL_MODULE=channel_module FIRST=first_module SECOND=second_module LAST_WORDS=last_words_module LATE_MODULE=late_module)
+zel_test_starts(load_test HOST=load_host EXIT_PROGRAM=exit_program TARGET=channel_target CLIENT=channel_client
+    ZEL_LIBRARY=zel USER_MODULE=user_module FIRST=first_module SECOND=second_module LAST_WORDS=last_words_module)
+zel_test_starts(exit_program QUIET_MODULE=quiet_module)

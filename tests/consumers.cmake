@@ -1,8 +1,7 @@
 # The ways in which another project takes zel in, each configured, built and run as a project of its own:
-# find_package and pkg-config against an installed copy, and add_subdirectory, also with a platform layer that is
-# not built in. Against a library built with a
-# sanitizer they would need its flags as well, so there they are left out; so are they where the result would
-# not run on this machine.
+# find_package and pkg-config against an installed copy, and add_subdirectory, also with a platform layer of
+# another vendor. They are left out where zel has a sanitizer, whose flags they would need as well, and where
+# what they build would not run on this machine.
 
 if(NOT ZEL_SANITIZE AND NOT CMAKE_CROSSCOMPILING AND ZEL_INSTALL AND PROJECT_IS_TOP_LEVEL)
     set(consumers_dir ${CMAKE_CURRENT_BINARY_DIR}/consumers)
@@ -51,7 +50,7 @@ if(NOT ZEL_SANITIZE AND NOT CMAKE_CROSSCOMPILING AND ZEL_INSTALL AND PROJECT_IS_
     endif()
 endif()
 
-# A package says which processors it is for; also one that was made on a machine with another.
+# A package names the processor that it is for, also when it was made on a machine with another one.
 set(architecture_x86_64 amd64)
 set(architecture_i686 i386)
 set(architecture_powerpc powerpc)

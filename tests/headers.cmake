@@ -1,5 +1,5 @@
-# Every public header compiles alone, twice in one unit, and with nothing but public headers in reach. The C
-# headers compile as C, too. Only the compiler is asked, so one kind of build is enough.
+# Shows that every public header compiles alone, twice in one unit, and with only public headers in reach, and
+# the C headers as C, too. Only the compiler is asked, so one kind of build is enough.
 
 if(NOT ZEL_SANITIZE)
     set(header_units "")

@@ -38,6 +38,7 @@ target_compile_definitions(platform_log_test PRIVATE
 target_compile_definitions(platform_os_test PRIVATE MODULE_H="$<TARGET_FILE:platform_module_h>")
 add_dependencies(platform_log_test platform_module_a platform_module_b platform_module_whole)
 add_dependencies(platform_os_test platform_module_h)
-# Some processors' linkers export whatever a program uses of itself; so a module may find the program's variable.
+# The linkers of some processors export what a program uses of itself, so that a module may find the program's
+# variable in place of its own. Here that is so on all of them.
 target_link_options(platform_log_test PRIVATE LINKER:--export-dynamic-symbol=orn_log_enabled)
 set_target_properties(platform_os_test PROPERTIES ENABLE_EXPORTS ON) # the module registers its hooks there

@@ -5,161 +5,156 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <dirent.h>
+#include <fstream>
+#include <set>
+#include <string>
+#include <thread>
+
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <fstream>
+#include <regex.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 #include <orn/LibLoader.hpp>
 #include <orn/log.h>
-#include <regex.h>
-#include <string>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
-#include <vector>
+
+#include "support/Common.hpp"
 
 namespace {
 
+using support::Words;
+
+void write_record(char const* text) {
+    Log_SpecEntry(logSpecForceInfo, "src/x", 1, "%s", text);
+}
+
 class PlatformLog : public ::testing::Test {
 protected:
-    PlatformLog() {
-        char name[] = "/tmp/platform_log_XXXXXX";
-        directory_ = ::mkdtemp(name);
-        path_ = directory_ + "/log";
-    }
-    ~PlatformLog() override {
-        use(nullptr);
-        ::unlink(path_.c_str());
-        ::rmdir(directory_.c_str());
-    }
+    ~PlatformLog() override { use(nullptr); }
 
     static void use(char const* where, char const* level = nullptr) {
-        where != nullptr ? ::setenv("LOG_SINK", where, 1) : ::unsetenv("LOG_SINK");
-        level != nullptr ? ::setenv("LOG_LEVEL", level, 1) : ::unsetenv("LOG_LEVEL");
+        where ? setenv("LOG_SINK", where, 1) : unsetenv("LOG_SINK");
+        level ? setenv("LOG_LEVEL", level, 1) : unsetenv("LOG_LEVEL");
         Log_Reopen();
     }
 
-    std::vector<std::string> lines() const {
-        std::ifstream file(path_);
-        std::vector<std::string> all;
-        for (std::string line; std::getline(file, line);) {
+    Words lines() const {
+        std::ifstream in(path);
+        Words all;
+        for (std::string line; std::getline(in, line);)
             all.push_back(line);
-        }
         return all;
     }
 
-    std::string directory_;
-    std::string path_;
+    support::TempFile const file;
+    char const* const path = file.path().c_str();
 };
 
-TEST_F(PlatformLog, WithoutASinkNothingIsFormatted) {
+TEST_F(PlatformLog, formats_nothing_without_a_sink) {
     use(nullptr, "info");
     auto const* const unreadable = reinterpret_cast<char const*>(1);
     Log_SpecEntry(logSpecForceInfo, unreadable, 1, "%s", unreadable);
     EXPECT_FALSE(Log_Enabled(logSpecForceInfo));
 }
 
-TEST_F(PlatformLog, ARecordIsOneLineOfAFile) {
-    use(path_.c_str());
+TEST_F(PlatformLog, has_a_line_for_each_record_of_its_level) {
+    use(path);
     errno = ENOENT;
     Log_SpecEntry(logSpecForceInfo, "src/fd", 174, "%s: fd=%d\nsecond\n", "insert", 5);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(ENOENT, errno);
     Log_SpecEntry(logSpecInfo, "src/fd", 175, "%s", "below the level");
     EXPECT_FALSE(Log_Enabled(logSpecInfo));
-    use(path_.c_str(), "info"); // appends
+    use(path, "info"); // appends
     Log_SpecEntry(logSpecInfo, "src/fd", 176, "%s", std::string(5000, 'x').c_str());
     Log_SpecEntry(logSpecInfo, "src/fd", 177, "%s", std::string(200000, 'y').c_str());
-    auto const all = lines();
-    ASSERT_EQ(all.size(), 3u);
+    Words const all = lines();
+    ASSERT_EQ(3u, all.size());
     regex_t shape;
-    ASSERT_EQ(::regcomp(&shape,
-                        "^20[0-9]{2}(-[0-9]{2}){2}T[0-9]{2}(:[0-9]{2}){2}\\.[0-9]{6}Z [0-9]+/[0-9]+ INFO "
-                        "src/fd:174: insert: fd=5 second$",
-                        REG_EXTENDED | REG_NOSUB),
-              0);
-    EXPECT_EQ(::regexec(&shape, all[0].c_str(), 0, nullptr, 0), 0) << all[0];
-    ::regfree(&shape);
+    ASSERT_EQ(0, regcomp(&shape,
+                         "^20[0-9]{2}(-[0-9]{2}){2}T[0-9]{2}(:[0-9]{2}){2}\\.[0-9]{6}Z [0-9]+/[0-9]+ INFO "
+                         "src/fd:174: insert: fd=5 second$",
+                         REG_EXTENDED | REG_NOSUB));
+    EXPECT_EQ(0, regexec(&shape, all[0].c_str(), 0, nullptr, 0)) << all[0];
+    regfree(&shape);
     char today[16];
     std::time_t const now = std::time(nullptr);
     std::strftime(today, sizeof today, "%Y-%m-%dT%H", std::gmtime(&now));
-    EXPECT_EQ(all[0].substr(0, 13), today);
-    EXPECT_EQ(all[1].substr(all[1].size() - 5001), " " + std::string(5000, 'x'));
+    EXPECT_EQ(today, all[0].substr(0, 13));
+    EXPECT_EQ(' ' + std::string(5000, 'x'), all[1].substr(all[1].size() - 5001));
     EXPECT_GT(all[2].size(), 60000u);
     EXPECT_LT(all[2].size(), 70000u);
 }
 
-TEST_F(PlatformLog, RecordsOfSeveralThreadsStayWholeAcrossRotation) {
-    use(path_.c_str());
-    auto const write = [] {
-        for (int i = 0; i < 500; ++i) {
-            Log_SpecEntry(logSpecForceInfo, "src/x", i, "%s", "0123456789 end");
-        }
+TEST_F(PlatformLog, keeps_the_records_of_several_threads_whole_while_the_file_is_rotated) {
+    use(path);
+    auto const write_many = [] {
+        for (int i = 0; i < 500; ++i)
+            write_record("0123456789 end");
     };
-    std::thread a(write);
-    std::thread b(write);
-    std::string const old = path_ + ".1";
-    ASSERT_EQ(::rename(path_.c_str(), old.c_str()), 0);
+    std::thread a(write_many);
+    std::thread b(write_many);
+    std::string const old = file.path() + ".1";
+    ASSERT_EQ(0, rename(path, old.c_str()));
     Log_Reopen();
     a.join();
     b.join();
-    auto all = lines();
-    ASSERT_EQ(::rename(old.c_str(), path_.c_str()), 0);
-    for (auto const& line : lines()) {
+    Words all = lines();
+    ASSERT_EQ(0, rename(old.c_str(), path));
+    for (std::string const& line : lines())
         all.push_back(line);
+    EXPECT_EQ(1000u, all.size());
+    for (std::string const& line : all)
+        EXPECT_EQ(" 0123456789 end", line.substr(line.size() - 15));
+}
+
+TEST_F(PlatformLog, goes_on_in_a_file_of_more_than_two_gigabytes) {
+    long const nearly = 0x7fffffff - 50;
+    ASSERT_EQ(0, truncate(path, nearly)); // takes no room on the disk
+    for (char const* const text : {"across the limit", "behind it"}) {
+        use(path);
+        write_record(text);
     }
-    EXPECT_EQ(all.size(), 1000u);
-    for (auto const& line : all) {
-        EXPECT_EQ(line.substr(line.size() - 15), " 0123456789 end");
+    std::ifstream written(path);
+    written.seekg(nearly);
+    for (char const* const text : {"across the limit", "behind it"}) {
+        std::string line;
+        std::getline(written, line);
+        EXPECT_NE(std::string::npos, line.find(text)) << line;
     }
 }
 
-TEST_F(PlatformLog, AFileMayBecomeLargerThanTwoGigabytes) {
-    std::ofstream(path_).close();
-    ASSERT_EQ(::truncate(path_.c_str(), 0x7fffffff - 50), 0); // takes no room on the disk
-    use(path_.c_str());
-    Log_SpecEntry(logSpecForceInfo, "src/x", 1, "%s", "across the limit");
-    use(path_.c_str());
-    Log_SpecEntry(logSpecForceInfo, "src/x", 2, "%s", "behind it");
-    std::ifstream file(path_);
-    file.seekg(0x7fffffff - 50);
-    std::string line;
-    std::getline(file, line);
-    EXPECT_NE(line.find("across the limit"), std::string::npos) << line;
-    std::getline(file, line);
-    EXPECT_NE(line.find("behind it"), std::string::npos) << line;
-}
-
-TEST_F(PlatformLog, ASinkThatTakesNothingHurtsNobody) {
-    ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
-    use(path_.c_str()); // no reader: does not wait for one
-    Log_SpecEntry(logSpecForceInfo, "src/x", 1, "%s", "lost");
-    int const reader = ::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    use(path_.c_str());
-    for (int i = 0; i < 5000; ++i) { // more than the FIFO holds
-        Log_SpecEntry(logSpecForceInfo, "src/x", 1, "%s", "perhaps lost");
-    }
-    ::close(reader);
+TEST_F(PlatformLog, hurts_nobody_when_its_sink_takes_nothing) {
+    std::string const fifo = file.path() + ".fifo";
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    use(fifo.c_str()); // no reader: does not wait for one
+    write_record("lost");
+    int const reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    use(fifo.c_str());
+    for (int i = 0; i < 5000; ++i) // more than the FIFO holds
+        write_record("perhaps lost");
+    close(reader);
     std::signal(SIGPIPE, SIG_DFL);
-    Log_SpecEntry(logSpecForceInfo, "src/x", 1, "%s", "lost");
+    write_record("lost");
     sigset_t pending;
-    ::sigpending(&pending);
-    EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+    sigpending(&pending);
+    EXPECT_EQ(0, sigismember(&pending, SIGPIPE));
     use("/nonexistent/log");
-    Log_SpecEntry(logSpecForceInfo, "src/x", 1, "%s", "lost");
+    write_record("lost");
     EXPECT_FALSE(Log_Enabled(logSpecForceInfo));
+    unlink(fifo.c_str());
 }
 
-// ---------------------------------------------------------------- the loader
+// ---- The loader -----------------------------------------------------------------------------------------
 
 class PlatformLibLoader : public PlatformLog {};
 
-TEST_F(PlatformLibLoader, UnloadsInReverseAndReportsABadNameOnce) {
+TEST_F(PlatformLibLoader, unloads_in_reverse_and_reports_a_bad_name_once) {
     int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
-    ::setenv("PLATFORM_MODULE_FD", std::to_string(ends[1]).c_str(), 1);
-    use(path_.c_str());
+    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC | O_NONBLOCK));
+    setenv("PLATFORM_MODULE_FD", std::to_string(ends[1]).c_str(), 1);
+    use(path);
     {
         orn::LibLoader loader;
         EXPECT_TRUE(loader.load(MODULE_A));
@@ -170,56 +165,32 @@ TEST_F(PlatformLibLoader, UnloadsInReverseAndReportsABadNameOnce) {
         loader.unload();
         EXPECT_TRUE(loader.load(MODULE_B));
     }
-    char text[16];
-    ssize_t const size = ::read(ends[0], text, sizeof text);
-    EXPECT_EQ(std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0), "ABbaBb");
-    auto const all = lines();
-    ASSERT_EQ(all.size(), 2u);
-    EXPECT_NE(all[1].find("'/nonexistent/libx.so'"), std::string::npos) << all[1];
-    ::unsetenv("PLATFORM_MODULE_FD");
-    ::close(ends[0]);
-    ::close(ends[1]);
+    EXPECT_EQ("ABbaBb", support::take(ends[0]));
+    Words const all = lines();
+    ASSERT_EQ(2u, all.size());
+    EXPECT_NE(std::string::npos, all[1].find("'/nonexistent/libx.so'")) << all[1];
+    unsetenv("PLATFORM_MODULE_FD");
 }
 
-std::size_t entries(char const* directory) {
-    DIR* const list = ::opendir(directory);
-    std::size_t count = 0;
-    while (::readdir(list) != nullptr) {
-        ++count;
-    }
-    ::closedir(list);
-    return count;
-}
-
-TEST_F(PlatformLibLoader, ABusyPlatformLayerIsUnloadedWithoutATrace) {
-    ::setenv("LOG_SINK", path_.c_str(), 1);
-    std::size_t descriptors = 0;
+TEST_F(PlatformLibLoader, unloads_a_busy_platform_layer_without_a_trace) {
+    setenv("LOG_SINK", path, 1);
+    std::set<int> descriptors;
     std::size_t threads = 0;
     for (std::size_t round = 0; round < 200; ++round) {
         orn::LibLoader loader;
         ASSERT_TRUE(loader.load(MODULE_WHOLE));
         loader.unload();
-        ASSERT_EQ(::dlopen(MODULE_WHOLE, RTLD_NOLOAD | RTLD_LAZY), nullptr);
+        ASSERT_EQ(nullptr, dlopen(MODULE_WHOLE, RTLD_NOLOAD | RTLD_LAZY));
         if (round == 0) { // what a sanitizer starts for itself is there by now
-            descriptors = entries("/proc/self/fd");
-            threads = entries("/proc/self/task");
+            descriptors = support::descriptors();
+            threads = support::threads().size();
         }
-        ASSERT_EQ(entries("/proc/self/fd"), descriptors);
-        // A thread that has been joined may be listed for a moment longer.
-        for (int tries = 0; entries("/proc/self/task") > threads; ++tries) {
-            ASSERT_LT(tries, 5000);
-            ::usleep(1000);
-        }
-        ASSERT_EQ(lines().size(), round + 1);
+        ASSERT_EQ(descriptors, support::descriptors());
+        ASSERT_TRUE(support::wait_until([&] { return support::threads().size() <= threads; }));
+        ASSERT_EQ(round + 1, lines().size());
     }
     EXPECT_TRUE(Log_Enabled(logSpecForceInfo)) << "the variable is this program's";
-    pid_t const child = ::fork(); // with no handler of the library left behind
-    if (child == 0) {
-        ::_exit(0);
-    }
-    int status = -1;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ("exit 0", support::in_child([] { return 0; })) << "a handler is left behind";
 }
 
 } // namespace

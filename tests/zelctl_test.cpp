@@ -18,61 +18,64 @@
 
 namespace {
 
-using programs::Program;
-using programs::Words;
+using support::Program;
+using support::wait_until;
+using support::Words;
 
 struct Result {
-    std::string end;
+    explicit Result(Program& program)
+        : output(program.rest()), errors(program.errors()), end(program.end()) {}
+
     std::string output;
     std::string errors;
+    std::string end;
 };
 
-Result result_of(Program& program) {
-    Result result;
-    result.output = program.rest();
-    result.errors = program.errors();
-    result.end = program.end();
-    return result;
+bool holds(std::string const& text, std::string const& part) {
+    return text.find(part) != std::string::npos;
 }
 
-Result zelctl(std::string const& pid, Words words) {
-    words.insert(words.begin(), pid);
-    words.insert(words.begin(), ZELCTL);
-    Program program(words);
-    return result_of(program);
+// Whether the tool has ended like this with such an error.
+::testing::AssertionResult fails(Result const& result, std::string const& end, std::string const& error) {
+    if (result.end == end && holds(result.errors, error) && result.errors.compare(0, 8, "zelctl: ") == 0)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << result.end << ": " << result.errors;
+}
+
+Result zelctl(Words const& words) {
+    Program program(support::joined({ZELCTL}, words));
+    return Result(program);
+}
+
+// As a shell starts it, with what runs programs for another processor before it.
+std::string tool() {
+    char const* const emulator = std::getenv("ZEL_TEST_EMULATOR");
+    return (emulator ? std::string(emulator) + ' ' : std::string()) + ZELCTL;
 }
 
 // A process that logs the commands which it serves.
 class Zelctl : public ::testing::Test {
 protected:
-    Zelctl()
-        : log(::testing::TempDir() + "zelctl_test." + std::to_string(::getpid())),
-          target({TARGET, "busy"}, {{"LOG_SINK", log}}), pid(std::to_string(target.pid())) {
-        EXPECT_EQ("ready", target.line());
-    }
-    ~Zelctl() override { ::unlink(log.c_str()); }
+    Zelctl() { EXPECT_EQ("ready", target.line()); }
 
-    Result ask(Words const& words) { return zelctl(pid, words); }
-    Words follow(std::string const& seconds, Words words) const {
-        Words const first = {ZELCTL, pid, "--follow", seconds, "zel", "monitor"};
-        words.insert(words.begin(), first.begin(), first.end());
-        return words;
+    Result ask(Words const& words) const { return zelctl(support::joined({pid}, words)); }
+
+    // One that follows the monitors, and has had a first line unless it must not wait for that.
+    std::unique_ptr<Program> follow(Words const& monitors, bool waits = true) const {
+        std::unique_ptr<Program> following(
+            new Program(support::joined({ZELCTL, pid, "--follow", "0", "zel", "monitor"}, monitors)));
+        EXPECT_TRUE(!waits || following->line().substr(0, 4) == "tid=");
+        return following;
     }
 
-    // With the shell's redirections, which are behind the words.
-    // As a shell starts it, with what runs programs for another processor before it.
-    static std::string tool() {
-        char const* const emulator = std::getenv("ZEL_TEST_EMULATOR");
-        return (emulator ? std::string(emulator) + ' ' : std::string()) + ZELCTL;
-    }
-
-    Result shell(std::string const& words) {
+    // The redirections of the shell are among the words.
+    Result shell(std::string const& words) const {
         Program program({"/bin/sh", "-c", tool() + ' ' + pid + ' ' + words});
-        return result_of(program);
+        return Result(program);
     }
 
     std::size_t times_served(std::string const& command) const {
-        std::string const text = programs::text_of(log);
+        std::string const text = log.text();
         std::size_t count = 0;
         std::string const entry = "cmd='" + command + "'";
         for (std::string::size_type at = 0; (at = text.find(entry, at)) != std::string::npos; ++at)
@@ -80,16 +83,12 @@ protected:
         return count;
     }
 
-    std::string const log;
-    Program target;
-    std::string const pid;
+    support::TempFile const log;
+    Program target{{TARGET, "busy"}, {{"LOG_SINK", log.path()}}};
+    std::string const pid = std::to_string(target.pid());
 };
 
-bool holds(std::string const& text, std::string const& part) {
-    return text.find(part) != std::string::npos;
-}
-
-TEST_F(Zelctl, prints_the_whole_answer_and_nothing_else) {
+TEST_F(Zelctl, prints_the_whole_answer_and_nothing_else_or_says_that_lines_were_lost) {
     Result result = ask({"foo", "a b"});
     EXPECT_EQ("1/1 foo a b\n", result.output);
     EXPECT_EQ("", result.errors);
@@ -99,71 +98,64 @@ TEST_F(Zelctl, prints_the_whole_answer_and_nothing_else) {
     EXPECT_EQ("no end\n", ask({"tail", "no end"}).output);
     EXPECT_EQ("", ask({"throw"}).output);
     EXPECT_EQ(std::string(300000, 'x') + '\n', ask({"line", "300000"}).output);
-    EXPECT_EQ("[zel] x: no such command\n", ask({"zel", "x"}).output);
-}
-
-TEST_F(Zelctl, prints_long_answers_whole_or_says_that_lines_were_lost) {
-    Result result = ask({"lines", "20000"});
+    result = ask({"lines", "20000"});
     EXPECT_EQ("exit 0", result.end) << result.errors;
     EXPECT_EQ(20000, std::count(result.output.begin(), result.output.end(), '\n'));
     for (std::string const command : {"lines 100000", "100000 x"}) {
         result = ask({command});
-        EXPECT_EQ("exit 1", result.end);
-        EXPECT_TRUE(holds(result.errors, "lines were lost")) << result.errors;
+        EXPECT_TRUE(fails(result, "exit 1", "lines were lost"));
         EXPECT_FALSE(result.output.empty());
     }
     EXPECT_EQ("1/1 foo\n", ask({"foo"}).output);
 }
 
 TEST_F(Zelctl, lists_the_threads_although_they_go_to_a_monitor) {
-    Result result;
     // Three threads of the target's own may still be starting.
-    EXPECT_TRUE(programs::wait_until([&] {
-        result = ask({"zel  threads"});
-        return result.end != "exit 0" || std::count(result.output.begin(), result.output.end(), '\n') == 6;
+    EXPECT_TRUE(wait_until([&] {
+        std::string const output = ask({"zel  threads"}).output;
+        return std::count(output.begin(), output.end(), '\n') == 6;
     }));
+    Result const result = ask({"zel  threads"});
     EXPECT_EQ("exit 0", result.end) << result.errors;
     EXPECT_EQ(0u, result.output.find("Threads:\nthread: ")) << result.output;
     EXPECT_TRUE(holds(result.output, "thread: " + pid + " group=")) << result.output;
 
     // Many at once get it whole, and one that follows the monitor has it again afterwards.
-    Program following(follow("0", {"poll"}));
-    EXPECT_EQ("tid=", following.line().substr(0, 4));
+    std::unique_ptr<Program> const following = follow({"poll"});
     std::vector<std::unique_ptr<Program>> several;
     for (int i = 0; i < 8; ++i)
         several.emplace_back(new Program({ZELCTL, pid, "--timeout", "20", "zel", "threads"}));
     for (std::unique_ptr<Program> const& one : several) {
-        Result const listed = result_of(*one);
+        Result const listed(*one);
         EXPECT_EQ("exit 0", listed.end) << listed.errors;
         EXPECT_EQ(result.output, listed.output);
     }
-    EXPECT_TRUE(programs::wait_until([&] {
-        std::string const text = programs::text_of(log);
+    EXPECT_TRUE(wait_until([&] {
+        std::string const text = log.text();
         return text.rfind("cmd='zel monitor poll'") > text.rfind("cmd='zel unmonitor poll'");
-    })) << programs::text_of(log);
-    following.signal(SIGTERM);
-    EXPECT_EQ("signal 15", following.end());
+    })) << log.text();
+    following->signal(SIGTERM);
+    EXPECT_EQ("signal 15", following->end());
 }
 
 TEST_F(Zelctl, follows_a_process_until_it_ends) {
-    Program following(follow("0", {"alarm", "task"}));
+    std::unique_ptr<Program> const following = follow({"alarm", "task"});
     for (int i = 0; i < 50; ++i)
-        EXPECT_EQ("tid=", following.line().substr(0, 4));
+        EXPECT_EQ("tid=", following->line().substr(0, 4));
     target.signal(SIGKILL); // and stays a zombie
-    EXPECT_EQ("exit 0", result_of(following).end);
+    EXPECT_EQ("exit 0", Result(*following).end);
 }
 
 TEST_F(Zelctl, switches_off_what_it_has_switched_on_however_it_ends) {
     std::size_t served = 0;
     auto const switched_off = [&] {
         ++served;
-        return programs::wait_until([&] { return times_served("zel unmonitor alarm") == served; });
+        return wait_until([&] { return times_served("zel unmonitor alarm") == served; });
     };
     for (int const signo : {SIGINT, SIGTERM, SIGHUP}) {
-        Program following(follow("0", {"alarm"}));
-        EXPECT_EQ("tid=", following.line().substr(0, 4));
-        following.signal(signo);
-        EXPECT_EQ("signal " + std::to_string(signo), result_of(following).end);
+        std::unique_ptr<Program> const following = follow({"alarm"});
+        following->signal(signo);
+        EXPECT_EQ("signal " + std::to_string(signo), Result(*following).end);
         EXPECT_TRUE(switched_off()) << signo;
     }
     EXPECT_EQ("exit 0", ask({"--follow", "0.05", "zel", "monitor", "alarm"}).end);
@@ -179,117 +171,99 @@ TEST_F(Zelctl, switches_off_what_it_has_switched_on_however_it_ends) {
 }
 
 TEST_F(Zelctl, tells_the_one_that_loses_its_monitor) {
-    Program first(follow("0", {"alarm"}));
-    EXPECT_EQ("tid=", first.line().substr(0, 4));
-    Program second(follow("0", {"alarm"}));
-    EXPECT_EQ("tid=", second.line().substr(0, 4));
-    EXPECT_TRUE(holds(first.error_line(), "another zelctl has taken the alarm monitor"));
-    first.signal(SIGTERM);
-    EXPECT_EQ("signal 15", result_of(first).end);
+    std::unique_ptr<Program> const first = follow({"alarm"});
+    std::unique_ptr<Program> const second = follow({"alarm"});
+    EXPECT_TRUE(holds(first->error_line(), "another zelctl has taken the alarm monitor"));
+    first->signal(SIGTERM);
+    EXPECT_EQ("signal 15", Result(*first).end);
     EXPECT_EQ(0u, times_served("zel unmonitor alarm")) << "it is the second one's";
     EXPECT_EQ("exit 0", ask({"zel", "unmonitor", "alarm"}).end);
-    EXPECT_TRUE(holds(second.error_line(), "another zelctl has switched off the alarm monitor"));
+    EXPECT_TRUE(holds(second->error_line(), "another zelctl has switched off the alarm monitor"));
 }
 
 TEST_F(Zelctl, leaves_a_monitor_to_one_of_many_that_start_at_once_and_tells_the_others) {
     std::vector<std::unique_ptr<Program>> several;
     for (int i = 0; i < 6; ++i)
-        several.emplace_back(new Program(follow("0", {"alarm", "task"})));
+        several.push_back(follow({"alarm", "task"}, false));
     std::string told; // a line for each monitor that one has lost
-    auto const all_but_one_are_told = [&] {
+    EXPECT_TRUE(wait_until([&] {
         for (std::unique_ptr<Program> const& one : several)
             told += one->error_line(1);
         return std::count(told.begin(), told.end(), '\n') >= 10;
-    };
-    EXPECT_TRUE(programs::wait_until(all_but_one_are_told)) << told;
-}
-
-TEST_F(Zelctl, says_so_when_the_process_ends_instead_of_answering) {
-    Result const result = ask({"exit", "3"});
-    EXPECT_EQ("exit 1", result.end);
-    EXPECT_TRUE(holds(result.errors, "process " + std::to_string(target.pid()))) << result.errors;
-    EXPECT_EQ("exit 3", target.end());
+    })) << told;
 }
 
 TEST_F(Zelctl, gives_up_on_a_stopped_process_and_says_where_to_look) {
     target.stop();
     Result const result = ask({"--timeout", "0.2", "foo"});
-    EXPECT_EQ("exit 2", result.end);
+    EXPECT_TRUE(fails(result, "exit 2", "within 0.2 s"));
+    EXPECT_TRUE(fails(result, "exit 2", "/proc/" + pid + "/status"));
     EXPECT_EQ("", result.output);
-    EXPECT_TRUE(holds(result.errors, "within 0.2 s")) << result.errors;
-    EXPECT_TRUE(holds(result.errors, "/proc/" + std::to_string(target.pid()) + "/status")) << result.errors;
     target.signal(SIGCONT);
     EXPECT_EQ("1/1 foo\n", ask({"foo"}).output);
+}
+
+TEST_F(Zelctl, says_so_when_the_process_ends_instead_of_answering) {
+    EXPECT_TRUE(fails(ask({"exit", "3"}), "exit 1", "process " + pid));
+    EXPECT_EQ("exit 3", target.end());
 }
 
 TEST_F(Zelctl, reports_at_once_that_the_process_has_ended) {
     target.stop(); // its queue is not there yet, so connecting waits for its loop
     Program connecting({ZELCTL, pid, "--timeout", "1000", "foo"});
-    ASSERT_TRUE(programs::wait_until([&] {
-        return programs::mask_of(programs::text_of("/proc/" + pid + "/status"), "ShdPnd") >> 54 & 1;
-    }));
+    ASSERT_TRUE(
+        wait_until([&] { return support::in_mask(support::proc(target.pid(), "status"), "ShdPnd", 55); }));
     target.signal(SIGKILL); // and stays a zombie
-    Result result = result_of(connecting);
-    EXPECT_EQ("exit 1", result.end);
-    EXPECT_TRUE(holds(result.errors, "process " + pid + " has ended")) << result.errors;
-    result = ask({"foo"});
-    EXPECT_EQ("exit 1", result.end);
-    EXPECT_TRUE(holds(result.errors, "a zombie")) << result.errors;
+    EXPECT_TRUE(fails(Result(connecting), "exit 1", "process " + pid + " has ended"));
+    EXPECT_TRUE(fails(ask({"foo"}), "exit 1", "a zombie"));
 }
 
 TEST_F(Zelctl, fails_when_its_output_cannot_be_written) {
-    std::string const own = log + ".own"; // which must not become the standard output
-    ::setenv("LOG_SINK", own.c_str(), 1);
-    for (std::string const closed : {">/dev/full", ">&-"}) {
-        Result const result = shell("zel fds " + closed);
-        EXPECT_EQ("exit 1", result.end) << closed;
-        EXPECT_EQ(0u, result.errors.find("zelctl: standard output")) << result.errors;
-    }
-    ::unsetenv("LOG_SINK");
-    ::unlink(own.c_str());
+    support::TempFile const own; // which must not become the standard output
+    setenv("LOG_SINK", own.path().c_str(), 1);
+    for (std::string const closed : {">/dev/full", ">&-"})
+        EXPECT_TRUE(fails(shell("zel fds " + closed), "exit 1", "zelctl: standard output")) << closed;
+    unsetenv("LOG_SINK");
 }
 
 TEST_F(Zelctl, ends_by_the_signal_that_comes_while_its_last_lines_wait_for_a_reader) {
     int full[2];
-    ASSERT_EQ(0, ::pipe2(full, O_CLOEXEC | O_NONBLOCK));
-    while (::write(full[1], "x", 1) == 1) {
+    ASSERT_EQ(0, pipe2(full, O_CLOEXEC | O_NONBLOCK));
+    while (write(full[1], "x", 1) == 1) {
     }
     for (std::string const words : {"--help", "--timeout 20 zel threads"}) {
         Program waiting({"/bin/sh", "-c", "exec " + tool() + ' ' + pid + ' ' + words + " >&0"}, {}, full[1]);
         // Beyond the moment at which it catches signals, and beyond the list.
-        ASSERT_TRUE(programs::wait_until([&] {
-            std::string const its = "/proc/" + std::to_string(waiting.pid()) + '/';
-            bool const catches =
-                programs::mask_of(programs::text_of(its + "status"), "SigCgt") >> (SIGTERM - 1) & 1;
-            bool const asked = words == "--help" || times_served("zel threads") > 0;
-            return catches && asked;
+        ASSERT_TRUE(wait_until([&] {
+            return support::in_mask(support::proc(waiting.pid(), "status"), "SigCgt", SIGTERM) &&
+                   (words == "--help" || times_served("zel threads") > 0);
         }));
         ASSERT_TRUE(waiting.sleeping());
         waiting.signal(SIGTERM);
         EXPECT_EQ("signal 15", waiting.end()) << words;
     }
-    ::close(full[0]);
-    ::close(full[1]);
+    close(full[0]);
+    close(full[1]);
 }
 
 TEST_F(Zelctl, shows_no_control_characters_on_a_terminal_and_raw_bytes_elsewhere) {
     std::string const text = "a\x1b[2J\x07\xff\xc2\x9b\xc3\xa4";
     EXPECT_EQ(text + '\n', ask({"tail", text}).output);
-    int const terminal = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_EQ(0, ::grantpt(terminal) | ::unlockpt(terminal));
-    EXPECT_EQ("exit 0", shell("tail '" + text + "' >" + ::ptsname(terminal)).end);
+    int const terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_EQ(0, grantpt(terminal) | unlockpt(terminal));
+    EXPECT_EQ("exit 0", shell("tail '" + text + "' >" + ptsname(terminal)).end);
     char shown[100];
-    ssize_t const length = ::read(terminal, shown, sizeof shown);
+    ssize_t const length = read(terminal, shown, sizeof shown);
     EXPECT_EQ("a\\x1b[2J\\x07\\xff\\xc2\\x9b\xc3\xa4\r\n",
               std::string(shown, static_cast<std::size_t>(std::max<ssize_t>(length, 0))));
-    ::close(terminal);
+    close(terminal);
 }
 
 TEST_F(Zelctl, hints_at_the_words_of_the_library) {
     Result const result = ask({"tasks"});
     EXPECT_EQ("1/1 tasks\n", result.output);
     EXPECT_TRUE(holds(result.errors, "zel tasks")) << result.errors;
-    Result const help = zelctl("--help", {});
+    Result const help = zelctl({"--help"});
     EXPECT_EQ("exit 0", help.end);
     for (std::string const word :
          {"fds", "tasks", "signals", "threads", "monitor", "unmonitor", "load", "unload"})
@@ -308,47 +282,33 @@ TEST(ZelctlRefusal, of_a_wrong_command_line_is_one_line_with_a_status_of_its_own
                                {"1", "--timeout", "x", "foo"},
                                {"1", "--timeout", "nan", "foo"},
                                {"1", "--follow", "-1", "foo"}}) {
-        Words command = words;
-        command.insert(command.begin(), ZELCTL);
-        Program program(command);
-        Result const result = result_of(program);
-        EXPECT_EQ("exit 64", result.end);
-        EXPECT_EQ(0u, result.errors.find("zelctl: "));
+        Result const result = zelctl(words);
+        EXPECT_TRUE(fails(result, "exit 64", ""));
         EXPECT_EQ(result.errors.size() - 1, result.errors.find('\n')) << result.errors;
         EXPECT_LT(result.errors.size(), 120u);
         EXPECT_EQ("", result.output);
     }
 }
 
-TEST(ZelctlRefusal, says_where_else_to_ask) {
-    Program target({TARGET, "busy"});
-    ASSERT_EQ("ready", target.line());
-    std::string const pid = std::to_string(target.pid());
-    std::string thread;
-    for (int tid = target.pid() + 1; thread.empty() && tid < target.pid() + 10000; ++tid) {
-        if (!programs::text_of("/proc/" + pid + "/task/" + std::to_string(tid) + "/comm").empty())
-            thread = std::to_string(tid);
-    }
-    Result result = zelctl(thread, {"foo"});
-    EXPECT_EQ("exit 1", result.end);
-    EXPECT_TRUE(holds(result.errors, "is a thread of process " + pid)) << result.errors;
+TEST_F(Zelctl, says_which_process_a_thread_is_of) {
+    std::string const thread = std::to_string(support::threads(target.pid()).rbegin()->first);
+    EXPECT_TRUE(fails(zelctl({thread, "foo"}), "exit 1", "is a thread of process " + pid));
+}
 
+TEST(ZelctlRefusal, says_that_a_process_lives_in_another_namespace_and_how_to_ask_there) {
     Program elsewhere({"/usr/bin/unshare", "--net", TARGET});
     if (elsewhere.line() != "ready")
         GTEST_SKIP() << "no namespaces of its own for this user";
-    result = zelctl(std::to_string(elsewhere.pid()), {"foo"});
-    EXPECT_EQ("exit 1", result.end);
-    EXPECT_TRUE(holds(result.errors, "another network namespace")) << result.errors;
+    EXPECT_TRUE(
+        fails(zelctl({std::to_string(elsewhere.pid()), "foo"}), "exit 1", "another network namespace"));
 
     Program outer({"/usr/bin/unshare", "--pid", "--fork", "--kill-child", TARGET});
     ASSERT_EQ("ready", outer.line());
-    std::string const parent = std::to_string(outer.pid());
-    std::string child = programs::text_of("/proc/" + parent + "/task/" + parent + "/children");
+    std::string child = support::proc(outer.pid(), "task/" + std::to_string(outer.pid()) + "/children");
     child = child.substr(0, child.find(' '));
-    result = zelctl(child, {"foo"});
-    EXPECT_EQ("exit 1", result.end);
-    EXPECT_TRUE(holds(result.errors, "another pid namespace")) << result.errors;
-    EXPECT_TRUE(holds(result.errors, "zelctl 1 ...")) << result.errors;
+    Result const result = zelctl({child, "foo"});
+    EXPECT_TRUE(fails(result, "exit 1", "another pid namespace"));
+    EXPECT_TRUE(fails(result, "exit 1", "zelctl 1 ..."));
 }
 
 TEST(ZelctlRefusal, of_a_process_that_serves_root_alone_says_so) {
@@ -358,24 +318,19 @@ TEST(ZelctlRefusal, of_a_process_that_serves_root_alone_says_so) {
         GTEST_SKIP() << "only root can become another user, who can run the programs of this build tree";
     std::string const pid = std::to_string(target.pid());
     Program asking({ZELCTL, pid, "foo"}, {}, -1, nobody);
-    Result const result = result_of(asking);
-    EXPECT_EQ("exit 1", result.end);
-    EXPECT_TRUE(holds(result.errors, "serves root alone")) << result.errors;
-    EXPECT_EQ("1/1 foo\n", zelctl(pid, {"foo"}).output);
+    EXPECT_TRUE(fails(Result(asking), "exit 1", "serves root alone"));
+    EXPECT_EQ("1/1 foo\n", zelctl({pid, "foo"}).output);
 }
 
 TEST(ZelctlRefusal, leaves_a_process_without_the_library_alone) {
     Program sleeper({"/bin/sleep", "1000"});
-    ASSERT_TRUE(sleeper.sleeping());
-    Result const result = zelctl(std::to_string(sleeper.pid()), {"foo"});
-    EXPECT_EQ("exit 1", result.end);
-    EXPECT_TRUE(holds(result.errors, "does not catch signal 55")) << result.errors;
-    EXPECT_TRUE(sleeper.alive());
-
     std::string const pid = std::to_string(sleeper.pid());
+    ASSERT_TRUE(sleeper.sleeping());
+    EXPECT_TRUE(fails(zelctl({pid, "foo"}), "exit 1", "does not catch signal 55"));
+    EXPECT_TRUE(sleeper.alive());
     sleeper.signal(SIGKILL);
     sleeper.end();
-    EXPECT_EQ("exit 1", zelctl(pid, {"foo"}).end);
+    EXPECT_EQ("exit 1", zelctl({pid, "foo"}).end);
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A program that is linked with zel and leaves all calls to modules: the library has to come with it also
-// where the linker leaves out what is not called.
+// A program that is linked with zel and leaves all calls to its modules. The library has to be loaded even
+// where the linker leaves out libraries that the program itself does not call.
 #include <cstdlib>
 
 #include <dlfcn.h>

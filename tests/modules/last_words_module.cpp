@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A module that uses every subsystem when it goes, and tells the file in ORDER_LOG what came of it.
+// A module that uses every subsystem while it is unloaded, and writes what came of it to the file in
+// ORDER_LOG.
 #include <cstdlib>
 
 #include <fcntl.h>

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
-// A module that appends to the file in ORDER_LOG when it comes and when it goes, with what it finds then:
-// whether signal 55 is caught, so the library still up, and whether the command thread lives. It needs
-// nothing of the library, and so does not keep it loaded.
+// A module that adds a line to the file in ORDER_LOG when it is loaded and when it is unloaded: "up" when
+// signal 55 is caught, so that the library is up, and "served" when the command thread lives. It does not
+// need the library, and so does not keep it loaded. With LATE_CLIENT set it raises the signal at its end, as
+// a client does that comes too late. When both are preloaded in this order, that is after the library's end.
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -36,7 +37,11 @@ void tell(char const* what) {
 
 struct Presence {
     Presence() { tell("+"); }
-    ~Presence() { tell("-"); }
+    ~Presence() {
+        tell("-");
+        if (std::getenv("LATE_CLIENT"))
+            raise(55);
+    }
 } presence;
 
 } // namespace

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A module that needs zel and has nothing to construct or to destroy: coming and going in the middle of
-// exit() is its host's right.
+// A module that needs zel but constructs and destroys nothing, so that its host may load and unload it in the
+// middle of exit().
 #include <orn/zel/threadGroup.hpp>
 
 extern "C" ORN_API int quiet_module_thread() {

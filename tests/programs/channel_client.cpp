@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 //
 // channel_client PID HOW COMMAND...: a client that sends the commands, says "ready" when the last of them has
-// been taken, and then
+// been taken, and then, as HOW says,
 //
-//     follow   turns its loop and prints what comes
-//     slow     takes a line in ten milliseconds
-//     flood    sends the commands again and again until they are not taken any more
+//     follow   turns its loop and prints each line that comes
+//     slow     reads a line every ten milliseconds
+//     flood    repeats the commands until one is not taken any more
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -21,7 +21,7 @@ int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     orn::zel::cmd::Channel target = orn::zel::Connect(std::atoi(argv[1]), [&](std::string const& line) {
         if (how == "slow")
-            ::poll(nullptr, 0, 10);
+            poll(nullptr, 0, 10);
         if (how == "follow")
             std::puts(line.c_str());
     });

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: MIT
 //
-// A process that is steered from outside. Says "ready" once it may be signalled, and then turns its loop. Its
-// arguments, each for itself:
+// A process that is steered from outside. It says "ready" once it may be signalled, and then turns its loop.
+// Each of its arguments adds something:
 //
 //     busy             endless tasks, alarms and threads in loops
 //     own-sigpipe      has a handler of its own for SIGPIPE
-//     ignore-sigpipe   ignores it
+//     ignored-sigpipe  ignores it
 //     secret           may not be traced by its own user
-//     take-sigusr2     takes SIGUSR2 from the pending signals, where a thread that has it open would die of
-//     it
+//     take-sigusr2     blocks SIGUSR2 and takes it from the pending signals; a thread that has it unblocked
+//                      ends the process
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -63,7 +64,7 @@ void sigpipe_after_exec(std::string const&, int fd) {
     answer(fd, (mask >> (SIGPIPE - 1) & 1) ? "ignored" : "default");
 }
 
-// As large as is asked for, in pieces that the pipe takes.
+// A line as long as is asked for, in pieces that the pipe takes.
 void line(std::string const& length, int fd) {
     std::string const text = std::string(std::strtoul(length.c_str(), nullptr, 10), 'x') + '\n';
     for (std::size_t at = 0; at < text.size();) {
@@ -85,7 +86,7 @@ void lines(std::string const& count, int fd) {
     cmd::Write(fd, text);
 }
 
-// The number of the descriptor that answers go to, and which pipe that is.
+// The number of the descriptor given, or else of the one that answers go to, and which pipe it is.
 void where(std::string const& given, int fd) {
     int const asked = given.empty() ? fd : std::atoi(given.c_str());
     struct stat status = {};
@@ -143,16 +144,16 @@ int main(int argc, char** argv) {
         if (option == "busy")
             be_busy();
         else if (option == "own-sigpipe")
-            ::signal(SIGPIPE, own_handler);
-        else if (option == "ignore-sigpipe")
-            ::signal(SIGPIPE, SIG_IGN);
+            std::signal(SIGPIPE, own_handler);
+        else if (option == "ignored-sigpipe")
+            std::signal(SIGPIPE, SIG_IGN);
         else if (option == "secret")
             prctl(PR_SET_DUMPABLE, 0);
         else if (option == "take-sigusr2") {
             sigset_t set;
             sigemptyset(&set);
             sigaddset(&set, SIGUSR2);
-            // Blocked after the library was loaded: threads that it makes later must see to it themselves.
+            // Blocked after the library was loaded, so threads that it makes later must block it themselves.
             pthread_sigmask(SIG_BLOCK, &set, nullptr);
             tick.reset(new orn::zel::Alarm(1, 1, [set] {
                 timespec const at_once = {0, 0};

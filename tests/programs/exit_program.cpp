@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
 //
-// A busy process that exits with 7, from where its first argument says, after as many microseconds as its
-// second one: threads sit in loops and in the middle of dispatches, alarms fire, tasks run, signals arrive.
-// Or a process in which there is nothing but
+// exit_program PLACE MICROSECONDS: a process that exits with 7 after that time. It is busy, with threads in
+// loops and in the middle of dispatches, alarms, tasks and signals, and exits from
+//
+//     main, thread, handler, alarm, signal, timer
+//
+// or there is nothing in it but
 //
 //     steered    a thread that has never run a loop, and steers the tasks of another one
 //     loading    a thread that loads and unloads a library that needs zel, and forks
@@ -10,9 +13,8 @@
 //     unloaded   a thread in its loop, with the library taken down explicitly before
 //     awaited    a command and a timer's callback, both waiting for the thread that exits
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -40,7 +42,23 @@ namespace {
 
 using namespace orn::zel;
 
-std::string where;
+void exit_here() {
+    exit(7);
+}
+
+[[noreturn]] void turn() {
+    for (;;)
+        RunOnce(-1);
+}
+
+void start(int (*create)(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*), void* (*body)(void*)) {
+    pthread_t thread;
+    if (create(&thread, nullptr, body, nullptr) != 0)
+        abort();
+    pthread_detach(thread);
+}
+
+// ---- The busy process
 
 void* member(void*) {
     orn::os::Pipe own(false);
@@ -54,13 +72,12 @@ void* member(void*) {
         Task([](task::Controller*) {}).Run(); // and cancelled at once
     });
     RunTask([](task::Controller*) {}, [] {}); // a slice in each turn, for ever
-    for (;;)
-        RunOnce(-1);
+    turn();
 }
 
-void* loop(void* argument) {
+void* loop(void*) {
     NewThreadGroup();
-    return member(argument);
+    return member(nullptr);
 }
 
 void* send(void*) {
@@ -70,32 +87,82 @@ void* send(void*) {
     }
 }
 
-void start(int (*create)(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*), void* (*body)(void*)) {
-    pthread_t thread;
-    if (create(&thread, nullptr, body, nullptr) != 0)
-        abort();
-    pthread_detach(thread);
+void be_busy() {
+    struct sigaction ignored = {};
+    ignored.sa_handler = SIG_IGN; // what comes back at the end, while signals still arrive
+    sigaction(SIGUSR1, &ignored, nullptr);
+    start(o_pthread_create, member);
+    start(o_pthread_create, loop);
+    start(o_pthread_create, loop);
+    start(pthread_create, send);
 }
+
+std::map<std::string, void (*)()> const places = {
+    {"main", exit_here},
+    {"thread", [] { start(o_pthread_create, [](void*) -> void* { exit(7); }); }},
+    {"handler",
+     [] {
+         auto const* const pipe = new orn::os::Pipe(false);
+         new fd::AutoReceptor(pipe->ReadFD(), [](fd::Event*) { exit(7); });
+         if (write(pipe->WriteFD(), "x", 1) != 1)
+             abort();
+     }},
+    {"alarm", [] { SetAlarm(0, exit_here); }},
+    {"signal", [] { new signal::AutoReceptor(SIGUSR1, [](int) { exit(7); }); }},
+    {"timer", [] { (new orn::os::Timer([](orn::os::Timer*) { exit(7); }))->Set(0, 0); }},
+};
+
+// ---- Those with nothing but one thing in them
 
 std::atomic<task::Controller*> steered[2];
 
-void* steer(void*) {
-    for (;;) {
-        steered[0].load()->Sleep();
-        steered[1].load()->Complete();
-    }
+void be_steered() {
+    for (std::atomic<task::Controller*>& controller : steered)
+        RunTask([&](task::Controller* own) { controller = own; });
+    while (!steered[0] || !steered[1])
+        RunOnce(-1);
+    start(pthread_create, [](void*) -> void* {
+        for (;;) {
+            steered[0].load()->Sleep();
+            steered[1].load()->Complete();
+        }
+    });
 }
 
 // The loader runs the constructors of what it needs anew, once exit() has run the destructors.
-void* load(void*) {
-    for (;;) {
-        void* const library = dlopen(QUIET_MODULE, RTLD_NOW);
-        pid_t const child = fork();
-        if (child == 0)
-            _exit(0);
-        waitpid(child, nullptr, 0);
-        if (library)
-            dlclose(library);
+void load() {
+    start(pthread_create, [](void*) -> void* {
+        for (;;) {
+            void* const library = dlopen(QUIET_MODULE, RTLD_NOW);
+            pid_t const child = fork();
+            if (child == 0)
+                _exit(0);
+            waitpid(child, nullptr, 0);
+            if (library)
+                dlclose(library);
+        }
+    });
+}
+
+void be_outlived() {
+    SetAlarm(20, exit_here);
+    start(o_pthread_create, [](void*) -> void* { turn(); });
+    pthread_exit(nullptr);
+}
+
+// Tasks are refused from then on, whatever threads live.
+void unload() {
+    start(pthread_create, [](void*) -> void* {
+        for (;;)
+            RunOnce(1);
+    });
+    ZEL_unload__();
+    try {
+        RunTask([](task::Controller*) {});
+        abort();
+    } catch (orn::zel::Exception const& refused) {
+        if (std::string(refused.what()) != "managerMap not initizalized")
+            abort();
     }
 }
 
@@ -117,95 +184,23 @@ void be_awaited() {
         RunOnce(1);
 }
 
-// Tasks are refused from then on, whatever threads live.
-void unload() {
-    start(pthread_create, [](void*) -> void* {
-        for (;;)
-            RunOnce(1);
-    });
-    ZEL_unload__();
-    try {
-        RunTask([](task::Controller*) {});
-        abort();
-    } catch (orn::zel::Exception const& refused) {
-        if (std::string(refused.what()) != "managerMap not initizalized")
-            abort();
-    }
-}
-
-// Whether there is such a place.
-bool prepare_alone() {
-    if (where == "steered") {
-        for (std::atomic<task::Controller*>& controller : steered)
-            RunTask([&](task::Controller* own) { controller = own; });
-        while (!steered[0] || !steered[1])
-            RunOnce(-1);
-        start(pthread_create, steer);
-    } else if (where == "loading") {
-        start(pthread_create, load);
-    } else if (where == "outlived") {
-        SetAlarm(20, [] { exit(7); });
-        start(o_pthread_create, [](void*) -> void* {
-            for (;;)
-                RunOnce(-1);
-        });
-        pthread_exit(nullptr);
-    } else if (where == "unloaded") {
-        unload();
-    } else if (where == "awaited") {
-        be_awaited();
-    } else {
-        return false;
-    }
-    return true;
-}
+std::map<std::string, void (*)()> const alone = {{"steered", be_steered},
+                                                 {"loading", load},
+                                                 {"outlived", be_outlived},
+                                                 {"unloaded", unload},
+                                                 {"awaited", be_awaited}};
 
 } // namespace
 
 int main(int argc, char** argv) {
     if (argc != 3)
         return 2;
-    where = argv[1];
     timespec const delay = {0, 1000 * atol(argv[2])};
-    if (prepare_alone()) {
-        nanosleep(&delay, nullptr);
-        exit(7);
-    }
-    struct sigaction ignored = {};
-    ignored.sa_handler = SIG_IGN; // what comes back at the end, while signals still arrive
-    sigaction(SIGUSR1, &ignored, nullptr);
-
-    start(o_pthread_create, member);
-    start(o_pthread_create, loop);
-    start(o_pthread_create, loop);
-    start(pthread_create, send);
+    auto const found = alone.find(argv[1]);
+    found != alone.end() ? found->second() : be_busy();
     nanosleep(&delay, nullptr);
-
-    if (where == "main")
+    if (found != alone.end())
         exit(7);
-    if (where == "thread") {
-        start(o_pthread_create, [](void*) -> void* { exit(7); });
-        for (;;)
-            RunOnce(-1);
-    }
-    std::unique_ptr<orn::os::Timer> timer;
-    orn::os::Pipe pipe(false);
-    std::unique_ptr<fd::AutoReceptor> receptor;
-    std::unique_ptr<signal::AutoReceptor> arrivals;
-    if (where == "handler") {
-        receptor.reset(new fd::AutoReceptor(pipe.ReadFD(), [](fd::Event*) { exit(7); }));
-        if (write(pipe.WriteFD(), "x", 1) != 1)
-            abort();
-    } else if (where == "alarm") {
-        SetAlarm(0, [] { exit(7); });
-    } else if (where == "signal") {
-        arrivals.reset(new signal::AutoReceptor(SIGUSR1, [](int) { exit(7); }));
-    } else if (where == "timer") {
-        timer.reset(new orn::os::Timer([](orn::os::Timer*) { exit(7); }));
-        timer->Set(0, 0);
-    } else {
-        return 2;
-    }
-    for (;;)
-        RunOnce(-1);
+    places.at(argv[1])();
+    turn();
 }

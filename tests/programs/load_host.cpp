@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
-// load_host LIBRARY exit|close [global]: loads the library, which it does not link, and ends with 3, by
-// exit() with the library still there, or after closing it. With a late client either way: signal 55 comes
-// when exit() has taken the library down, and is as it was when the library has been closed.
+// load_host LIBRARY exit|close [global]: loads the library, which it does not link, and exits with 3, either
+// with the library loaded or after closing it. In the first case it raises signal 55, as a late client does,
+// when exit() has taken the library down. In the second it exits with 4 when closing has left the handler of
+// that signal behind in code that has gone.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
+//
+// The client of the command channel; see Programs.hpp. Uses the library.
 #include "Programs.hpp"
 
 #include <algorithm>
 
 #include <orn/zel.hpp>
 
-namespace programs {
+namespace support {
 
 struct Client::State {
     explicit State(pid_t pid)
@@ -27,14 +29,14 @@ ssize_t Client::send(std::string const& command) {
 }
 
 Words Client::ask(std::string const& command) {
-    // Commands are served in order: the answer has ended when the next one is echoed.
+    // Commands are served in order, so the answer has ended when the next command is echoed.
     std::string const mark = "0 mark " + std::to_string(++state_->asked);
     Words& lines = state_->lines;
     lines.clear();
     if (send(command) < 0 || send(mark) < 0)
         return Words{"not sent"};
     Words::iterator end;
-    // An answer that fills the pipe may cost the mark: ask again.
+    // An answer that fills the pipe may cost the mark its echo. Then it is sent again.
     orn::zel::Alarm const again(250, 250, [&] { send(mark); });
     auto const answered = [&] {
         end = std::find(lines.begin(), lines.end(), "received \"" + mark + "\"");
@@ -43,7 +45,7 @@ Words Client::ask(std::string const& command) {
     if (!wait_until(answered, 10000, [] { orn::zel::RunOnce(20); }))
         return Words{"no answer"};
     Words answer(lines.begin(), end);
-    // Nor is the echo of an earlier question's mark, which was asked for twice, any part of this answer.
+    // The echo of an earlier question's mark may come this late when that was sent twice.
     auto const echo = [&](std::string const& line) {
         return line == "received \"" + command + "\"" || line.compare(0, 17, "received \"0 mark ") == 0;
     };
@@ -56,4 +58,4 @@ std::string Client::ask_one(std::string const& command) {
     return answer.size() == 1 ? answer[0] : std::to_string(answer.size()) + " lines";
 }
 
-} // namespace programs
+} // namespace support

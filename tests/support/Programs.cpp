@@ -1,103 +1,89 @@
 // SPDX-License-Identifier: MIT
+//
+// Starting programs and looking into them; see Programs.hpp. Uses the system only.
 #include "Programs.hpp"
 
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
-#include <memory>
-#include <sstream>
+#include <iterator>
+#include <utility>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace programs {
+namespace support {
 
-int scale() {
-    char const* const text = std::getenv("ZEL_TEST_SCALE");
-    return text && std::atoi(text) > 0 ? std::atoi(text) : 1;
+Words joined(Words first, Words const& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
 }
 
-long milliseconds() {
-    using namespace std::chrono;
-    return static_cast<long>(
-        duration_cast<std::chrono::milliseconds>(steady_clock::now().time_since_epoch()).count());
+namespace {
+
+// Waits for more of what the descriptor has, and appends it; false at the end or at the deadline.
+bool fill(std::string& text, int fd, int limit_ms) {
+    char bytes[65536];
+    ssize_t const got = is_ready(fd, POLLIN, limit_ms) ? read(fd, bytes, sizeof bytes) : 0;
+    if (got > 0)
+        text.append(bytes, static_cast<std::size_t>(got));
+    return got > 0;
 }
 
-bool wait_until(std::function<bool()> const& condition, int limitMs, std::function<void()> const& meanwhile) {
-    long const end = milliseconds() + static_cast<long>(limitMs) * scale();
-    while (!condition()) {
-        if (milliseconds() > end)
-            return false;
-        if (meanwhile)
-            meanwhile();
-        else
-            ::poll(nullptr, 0, 1);
+std::string rest_of(std::string text, int fd) {
+    while (fill(text, fd, 20000)) {
     }
-    return true;
+    return text;
 }
 
-// ---- Program
+} // namespace
 
 Program::Program(Words const& command, std::map<std::string, std::string> const& environment,
-                 int standardInput, uid_t user) {
+                 int standard_input, uid_t user) {
     int out[2];
     int err[2];
-    if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0)
+    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
         std::abort();
     std::vector<char*> words;
     for (std::string const& word : command)
         words.push_back(const_cast<char*>(word.c_str()));
     words.push_back(nullptr);
-    pid_ = ::fork();
+    pid_ = fork();
     if (pid_ == 0) {
         for (auto const& item : environment)
-            ::setenv(item.first.c_str(), item.second.c_str(), 1);
-        if (standardInput != -1)
-            ::dup2(standardInput, 0);
-        if (user != 0 && ::setuid(user) != 0)
-            ::_exit(126);
-        ::dup2(out[1], 1);
-        ::dup2(err[1], 2);
-        ::execv(words[0], words.data());
-        ::_exit(127);
+            setenv(item.first.c_str(), item.second.c_str(), 1);
+        if (standard_input != -1)
+            dup2(standard_input, 0);
+        if (user != 0 && setuid(user) != 0)
+            _exit(126);
+        dup2(out[1], 1);
+        dup2(err[1], 2);
+        execv(words[0], words.data());
+        _exit(127);
     }
-    ::close(out[1]);
-    ::close(err[1]);
+    close(out[1]);
+    close(err[1]);
     output_ = out[0];
     errors_ = err[0];
 }
 
 Program::~Program() {
-    if (alive()) {
-        ::kill(pid_, SIGKILL);
+    if (end_.empty()) {
+        signal(SIGKILL);
         end();
     }
-    ::close(output_);
-    ::close(errors_);
+    close(output_);
+    close(errors_);
 }
 
-bool Program::fill(std::string& buffer, int& fd, int limitMs) {
-    pollfd entry = {fd, POLLIN, 0};
-    int ready;
-    while ((ready = ::poll(&entry, 1, limitMs * scale())) < 0 && errno == EINTR) {
-    }
-    char bytes[65536];
-    ssize_t const got = ready > 0 ? ::read(fd, bytes, sizeof bytes) : 0;
-    if (got > 0)
-        buffer.append(bytes, static_cast<std::size_t>(got));
-    return got > 0;
-}
-
-std::string Program::line(int limitMs) {
+std::string Program::line(int limit_ms) {
     std::string::size_type at;
     while ((at = unread_.find('\n')) == std::string::npos)
-        if (!fill(unread_, output_, limitMs))
+        if (!fill(unread_, output_, limit_ms))
             return "";
     std::string const found = unread_.substr(0, at);
     unread_.erase(0, at + 1);
@@ -105,125 +91,86 @@ std::string Program::line(int limitMs) {
 }
 
 std::string Program::rest() {
-    while (fill(unread_, output_, 20000)) {
-    }
-    std::string all;
-    all.swap(unread_);
-    return all;
+    return rest_of(std::exchange(unread_, ""), output_);
 }
 
 std::string Program::errors() {
-    std::string all;
-    while (fill(all, errors_, 20000)) {
-    }
-    return all;
+    return rest_of("", errors_);
 }
 
-std::string Program::error_line(int limitMs) {
+std::string Program::error_line(int limit_ms) {
     std::string text;
-    while (text.find('\n') == std::string::npos && fill(text, errors_, limitMs)) {
+    while (text.find('\n') == std::string::npos && fill(text, errors_, limit_ms)) {
     }
     return text;
 }
 
-bool Program::alive() {
-    int status = 0;
-    if (status_.empty() && ::waitpid(pid_, &status, WNOHANG) == pid_)
-        status_ = WIFEXITED(status) ? "exit " + std::to_string(WEXITSTATUS(status))
-                                    : "signal " + std::to_string(WTERMSIG(status));
-    return status_.empty();
+std::string Program::end(int limit_ms) {
+    return end_.empty() ? end_ = end_of(pid_, limit_ms) : end_;
 }
 
-std::string Program::end(int limitMs) {
-    return wait_until([this] { return !alive(); }, limitMs) ? status_ : "hung";
+bool Program::alive() const {
+    siginfo_t ended = {};
+    return end_.empty() && waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           !ended.si_pid;
 }
 
-void Program::signal(int signo) {
-    ::kill(pid_, signo);
+void Program::signal(int signo) const {
+    kill(pid_, signo);
 }
 
-void Program::stop() {
+void Program::stop() const {
     signal(SIGSTOP);
-    int status = 0;
-    ::waitpid(pid_, &status, WUNTRACED);
+    waitpid(pid_, nullptr, WUNTRACED);
 }
 
-bool Program::sleeping() {
-    return wait_until([this] {
-        std::string const stat = text_of("/proc/" + std::to_string(pid_) + "/stat");
-        std::string::size_type const name_end = stat.rfind(") ");
-        return name_end != std::string::npos && stat[name_end + 2] == 'S';
-    });
+bool Program::sleeping() const {
+    return wait_until([this] { return proc(pid_, "stat").find(") S ") != std::string::npos; });
 }
 
 // ---- /proc
 
-std::string text_of(std::string const& path) {
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
+std::string proc(pid_t pid, std::string const& entry) {
+    return text_of("/proc/" + std::to_string(pid) + '/' + entry);
 }
 
-namespace {
-
-Words names_in(std::string const& directory) {
-    Words names;
-    std::unique_ptr<DIR, int (*)(DIR*)> const dir(::opendir(directory.c_str()), ::closedir);
-    while (dirent const* const entry = dir ? ::readdir(dir.get()) : nullptr)
-        if (entry->d_name[0] != '.')
-            names.push_back(entry->d_name);
-    return names;
-}
-
-} // namespace
-
-std::size_t entries_of(std::string const& directory) {
-    return names_in(directory).size();
-}
-
-Words threads_of(pid_t pid, std::string const& name) {
-    std::string const directory = "/proc/" + std::to_string(pid) + "/task";
-    Words found;
-    for (std::string const& tid : names_in(directory))
-        if (text_of(directory + '/' + tid + "/comm") == name + '\n')
-            found.push_back(directory + '/' + tid);
-    return found;
+std::size_t descriptors_of(pid_t pid) {
+    std::filesystem::directory_iterator const all("/proc/" + std::to_string(pid) + "/fd");
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
 std::size_t threads_named(pid_t pid, std::string const& name) {
-    return threads_of(pid, name).size();
+    std::size_t count = 0;
+    for (auto const& thread : threads(pid))
+        count += thread.second == name;
+    return count;
 }
 
 long cpu_milliseconds(pid_t pid) {
-    std::string const stat = text_of("/proc/" + std::to_string(pid) + "/stat");
-    std::istringstream fields(stat.substr(std::min(stat.size(), stat.rfind(')') + 1)));
-    std::string skipped;
-    for (int i = 0; i < 11; ++i)
-        fields >> skipped;
+    std::string const stat = proc(pid, "stat");
     long user = 0;
     long system = 0;
-    fields >> user >> system;
-    return (user + system) * 1000 / ::sysconf(_SC_CLK_TCK);
+    std::string::size_type const name_end = stat.rfind(')');
+    if (name_end != std::string::npos)
+        std::sscanf(&stat[name_end], ") %*c%*d%*d%*d%*d%*d%*d%*d%*d%*d%*d%ld%ld", &user, &system);
+    return (user + system) * 1000 / sysconf(_SC_CLK_TCK);
 }
 
 std::size_t listening_queues(pid_t pid) {
     std::ifstream sockets("/proc/net/unix");
     std::string const name = "cmd." + std::to_string(pid);
     std::size_t count = 0;
-    for (std::string line; std::getline(sockets, line);) {
-        bool const ours =
-            line.size() > name.size() && line.compare(line.size() - name.size(), name.size(), name) == 0;
-        // The flags say that it listens; connections of it carry its name as well.
-        if (ours && line.find(" 00010000 ") != std::string::npos)
-            ++count;
-    }
+    // The flags say that a socket listens; its connections carry the name as well.
+    for (std::string line; std::getline(sockets, line);)
+        count += line.size() > name.size() && line.substr(line.size() - name.size()) == name &&
+                 line.find(" 00010000 ") != std::string::npos;
     return count;
 }
 
-unsigned long long mask_of(std::string const& status, std::string const& key) {
+bool in_mask(std::string const& status, std::string const& key, int signo) {
     std::string::size_type const at = status.find(key + ":");
-    return at == std::string::npos ? 0 : std::strtoull(status.c_str() + at + key.size() + 1, nullptr, 16);
+    return at != std::string::npos &&
+           (std::strtoull(status.c_str() + at + key.size() + 1, nullptr, 16) >> (signo - 1) & 1) != 0;
 }
 
-} // namespace programs
+} // namespace support

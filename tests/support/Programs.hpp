@@ -5,67 +5,56 @@
 #ifndef TESTS_SUPPORT_PROGRAMS_HPP
 #define TESTS_SUPPORT_PROGRAMS_HPP
 
-#include <functional>
 #include <map>
 #include <string>
-#include <vector>
 
 #include <sys/types.h>
 
-namespace programs {
+#include "Common.hpp"
 
-typedef std::vector<std::string> Words;
+namespace support {
 
-int scale(); ///< ZEL_TEST_SCALE, 1 when it is not set
+Words joined(Words first, Words const& second);
 
-/// Whether the condition came true before the deadline, which is scaled. Meanwhile is what to do between two
-/// looks; a millisecond's sleep when it is empty.
-bool wait_until(std::function<bool()> const& condition, int limitMs = 10000,
-                std::function<void()> const& meanwhile = {});
-
-long milliseconds(); ///< of a clock that does not jump
-
-/// A program with pipes for its standard output and its standard error, killed when this dies.
+// A program with pipes for its standard output and its standard error, killed when this dies.
 class Program {
 public:
+    // Runs as the user, unless that is 0.
     explicit Program(Words const& command, std::map<std::string, std::string> const& environment = {},
-                     int standardInput = -1, uid_t user = 0); ///< user, when it is not 0
+                     int standard_input = -1, uid_t user = 0);
     ~Program();
     Program(Program const&) = delete;
     Program& operator=(Program const&) = delete;
 
     pid_t pid() const { return pid_; }
-    std::string line(int limitMs = 10000); ///< the next one of its output, "" at its end or at the deadline
-    std::string rest();                    ///< of its output, up to its end
-    std::string errors();                  ///< of its standard error, up to its end
-    std::string error_line(int limitMs = 10000); ///< the next one there, and whatever has come behind it
-    /// "exit <n>" or "signal <n>" once it has ended, "hung" after the deadline.
-    std::string end(int limitMs = 10000);
-    bool alive();
-    void signal(int signo);
-    void stop();     ///< by SIGSTOP, and waits until it has stopped
-    bool sleeping(); ///< true once its main thread waits in the kernel
+    std::string line(int limit_ms = 10000);       // the next one of its output; "" at its end or too late
+    std::string rest();                           // of its output, up to its end
+    std::string errors();                         // of its standard error, up to its end
+    std::string error_line(int limit_ms = 10000); // the next one there, and whatever has come behind it
+    std::string end(int limit_ms = 10000);        // see end_of()
+    bool alive() const;
+    void signal(int signo) const;
+    void stop() const;     // by SIGSTOP, and waits until it has stopped
+    bool sleeping() const; // true once its main thread waits in the kernel
 
 private:
-    bool fill(std::string& buffer, int& fd, int limitMs);
-
     pid_t pid_;
     int output_;
     int errors_;
     std::string unread_;
-    std::string status_;
+    std::string end_;
 };
 
-std::string text_of(std::string const& path);
-std::size_t entries_of(std::string const& directory); ///< "." and ".." are not counted
-Words threads_of(pid_t pid, std::string const& name); ///< "/proc/<pid>/task/<tid>" of each that is called so
+std::string proc(pid_t pid, std::string const& entry); // the text of /proc/<pid>/<entry>
+std::size_t descriptors_of(pid_t pid);
 std::size_t threads_named(pid_t pid, std::string const& name);
-long cpu_milliseconds(pid_t pid);        ///< that the process has used up, in steps of the kernel's
-std::size_t listening_queues(pid_t pid); ///< command queues of this process, as the kernel lists them
-/// The mask behind "SigCgt:", "SigBlk:" and so on in a status file.
-unsigned long long mask_of(std::string const& status, std::string const& key);
+long cpu_milliseconds(pid_t pid);        // that the process has used up, in steps of the kernel's
+std::size_t listening_queues(pid_t pid); // command queues of this process, as the kernel lists them
 
-/// A client of the command channel in this process and thread.
+// Whether the signal is in the mask behind "SigCgt:", "SigBlk:" and so on in the text of a status file.
+bool in_mask(std::string const& status, std::string const& key, int signo);
+
+// A client of the command channel in this process and thread.
 class Client {
 public:
     explicit Client(pid_t pid);
@@ -74,15 +63,15 @@ public:
     Client& operator=(Client const&) = delete;
 
     ssize_t send(std::string const& command);
-    /// Sends the command and returns the lines that it answers, its echo left out; {"no answer"} after 10 s.
+    // Sends the command and returns the lines that it answers, its echo left out; {"no answer"} after 10 s.
     Words ask(std::string const& command);
-    std::string ask_one(std::string const& command); ///< the only line of the answer
+    std::string ask_one(std::string const& command); // the only line of the answer
 
 private:
     struct State;
     State* const state_;
 };
 
-} // namespace programs
+} // namespace support
 
 #endif

@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// Linked into each test of a build for another processor whose programs an emulator runs. The emulator does
-// not follow exec(): programs of this build are started with it before them. And it has faults of its own:
-// the tests that meet them are skipped, by name.
-#include <cstdarg>
-#include <cstdio>
+// Linked into the tests of a build for another processor, whose programs an emulator runs. The emulator does
+// not follow exec(), so programs of this build are started through it. It also has faults of its own: the
+// tests that meet them are skipped by name.
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -54,8 +52,8 @@ char const* const cancelled = "qemu-ppc: a thread that is cancelled in a system 
 Fault const faults[] = {
     {"Fork.a_daemon_that_brings_the_library_up_anew_is_steered_under_its_own_id", forked},
     {"TimerThread.is_anew_in_a_child_of_fork_without_the_timers_of_the_parent", forked},
-    {"PlatformMsg.WhatIsNoMessageIsDroppedWholeAndTheNextOneIsServed", received},
-    {"PlatformMsg.RandomPacketsNeitherLeakNorStopTheQueue", received},
+    {"MsgQueue.drops_what_is_no_message_whole_and_serves_the_next_one", received},
+    {"MsgQueue.neither_leaks_nor_stops_at_random_packets", received},
     {"Places/ExitFrom.*", taken_away},
     {"Unloading.takes_no_code_from_under_a_thread_that_a_signal_has_just_reached", taken_away},
     {"Zelctl.reports_at_once_that_the_process_has_ended", hidden},
@@ -64,11 +62,11 @@ Fault const faults[] = {
     {"Threads.are_cancelled_*", cancelled},
     {"Threads.that_are_cancelled_as_creators_wait_for_the_constructor", cancelled},
     {"Threads.use_the_hosts_functions_for_every_operation", cancelled},
-    {"PlatformMsg.AStoppedReceiverHoldsSendersForAboutASecond", cancelled},
+    {"Msg.waits_about_a_second_for_a_receiver_that_has_stopped", cancelled},
 #endif
 };
 
-// ctest runs each case in a process of its own, so that the case is what the filter says.
+// ctest runs each case in a process of its own, whose filter is the name of the case.
 class Skips : public ::testing::Environment {
 public:
     void SetUp() override {
@@ -82,8 +80,8 @@ public:
 
 } // namespace
 
-// In place of the C library's, also for GoogleTest, which starts its own program for some death tests. Called
-// between fork() and exec(), so nothing is allocated.
+// Replaces the C library's function, also for GoogleTest, which starts its own program for some death tests.
+// It is called between fork() and exec(), and so allocates nothing.
 extern "C" int execv(char const* path, char* const words[]) noexcept {
     char emulator[1024];
     char* all[most_words + 1];
@@ -103,15 +101,4 @@ extern "C" int execv(char const* path, char* const words[]) noexcept {
         all[count++] = *words++;
     all[count] = nullptr;
     return execve(emulated ? all[0] : path, all, environ);
-}
-
-extern "C" int execl(char const* path, char const* word, ...) noexcept {
-    char* words[most_words + 1] = {};
-    std::size_t count = 0;
-    va_list more;
-    va_start(more, word);
-    for (; word && count < most_words; word = va_arg(more, char const*))
-        words[count++] = const_cast<char*>(word);
-    va_end(more);
-    return execv(path, words);
 }

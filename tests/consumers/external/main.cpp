@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A program on a vendor's platform: it makes a thread and a pipe of that, and zel's loop serves both. All
-// three have to be of the one library that has them.
+// A program on a vendor's platform layer. It makes a thread and a pipe with that layer, and zel's loop serves
+// both. Program and loop have to use the same copy of the layer, the vendor's.
 #include <cstdlib>
 #include <cstring>
 

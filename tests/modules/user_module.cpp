@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: MIT
+//
+// A library that uses zel, for a host that knows nothing of either. Loading it brings up everything that has
+// a descriptor, a thread or the handler of a signal, and the command channel with a client and every monitor.
+// All of that is left to the unloading.
+#include <atomic>
+#include <future>
+#include <memory>
+#include <string>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <orn/os/Thread.hpp>
+#include <orn/zel.hpp>
+
+namespace {
+
+using namespace orn::zel;
+
+struct User {
+    User() {
+        raise(SIGUSR1);
+        std::promise<void> served; // the loop serves what a thread has set until that thread ends
+        orn::os::Thread const member([&] {
+            SetAlarm(0, [&] { served.set_value(); });
+            served.get_future().wait();
+            done = true;
+            thread::ThisGroup()->WakeUp('x');
+        });
+        cmd::InstallCommandChannel();
+        bool answered = false;
+        client.reset(new cmd::Channel(
+            Connect(getpid(), [&](std::string const& line) { answered = answered || line == "1/1 foo"; })));
+        client->Command("zel monitor poll thread task alarm");
+        client->Command("foo");
+        while (!arrived || !ticked || !done || !answered)
+            RunOnce(-1);
+        RunTask([](task::Controller* task) { task->Sleep(); });
+        SetAlarm(100000, [] {}); // still armed at the end
+    }
+
+    bool arrived = false;
+    bool ticked = false;
+    std::atomic<bool> done{false};
+    signal::AutoReceptor arrivals{SIGUSR1, [this](int) { arrived = true; }};
+    Alarm ticks{0, 10, [this] { ticked = true; }};
+    std::unique_ptr<cmd::Channel> client;
+} user;
+
+} // namespace
+
+// For a thread of the host's.
+extern "C" ORN_API void run_a_task() {
+    bool done = false;
+    RunTask([&](task::Controller* task) {
+        task->Complete();
+        done = true;
+    });
+    while (!done)
+        RunOnce(-1);
+}
