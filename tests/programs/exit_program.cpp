@@ -102,14 +102,24 @@ std::map<std::string, void (*)()> const places = {
     {"thread", [] { start(o_pthread_create, [](void*) -> void* { exit(7); }); }},
     {"handler",
      [] {
-         auto const* const pipe = new orn::os::Pipe(false);
-         new fd::AutoReceptor(pipe->ReadFD(), [](fd::Event*) { exit(7); });
-         if (write(pipe->WriteFD(), "x", 1) != 1)
+         orn::os::Pipe const pipe(false);
+         fd::AutoReceptor const receptor(pipe.ReadFD(), [](fd::Event*) { exit(7); });
+         if (write(pipe.WriteFD(), "x", 1) != 1)
              abort();
+         turn();
      }},
     {"alarm", [] { SetAlarm(0, exit_here); }},
-    {"signal", [] { new signal::AutoReceptor(SIGUSR1, [](int) { exit(7); }); }},
-    {"timer", [] { (new orn::os::Timer([](orn::os::Timer*) { exit(7); }))->Set(0, 0); }},
+    {"signal",
+     [] {
+         signal::AutoReceptor const arrivals(SIGUSR1, [](int) { exit(7); });
+         turn();
+     }},
+    {"timer",
+     [] {
+         orn::os::Timer timer([](orn::os::Timer*) { exit(7); });
+         timer.Set(0, 0);
+         turn();
+     }},
 };
 
 // ---- Those with nothing but one thing in them
