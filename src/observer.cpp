@@ -46,9 +46,10 @@ void Observer::write(std::string const& text) {
 }
 
 bool is_observer(int fd) {
-    for (Observer const* const observer : observers)
+    for (Observer const* const observer : observers) {
         if (observer->is(fd))
             return true;
+    }
     return false;
 }
 

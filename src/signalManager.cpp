@@ -145,9 +145,10 @@ AutoReceptor::~AutoReceptor() = default;
 void ListSignals(std::string const&, int fd) {
     cmd::Response text;
     text << "SignalMgrs:\n";
-    for (auto const& item : managers.all())
+    for (auto const& item : managers.all()) {
         text << '[' << item.second->id() << "] fdMgr=" << item.first
              << " signal_fd=" << item.second->signal_fd();
+    }
     text << " signals={ ";
     for (int const signo : manager()->signals())
         text << signo << ' ';

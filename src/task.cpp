@@ -157,9 +157,10 @@ boost::shared_ptr<Manager> manager() {
 void ListTasks(std::string const&, int fd) {
     detail::PlainText text;
     text << "TaskMgrs:\n";
-    for (auto const& item : managers.all())
+    for (auto const& item : managers.all()) {
         text << '[' << item.second->id() << "] fdMgr=" << item.first << " task_fd=" << item.second->task_fd()
              << '\n';
+    }
     text << "Tasks:\n";
     manager()->core()->list(text);
     cmd::Write(fd, text.str());

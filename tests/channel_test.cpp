@@ -109,10 +109,11 @@ TEST(Channel, a_burst_of_signals_and_many_clients_make_one_thread_and_one_queue)
         clients[word].reset(new Program({CLIENT, std::to_string(target.pid()), "follow", word}));
     for (int i = 0; i < 10000; ++i)
         sigqueue(target.pid(), 55, sigval{});
-    for (auto const& client : clients)
+    for (auto const& client : clients) {
         for (std::string const& line :
              {std::string("ready"), "received \"" + client.first + '"', "1/1 " + client.first})
             EXPECT_EQ(line, client.second->line());
+    }
     for (int i = 0; i < 10000; ++i)
         kill(target.pid(), 55);
     Client client(target.pid());
@@ -264,9 +265,9 @@ TEST_F(Served, bad_messages_do_not_keep_the_next_command_from_being_served) {
     std::string const whole("zel fds\0", 8);
     std::string const without_end("no end");
     std::string const empty;
-    for (int const type : {1, 2, 0, 3, -1, 2147483647})
-        for (int const fd : {0, -1, pipe.WriteFD()})
-            for (bool const with_pid : {true, false})
+    for (int const type : {1, 2, 0, 3, -1, 2147483647}) {
+        for (int const fd : {0, -1, pipe.WriteFD()}) {
+            for (bool const with_pid : {true, false}) {
                 for (std::string const* const text :
                      {static_cast<std::string const*>(nullptr), &whole, &without_end, &empty}) {
                     if (type == 1 && fd > 0 && with_pid) // connects
@@ -274,6 +275,9 @@ TEST_F(Served, bad_messages_do_not_keep_the_next_command_from_being_served) {
                     send_raw(target, type, fd, with_pid, text);
                     ASSERT_EQ("1/1 next", client.ask("next").back()) << type << ' ' << fd << ' ' << with_pid;
                 }
+            }
+        }
+    }
     EXPECT_EQ(before, target.descriptors());
 }
 

@@ -37,11 +37,12 @@ TEST(Identifiers, are_given_once_to_threads_that_ask_at_the_same_time) {
     std::vector<unsigned long> got[3];
     {
         std::vector<std::unique_ptr<Member>> threads;
-        for (std::vector<unsigned long>& mine : got)
+        for (std::vector<unsigned long>& mine : got) {
             threads.emplace_back(new Member([&mine] {
                 for (unsigned i = 0; i < each; ++i)
                     mine.push_back(unique_id());
             }));
+        }
     }
     std::set<unsigned long> all;
     for (std::vector<unsigned long> const& mine : got)

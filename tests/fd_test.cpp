@@ -270,10 +270,11 @@ TEST_F(Fd, prints_events_and_lists_descriptors) {
     std::map<int, std::string> const lists = {
         {thread::self(), std::to_string(pipe.ReadFD()) + " " + std::to_string(answer.ReadFD()) + " "},
         {member.tid(), "0 "}};
-    for (auto const& item : lists)
+    for (auto const& item : lists) {
         expected += "[" + std::to_string(thread::FdMgr(item.first)->id().value()) +
                     "] thread=" + std::to_string(item.first) + " group=" + std::to_string(GroupId()) +
                     " fds={ " + item.second + "}\n";
+    }
     fd::ListFds("ignored", answer.WriteFD());
     EXPECT_EQ(expected, take(answer.ReadFD()));
     listed.up();

@@ -152,11 +152,12 @@ TEST(Unloading, takes_no_code_from_under_a_thread_that_a_signal_has_just_reached
     sigaction(55, &ignored, &before);
     std::atomic<bool> stop(false);
     std::vector<std::thread> threads;
-    for (int i = 0; i < 6; ++i)
+    for (int i = 0; i < 6; ++i) {
         threads.emplace_back([&] {
             while (!stop)
                 raise(55);
         });
+    }
     for (int i = 0; i < (is_sanitized ? 10 : 400); ++i)
         load_and_unload(ZEL_LIBRARY);
     stop = true;
@@ -199,9 +200,10 @@ TEST(Preload, dlclose_takes_the_modules_down_as_well) {
 }
 
 TEST(Preload, modules_may_use_every_subsystem_when_they_go) {
-    for (char const* const how : {"exit", "close"})
+    for (char const* const how : {"exit", "close"}) {
         EXPECT_EQ("mine\n[zel] x: no such command\nall used\n", said({HOST, ZEL_LIBRARY, how}, LAST_WORDS))
             << how;
+    }
 }
 
 // A client that connects to a process that has taken the library down already.

@@ -140,13 +140,14 @@ TEST(TimerThread, fires_each_of_a_hundred_thousand_that_is_not_cancelled_once) {
             timers.back()->Set(60000 + random() % 1000, 0);
         }
         std::size_t expected = 0;
-        for (std::unique_ptr<Timer>& timer : timers)
+        for (std::unique_ptr<Timer>& timer : timers) {
             if (random() % 2 == 0) {
                 timer->Set(random() % 100, 0);
                 ++expected;
             } else if (random() % 2 == 0) {
                 timer.reset();
             }
+        }
         EXPECT_TRUE(count.reaches(expected));
         timers.clear();
         EXPECT_EQ(expected, count.value());

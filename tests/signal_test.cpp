@@ -206,11 +206,12 @@ public:
               info.si_code = SI_QUEUE;
               while (!stop_ && sent_ < limit) {
                   // Queued, so that none is merged with another; a full queue is tried again.
-                  for (int const signo : signals)
+                  for (int const signo : signals) {
                       if (syscall(SYS_rt_sigqueueinfo, getpid(), signo, &info) == 0)
                           ++sent_;
                       else
                           sched_yield();
+                  }
               }
           }) {}
     ~Storm() { stop_ = true; }
@@ -382,13 +383,14 @@ TEST_F(Signals, a_member_that_watches_what_arrives_all_the_time_is_served) {
                 raise(signo);
         });
         auto const lane = [&] {
-            for (int i = 0; i < 20; ++i)
+            for (int i = 0; i < 20; ++i) {
                 Member([&] {
                     auto const calls = std::make_shared<std::atomic<int>>(0); // outlives a call under way
                     signal::AutoReceptor const mine(signo, [calls](int) { ++*calls; });
                     if (!wait_until([&] { return *calls > 0; }, 5000))
                         ++unserved;
                 });
+            }
         };
         Member const first(lane), second(lane);
         run_until([&] { return first.ended() && second.ended(); }, 250000);

@@ -273,13 +273,15 @@ TEST_F(Tasks, are_steered_by_stale_controllers_at_every_end_and_every_reuse) {
     std::atomic<Controller*> seen[window] = {};
     std::atomic<bool> over(false);
     auto const steer = [&] {
-        while (!over)
-            for (auto& slot : seen)
+        while (!over) {
+            for (auto& slot : seen) {
                 if (Controller* const controller = slot) {
                     controller->Continue();
                     controller->Sleep();
                     controller->Continue();
                 }
+            }
+        }
     };
     std::thread first(steer);
     std::thread second(steer);

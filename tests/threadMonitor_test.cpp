@@ -19,9 +19,10 @@ TEST_F(ThreadMonitor, the_poll_monitor_tells_every_wait_and_dispatch) {
     int ctrl = -1; // the first of the two descriptors that the group opens
     std::set<int> const before = descriptors();
     thread::ThisGroup();
-    for (int const fd : descriptors())
+    for (int const fd : descriptors()) {
         if (ctrl == -1 && !before.count(fd))
             ctrl = fd;
+    }
     thread::MonitorPoll("x", observer.WriteFD());
     EXPECT_EQ(1, RunOnce(0));
     EXPECT_EQ(0, RunOnce(0));
@@ -157,11 +158,12 @@ TEST_F(ThreadMonitor, a_child_of_fork_may_report_whatever_line_was_being_written
             thread::display_dispatch(entry);
     });
     std::string end = "exit 0";
-    for (int i = 0; i < 50 && end == "exit 0"; ++i)
+    for (int i = 0; i < 50 && end == "exit 0"; ++i) {
         end = in_child([&] {
             thread::display_dispatch(entry);
             return 0;
         });
+    }
     EXPECT_EQ("exit 0", end);
     go_on = false;
 }

@@ -123,7 +123,7 @@ TEST_P(NestedTurn, dispatches_each_event_once_with_or_without_a_rebuild) {
     orn::os::Pipe extra(false);
     std::unique_ptr<fd::AutoReceptor> added;
     int calls[3] = {};
-    for (std::size_t i = 0; i < 3; ++i)
+    for (std::size_t i = 0; i < 3; ++i) {
         watch(i, [&, i](fd::Event* event) {
             char byte;
             EXPECT_EQ(1, read(event->fd(), &byte, 1)) << "an event that was there no more, for " << i;
@@ -136,6 +136,7 @@ TEST_P(NestedTurn, dispatches_each_event_once_with_or_without_a_rebuild) {
                 run(inner_until, 0);
             EXPECT_EQ(2, calls[1] + calls[2]) << "the nested run has served them";
         });
+    }
     settle();
     for (int round = 1; round <= 3; ++round) {
         std::fill(calls, calls + 3, 0);

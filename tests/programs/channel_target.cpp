@@ -57,9 +57,10 @@ void sigpipe_after_exec(std::string const&, int fd) {
     char line[128] = "";
     unsigned long long mask = 0;
     FILE* const status = popen("exec cat /proc/self/status", "r");
-    while (fgets(line, sizeof line, status))
+    while (fgets(line, sizeof line, status)) {
         if (strncmp(line, "SigIgn:", 7) == 0)
             mask = strtoull(line + 7, nullptr, 16);
+    }
     pclose(status);
     answer(fd, (mask >> (SIGPIPE - 1) & 1) ? "ignored" : "default");
 }

@@ -115,19 +115,21 @@ std::string task_file(pid_t pid, int tid, char const* name) {
 std::set<int> numbers_in(std::string const& directory) {
     std::set<int> found;
     std::unique_ptr<DIR, int (*)(DIR*)> const dir(opendir(directory.c_str()), closedir);
-    while (dirent const* const entry = dir ? readdir(dir.get()) : nullptr)
+    while (dirent const* const entry = dir ? readdir(dir.get()) : nullptr) {
         if (std::isdigit(static_cast<unsigned char>(entry->d_name[0])) &&
             !(directory == "/proc/self/fd" && std::atoi(entry->d_name) == dirfd(dir.get())))
             found.insert(std::atoi(entry->d_name));
+    }
     return found;
 }
 
 std::size_t other_threads() {
     std::size_t count = 0;
-    for (auto const& thread : threads())
+    for (auto const& thread : threads()) {
         if (thread.first != getpid() &&
             (!is_sanitized || thread.second == "zel-command" || thread.second == "orn-timer"))
             ++count;
+    }
     return count;
 }
 
@@ -158,9 +160,10 @@ Footprint::Footprint()
       bytes(static_cast<double>(mallinfo2().uordblks)) {
     wait_until([this] { return (threads = other_threads()) == 0; }, 1000);
     std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line); ++mappings)
+    for (std::string line; std::getline(maps, line); ++mappings) {
         if (line.find("libzel") != std::string::npos || line.find("_module") != std::string::npos)
             ++ours;
+    }
 }
 
 std::string end_of(pid_t child, int limit_ms) {

@@ -99,9 +99,10 @@ public:
     }
     // Its number, or no_message when none comes.
     int next() {
-        while (!take_waiting())
+        while (!take_waiting()) {
             if (errno != EAGAIN || !support::is_ready(fd(), POLLIN, 20000))
                 return no_message;
+        }
         return number;
     }
     std::string text() const { return {static_cast<char*>(message.parts[1].data), message.parts[1].length}; }

@@ -82,9 +82,10 @@ Program::~Program() {
 
 std::string Program::line(int limit_ms) {
     std::string::size_type at;
-    while ((at = unread_.find('\n')) == std::string::npos)
+    while ((at = unread_.find('\n')) == std::string::npos) {
         if (!fill(unread_, output_, limit_ms))
             return "";
+    }
     std::string const found = unread_.substr(0, at);
     unread_.erase(0, at + 1);
     return found;
@@ -161,9 +162,10 @@ std::size_t listening_queues(pid_t pid) {
     std::string const name = "cmd." + std::to_string(pid);
     std::size_t count = 0;
     // The flags say that a socket listens; its connections carry the name as well.
-    for (std::string line; std::getline(sockets, line);)
+    for (std::string line; std::getline(sockets, line);) {
         count += line.size() > name.size() && line.substr(line.size() - name.size()) == name &&
                  line.find(" 00010000 ") != std::string::npos;
+    }
     return count;
 }
 

@@ -22,9 +22,10 @@ std::map<int, struct sigaction> dispositions() {
 // The timers' service thread, which stays until exit(), is not counted.
 std::set<int> passing_threads() {
     std::set<int> all;
-    for (auto const& thread : threads())
+    for (auto const& thread : threads()) {
         if (thread.second != "orn-timer")
             all.insert(thread.first);
+    }
     return all;
 }
 
@@ -35,9 +36,10 @@ bool run_until(std::function<bool()> const& condition, int limit_ms) {
 }
 
 bool woken_until(std::function<bool()> const& condition) {
-    while (!condition())
+    while (!condition()) {
         if (orn::zel::RunOnce(10000L * scale()) < 1)
             return false;
+    }
     return true;
 }
 

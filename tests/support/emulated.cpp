@@ -70,9 +70,10 @@ Fault const faults[] = {
 class Skips : public ::testing::Environment {
 public:
     void SetUp() override {
-        for (Fault const& fault : faults)
+        for (Fault const& fault : faults) {
             if (fnmatch(fault.tests, GTEST_FLAG_GET(filter).c_str(), 0) == 0)
                 GTEST_SKIP() << "[  SKIPPED ] " << fault.reason;
+        }
     }
 };
 

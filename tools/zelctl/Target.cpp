@@ -79,9 +79,10 @@ std::string inner_id(std::string const& process) {
 void make_sure_of_proc() {
     char self[16] = "";
     ssize_t const length = readlink("/proc/self", self, sizeof self - 1);
-    if (length < 1 || std::strtol(self, nullptr, 10) != getpid())
+    if (length < 1 || std::strtol(self, nullptr, 10) != getpid()) {
         throw Failure(refused,
                       "/proc is not mounted, or is that of another pid namespace: mount -t proc proc /proc");
+    }
 }
 
 void make_sure_it_is_a_process(int pid, std::string const& name) {

@@ -137,10 +137,11 @@ void hint_at(zelctl::Session const& session, std::string const& command) {
     std::string const word = command.substr(0, command.find(' '));
     for (std::string const known :
          {"fds", "tasks", "signals", "threads", "monitor", "unmonitor", "load", "unload"}) {
-        if (session.echoed() && word == known)
+        if (session.echoed() && word == known) {
             std::fprintf(stderr,
                          "zelctl: nobody has the word \"%s\", so it was echoed; did you mean: zel %s\n",
                          word.c_str(), zelctl::printable(command).c_str());
+        }
     }
 }
 
@@ -159,9 +160,10 @@ ExitStatus talk(Options const& options, zelctl::Output& output) {
         hint_at(session, options.command);
         if (options.follow >= 0)
             session.follow(static_cast<unsigned long>(options.follow * 1000));
-        else if (!session.monitors().empty())
+        else if (!session.monitors().empty()) {
             std::fputs("zelctl: switched off again, since nobody would read the lines: use --follow\n",
                        stderr);
+        }
     } catch (zelctl::Interrupted const&) {
         tell_of_lost_lines(session);
         throw;
