@@ -103,12 +103,13 @@ TEST_F(MsgQueue, drops_strangers_in_a_row_although_they_fill_it_and_keeps_the_or
         GTEST_SKIP() << "only root can become another user";
     Gate full, more;
     pid_t const stranger = child_that([&] {
-        bool sent = become(nobody) && send_to(name, 2, 666, "", STDOUT_FILENO);
+        bool const sent = become(nobody) && send_to(name, 2, 666, "", STDOUT_FILENO);
         crowd(name);
         full.open();
-        for (sent = sent && more.wait(); sent;) // and may find the other end closed already
-            send_to(name, 2, 667);
-        return sent;
+        if (!sent || !more.wait())
+            return false;
+        for (;;)
+            send_to(name, 2, 667); // which may find the other end closed already
     });
     ASSERT_TRUE(full.wait());
     EXPECT_FALSE(inbox->take_waiting());
