@@ -149,14 +149,23 @@ Outcome receive_packet(int connection, unsigned char* buffer, o_msg_t& to) {
     iovec pieces[] = {{&header, sizeof header}, {buffer, O_MSG_MAX_SIZE}};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
     msghdr packet{};
-    packet.msg_iov = pieces;
-    packet.msg_iovlen = 2;
-    packet.msg_control = control;
-    packet.msg_controllen = sizeof control;
-    ssize_t const size =
-        unless_interrupted([&] { return recvmsg(connection, &packet, MSG_DONTWAIT | MSG_CMSG_CLOEXEC); });
+    auto const look = [&] {
+        packet.msg_iov = pieces;
+        packet.msg_iovlen = 2;
+        packet.msg_control = control;
+        packet.msg_controllen = sizeof control;
+        return unless_interrupted(
+            [&] { return recvmsg(connection, &packet, MSG_DONTWAIT | MSG_CMSG_CLOEXEC); });
+    };
+    ssize_t size = look();
     if (size < 0)
         return errno == EAGAIN || errno == EWOULDBLOCK ? Outcome::nothing_yet : Outcome::dropped;
+    // The kernel looks for a packet first, and for the end of the connection after that. When the sender
+    // sends and closes in between, it reports the end although the packet is there. So look again.
+    if (size == 0 && packet.msg_controllen == 0)
+        size = look();
+    if (size < 0)
+        return Outcome::dropped;
     Descriptor fd;
     unsigned const descriptors = take_descriptors(packet, fd);
     auto const received = static_cast<std::size_t>(size);
