@@ -32,6 +32,7 @@
 #include <orn/zel/task.hpp>
 #include <orn/zel/threadFunctions.hpp>
 #include <orn/zel/threadGroup.hpp>
+#include <orn/zel/threadRegistry.hpp>
 #include <orn/zel/zelcmds.hpp>
 
 #endif
