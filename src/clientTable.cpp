@@ -70,7 +70,7 @@ void ClientTable::remember(int pid, int fd) {
 }
 
 int ClientTable::of(int pid) const {
-    std::map<int, int>::const_iterator const it = by_pid_.find(pid);
+    auto const it = by_pid_.find(pid);
     return it == by_pid_.end() ? -1 : it->second;
 }
 

@@ -76,7 +76,7 @@ void ProcessCommand(std::string const& command, int resp_fd) {
     {
         AutoLock const guard(words().lock);
         if (words().state) {
-            Words::const_iterator const it = words().state->find(split.first);
+            auto const it = words().state->find(split.first);
             if (it != words().state->end())
                 handler = it->second;
         }

@@ -209,7 +209,7 @@ bool Manager::dispatch(pollfd const& p, unsigned long registration) {
     MonitorImpl::held_handler handler;
     {
         AutoLock const guard(monitors_);
-        MonitorMap::map_type::const_iterator const it = monitors_.entries().find(p.fd);
+        auto const it = monitors_.entries().find(p.fd);
         if (it == monitors_.entries().end() || !it->second)
             return false;
         monitor = it->second;

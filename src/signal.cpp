@@ -223,7 +223,7 @@ boost::shared_ptr<SignalHandler> sigHandler(int signo) {
     AutoLock const guard(handlers_lock());
     if (!signal_handlers)
         signal_handlers = new handler_map;
-    handler_map::const_iterator const it = signal_handlers->find(signo);
+    auto const it = signal_handlers->find(signo);
     if (it != signal_handlers->end()) {
         // A child of fork() has inherited the object, but not the installed handler.
         if (!it->second->impl().installed())

@@ -70,7 +70,7 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
     boost::shared_ptr<HandlerList<int>> users;
     {
         AutoLock const guard(lock_);
-        std::map<int, SignalBundle>::const_iterator const found = bundles_.find(signo);
+        auto const found = bundles_.find(signo);
         if (found != bundles_.end()) {
             users = found->second.list;
             if (!rearm || found->second.source->impl().installed())

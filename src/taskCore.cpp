@@ -102,7 +102,7 @@ id_t Core::start(Spec const& spec) {
 void Core::remove(id_t id) {
     Functions functions;
     AutoLock const guard(lock_);
-    std::map<id_t, ControllerImpl*>::iterator const it = tasks_.find(id);
+    auto const it = tasks_.find(id);
     if (it == tasks_.end())
         return;
     ControllerImpl& task = *it->second;
@@ -113,7 +113,7 @@ void Core::remove(id_t id) {
 }
 
 ControllerImpl* Core::pin(id_t id) {
-    std::map<id_t, ControllerImpl*>::const_iterator const it = tasks_.find(id);
+    auto const it = tasks_.find(id);
     if (it == tasks_.end())
         return nullptr; // completed or cancelled since it was scheduled
     ++it->second->pins_;
@@ -156,7 +156,7 @@ void Core::schedule(id_t id) {
     // no memory beyond the pipe's own.
     {
         AutoLock const guard(lock_);
-        std::map<id_t, ControllerImpl*>::const_iterator const it = tasks_.find(word);
+        auto const it = tasks_.find(word);
         if (it == tasks_.end())
             return;
         it->second->overdue_ = true;

@@ -255,7 +255,7 @@ Group::DispatchInfo const& Group::dispatch_info(pollfd const& pfd) const {
     pollfd const* const begin = pollset_.data();
     if (!before(&pfd, begin) && before(&pfd, begin + pollset_.size()))
         return *order_[static_cast<std::size_t>(&pfd - begin)];
-    std::map<int, DispatchInfo>::const_iterator const it = dispatchset_.find(pfd.fd);
+    auto const it = dispatchset_.find(pfd.fd);
     detail::check(it != dispatchset_.end(), "dispatchset.find(pfd.fd) != dispatchset.end()",
                   "src/threadGroup", detail::line_of_missing_entry);
     return it->second;

@@ -96,7 +96,7 @@ std::map<int, Associations>& Registry::records() ZEL_NO_ANALYSIS {
 Associations* Registry::record_if_any(int tid) {
     if (!the_stuff)
         return nullptr;
-    std::map<int, Associations>::iterator const it = records().find(tid);
+    auto const it = records().find(tid);
     return it == records().end() ? nullptr : &it->second;
 }
 

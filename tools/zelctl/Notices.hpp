@@ -28,7 +28,7 @@ bool notify(int pid, std::string const& kind, Notice notice);
 // Receives the notices about the monitors that this zelctl follows, from its own user.
 class Notices {
 public:
-    typedef std::function<void(std::string const& kind, Notice notice)> Handler;
+    using Handler = std::function<void(std::string const& kind, Notice notice)>;
 
     Notices(int pid, Handler handler) : pid_(pid), handler_(handler) {}
     Notices(Notices const&) = delete;

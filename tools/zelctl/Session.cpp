@@ -273,7 +273,7 @@ void Session::take_line(std::string const& line) {
         complete_ = complete_ || line.compare(at, std::string::npos, end_) == 0;
         return;
     }
-    std::multiset<std::string>::iterator const expected = echoes_.find(line);
+    auto const expected = echoes_.find(line);
     if (expected != echoes_.end())
         echoes_.erase(expected);
     else

@@ -257,7 +257,7 @@ public:
         lock();
         if (!handlers_.empty()) {
             unsigned long const last = handlers_.rbegin()->first;
-            typename entries_type::iterator it = handlers_.begin();
+            auto it = handlers_.begin();
             while (it != handlers_.end() && it->first <= last) {
                 unsigned long const handle = it->first;
                 // Held, because a nested dispatch of this list may replay the removal of this handler.
@@ -315,7 +315,7 @@ public:
             if (dispatching_) {
                 cached_ops_.push_back(boost::shared_ptr<list_op>(new remove_op(this, handle)));
             } else {
-                typename entries_type::iterator const it = handlers_.find(handle);
+                auto const it = handlers_.find(handle);
                 if (it != handlers_.end()) {
                     removed.swap(it->second);
                     handlers_.erase(it);

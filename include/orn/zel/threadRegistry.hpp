@@ -96,7 +96,7 @@ public:
 
 protected:
     T& entry(int tid) ZEL_REQUIRES(lock_) {
-        typename std::map<int, T>::iterator it = entries_.lower_bound(tid);
+        auto it = entries_.lower_bound(tid);
         if (it == entries_.end() || it->first != tid)
             it = entries_.insert(it, std::make_pair(tid, construct()));
         return it->second;
