@@ -64,8 +64,8 @@ struct Manager::Table {
 };
 
 Manager::Manager()
-    : id_(detail::draw_id()), tid_(thread::self()), pid_(detail::process_id()), table_(new Table),
-      monitor_(Fd(table_->pipe.ReadFD())),
+    : id_(detail::draw_id()), tid_(thread::self()), pid_(detail::process_id()),
+      table_(boost::make_shared<Table>()), monitor_(Fd(table_->pipe.ReadFD())),
       receptor_(*monitor_, [table = table_](fd::Event* event) { drain(*table, event); }) {}
 
 Manager::~Manager() = default;

@@ -12,6 +12,8 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 
+#include <boost/make_shared.hpp>
+
 #include <orn/log.h>
 
 #include "cmd.hpp"
@@ -39,7 +41,7 @@ void echo(std::string const& command, int fd);
 
 void load_words() {
     AutoLock const guard(words().lock);
-    words().state.reset(new Words);
+    words().state = boost::make_shared<Words>();
 }
 
 boost::shared_ptr<void> unload_words() {

@@ -6,6 +6,8 @@
 
 #include <set>
 
+#include <boost/make_shared.hpp>
+
 #include <orn/log.h>
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
@@ -160,7 +162,11 @@ std::set<id_t>& live_ids() {
 
 id_t draw_live_id() {
     AutoLock const guard(live_ids_lock());
-    return detail::draw_id([](id_t id) { return !live_ids().insert(id).second; });
+    id_t id;
+    do
+        id = detail::draw_id();
+    while (!live_ids().insert(id).second);
+    return id;
 }
 
 } // namespace
@@ -248,7 +254,7 @@ void Manager::WakeUp(char c) {
 // ---- Registration and listing ---------------------------------------------------------------------------
 
 boost::shared_ptr<Monitor> Fd(int fd, boost::shared_ptr<Manager> manager) {
-    boost::shared_ptr<MonitorImpl> const monitor(new MonitorImpl(fd, POLLIN));
+    boost::shared_ptr<MonitorImpl> const monitor = boost::make_shared<MonitorImpl>(fd, POLLIN);
     monitor->Associate(manager);
     return monitor;
 }

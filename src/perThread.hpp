@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 
+#include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include <orn/zel/core.hpp>
@@ -64,7 +65,7 @@ public:
         // The lock must not be held here: the new manager registers with the group. Only this thread has this
         // key, but making a group may run the hook of a child of fork(), which may come back here. What it
         // has made then stays.
-        boost::shared_ptr<Manager> const made(new Manager);
+        boost::shared_ptr<Manager> const made = boost::make_shared<Manager>();
         id_t const key = thread::FdMgr()->id().value();
         AutoLock const guard(lock());
         boost::shared_ptr<Manager>& kept = map()[key];

@@ -13,6 +13,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <boost/make_shared.hpp>
+
 #include "immortal.hpp"
 #include "shutdown.hpp"
 #include "signalFork.hpp"
@@ -230,7 +232,7 @@ boost::shared_ptr<SignalHandler> sigHandler(int signo) {
             it->second->impl().apply_signal_handler();
         return it->second;
     }
-    boost::shared_ptr<SignalHandler> made(new SignalHandler(signo));
+    boost::shared_ptr<SignalHandler> const made = boost::make_shared<SignalHandler>(signo);
     signal_handlers->insert(std::make_pair(signo, made));
     return made;
 }

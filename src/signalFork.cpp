@@ -40,12 +40,7 @@ Watched watched[NSIG] = {};
 sigset_t mask_before ZEL_GUARDED_BY(barrier_lock()); // of the thread that forks
 
 sigset_t close_barrier() ZEL_ACQUIRE(barrier_lock()) {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
-        sigdelset(&all, fault);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
+    sigset_t const before = block_signals();
     barrier_lock().Lock();
     return before;
 }
@@ -83,6 +78,16 @@ std::atomic<bool> handled(false);
 int const registered = handled.exchange(true) ? 0 : pthread_atfork(prepare, in_parent, in_child);
 
 } // namespace
+
+sigset_t block_signals() {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
+        sigdelset(&all, fault);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    return before;
+}
 
 ForkBarrier::ForkBarrier() : mask_before_(close_barrier()) {}
 

@@ -17,6 +17,9 @@ namespace detail {
 // number belongs to a parent. Signal-safe.
 unsigned lineage();
 
+// Blocks every signal in the calling thread but those that its own faults raise. Returns the mask before.
+sigset_t block_signals();
+
 // Keeps every thread from forking for a scope, and signal handlers off this one. A disposition and what is
 // noted of it here change in one such scope, so that a child finds them in agreement.
 class ForkBarrier {

@@ -5,6 +5,8 @@
 // signal.cpp.
 #include <orn/zel/signal.hpp>
 
+#include <boost/make_shared.hpp>
+
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
@@ -76,7 +78,7 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
             if (!rearm || found->second.source->impl().installed())
                 return users;
         } else {
-            users.reset(new HandlerList<int>(boost::shared_ptr<Mutex>(new RecursiveThreadMutex)));
+            users = boost::make_shared<HandlerList<int>>(boost::make_shared<RecursiveThreadMutex>());
         }
         SignalBundle const fresh(signo, pipe, users);
         replaced = bundles_.extract(signo);
@@ -107,7 +109,7 @@ std::vector<int> Manager::Watch::signals() {
 }
 
 Manager::Manager()
-    : id_(detail::draw_id()), pipe_(new os::Pipe(false)), watch_(new Watch),
+    : id_(detail::draw_id()), pipe_(boost::make_shared<os::Pipe>(false)), watch_(boost::make_shared<Watch>()),
       receptor_(pipe_->ReadFD(),
                 [watch = watch_, pipe = pipe_](fd::Event* event) { watch->drain(event, pipe); }) {}
 

@@ -10,6 +10,8 @@
 
 #include <unistd.h>
 
+#include <boost/make_shared.hpp>
+
 #include <orn/cancel.hpp>
 #include <orn/log.h>
 
@@ -426,7 +428,7 @@ void Exit() {
 
 void NewThreadGroup() {
     // Made before the old group is left, so that a failure changes nothing.
-    boost::shared_ptr<thread::Group> const made(new thread::Group);
+    boost::shared_ptr<thread::Group> const made = boost::make_shared<thread::Group>();
     thread::Registry::associate(thread::Registry::claim(), made);
 }
 

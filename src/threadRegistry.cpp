@@ -12,6 +12,8 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <boost/make_shared.hpp>
+
 #include "fixedLine.hpp"
 #include "fork.hpp"
 #include "immortal.hpp"
@@ -137,7 +139,7 @@ boost::shared_ptr<Group> Registry::group(RecordOf const& record) {
             return found.group_;
     }
     // The lock must not be held here: making a group opens descriptors and writes to the log.
-    boost::shared_ptr<Group> const made(new Group);
+    boost::shared_ptr<Group> const made = boost::make_shared<Group>();
     {
         AutoLock const guard(lock());
         Associations& found = record.get();
@@ -158,7 +160,7 @@ boost::shared_ptr<fd::Manager> Registry::fd_manager(RecordOf const& record) {
             return found.fd_manager_;
     }
     // The lock must not be held here: making a manager writes to the log.
-    boost::shared_ptr<fd::Manager> const made(new fd::Manager);
+    boost::shared_ptr<fd::Manager> const made = boost::make_shared<fd::Manager>();
     AutoLock const guard(lock());
     Associations& found = record.get();
     if (!found.fd_manager_)
@@ -260,7 +262,7 @@ void Associations::Associate(boost::shared_ptr<Group> group) {
 
 void Associations::NewGroup() {
     // Made before the old group is left, so that a failure changes nothing.
-    Registry::associate(*this, boost::shared_ptr<Group>(new Group));
+    Registry::associate(*this, boost::make_shared<Group>());
 }
 
 Map::Map() : ThreadMap<Associations, Associations&>(Registry::lock()) {}

@@ -8,6 +8,7 @@
 
 #include <dlfcn.h>
 
+#include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include <orn/zel/alarm.hpp>
@@ -135,7 +136,7 @@ void ProcessCommand(std::string const& args, int resp_fd) {
 }
 
 void zel_zelcmds_load() {
-    boost::shared_ptr<Builtin> const made(new Builtin);
+    boost::shared_ptr<Builtin> const made = boost::make_shared<Builtin>();
     made->subcommands["tasks"] = task::ListTasks;
     made->subcommands["threads"] = thread::ListThreads;
     made->subcommands["monitor"] = Monitor;

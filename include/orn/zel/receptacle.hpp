@@ -27,6 +27,7 @@
 #include <vector>
 
 #include <boost/function.hpp>
+#include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include <orn/zel/core.hpp>
@@ -147,7 +148,7 @@ public:
     unsigned long insert(receptor_type const& handler) override {
         if (id_ != 0)
             return 0;
-        handler_ = boost::shared_ptr<receptor_type>(new receptor_type(handler));
+        handler_ = boost::make_shared<receptor_type>(handler);
         id_ = detail::draw_id();
         return id_;
     }
@@ -223,7 +224,10 @@ public:
     unsigned long insert(receptor_type const& handler) override {
         if (handler.empty())
             throw orn::Exception("Empty handler function", "");
-        unsigned long const handle = detail::draw_id([this](id_t id) { return knows(id); });
+        unsigned long handle;
+        do
+            handle = detail::draw_id();
+        while (knows(handle));
         return insert_handler(std::pair<const unsigned long, receptor_type>(handle, handler)) ? handle : 0;
     }
 
@@ -300,9 +304,9 @@ public:
             on_first_handler_(this); // the mutex is not held: the hook may use this list
         MutexGuard const guard(*this);
         if (dispatching_)
-            cached_ops_.push_back(boost::shared_ptr<list_op>(new add_op(this, entry.first, entry.second)));
+            cached_ops_.push_back(boost::make_shared<add_op>(this, entry.first, entry.second));
         else
-            handlers_.emplace(entry.first, boost::shared_ptr<receptor_type>(new receptor_type(entry.second)));
+            handlers_.emplace(entry.first, boost::make_shared<receptor_type>(entry.second));
         return true;
     }
 
@@ -313,7 +317,7 @@ public:
             MutexGuard const guard(*this);
             bool const had_handlers = !handlers_.empty();
             if (dispatching_) {
-                cached_ops_.push_back(boost::shared_ptr<list_op>(new remove_op(this, handle)));
+                cached_ops_.push_back(boost::make_shared<remove_op>(this, handle));
             } else {
                 auto const it = handlers_.find(handle);
                 if (it != handlers_.end()) {
