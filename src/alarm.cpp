@@ -20,8 +20,7 @@
 #include "threadRegistry.hpp"
 #include "wordPipe.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace alarm {
 
 std::map<unsigned long, boost::shared_ptr<Manager>>* managerMap = nullptr;
@@ -261,8 +260,7 @@ unsigned OutstandingAlarmCount() {
     return static_cast<unsigned>(alarm::manager()->size());
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 unsigned msec_alarm(unsigned long ms) {
     itimerval next = {};

@@ -16,9 +16,7 @@
 #include "observer.hpp"
 #include "shutdown.hpp"
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 namespace {
 
@@ -114,6 +112,4 @@ void ClientTable::forget() {
     by_pid_.clear();
 }
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail

@@ -10,9 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 // A client's descriptor stays open after the client has gone: a monitor may still write to it, and must not
 // hit another file that gets the number. But a process that is looked into again and again must not run out
@@ -46,8 +44,6 @@ private:
     std::size_t next_look_ = 0; // the size of the table at which give_back() looks again
 };
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

@@ -20,8 +20,7 @@
 #include "immortal.hpp"
 #include "loaded.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace cmd {
 
 namespace {
@@ -138,5 +137,4 @@ void UnregisterCommandModule(std::string const& word) {
     cmd::Unregister(word);
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

@@ -20,8 +20,7 @@
 
 #include <orn/log.h>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace cmd {
 
 namespace {
@@ -183,5 +182,4 @@ cmd::Channel ConnectWith(int pid, boost::function<void(std::string const&)> fn,
     return cmd::Channel(boost::make_shared<cmd::ChannelImpl>(pid, fn, wait));
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

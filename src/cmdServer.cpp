@@ -33,9 +33,7 @@
 #include "shutdown.hpp"
 #include "signalFork.hpp"
 
-namespace orn {
-namespace zel {
-namespace cmd {
+namespace orn::zel::cmd {
 
 namespace {
 
@@ -387,6 +385,4 @@ void zel_cmd_unload() {
     restore_sigpipe();
 }
 
-} // namespace cmd
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::cmd

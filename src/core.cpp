@@ -19,7 +19,9 @@ namespace orn {
 
 Exception::~Exception() = default;
 
-namespace zel {
+} // namespace orn
+
+namespace orn::zel {
 
 Exception::~Exception() = default;
 UndefinedValue::~UndefinedValue() = default;
@@ -136,5 +138,4 @@ void assertion_failed(char const* expression, char const* file, int line) noexce
 }
 
 } // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

@@ -17,8 +17,7 @@
 #include "plainText.hpp"
 #include "threadRegistry.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace fd {
 
 // ---- ManagerAssociation ---------------------------------------------------------------------------------
@@ -306,5 +305,4 @@ boost::shared_ptr<fd::Monitor> Fd(int fd) {
     return fd::Fd(fd, thread::FdMgr());
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

@@ -21,8 +21,7 @@
 
 #include "shutdown.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 namespace {
 
@@ -78,5 +77,4 @@ void ZEL_unload__() {
     thread::zel_thread_unload();
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

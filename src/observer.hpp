@@ -13,9 +13,7 @@
 
 #include <orn/zel/response.hpp>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 // One monitor of the process. Any thread may call it. Reading the descriptor's number and writing the line
 // are one step under a lock. So when unwatch(), watch() or forget() has returned nobody writes to the
@@ -80,8 +78,6 @@ bool is_observer(int fd);
 void forget_observer(int fd);
 void renew_observers();
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

@@ -19,9 +19,7 @@
 #include "shutdown.hpp"
 #include "threadRegistry.hpp"
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 template <class Manager>
 class PerThread {
@@ -110,8 +108,6 @@ private:
     char const* const refusal_;
 };
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

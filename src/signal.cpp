@@ -76,9 +76,7 @@ void orn_zel_receive_signal(int signo) {
 void sig_handler(int signo) __attribute__((alias("orn_zel_receive_signal")));
 }
 
-namespace orn {
-namespace zel {
-namespace signal {
+namespace orn::zel::signal {
 
 namespace {
 
@@ -312,6 +310,4 @@ void zel_signal_unload() {
     detail::SignalGate::drain(); // before the code that signal context runs may be unmapped
 }
 
-} // namespace signal
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::signal

@@ -12,9 +12,7 @@
 #include "immortal.hpp"
 #include "signalGate.hpp"
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 namespace {
 
@@ -121,6 +119,4 @@ bool expected_from_others(int signo) {
     return watched[signo].from_others;
 }
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail

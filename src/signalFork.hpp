@@ -9,9 +9,7 @@
 
 #include <signal.h>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 // How many forks lie between this process and the one that loaded the library. What was made with another
 // number belongs to a parent. Signal-safe.
@@ -45,8 +43,6 @@ bool handler_given_up(int signo);
 void expect_from_others(int signo);
 bool expected_from_others(int signo);
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

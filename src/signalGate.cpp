@@ -14,9 +14,7 @@
 #include "immortal.hpp"
 #include "signalFork.hpp"
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 namespace {
 
@@ -143,6 +141,4 @@ void SignalGate::forked() {
     inside = 0;
 }
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail

@@ -13,9 +13,7 @@
 #include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 class SignalGate {
 public:
@@ -45,8 +43,6 @@ public:
     static void forked();
 };
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

@@ -15,8 +15,7 @@
 #include "signalGate.hpp"
 #include "wordPipe.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace signal {
 
 namespace {
@@ -168,5 +167,4 @@ boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo) {
     return signal::manager()->monitor(signo);
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

@@ -14,8 +14,7 @@
 #include "plainText.hpp"
 #include "taskCore.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace task {
 
 std::map<id_t, boost::shared_ptr<Manager>>* managerMap = nullptr;
@@ -267,5 +266,4 @@ void RunTask(task::Body fn, task::Done done) {
     task.NotifyWhenComplete(done).Detach().Run();
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

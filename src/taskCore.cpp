@@ -12,9 +12,7 @@
 
 #include "wordPipe.hpp"
 
-namespace orn {
-namespace zel {
-namespace task {
+namespace orn::zel::task {
 
 namespace {
 
@@ -337,6 +335,4 @@ bool Core::slice(ControllerImpl& task) {
     return !task.complete_ && !task.sleeping_;
 }
 
-} // namespace task
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::task

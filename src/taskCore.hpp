@@ -45,9 +45,7 @@
 #include <orn/os/Pipe.hpp>
 #include <orn/zel/task.hpp>
 
-namespace orn {
-namespace zel {
-namespace task {
+namespace orn::zel::task {
 
 // The end of a task's line in the listing and on the monitor.
 void print_state(std::ostream& line, ControllerImpl const& task);
@@ -155,8 +153,6 @@ private:
     bool any_overdue_ ZEL_GUARDED_BY(lock_);
 };
 
-} // namespace task
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::task
 
 #endif

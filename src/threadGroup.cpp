@@ -19,8 +19,7 @@
 #include "threadMonitor.hpp"
 #include "threadRegistry.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace thread {
 
 namespace {
@@ -436,5 +435,4 @@ id_t GroupId() {
     return thread::ThisGroup()->id().value();
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

@@ -19,8 +19,7 @@
 #include "immortal.hpp"
 #include "shutdown.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace thread {
 
 namespace {
@@ -319,8 +318,7 @@ thread::Map* TheThreadMap() {
     return thread::Registry::map();
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 void* ZEL_Thread_create_extension() {
     using namespace orn::zel::thread;

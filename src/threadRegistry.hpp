@@ -13,9 +13,7 @@
 #include <orn/zel/threadGroup.hpp>
 #include <orn/zel/threadRegistry.hpp>
 
-namespace orn {
-namespace zel {
-namespace thread {
+namespace orn::zel::thread {
 
 class Registry {
 public:
@@ -73,8 +71,6 @@ private:
     static Associations* record_if_any(int tid) ZEL_REQUIRES(lock());
 };
 
-} // namespace thread
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::thread
 
 #endif

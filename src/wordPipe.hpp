@@ -15,9 +15,7 @@
 
 #include <orn/zel/fd.hpp>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 // Writes a word in host order, whole or not at all, and never blocks. A full pipe is made larger, up to the
 // system's limit for pipes, so that a burst which arrives before the loop turns loses nothing. Beyond that
@@ -81,8 +79,6 @@ private:
     std::uint32_t begin_; // when the second word was taken, in ms; wraps, so only differences count
 };
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

@@ -23,9 +23,7 @@
 #include "loaded.hpp"
 #include "shutdown.hpp"
 
-namespace orn {
-namespace zel {
-namespace zelcmds {
+namespace orn::zel::zelcmds {
 
 namespace {
 
@@ -157,6 +155,4 @@ void zel_zelcmds_unload() {
     builtin().take_out(); // libraries that are still open stay loaded
 }
 
-} // namespace zelcmds
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::zelcmds

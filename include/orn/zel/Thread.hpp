@@ -40,8 +40,7 @@
 #include <orn/zel/core.hpp>
 #include <orn/zel/threadFunctions.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 // The work of a thread: override the three operations, or fill in the three functions. An exception out of
 // Init() or Run() ends the process, as it does for any thread.
@@ -154,8 +153,7 @@ private:
     bool joined_; // the handle is void
 };
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 // What every thread made here runs; the argument is the address of its Thread's shared RunData pointer.
 extern "C" ORN_API void* threadProc(void* ptr);

@@ -43,8 +43,7 @@
 #include <orn/zel/core.hpp>
 #include <orn/zel/fd.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 namespace alarm {
 
@@ -167,8 +166,7 @@ ORN_API void zel_alarm_load();
 ORN_API void zel_alarm_unload();
 
 } // namespace alarm
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 // alarm(2) in milliseconds, over the process's real-time interval timer and independent of everything above:
 // SIGALRM after ms, 0 cancels. Returns the milliseconds that were left of the previous setting, 1 for any

@@ -44,7 +44,9 @@ private:
     std::string details_;
 };
 
-namespace zel {
+} // namespace orn
+
+namespace orn::zel {
 
 // Misuse at run time, with a fixed text per case ("invalid FD (-1)", "NULL handler", ...); no details.
 class ORN_API Exception : public orn::Exception {
@@ -253,7 +255,6 @@ inline void check(bool holds, char const* expression, char const* file, int line
 }
 
 } // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 #endif

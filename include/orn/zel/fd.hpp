@@ -38,8 +38,7 @@
 #include <orn/zel/core.hpp>
 #include <orn/zel/receptacle.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 namespace fd {
 
@@ -268,7 +267,6 @@ private:
 // A monitor for a descriptor on the calling thread's own fd manager, with no handler yet.
 ORN_API boost::shared_ptr<fd::Monitor> Fd(int fd);
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 #endif

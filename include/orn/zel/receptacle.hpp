@@ -32,8 +32,7 @@
 
 #include <orn/zel/core.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 // Anything that a handler can be registered with.
 template <class dataT, class idT>
@@ -436,7 +435,6 @@ void Dispatch(HandlerList<dataT>& list, dataT const& data) {
     list.dispatch(data);
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 #endif

@@ -52,8 +52,7 @@
 #include <orn/zel/core.hpp>
 #include <orn/zel/fd.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 namespace task {
 
@@ -247,7 +246,6 @@ ORN_API void zel_task_load();
 ORN_API void zel_task_unload();
 
 } // namespace task
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 #endif

@@ -58,8 +58,7 @@
 #include <orn/zel/threadFunctions.hpp>
 #include <orn/zel/threadRegistry.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 // Runs one turn of the calling thread's group: waits at most timeoutMs milliseconds (negative: without limit,
 // 0: not at all) and calls the handlers of what is ready. Returns the result of poll(): the number of ready
@@ -278,7 +277,6 @@ ORN_API void display_dispatch(pollfd& pfd);
 ORN_API void ListThreads(std::string const& args, int fd);
 
 } // namespace thread
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 #endif

@@ -13,8 +13,7 @@
 
 #include <orn/zel/core.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 namespace fd {
 
@@ -160,8 +159,7 @@ ORN_API void zel_thread_unload();
 // The map of the one registry, which is made when there is none.
 ORN_API thread::Map* TheThreadMap();
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 extern "C" {
 // Runs in the creating thread; the result, an InheritRecord, goes to the start hook.
