@@ -89,7 +89,7 @@ ThreadMutex& handlers_lock() {
     return detail::immortal<ThreadMutex, HandlersLock>();
 }
 
-handler_map* signal_handlers = nullptr; // null while the subsystem is not loaded
+handler_map* signal_handlers ZEL_GUARDED_BY(handlers_lock()) = nullptr; // null while not loaded
 
 std::string install_failure(int signo) {
     return "failed to install handler for signal " + std::to_string(signo);

@@ -16,8 +16,6 @@ namespace orn::zel::detail {
 
 namespace {
 
-std::atomic<unsigned> forks(0);
-
 struct BarrierLock;
 
 // Held during each fork() as well. A leaf, and taken with the signals blocked: no handler may run on top of
@@ -59,7 +57,6 @@ void in_parent() ZEL_RELEASE(barrier_lock()) {
 
 // Takes no other lock and allocates nothing: a thread that is not in the child may hold any lock for ever.
 void in_child() ZEL_RELEASE(barrier_lock()) {
-    ++forks;
     SignalGate::forked();
     for (int signo = 1; signo < NSIG; ++signo) {
         Watched& signal = watched[signo];
@@ -91,10 +88,6 @@ ForkBarrier::ForkBarrier() : mask_before_(close_barrier()) {}
 
 ForkBarrier::~ForkBarrier() {
     open_barrier(mask_before_);
-}
-
-unsigned lineage() {
-    return forks;
 }
 
 void handler_installed(int signo, struct sigaction const& before) {

@@ -11,10 +11,6 @@
 
 namespace orn::zel::detail {
 
-// How many forks lie between this process and the one that loaded the library. What was made with another
-// number belongs to a parent. Signal-safe.
-unsigned lineage();
-
 // Blocks every signal in the calling thread but those that its own faults raise. Returns the mask before.
 sigset_t block_signals();
 

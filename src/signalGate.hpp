@@ -39,8 +39,12 @@ public:
     // The same, but waits until everybody has left the gate. Gives up after a second, and frees nothing then.
     static void drain();
 
-    // In a child of fork(): the threads that were inside the gate are not there.
+    // Called once in each child of fork(), where the threads that were inside the gate are not.
     static void forked();
+
+    // How many forks lie between this process and the one that loaded the library. What was made with another
+    // number belongs to a parent. Signal-safe.
+    static unsigned lineage();
 };
 
 } // namespace orn::zel::detail

@@ -11,7 +11,6 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "perThread.hpp"
-#include "signalFork.hpp"
 #include "signalGate.hpp"
 #include "wordPipe.hpp"
 
@@ -28,7 +27,7 @@ detail::PerThread<Manager> managers(manager_map);
 struct Arrival {
     void operator()(int signo) const {
         // A child of fork() shares the pipe with its parent, who was not sent this signal.
-        if (detail::lineage() == born)
+        if (detail::SignalGate::lineage() == born)
             detail::write_word_in_signal(pipe->WriteFD(), static_cast<std::uint32_t>(signo));
     }
 
@@ -43,8 +42,8 @@ struct Arrival {
 struct Manager::SignalBundle {
     SignalBundle(int signo, boost::shared_ptr<os::Pipe> const& pipe,
                  boost::shared_ptr<HandlerList<int>> const& users)
-        : source(sigHandler(signo)), registration(source->handlers(), Arrival{pipe, detail::lineage()}),
-          list(users) {}
+        : source(sigHandler(signo)),
+          registration(source->handlers(), Arrival{pipe, detail::SignalGate::lineage()}), list(users) {}
 
     boost::shared_ptr<SignalHandler> source;
     orn::zel::AutoReceptor<int> registration;
