@@ -73,7 +73,7 @@ void Manager::note_caller(char const* function, id_t id) const {
     int const caller = thread::self();
     if (caller == tid_ || detail::process_id() != pid_)
         return;
-    // The alarms of a thread that has ended are served by nobody.
+    // Nobody serves the alarms of a thread that has ended, so any thread may cancel them.
     if (!thread::Registry::fd_manager_if_any(tid_))
         return;
     boost::shared_ptr<thread::Group> const group = thread::Registry::group_if_any();

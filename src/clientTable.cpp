@@ -72,7 +72,7 @@ int ClientTable::of(int pid) const {
     return it == by_pid_.end() ? -1 : it->second;
 }
 
-// False when its process has connected again since, or has ended.
+// False when the client has connected again since, or does not read any more.
 bool ClientTable::in_use(Client const& client) const {
     return of(client.pid) == client.fd && has_reader(client.fd);
 }

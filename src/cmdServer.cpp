@@ -177,11 +177,11 @@ void serve(Server& state) {
     survive_sigpipe();
     fd::AutoReceptor const receptor(o_msg_queue_fd(queue.get()),
                                     boost::bind(CmdQueueHandler, boost::placeholders::_1, queue.get()));
-    int turned = 1;
-    while (turned != 0 && !state.stop) {
+    int ready = 1;
+    while (ready != 0 && !state.stop) {
         // A command that fails must not keep the next one from being served.
         try {
-            turned = RunOnce(-1);
+            ready = RunOnce(-1);
         } catch (abi::__forced_unwind&) { // the thread is being ended
             throw;
         } catch (std::exception const& error) {
@@ -363,7 +363,7 @@ bool stop_channel() {
     }
     if (!group)
         return true;
-    group->WakeUp('x'); // with the lock released: the thread takes it when it ends
+    group->WakeUp('x'); // the lock is released here, because the thread takes it when it ends
     // dlclose() waits for as long as the command takes, because the code goes. exit() does not.
     if (!detail::Shutdown::exiting() || ends_in_time(*state))
         return true;

@@ -97,7 +97,7 @@ namespace {
 
 void split_at_most(std::string const& text, std::string const& separators, std::vector<std::string>& out,
                    unsigned long cuts) {
-    std::vector<std::string> fields; // not into out yet: out may hold both texts, and moves as it grows
+    std::vector<std::string> fields; // not out itself, which may hold both texts and moves as it grows
     std::string::size_type begin = 0;
     for (; cuts > 0; --cuts) {
         std::string::size_type const end = text.find_first_of(separators, begin);

@@ -82,7 +82,7 @@ unsigned long MonitorImpl::insert(boost::function<void(Event*)> const& handler) 
         throw Exception("Empty handler function");
     unsigned long id = 0;
     if (association_.manager()) {
-        // The lock is needed when a member registers: the group's runner may be delivering an older event.
+        // The lock is needed because another member, the group's runner, may be delivering an older event.
         AutoLock const guard(association_.manager()->monitors());
         id = receptacle_.insert(handler);
     } else {
@@ -198,7 +198,7 @@ void Manager::insert(MonitorImpl* monitor) {
 void Manager::remove(MonitorImpl* monitor) {
     {
         AutoLock const guard(monitors_);
-        // By descriptor and not by identity: another monitor that has taken the number over goes with it.
+        // The number decides, not the monitor: another monitor that has taken the number over goes with it.
         monitors_.entries().erase(monitor->fd());
     }
     bump();

@@ -26,8 +26,8 @@ class PerThread {
 public:
     using Map = std::map<id_t, boost::shared_ptr<Manager>>;
 
-    // The map is null while the subsystem is not loaded. A manager that is asked for then is refused with
-    // this text, or, where there is none, brings the map back.
+    // The map is null while the subsystem is not loaded. With a refusal, asking for a manager throws its text
+    // then. Without one, asking brings the map back.
     constexpr explicit PerThread(Map*& map, char const* refusal = nullptr) : map_(map), refusal_(refusal) {}
 
     void load() {
@@ -40,7 +40,8 @@ public:
     void unload() {
         if (Shutdown::keeps())
             return;
-        std::unique_ptr<Map> doomed; // outlives the lock: the managers withdraw their registrations
+        // Destroyed on return, when the lock is released: the managers withdraw their registrations.
+        std::unique_ptr<Map> doomed;
         AutoLock const guard(lock());
         doomed.reset(map_);
         map_ = nullptr;

@@ -25,7 +25,7 @@ std::uint32_t const nudge = 0;
 
 unsigned const first_deepest_round = 32;
 
-// How many rounds of whatever managers are on the thread's stack, since the loop's limit counts them all.
+// How many rounds are on the thread's stack. Those of all managers count, as they do for the loop's limit.
 thread_local unsigned rounds_on_stack = 0;
 
 } // namespace
@@ -52,7 +52,7 @@ Core::~Core() {
 // ---- The table ------------------------------------------------------------------------------------------
 
 ControllerImpl* Core::vacant() {
-    // Room for every task there is and one more, since retiring one must not fail.
+    // Reserve room for every task there is and for one more, because retiring one must not fail.
     retired_.make_room(all_.size() - retired_.size() + 1);
     if (retired_.size() > retired_before_reuse)
         return retired_.pop();

@@ -96,8 +96,8 @@ void Group::admit(int tid, bool watches) {
         AutoLock const guard(mutex_);
         threads_.insert(tid);
         ++membership_;
-        // In the same step. A set that the runner builds in between would lack the new member's descriptors,
-        // and still be taken for the latest.
+        // Advance in the same step. A set that the runner builds in between would lack the new member's
+        // descriptors, and still be taken for the latest.
         if (watches)
             advance_version();
     }

@@ -89,7 +89,7 @@ StaticStuff& Registry::stuff() {
     return *the_stuff;
 }
 
-// The analysis does not know that the map's lock_ is lock().
+// The analysis does not know that lock() and the map's lock_ are the same lock.
 std::map<int, Associations>& Registry::records() ZEL_NO_ANALYSIS {
     return stuff().map().entries_;
 }
@@ -147,7 +147,9 @@ boost::shared_ptr<Group> Registry::group(RecordOf const& record) {
         found.group_ = made;
     }
     made->insert(self());
-    detail::run_child_hook(); // the command channel's: it watches its signal in a child of fork()
+    // No lock is held here: in a child of fork() the hook has the command channel watch its signal anew, and
+    // so comes back here.
+    detail::run_child_hook();
     return made;
 }
 
@@ -339,7 +341,7 @@ int ZEL_Thread_start_extension(void* record) {
 int ZEL_Thread_cleanup_extension() {
     using namespace orn::zel::thread;
     display_thread_op("cleanup");
-    ThisGroup(); // a thread without a record has one for this moment
+    ThisGroup(); // makes what is missing, so that every thread has a group to leave
     Registry::drop();
     return 0;
 }

@@ -59,7 +59,7 @@ public:
 private:
     static constexpr std::uint32_t most_ms = 20;
 
-    // Exact to a tick of the kernel, which is some milliseconds, and much cheaper than the exact time.
+    // This clock is exact to a tick of the kernel, which is some milliseconds, and costs no system call.
     static std::uint32_t now_ms() {
         timespec now = {};
         clock_gettime(CLOCK_MONOTONIC_COARSE, &now);

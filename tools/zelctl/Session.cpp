@@ -208,8 +208,8 @@ void Session::run(std::string const& command, bool keep_monitors) {
 void Session::take_monitors(std::set<std::string> const& kinds, bool keep) {
     monitors_ = kinds;
     keeps_monitors_ = keep;
-    // Whoever receives the notices leaves the place when it is told. A third zelctl may be quicker to take
-    // the place, and has to be told, too. One that is stopped does not leave, so the requests are limited.
+    // The zelctl that has the place leaves it when it is told. A third one may be quicker to take the place,
+    // and has to be told, too. One that is stopped does not leave, so the requests are limited.
     unsigned const for_later = 20;
     while (keep && !open_notices() && requests_left_ > for_later) {
         --requests_left_;

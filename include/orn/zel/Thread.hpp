@@ -49,12 +49,12 @@ public:
     Runnable() {}
     virtual ~Runnable();
 
-    // In the new thread, while the constructor of Thread waits. The result is not used.
+    // Called in the new thread, while the constructor of Thread waits. The result is not used.
     virtual int Init();
-    // In the new thread, after Start(). The result is the thread's status.
+    // Called in the new thread, after Start(). The result is the thread's status.
     virtual int Run();
-    // In the thread that calls Stop(): asks the work to end itself. Anything but 0 says that it cannot, and
-    // has the thread cancelled. Without a function the result is -1.
+    // Called by Stop(), on its caller's thread, to ask the work to end itself. Anything but 0 says that it
+    // cannot, and has the thread cancelled. Without a function the result is -1.
     virtual int Cancel();
 
     boost::function<int()> init;

@@ -141,7 +141,7 @@ private:
 };
 
 // Ties one monitor to at most one manager, and keeps the manager alive. The monitor is in the manager's map
-// exactly while both are set: that it is wanted there, and the manager.
+// exactly while it is wanted there and there is a manager.
 class ORN_API ManagerAssociation {
 public:
     explicit ManagerAssociation(MonitorImpl* monitor);

@@ -239,7 +239,7 @@ private:
     boost::weak_ptr<Core> home_; // where the task runs, whichever thread cancels it
 };
 
-// By fd manager identifier; null while the subsystem is not loaded.
+// The managers by the id of their fd manager. Null while the subsystem is not loaded.
 ORN_API extern std::map<id_t, boost::shared_ptr<Manager>>* managerMap;
 
 ORN_API void zel_task_load();

@@ -51,8 +51,8 @@ int look_at(dl_phdr_info* object, std::size_t, void* argument) {
 
 } // namespace
 
-// Not dladdr(): it takes the lock that dlclose() holds while a library's destructors run, and those may be
-// waiting for the very thread that asks. dl_iterate_phdr() takes another one.
+// Does not use dladdr(), which takes the lock that dlclose() holds while a library's destructors run: those
+// may be waiting for the very thread that asks. dl_iterate_phdr() takes another lock.
 MappedModule module_of(std::uintptr_t address) {
     Search search = {address, {}, true};
     dl_iterate_phdr(look_at, &search);
