@@ -97,7 +97,7 @@ unsigned long MonitorImpl::insert(boost::function<void(Event*)> const& handler) 
     return id;
 }
 
-MonitorImpl::held_handler MonitorImpl::take_handler(unsigned long id) {
+MonitorImpl::HeldHandler MonitorImpl::take_handler(unsigned long id) {
     if (!association_.manager())
         return receptacle_.take(id);
     AutoLock const guard(association_.manager()->monitors());
@@ -106,7 +106,7 @@ MonitorImpl::held_handler MonitorImpl::take_handler(unsigned long id) {
 
 void MonitorImpl::remove(unsigned long id) {
     // Destroyed on return, when no lock is held: what it captured may call the library.
-    held_handler const removed = take_handler(id);
+    HeldHandler const removed = take_handler(id);
     association_ = false;
 }
 
@@ -211,7 +211,7 @@ void Manager::dispatch(pollfd p) {
 bool Manager::dispatch(pollfd const& p, unsigned long registration) {
     short const errors = static_cast<short>(p.revents & (POLLERR | POLLNVAL));
     MonitorImpl* monitor = nullptr;
-    MonitorImpl::held_handler handler;
+    MonitorImpl::HeldHandler handler;
     {
         AutoLock const guard(monitors_);
         auto const it = monitors_.entries().find(p.fd);

@@ -230,7 +230,7 @@ boost::shared_ptr<SignalHandler> sigHandler(int signo) {
             it->second->impl().apply_signal_handler();
         return it->second;
     }
-    boost::shared_ptr<SignalHandler> const made = boost::make_shared<SignalHandler>(signo);
+    boost::shared_ptr<SignalHandler> made = boost::make_shared<SignalHandler>(signo);
     signal_handlers->insert(std::make_pair(signo, made));
     return made;
 }

@@ -138,7 +138,7 @@ boost::shared_ptr<Group> Registry::group(RecordOf const& record) {
             return found.group_;
     }
     // The lock must not be held here: making a group opens descriptors and writes to the log.
-    boost::shared_ptr<Group> const made = boost::make_shared<Group>();
+    boost::shared_ptr<Group> made = boost::make_shared<Group>();
     {
         AutoLock const guard(lock());
         Associations& found = record.get();

@@ -187,9 +187,9 @@ public:
 
 private:
     friend class Manager;
-    using held_handler = boost::shared_ptr<boost::function<void(Event*)>>;
+    using HeldHandler = boost::shared_ptr<boost::function<void(Event*)>>;
 
-    held_handler take_handler(unsigned long id);
+    HeldHandler take_handler(unsigned long id);
 
     basic_Id<unsigned long> id_;
     SingleReceptacle<Event*> receptacle_; // guarded by the manager's lock, when there is a manager
