@@ -18,9 +18,9 @@ namespace orn::zel::detail {
 // One monitor of the process. Any thread may call it. Reading the descriptor's number and writing the line
 // are one step under a lock. So when unwatch(), watch() or forget() has returned nobody writes to the
 // descriptor that was there before, and it may be closed: no line lands in another file that gets its number.
-// These three wait for a second at most, because a write that blocks for longer has the right file
-// in the kernel already. There is nothing to construct or destroy, so threads that exit() leaves running may
-// go on reporting.
+// These three wait for a second at most, because a write that blocks for longer has the right file in the
+// kernel already. There is nothing to construct or destroy, so threads that exit() leaves running may go on
+// reporting.
 class Observer {
 public:
     constexpr Observer() : fd_(-1) {}

@@ -25,7 +25,7 @@ detail::PerThread<Manager> managers(managerMap, "managerMap not initizalized");
 
 } // namespace
 
-// ---- Controller ----------------------------------------------------------------------------------------
+// ---- Controller -----------------------------------------------------------------------------------------
 
 Controller::~Controller() = default;
 

@@ -262,7 +262,7 @@ o_msg_queue_t* o_msg_create_queue(char const* name, int flags) {
         errno = EINVAL;
         return nullptr;
     }
-    std::lock_guard<std::mutex> lock(queues_mutex);
+    std::lock_guard<std::mutex> const lock(queues_mutex);
     std::unique_ptr<o_msg_queue> queue(new (std::nothrow) o_msg_queue);
     if (!queue) {
         errno = ENOMEM;
@@ -276,7 +276,7 @@ int o_msg_destroy_queue(o_msg_queue_t* queue) {
         errno = EINVAL;
         return -1;
     }
-    std::lock_guard<std::mutex> lock(queues_mutex);
+    std::lock_guard<std::mutex> const lock(queues_mutex);
     delete queue;
     return 0;
 }

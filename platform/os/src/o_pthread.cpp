@@ -67,7 +67,7 @@ struct HookList {
     Hooks hooks[hook_limit];
     std::size_t count = 0;
 
-    template <typename Condition>
+    template <class Condition>
     void remove_if(Condition const& condition) {
         count = static_cast<std::size_t>(std::remove_if(hooks, hooks + count, condition) - hooks);
     }
