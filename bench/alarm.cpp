@@ -151,7 +151,7 @@ BENCHMARK(create_all_then_cancel_all)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
 
-// ---- All due at one moment
+// ---- All due at one moment ------------------------------------------------------------------------------
 
 // How far ahead the moment is. It grows when a slow machine needs longer to set everything up.
 std::chrono::milliseconds lead(20);

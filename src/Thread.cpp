@@ -19,8 +19,7 @@
 // application's with that name would take its place.
 extern "C" void* orn_zel_run_thread(void* ptr);
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 namespace {
 
@@ -187,8 +186,7 @@ PossiblyUndefined<int> Thread::Status() const {
     return status_;
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 extern "C" {
 

@@ -20,8 +20,7 @@
 #include "threadRegistry.hpp"
 #include "wordPipe.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace alarm {
 
 std::map<unsigned long, boost::shared_ptr<Manager>>* managerMap = nullptr;
@@ -64,8 +63,8 @@ struct Manager::Table {
 };
 
 Manager::Manager()
-    : id_(detail::draw_id()), tid_(thread::self()), pid_(detail::process_id()), table_(new Table),
-      monitor_(Fd(table_->pipe.ReadFD())),
+    : id_(detail::draw_id()), tid_(thread::self()), pid_(detail::process_id()),
+      table_(boost::make_shared<Table>()), monitor_(Fd(table_->pipe.ReadFD())),
       receptor_(*monitor_, [table = table_](fd::Event* event) { drain(*table, event); }) {}
 
 Manager::~Manager() = default;
@@ -74,7 +73,7 @@ void Manager::note_caller(char const* function, id_t id) const {
     int const caller = thread::self();
     if (caller == tid_ || detail::process_id() != pid_)
         return;
-    // The alarms of a thread that has ended are served by nobody.
+    // Nobody serves the alarms of a thread that has ended, so any thread may cancel them.
     if (!thread::Registry::fd_manager_if_any(tid_))
         return;
     boost::shared_ptr<thread::Group> const group = thread::Registry::group_if_any();
@@ -261,8 +260,7 @@ unsigned OutstandingAlarmCount() {
     return static_cast<unsigned>(alarm::manager()->size());
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 unsigned msec_alarm(unsigned long ms) {
     itimerval next = {};

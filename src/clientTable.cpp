@@ -16,9 +16,7 @@
 #include "observer.hpp"
 #include "shutdown.hpp"
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 namespace {
 
@@ -70,11 +68,11 @@ void ClientTable::remember(int pid, int fd) {
 }
 
 int ClientTable::of(int pid) const {
-    std::map<int, int>::const_iterator const it = by_pid_.find(pid);
+    auto const it = by_pid_.find(pid);
     return it == by_pid_.end() ? -1 : it->second;
 }
 
-// False when its process has connected again since, or has ended.
+// False when the client has connected again since, or does not read any more.
 bool ClientTable::in_use(Client const& client) const {
     return of(client.pid) == client.fd && has_reader(client.fd);
 }
@@ -114,6 +112,4 @@ void ClientTable::forget() {
     by_pid_.clear();
 }
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail

@@ -10,19 +10,18 @@
 #include <string>
 #include <vector>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 // A client's descriptor stays open after the client has gone: a monitor may still write to it, and must not
 // hit another file that gets the number. But a process that is looked into again and again must not run out
-// of descriptors. Unused are those that nobody reads any more, or that their process has replaced, unless a
-// monitor writes to them. The latest 64 unused ones are kept, and at most an eighth of what the process may
-// have.
+// of descriptors. A descriptor is unused when nobody reads it any more or its client has connected again. The
+// latest 64 unused ones are kept, and at most an eighth of what the process may have. Older ones are closed,
+// unless a monitor writes to them.
 class ClientTable {
 public:
-    // From now on answers the process on its own descriptor of the pipe that the client has offered, which
-    // stays the caller's. When that cannot be opened returns false and why; an earlier connection stays.
+    // Opens the offered pipe on a descriptor of its own, and answers the process there from now on. The
+    // offered descriptor stays the caller's. Returns false and says why when the pipe cannot be opened; an
+    // earlier connection stays then.
     bool connect(int pid, int offered, std::string& why);
 
     // Where to answer a process; -1 when it has never connected.
@@ -46,8 +45,6 @@ private:
     std::size_t next_look_ = 0; // the size of the table at which give_back() looks again
 };
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

@@ -12,14 +12,15 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 
+#include <boost/make_shared.hpp>
+
 #include <orn/log.h>
 
 #include "cmd.hpp"
 #include "immortal.hpp"
 #include "loaded.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace cmd {
 
 namespace {
@@ -39,7 +40,7 @@ void echo(std::string const& command, int fd);
 
 void load_words() {
     AutoLock const guard(words().lock);
-    words().state.reset(new Words);
+    words().state = boost::make_shared<Words>();
 }
 
 boost::shared_ptr<void> unload_words() {
@@ -76,7 +77,7 @@ void ProcessCommand(std::string const& command, int resp_fd) {
     {
         AutoLock const guard(words().lock);
         if (words().state) {
-            Words::const_iterator const it = words().state->find(split.first);
+            auto const it = words().state->find(split.first);
             if (it != words().state->end())
                 handler = it->second;
         }
@@ -136,5 +137,4 @@ void UnregisterCommandModule(std::string const& word) {
     cmd::Unregister(word);
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

@@ -7,9 +7,7 @@
 
 #include <boost/shared_ptr.hpp>
 
-namespace orn {
-namespace zel {
-namespace cmd {
+namespace orn::zel::cmd {
 
 // From here on Register() takes words.
 void load_words();
@@ -18,8 +16,6 @@ void load_words();
 // long as a command may be running, and release it with no lock held.
 boost::shared_ptr<void> unload_words();
 
-} // namespace cmd
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::cmd
 
 #endif

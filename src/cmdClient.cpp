@@ -16,10 +16,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <boost/make_shared.hpp>
+
 #include <orn/log.h>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace cmd {
 
 namespace {
@@ -112,7 +113,8 @@ ChannelImpl::ChannelImpl(int pid, boost::function<void(std::string const&)> fn)
     : ChannelImpl(pid, fn, [] { usleep(10000); }) {}
 
 ChannelImpl::ChannelImpl(int pid, boost::function<void(std::string const&)> fn, boost::function<void()> wait)
-    : queue_name_(CmdQueueName(pid)), response_(false), reader_(new Reader(fn, response_.WriteFD())),
+    : queue_name_(CmdQueueName(pid)), response_(false),
+      reader_(boost::make_shared<Reader>(fn, response_.WriteFD())),
       receptor_(response_.ReadFD(),
                 [reader = reader_](fd::Event* event) { reader->read_lines(event->fd()); }) {
     Log_SpecEntry(logSpecForceInfo, "src/cmd", __LINE__, "%s: response_fd=%d", "ChannelImpl",
@@ -172,13 +174,12 @@ unsigned long Channel::Overflows() const {
 } // namespace cmd
 
 cmd::Channel Connect(int pid, boost::function<void(std::string const&)> fn) {
-    return cmd::Channel(boost::shared_ptr<cmd::ChannelImpl>(new cmd::ChannelImpl(pid, fn)));
+    return cmd::Channel(boost::make_shared<cmd::ChannelImpl>(pid, fn));
 }
 
 cmd::Channel ConnectWith(int pid, boost::function<void(std::string const&)> fn,
                          boost::function<void()> wait) {
-    return cmd::Channel(boost::shared_ptr<cmd::ChannelImpl>(new cmd::ChannelImpl(pid, fn, wait)));
+    return cmd::Channel(boost::make_shared<cmd::ChannelImpl>(pid, fn, wait));
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <boost/bind/bind.hpp>
+#include <boost/make_shared.hpp>
 
 #include <orn/log.h>
 #include <orn/os/Thread.hpp>
@@ -32,9 +33,7 @@
 #include "shutdown.hpp"
 #include "signalFork.hpp"
 
-namespace orn {
-namespace zel {
-namespace cmd {
+namespace orn::zel::cmd {
 
 namespace {
 
@@ -59,23 +58,16 @@ detail::Loaded<Server>& server() {
 
 // ---- Signal 55 starts the command thread ----------------------------------------------------------------
 
-// Blocks every signal but those that a thread's own faults raise. A thread that is made in the scope then
-// takes no signal that is meant for the application's threads.
+// A thread that is made in the scope takes no signal that is meant for the application's threads.
 class SignalShield {
 public:
-    SignalShield() {
-        sigset_t set;
-        sigfillset(&set);
-        for (int const signo : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
-            sigdelset(&set, signo);
-        pthread_sigmask(SIG_SETMASK, &set, &before_);
-    }
+    SignalShield() : before_(detail::block_signals()) {}
     ~SignalShield() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
     SignalShield(SignalShield const&) = delete;
     SignalShield& operator=(SignalShield const&) = delete;
 
 private:
-    sigset_t before_;
+    sigset_t const before_;
 };
 
 // Hands the runner out, for the caller to join with the lock released. Empty when there is none to join.
@@ -108,7 +100,7 @@ void InstallCommandChannel() {
     state->runner_process = detail::process_id();
     SignalShield const shield;
     try {
-        state->runner = boost::shared_ptr<os::Thread>(new os::Thread(CommandChannelRunner));
+        state->runner = boost::make_shared<os::Thread>(CommandChannelRunner);
     } catch (std::exception const& error) {
         // The client waits and may try again. The loop that this runs in is the application's, and must not
         // be ended for a client.
@@ -185,11 +177,11 @@ void serve(Server& state) {
     survive_sigpipe();
     fd::AutoReceptor const receptor(o_msg_queue_fd(queue.get()),
                                     boost::bind(CmdQueueHandler, boost::placeholders::_1, queue.get()));
-    int turned = 1;
-    while (turned != 0 && !state.stop) {
+    int ready = 1;
+    while (ready != 0 && !state.stop) {
         // A command that fails must not keep the next one from being served.
         try {
-            turned = RunOnce(-1);
+            ready = RunOnce(-1);
         } catch (abi::__forced_unwind&) { // the thread is being ended
             throw;
         } catch (std::exception const& error) {
@@ -314,7 +306,7 @@ void zel_cmd_load() {
         AutoLock const guard(server().lock);
         if (server().state)
             return;
-        server().state.reset(new Server);
+        server().state = boost::make_shared<Server>();
     }
     load_words();
     watch_channel_signal();
@@ -371,7 +363,7 @@ bool stop_channel() {
     }
     if (!group)
         return true;
-    group->WakeUp('x'); // with the lock released: the thread takes it when it ends
+    group->WakeUp('x'); // the lock is released here, because the thread takes it when it ends
     // dlclose() waits for as long as the command takes, because the code goes. exit() does not.
     if (!detail::Shutdown::exiting() || ends_in_time(*state))
         return true;
@@ -393,6 +385,4 @@ void zel_cmd_unload() {
     restore_sigpipe();
 }
 
-} // namespace cmd
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::cmd

@@ -19,7 +19,9 @@ namespace orn {
 
 Exception::~Exception() = default;
 
-namespace zel {
+} // namespace orn
+
+namespace orn::zel {
 
 Exception::~Exception() = default;
 UndefinedValue::~UndefinedValue() = default;
@@ -95,7 +97,7 @@ namespace {
 
 void split_at_most(std::string const& text, std::string const& separators, std::vector<std::string>& out,
                    unsigned long cuts) {
-    std::vector<std::string> fields; // not into out yet: out may hold both texts, and moves as it grows
+    std::vector<std::string> fields; // not out itself, which may hold both texts and moves as it grows
     std::string::size_type begin = 0;
     for (; cuts > 0; --cuts) {
         std::string::size_type const end = text.find_first_of(separators, begin);
@@ -136,5 +138,4 @@ void assertion_failed(char const* expression, char const* file, int line) noexce
 }
 
 } // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

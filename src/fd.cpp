@@ -6,6 +6,8 @@
 
 #include <set>
 
+#include <boost/make_shared.hpp>
+
 #include <orn/log.h>
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
@@ -15,8 +17,7 @@
 #include "plainText.hpp"
 #include "threadRegistry.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace fd {
 
 // ---- ManagerAssociation ---------------------------------------------------------------------------------
@@ -81,7 +82,7 @@ unsigned long MonitorImpl::insert(boost::function<void(Event*)> const& handler) 
         throw Exception("Empty handler function");
     unsigned long id = 0;
     if (association_.manager()) {
-        // The lock is needed when a member registers: the group's runner may be delivering an older event.
+        // The lock is needed because another member, the group's runner, may be delivering an older event.
         AutoLock const guard(association_.manager()->monitors());
         id = receptacle_.insert(handler);
     } else {
@@ -160,7 +161,11 @@ std::set<id_t>& live_ids() {
 
 id_t draw_live_id() {
     AutoLock const guard(live_ids_lock());
-    return detail::draw_id([](id_t id) { return !live_ids().insert(id).second; });
+    id_t id;
+    do
+        id = detail::draw_id();
+    while (!live_ids().insert(id).second);
+    return id;
 }
 
 } // namespace
@@ -193,7 +198,7 @@ void Manager::insert(MonitorImpl* monitor) {
 void Manager::remove(MonitorImpl* monitor) {
     {
         AutoLock const guard(monitors_);
-        // By descriptor and not by identity: another monitor that has taken the number over goes with it.
+        // The number decides, not the monitor: another monitor that has taken the number over goes with it.
         monitors_.entries().erase(monitor->fd());
     }
     bump();
@@ -209,7 +214,7 @@ bool Manager::dispatch(pollfd const& p, unsigned long registration) {
     MonitorImpl::HeldHandler handler;
     {
         AutoLock const guard(monitors_);
-        MonitorMap::map_type::const_iterator const it = monitors_.entries().find(p.fd);
+        auto const it = monitors_.entries().find(p.fd);
         if (it == monitors_.entries().end() || !it->second)
             return false;
         monitor = it->second;
@@ -248,7 +253,7 @@ void Manager::WakeUp(char c) {
 // ---- Registration and listing ---------------------------------------------------------------------------
 
 boost::shared_ptr<Monitor> Fd(int fd, boost::shared_ptr<Manager> manager) {
-    boost::shared_ptr<MonitorImpl> const monitor(new MonitorImpl(fd, POLLIN));
+    boost::shared_ptr<MonitorImpl> const monitor = boost::make_shared<MonitorImpl>(fd, POLLIN);
     monitor->Associate(manager);
     return monitor;
 }
@@ -300,5 +305,4 @@ boost::shared_ptr<fd::Monitor> Fd(int fd) {
     return fd::Fd(fd, thread::FdMgr());
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

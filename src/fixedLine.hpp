@@ -6,9 +6,7 @@
 #ifndef ZEL_SRC_FIXEDLINE_HPP
 #define ZEL_SRC_FIXEDLINE_HPP
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 enum FixedLine {
     // "src/Thread"
@@ -26,8 +24,6 @@ enum FixedLine {
     line_of_runner_depth = 789,
 };
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

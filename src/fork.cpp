@@ -10,9 +10,7 @@
 
 #include "observer.hpp"
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 namespace {
 
@@ -55,6 +53,4 @@ pid_t process_id() {
     return known;
 }
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail

@@ -7,9 +7,7 @@
 
 #include <sys/types.h>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 // Like getpid(), without the system call: a child of fork() must not act in its parent's name. Signal-safe.
 pid_t process_id();
@@ -23,8 +21,6 @@ void run_child_hook();
 // Whether this is a child of fork() in which the hook has not run yet.
 bool in_unused_child();
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

@@ -9,9 +9,7 @@
 
 #include <new>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 // One object for each pair of types; Tag tells objects of one type apart. T must hold nothing that an
 // unmapped library would leak.
@@ -22,8 +20,6 @@ T& immortal() {
     return *object;
 }
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

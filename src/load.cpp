@@ -21,8 +21,7 @@
 
 #include "shutdown.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 namespace {
 
@@ -60,11 +59,11 @@ void ZEL_load__() {
 }
 
 void ZEL_unload__() {
-    // Commands end first: one may be running code of a preloaded library.
+    // Commands end before anything else, because one may be running code of a preloaded library.
     bool const no_command_runs = cmd::stop_channel();
     detail::Shutdown::look_for_threads();
 
-    // Preloaded libraries first: they may use any subsystem.
+    // Preloaded libraries go before the subsystems, because they may use any of them.
     if (no_command_runs) {
         delete loader;
         loader = nullptr;
@@ -78,5 +77,4 @@ void ZEL_unload__() {
     thread::zel_thread_unload();
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

@@ -8,9 +8,7 @@
 
 #include <orn/zel/core.hpp>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 // Empty before the load and after the unload: calls then find nothing and do nothing. An immortal object
 // (immortal.hpp), because exit() unloads while other threads go on calling.
@@ -35,8 +33,6 @@ struct Loaded {
     boost::shared_ptr<State> state ZEL_GUARDED_BY(lock);
 };
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

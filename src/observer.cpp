@@ -5,9 +5,7 @@
 
 #include <cerrno>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 Observer thread_observer;
 Observer poll_observer;
@@ -63,6 +61,4 @@ void renew_observers() {
         observer->renew();
 }
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail

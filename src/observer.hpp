@@ -13,15 +13,13 @@
 
 #include <orn/zel/response.hpp>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 // One monitor of the process. Any thread may call it. Reading the descriptor's number and writing the line
 // are one step under a lock. So when unwatch(), watch() or forget() has returned nobody writes to the
 // descriptor that was there before, and it may be closed: no line lands in another file that gets its number.
-// These three wait for a second at most. A write that blocks for longer is inside the kernel with the right
-// file already. There is nothing to construct or destroy, so threads that exit() leaves running may go on
+// These three wait for a second at most, because a write that blocks for longer has the right file in the
+// kernel already. There is nothing to construct or destroy, so threads that exit() leaves running may go on
 // reporting.
 class Observer {
 public:
@@ -32,8 +30,9 @@ public:
     void watch(int fd);
     void unwatch() { watch(-1); }
 
-    // False means that nobody is writing to the descriptor, if it is a client's: writing to those never
-    // waits, so fd_ changes with the lock held.
+    // False means that nobody is writing to fd, provided that fd is a client's. Writing to a client never
+    // blocks, so watch() and forget() have always got the lock, and no write is under way when they change
+    // fd_.
     bool is(int fd) const { return fd_.load(std::memory_order_acquire) == fd; }
     // Switches the monitor off if it writes to fd, and only then.
     void forget(int fd);
@@ -62,7 +61,7 @@ private:
     // the monitor off must not wait for that reader: it may be the command thread, and taking the library
     // down waits for that one.
     using Lock = std::unique_lock<std::timed_mutex>;
-    // By the wall clock: ThreadSanitizer knows no mutex that waits by another.
+    // Waits by the wall clock, because ThreadSanitizer does not know a mutex that waits by another.
     Lock lock_in_time() { return Lock(lock_, std::chrono::system_clock::now() + std::chrono::seconds(1)); }
 
     std::timed_mutex lock_; // a leaf, held for one write()
@@ -80,8 +79,6 @@ bool is_observer(int fd);
 void forget_observer(int fd);
 void renew_observers();
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

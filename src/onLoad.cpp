@@ -26,8 +26,7 @@
 #include "fork.hpp"
 #include "shutdown.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 namespace {
 
@@ -124,5 +123,4 @@ OnLoad const on_load;
 
 } // namespace
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

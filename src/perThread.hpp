@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 
+#include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include <orn/zel/core.hpp>
@@ -18,17 +19,15 @@
 #include "shutdown.hpp"
 #include "threadRegistry.hpp"
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 template <class Manager>
 class PerThread {
 public:
     using Map = std::map<id_t, boost::shared_ptr<Manager>>;
 
-    // The map is null while the subsystem is not loaded. A manager that is asked for then is refused with
-    // this text, or, where there is none, brings the map back.
+    // The map is null while the subsystem is not loaded. With a refusal, asking for a manager throws its text
+    // then. Without one, asking brings the map back.
     constexpr explicit PerThread(Map*& map, char const* refusal = nullptr) : map_(map), refusal_(refusal) {}
 
     void load() {
@@ -41,7 +40,8 @@ public:
     void unload() {
         if (Shutdown::keeps())
             return;
-        std::unique_ptr<Map> doomed; // outlives the lock: the managers withdraw their registrations
+        // Destroyed on return, when the lock is released: the managers withdraw their registrations.
+        std::unique_ptr<Map> doomed;
         AutoLock const guard(lock());
         doomed.reset(map_);
         map_ = nullptr;
@@ -64,7 +64,7 @@ public:
         // The lock must not be held here: the new manager registers with the group. Only this thread has this
         // key, but making a group may run the hook of a child of fork(), which may come back here. What it
         // has made then stays.
-        boost::shared_ptr<Manager> const made(new Manager);
+        boost::shared_ptr<Manager> const made = boost::make_shared<Manager>();
         id_t const key = thread::FdMgr()->id().value();
         AutoLock const guard(lock());
         boost::shared_ptr<Manager>& kept = map()[key];
@@ -109,8 +109,6 @@ private:
     char const* const refusal_;
 };
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

@@ -9,9 +9,7 @@
 #include <locale>
 #include <sstream>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 // Makes the stream write numbers in plain digits, whatever locale the host has chosen for its own streams:
 // clients read them.
@@ -24,8 +22,6 @@ public:
     PlainText() { use_plain_digits(*this); }
 };
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

@@ -10,9 +10,7 @@
 
 #include "plainText.hpp"
 
-namespace orn {
-namespace zel {
-namespace cmd {
+namespace orn::zel::cmd {
 
 Response::Response() {
     detail::use_plain_digits(*this);
@@ -30,6 +28,4 @@ void Write(int fd, Response const& response) {
     Write(fd, response.str());
 }
 
-} // namespace cmd
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::cmd

@@ -8,9 +8,7 @@
 #include <dlfcn.h>
 #include <sys/stat.h>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 namespace {
 
@@ -59,6 +57,4 @@ bool Shutdown::keeps() {
     return kept;
 }
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail

@@ -10,9 +10,7 @@
 #ifndef ZEL_SRC_SHUTDOWN_HPP
 #define ZEL_SRC_SHUTDOWN_HPP
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 class Shutdown {
 public:
@@ -33,8 +31,6 @@ public:
     static bool keeps();
 };
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

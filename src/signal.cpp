@@ -13,6 +13,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <boost/make_shared.hpp>
+
 #include "immortal.hpp"
 #include "shutdown.hpp"
 #include "signalFork.hpp"
@@ -74,9 +76,7 @@ void orn_zel_receive_signal(int signo) {
 void sig_handler(int signo) __attribute__((alias("orn_zel_receive_signal")));
 }
 
-namespace orn {
-namespace zel {
-namespace signal {
+namespace orn::zel::signal {
 
 namespace {
 
@@ -89,7 +89,7 @@ ThreadMutex& handlers_lock() {
     return detail::immortal<ThreadMutex, HandlersLock>();
 }
 
-HandlerMap* signal_handlers = nullptr; // null while the subsystem is not loaded
+HandlerMap* signal_handlers ZEL_GUARDED_BY(handlers_lock()) = nullptr; // null while not loaded
 
 std::string install_failure(int signo) {
     return "failed to install handler for signal " + std::to_string(signo);
@@ -223,14 +223,14 @@ boost::shared_ptr<SignalHandler> sigHandler(int signo) {
     AutoLock const guard(handlers_lock());
     if (!signal_handlers)
         signal_handlers = new HandlerMap;
-    HandlerMap::const_iterator const it = signal_handlers->find(signo);
+    auto const it = signal_handlers->find(signo);
     if (it != signal_handlers->end()) {
         // A child of fork() has inherited the object, but not the installed handler.
         if (!it->second->impl().installed())
             it->second->impl().apply_signal_handler();
         return it->second;
     }
-    boost::shared_ptr<SignalHandler> made(new SignalHandler(signo));
+    boost::shared_ptr<SignalHandler> made = boost::make_shared<SignalHandler>(signo);
     signal_handlers->insert(std::make_pair(signo, made));
     return made;
 }
@@ -310,6 +310,4 @@ void zel_signal_unload() {
     detail::SignalGate::drain(); // before the code that signal context runs may be unmapped
 }
 
-} // namespace signal
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::signal

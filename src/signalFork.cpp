@@ -12,13 +12,9 @@
 #include "immortal.hpp"
 #include "signalGate.hpp"
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 namespace {
-
-std::atomic<unsigned> forks(0);
 
 struct BarrierLock;
 
@@ -40,12 +36,7 @@ Watched watched[NSIG] = {};
 sigset_t mask_before ZEL_GUARDED_BY(barrier_lock()); // of the thread that forks
 
 sigset_t close_barrier() ZEL_ACQUIRE(barrier_lock()) {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
-        sigdelset(&all, fault);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
+    sigset_t const before = block_signals();
     barrier_lock().Lock();
     return before;
 }
@@ -66,7 +57,6 @@ void in_parent() ZEL_RELEASE(barrier_lock()) {
 
 // Takes no other lock and allocates nothing: a thread that is not in the child may hold any lock for ever.
 void in_child() ZEL_RELEASE(barrier_lock()) {
-    ++forks;
     SignalGate::forked();
     for (int signo = 1; signo < NSIG; ++signo) {
         Watched& signal = watched[signo];
@@ -84,14 +74,20 @@ int const registered = handled.exchange(true) ? 0 : pthread_atfork(prepare, in_p
 
 } // namespace
 
+sigset_t block_signals() {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
+        sigdelset(&all, fault);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    return before;
+}
+
 ForkBarrier::ForkBarrier() : mask_before_(close_barrier()) {}
 
 ForkBarrier::~ForkBarrier() {
     open_barrier(mask_before_);
-}
-
-unsigned lineage() {
-    return forks;
 }
 
 void handler_installed(int signo, struct sigaction const& before) {
@@ -116,6 +112,4 @@ bool expected_from_others(int signo) {
     return watched[signo].from_others;
 }
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail

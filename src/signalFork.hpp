@@ -9,13 +9,10 @@
 
 #include <signal.h>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
-// How many forks lie between this process and the one that loaded the library. What was made with another
-// number belongs to a parent. Signal-safe.
-unsigned lineage();
+// Blocks every signal in the calling thread but those that its own faults raise. Returns the mask before.
+sigset_t block_signals();
 
 // Keeps every thread from forking for a scope, and signal handlers off this one. A disposition and what is
 // noted of it here change in one such scope, so that a child finds them in agreement.
@@ -42,8 +39,6 @@ bool handler_given_up(int signo);
 void expect_from_others(int signo);
 bool expected_from_others(int signo);
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

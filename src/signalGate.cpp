@@ -12,11 +12,8 @@
 #include <orn/zel/core.hpp>
 
 #include "immortal.hpp"
-#include "signalFork.hpp"
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 namespace {
 
@@ -37,10 +34,12 @@ ThreadMutex& writer_lock() {
 // former snapshot has left, and every handler that comes in later reads the replacement.
 std::atomic<int> inside(0);
 std::atomic<Snapshot*> published[NSIG] = {};
-Snapshot* retired = nullptr; // guarded by the writer lock
+Snapshot* retired ZEL_GUARDED_BY(writer_lock()) = nullptr;
 
 // How many arrivals came while the first function was awaited.
 std::atomic<unsigned> missed[NSIG] = {};
+
+std::atomic<unsigned> forks(0); // see lineage()
 
 // Published while the first function is awaited. It only marks that state, and is never read as a snapshot.
 char no_functions = 0;
@@ -50,11 +49,10 @@ Snapshot* awaited() {
 
 class Inside {
 public:
-    Inside() : counted_in_(lineage()) { inside.fetch_add(1); }
-    // In a child that a function, or another handler on top of this one, has forked, the count has begun anew
-    // without this one.
+    Inside() : counted_in_(forks) { inside.fetch_add(1); }
     ~Inside() {
-        if (counted_in_ == lineage())
+        // In a child that was forked inside the gate the count has begun anew, without this one.
+        if (counted_in_ == forks)
             inside.fetch_sub(1);
     }
     Inside(Inside const&) = delete;
@@ -140,9 +138,12 @@ void SignalGate::drain() {
 }
 
 void SignalGate::forked() {
+    ++forks;
     inside = 0;
 }
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+unsigned SignalGate::lineage() {
+    return forks;
+}
+
+} // namespace orn::zel::detail

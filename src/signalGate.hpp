@@ -13,9 +13,7 @@
 #include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 class SignalGate {
 public:
@@ -41,12 +39,14 @@ public:
     // The same, but waits until everybody has left the gate. Gives up after a second, and frees nothing then.
     static void drain();
 
-    // In a child of fork(): the threads that were inside the gate are not there.
+    // Called once in each child of fork(), where the threads that were inside the gate are not.
     static void forked();
+
+    // How many forks lie between this process and the one that loaded the library. What was made with another
+    // number belongs to a parent. Signal-safe.
+    static unsigned lineage();
 };
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

@@ -5,16 +5,16 @@
 // signal.cpp.
 #include <orn/zel/signal.hpp>
 
+#include <boost/make_shared.hpp>
+
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
 #include "perThread.hpp"
-#include "signalFork.hpp"
 #include "signalGate.hpp"
 #include "wordPipe.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace signal {
 
 namespace {
@@ -27,7 +27,7 @@ detail::PerThread<Manager> managers(manager_map);
 struct Arrival {
     void operator()(int signo) const {
         // A child of fork() shares the pipe with its parent, who was not sent this signal.
-        if (detail::lineage() == born)
+        if (detail::SignalGate::lineage() == born)
             detail::write_word_in_signal(pipe->WriteFD(), static_cast<std::uint32_t>(signo));
     }
 
@@ -42,8 +42,8 @@ struct Arrival {
 struct Manager::SignalBundle {
     SignalBundle(int signo, boost::shared_ptr<os::Pipe> const& pipe,
                  boost::shared_ptr<HandlerList<int>> const& users)
-        : source(sigHandler(signo)), registration(source->handlers(), Arrival{pipe, detail::lineage()}),
-          list(users) {}
+        : source(sigHandler(signo)),
+          registration(source->handlers(), Arrival{pipe, detail::SignalGate::lineage()}), list(users) {}
 
     boost::shared_ptr<SignalHandler> source;
     orn::zel::AutoReceptor<int> registration;
@@ -70,13 +70,13 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
     boost::shared_ptr<HandlerList<int>> users;
     {
         AutoLock const guard(lock_);
-        std::map<int, SignalBundle>::const_iterator const found = bundles_.find(signo);
+        auto const found = bundles_.find(signo);
         if (found != bundles_.end()) {
             users = found->second.list;
             if (!rearm || found->second.source->impl().installed())
                 return users;
         } else {
-            users.reset(new HandlerList<int>(boost::shared_ptr<Mutex>(new RecursiveThreadMutex)));
+            users = boost::make_shared<HandlerList<int>>(boost::make_shared<RecursiveThreadMutex>());
         }
         SignalBundle const fresh(signo, pipe, users);
         replaced = bundles_.extract(signo);
@@ -107,7 +107,7 @@ std::vector<int> Manager::Watch::signals() {
 }
 
 Manager::Manager()
-    : id_(detail::draw_id()), pipe_(new os::Pipe(false)), watch_(new Watch),
+    : id_(detail::draw_id()), pipe_(boost::make_shared<os::Pipe>(false)), watch_(boost::make_shared<Watch>()),
       receptor_(pipe_->ReadFD(),
                 [watch = watch_, pipe = pipe_](fd::Event* event) { watch->drain(event, pipe); }) {}
 
@@ -166,5 +166,4 @@ boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo) {
     return signal::manager()->monitor(signo);
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

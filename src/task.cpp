@@ -4,6 +4,8 @@
 // its slice is in taskCore.cpp.
 #include <orn/zel/task.hpp>
 
+#include <boost/make_shared.hpp>
+
 #include <orn/log.h>
 #include <orn/zel/response.hpp>
 
@@ -12,8 +14,7 @@
 #include "plainText.hpp"
 #include "taskCore.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace task {
 
 std::map<id_t, boost::shared_ptr<Manager>>* managerMap = nullptr;
@@ -24,7 +25,7 @@ detail::PerThread<Manager> managers(managerMap, "managerMap not initizalized");
 
 } // namespace
 
-// ---- Controller ----------------------------------------------------------------------------------------
+// ---- Controller -----------------------------------------------------------------------------------------
 
 Controller::~Controller() = default;
 
@@ -101,7 +102,7 @@ void ControllerImpl::Complete() {
 // ---- Manager --------------------------------------------------------------------------------------------
 
 Manager::Manager()
-    : id_(detail::draw_id()), core_(new Core), monitor_(Fd(core_->read_fd())),
+    : id_(detail::draw_id()), core_(boost::make_shared<Core>()), monitor_(Fd(core_->read_fd())),
       receptor_(*monitor_, [core = core_](fd::Event* event) { core->handle(event); }) {
     Log_SpecEntry(logSpecForceInfo, "src/task", __LINE__, "%s: task pipe rd fd=%d",
                   "orn::zel::task::Manager::Manager()", core_->read_fd());
@@ -265,5 +266,4 @@ void RunTask(task::Body fn, task::Done done) {
     task.NotifyWhenComplete(done).Detach().Run();
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

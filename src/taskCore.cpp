@@ -12,9 +12,7 @@
 
 #include "wordPipe.hpp"
 
-namespace orn {
-namespace zel {
-namespace task {
+namespace orn::zel::task {
 
 namespace {
 
@@ -27,7 +25,7 @@ std::uint32_t const nudge = 0;
 
 unsigned const first_deepest_round = 32;
 
-// How many rounds of whatever managers are on the thread's stack, since the loop's limit counts them all.
+// How many rounds are on the thread's stack. Those of all managers count, as they do for the loop's limit.
 thread_local unsigned rounds_on_stack = 0;
 
 } // namespace
@@ -54,7 +52,7 @@ Core::~Core() {
 // ---- The table ------------------------------------------------------------------------------------------
 
 ControllerImpl* Core::vacant() {
-    // Room for every task there is and one more, since retiring one must not fail.
+    // Reserve room for every task there is and for one more, because retiring one must not fail.
     retired_.make_room(all_.size() - retired_.size() + 1);
     if (retired_.size() > retired_before_reuse)
         return retired_.pop();
@@ -102,7 +100,7 @@ id_t Core::start(Spec const& spec) {
 void Core::remove(id_t id) {
     Functions functions;
     AutoLock const guard(lock_);
-    std::map<id_t, ControllerImpl*>::iterator const it = tasks_.find(id);
+    auto const it = tasks_.find(id);
     if (it == tasks_.end())
         return;
     ControllerImpl& task = *it->second;
@@ -113,7 +111,7 @@ void Core::remove(id_t id) {
 }
 
 ControllerImpl* Core::pin(id_t id) {
-    std::map<id_t, ControllerImpl*>::const_iterator const it = tasks_.find(id);
+    auto const it = tasks_.find(id);
     if (it == tasks_.end())
         return nullptr; // completed or cancelled since it was scheduled
     ++it->second->pins_;
@@ -156,7 +154,7 @@ void Core::schedule(id_t id) {
     // no memory beyond the pipe's own.
     {
         AutoLock const guard(lock_);
-        std::map<id_t, ControllerImpl*>::const_iterator const it = tasks_.find(word);
+        auto const it = tasks_.find(word);
         if (it == tasks_.end())
             return;
         it->second->overdue_ = true;
@@ -337,6 +335,4 @@ bool Core::slice(ControllerImpl& task) {
     return !task.complete_ && !task.sleeping_;
 }
 
-} // namespace task
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::task

@@ -19,7 +19,7 @@
 //         ^                                                                     |
 //         +----------------- unless the task is asleep or complete -------------+
 //
-//     round    One call of run_queue(), which empties the queue. A slice may run the loop, and with it a
+//     round    One call of run_queue(), which empties the queue. A slice may run the loop and so begin a
 //     round
 //              inside its own, which goes on with the same queue.
 //     nudge    A word that names no task. It is in the pipe while a slice runs and the queue is not empty, so
@@ -45,14 +45,12 @@
 #include <orn/os/Pipe.hpp>
 #include <orn/zel/task.hpp>
 
-namespace orn {
-namespace zel {
-namespace task {
+namespace orn::zel::task {
 
 // The end of a task's line in the listing and on the monitor.
 void print_state(std::ostream& line, ControllerImpl const& task);
 
-// First in, first out, in one block of memory that is kept, so that nothing is allocated in the long run.
+// A queue in one block of memory, which it keeps, so that nothing is allocated in the long run.
 template <class T>
 class Fifo {
 public:
@@ -147,16 +145,14 @@ private:
     std::vector<std::unique_ptr<ControllerImpl>> all_ ZEL_GUARDED_BY(lock_);
     Fifo<ControllerImpl*> retired_ ZEL_GUARDED_BY(lock_);
     Fifo<std::uint32_t> queue_ ZEL_GUARDED_BY(lock_);
-    // How many words the deepest rounds have set aside. The queue keeps room for them, so that taking them
-    // back does not throw.
+    // How many words the deepest rounds have set aside. The queue keeps room for them, because they are taken
+    // back in a destructor, where nothing may throw.
     std::size_t set_aside_ ZEL_GUARDED_BY(lock_);
     unsigned rounds_ ZEL_GUARDED_BY(lock_); // of this core that are on a stack
     bool nudged_ ZEL_GUARDED_BY(lock_);     // a nudge is in the pipe
     bool any_overdue_ ZEL_GUARDED_BY(lock_);
 };
 
-} // namespace task
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::task
 
 #endif

@@ -10,6 +10,8 @@
 
 #include <unistd.h>
 
+#include <boost/make_shared.hpp>
+
 #include <orn/cancel.hpp>
 #include <orn/log.h>
 
@@ -17,8 +19,7 @@
 #include "threadMonitor.hpp"
 #include "threadRegistry.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace thread {
 
 namespace {
@@ -95,8 +96,8 @@ void Group::admit(int tid, bool watches) {
         AutoLock const guard(mutex_);
         threads_.insert(tid);
         ++membership_;
-        // In the same step. A set that the runner builds in between would lack the new member's descriptors,
-        // and still be taken for the latest.
+        // Advance in the same step. A set that the runner builds in between would lack the new member's
+        // descriptors, and still be taken for the latest.
         if (watches)
             advance_version();
     }
@@ -255,7 +256,7 @@ Group::DispatchInfo const& Group::dispatch_info(pollfd const& pfd) const {
     pollfd const* const begin = pollset_.data();
     if (!before(&pfd, begin) && before(&pfd, begin + pollset_.size()))
         return *order_[static_cast<std::size_t>(&pfd - begin)];
-    std::map<int, DispatchInfo>::const_iterator const it = dispatchset_.find(pfd.fd);
+    auto const it = dispatchset_.find(pfd.fd);
     detail::check(it != dispatchset_.end(), "dispatchset.find(pfd.fd) != dispatchset.end()",
                   "src/threadGroup", detail::line_of_missing_entry);
     return it->second;
@@ -426,7 +427,7 @@ void Exit() {
 
 void NewThreadGroup() {
     // Made before the old group is left, so that a failure changes nothing.
-    boost::shared_ptr<thread::Group> const made(new thread::Group);
+    boost::shared_ptr<thread::Group> const made = boost::make_shared<thread::Group>();
     thread::Registry::associate(thread::Registry::claim(), made);
 }
 
@@ -434,5 +435,4 @@ id_t GroupId() {
     return thread::ThisGroup()->id().value();
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel

@@ -16,9 +16,7 @@
 #include "plainText.hpp"
 #include "threadRegistry.hpp"
 
-namespace orn {
-namespace zel {
-namespace thread {
+namespace orn::zel::thread {
 
 namespace {
 
@@ -129,6 +127,4 @@ void enableExtendedLogging() {
     extended_logging = true;
 }
 
-} // namespace thread
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::thread

@@ -8,9 +8,7 @@
 
 #include <poll.h>
 
-namespace orn {
-namespace zel {
-namespace thread {
+namespace orn::zel::thread {
 
 // Go around one wait, which may take several calls of poll(). The second keeps errno.
 void report_poll_in(pollfd const* fds, unsigned long nfds, int timeoutMs);
@@ -22,8 +20,6 @@ void report_left(int fd, int tid);
 // Does nothing unless extended logging is on.
 void log_pollset(char const* label, pollfd const* fds, unsigned long nfds);
 
-} // namespace thread
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::thread
 
 #endif

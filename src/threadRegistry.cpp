@@ -12,13 +12,14 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <boost/make_shared.hpp>
+
 #include "fixedLine.hpp"
 #include "fork.hpp"
 #include "immortal.hpp"
 #include "shutdown.hpp"
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 namespace thread {
 
 namespace {
@@ -88,7 +89,7 @@ StaticStuff& Registry::stuff() {
     return *the_stuff;
 }
 
-// The analysis does not know that the map's lock_ is lock().
+// The analysis does not know that lock() and the map's lock_ are the same lock.
 std::map<int, Associations>& Registry::records() ZEL_NO_ANALYSIS {
     return stuff().map().entries_;
 }
@@ -96,7 +97,7 @@ std::map<int, Associations>& Registry::records() ZEL_NO_ANALYSIS {
 Associations* Registry::record_if_any(int tid) {
     if (!the_stuff)
         return nullptr;
-    std::map<int, Associations>::iterator const it = records().find(tid);
+    auto const it = records().find(tid);
     return it == records().end() ? nullptr : &it->second;
 }
 
@@ -137,7 +138,7 @@ boost::shared_ptr<Group> Registry::group(RecordOf const& record) {
             return found.group_;
     }
     // The lock must not be held here: making a group opens descriptors and writes to the log.
-    boost::shared_ptr<Group> made(new Group);
+    boost::shared_ptr<Group> made = boost::make_shared<Group>();
     {
         AutoLock const guard(lock());
         Associations& found = record.get();
@@ -146,7 +147,9 @@ boost::shared_ptr<Group> Registry::group(RecordOf const& record) {
         found.group_ = made;
     }
     made->insert(self());
-    detail::run_child_hook(); // the command channel's: it watches its signal in a child of fork()
+    // No lock is held here: in a child of fork() the hook has the command channel watch its signal anew, and
+    // so comes back here.
+    detail::run_child_hook();
     return made;
 }
 
@@ -158,7 +161,7 @@ boost::shared_ptr<fd::Manager> Registry::fd_manager(RecordOf const& record) {
             return found.fd_manager_;
     }
     // The lock must not be held here: making a manager writes to the log.
-    boost::shared_ptr<fd::Manager> const made(new fd::Manager);
+    boost::shared_ptr<fd::Manager> const made = boost::make_shared<fd::Manager>();
     AutoLock const guard(lock());
     Associations& found = record.get();
     if (!found.fd_manager_)
@@ -260,7 +263,7 @@ void Associations::Associate(boost::shared_ptr<Group> group) {
 
 void Associations::NewGroup() {
     // Made before the old group is left, so that a failure changes nothing.
-    Registry::associate(*this, boost::shared_ptr<Group>(new Group));
+    Registry::associate(*this, boost::make_shared<Group>());
 }
 
 Map::Map() : ThreadMap<Associations, Associations&>(Registry::lock()) {}
@@ -317,8 +320,7 @@ thread::Map* TheThreadMap() {
     return thread::Registry::map();
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 void* ZEL_Thread_create_extension() {
     using namespace orn::zel::thread;
@@ -339,7 +341,7 @@ int ZEL_Thread_start_extension(void* record) {
 int ZEL_Thread_cleanup_extension() {
     using namespace orn::zel::thread;
     display_thread_op("cleanup");
-    ThisGroup(); // a thread without a record has one for this moment
+    ThisGroup(); // makes what is missing, so that every thread has a group to leave
     Registry::drop();
     return 0;
 }

@@ -13,9 +13,7 @@
 #include <orn/zel/threadGroup.hpp>
 #include <orn/zel/threadRegistry.hpp>
 
-namespace orn {
-namespace zel {
-namespace thread {
+namespace orn::zel::thread {
 
 class Registry {
 public:
@@ -27,8 +25,8 @@ public:
     static void unload();
     static Map* map();
 
-    // Which record is meant: that of a thread, which is looked up at each use because it may have gone since
-    // the last one, or one that the caller holds and that may be in no map.
+    // Says which record is meant: that of a thread, or one that the caller holds and that may be in no map.
+    // The record of a thread is looked up at each use, because it may have gone since the last one.
     class RecordOf {
     public:
         RecordOf(int tid) : record_(nullptr), tid_(tid) {}
@@ -47,7 +45,8 @@ public:
     // Moves the calling thread, whose record it is, from its group, if any, to the given one.
     static void associate(RecordOf const& record, boost::shared_ptr<Group> const& group);
 
-    // Of the calling thread, or of any. Empty where there is nothing; neither makes a record.
+    // The group of the calling thread, and the fd manager of any thread. Empty where there is none. Neither
+    // makes a record.
     static boost::shared_ptr<Group> group_if_any();
     static boost::shared_ptr<fd::Manager> fd_manager_if_any(int tid);
 
@@ -62,7 +61,7 @@ public:
         boost::shared_ptr<Group> group;
         boost::shared_ptr<fd::Manager> fd_manager;
     };
-    // All records in ascending thread id.
+    // All records, in ascending order of the thread ids.
     static std::vector<Entry> entries();
 
 private:
@@ -73,8 +72,6 @@ private:
     static Associations* record_if_any(int tid) ZEL_REQUIRES(lock());
 };
 
-} // namespace thread
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::thread
 
 #endif

@@ -7,15 +7,11 @@
 
 #include <cstdint>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 // The next call of unique_id() returns this.
 void continue_identifiers_at(std::uint32_t id);
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

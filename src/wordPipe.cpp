@@ -12,9 +12,7 @@
 
 #include <orn/cancel.hpp>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 namespace {
 
@@ -84,6 +82,4 @@ ssize_t write_word_in_signal(int fd, std::uint32_t word) {
     });
 }
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail

@@ -15,9 +15,7 @@
 
 #include <orn/zel/fd.hpp>
 
-namespace orn {
-namespace zel {
-namespace detail {
+namespace orn::zel::detail {
 
 // Writes a word in host order, whole or not at all, and never blocks. A full pipe is made larger, up to the
 // system's limit for pipes, so that a burst which arrives before the loop turns loses nothing. Beyond that
@@ -61,7 +59,7 @@ public:
 private:
     static constexpr std::uint32_t most_ms = 20;
 
-    // Exact to a tick of the kernel, which is some milliseconds, and much cheaper than the exact time.
+    // This clock is exact to a tick of the kernel, which is some milliseconds, and costs no system call.
     static std::uint32_t now_ms() {
         timespec now = {};
         clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
@@ -81,8 +79,6 @@ private:
     std::uint32_t begin_; // when the second word was taken, in ms; wraps, so only differences count
 };
 
-} // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::detail
 
 #endif

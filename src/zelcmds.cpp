@@ -8,6 +8,7 @@
 
 #include <dlfcn.h>
 
+#include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include <orn/zel/alarm.hpp>
@@ -22,9 +23,7 @@
 #include "loaded.hpp"
 #include "shutdown.hpp"
 
-namespace orn {
-namespace zel {
-namespace zelcmds {
+namespace orn::zel::zelcmds {
 
 namespace {
 
@@ -135,7 +134,7 @@ void ProcessCommand(std::string const& args, int resp_fd) {
 }
 
 void zel_zelcmds_load() {
-    boost::shared_ptr<Builtin> const made(new Builtin);
+    boost::shared_ptr<Builtin> const made = boost::make_shared<Builtin>();
     made->subcommands["tasks"] = task::ListTasks;
     made->subcommands["threads"] = thread::ListThreads;
     made->subcommands["monitor"] = Monitor;
@@ -156,6 +155,4 @@ void zel_zelcmds_unload() {
     builtin().take_out(); // libraries that are still open stay loaded
 }
 
-} // namespace zelcmds
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::zelcmds

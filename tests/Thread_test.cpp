@@ -32,7 +32,7 @@ protected:
     ~Threads() override { EXPECT_EQ(std::set<int>{thread::self()}, thread::ThisGroup()->Threads()); }
 };
 
-// ---- Begin
+// ---- Begin ----------------------------------------------------------------------------------------------
 
 TEST_F(Threads, are_initialised_in_the_constructor_and_run_after_start_only) {
     std::atomic<int> inits(0);
@@ -99,7 +99,7 @@ TEST(ThreadDeathTest, the_procedure_insists_on_its_argument) {
     EXPECT_DEATH(threadProc(nullptr), "src/Thread:50: Assertion `ptr' failed");
 }
 
-// ---- End
+// ---- End ------------------------------------------------------------------------------------------------
 
 TEST_F(Threads, stopped_before_start_never_run) {
     bool ran = false;
@@ -169,8 +169,10 @@ TEST_F(Threads, detached_that_nobody_can_start_end_with_their_objects) {
     EXPECT_FALSE(ran);
 }
 
-// ---- A cancelled thread leaves no lock, role, membership or descriptor behind; the fixture looks at the
-// last two
+// ---- Cancellation ---------------------------------------------------------------------------------------
+
+// A cancelled thread leaves no lock, role, membership or descriptor behind. The fixture looks at the last
+// two.
 
 void expect_cancelled(Thread& thread) {
     thread.Stop();
@@ -249,7 +251,7 @@ TEST_F(Threads, that_are_cancelled_as_creators_wait_for_the_constructor) {
     EXPECT_EQ(-1, creator.Status().value());
 }
 
-// ---- The functions that a host may replace
+// ---- The functions that a host may replace --------------------------------------------------------------
 
 std::atomic<int> creates, detaches, exits, joins, cancels;
 

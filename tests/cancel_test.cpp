@@ -89,7 +89,7 @@ TEST_F(Cancel, a_waiting_request_does_not_act_inside_destructors) {
     EXPECT_NE(std::string::npos, take(observer.ReadFD()).find("thread cleanup"));
 }
 
-// ---- Signals
+// ---- Signals --------------------------------------------------------------------------------------------
 
 std::atomic<int> stage(0);
 

@@ -186,7 +186,7 @@ TEST(TimerThread, is_anew_in_a_child_of_fork_without_the_timers_of_the_parent) {
     EXPECT_TRUE(parents.reaches(1));
 }
 
-// ---- What needs a process of its own, which ends with 7 when all went well
+// ---- What needs a process of its own, which ends with 7 when all went well ------------------------------
 
 void exit_in_callback() {
     static Timer timer([](Timer*) { std::exit(7); }); // destroyed by its own callback's thread

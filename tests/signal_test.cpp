@@ -183,7 +183,7 @@ TEST_F(Signals, the_listing_names_all_managers_and_the_callers_signals) {
               take(answer.ReadFD()));
 }
 
-// ---- Signal context
+// ---- Signal context -------------------------------------------------------------------------------------
 
 TEST_F(Signals, errno_is_as_before_for_the_code_that_was_interrupted) {
     boost::shared_ptr<signal::SignalHandler> const source = signal::sigHandler(SIGUSR1);

@@ -9,7 +9,7 @@ using namespace orn::zel;
 using namespace support;
 using task::Controller;
 
-// ---- What the heap holds, so that "flat" is a number
+// ---- What the heap holds, so that "flat" is a number ----------------------------------------------------
 
 namespace {
 
@@ -71,7 +71,7 @@ protected:
     bool reached = false;
 };
 
-// ---- Nested loops
+// ---- Nested loops ---------------------------------------------------------------------------------------
 
 TEST_F(Tasks, may_wait_in_a_slice_for_a_task_of_their_own_turn) {
     std::string order;
@@ -193,7 +193,7 @@ TEST_F(Tasks, survive_an_exception_of_the_nested_loop) {
     }
 }
 
-// ---- Memory
+// ---- Memory ---------------------------------------------------------------------------------------------
 
 TEST_F(Tasks, have_a_controller_that_is_nobody_elses_while_they_are_on_the_stack) {
     int ended = 0;

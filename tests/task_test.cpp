@@ -20,7 +20,7 @@ protected:
     boost::shared_ptr<task::Manager> manager = task::manager();
 };
 
-// ---- Slices
+// ---- Slices ---------------------------------------------------------------------------------------------
 
 TEST_F(Tasks, run_one_slice_a_turn_and_none_in_run) {
     int slices = 0;
@@ -100,7 +100,7 @@ TEST_F(Tasks, without_a_function_are_refused) {
     EXPECT_EQ(0, RunOnce(0));
 }
 
-// ---- Ends
+// ---- Ends -----------------------------------------------------------------------------------------------
 
 TEST_F(Tasks, tell_of_their_completion_at_once_and_once) {
     std::string order;
@@ -184,7 +184,7 @@ TEST_F(Tasks, are_refused_outside_of_load_and_unload) {
     EXPECT_EQ(1, slices);
 }
 
-// ---- Threads
+// ---- Threads --------------------------------------------------------------------------------------------
 
 TEST_F(Tasks, are_continued_by_any_thread_which_does_not_become_one_of_the_librarys) {
     orn::os::Pipe listing(false);
@@ -234,7 +234,7 @@ TEST_F(Tasks, of_another_member_may_be_started_and_cancelled_while_the_runner_ru
     EXPECT_EQ(2000, completed);
 }
 
-// ---- Reports
+// ---- Reports --------------------------------------------------------------------------------------------
 
 TEST_F(Tasks, are_watched_in_every_change) {
     orn::os::Pipe observer(false);

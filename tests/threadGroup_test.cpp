@@ -20,7 +20,7 @@ protected:
     }
 };
 
-// ---- Membership
+// ---- Membership -----------------------------------------------------------------------------------------
 
 TEST_F(ThreadGroup, a_new_thread_is_a_member_until_it_ends) {
     boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
@@ -155,7 +155,7 @@ TEST_F(ThreadGroup, after_fork_the_child_has_an_id_of_its_own) {
     EXPECT_EQ(parent, thread::self());
 }
 
-// ---- Turns
+// ---- Turns ----------------------------------------------------------------------------------------------
 
 TEST_F(ThreadGroup, wake_ups_end_one_wait_and_are_drained) {
     EXPECT_EQ(1, RunOnce(-1)) << "the new group's own";

@@ -6,9 +6,8 @@
 // What holds unless a comment says otherwise:
 //
 //   - A function may be called from any thread and inside a handler, but not from a signal handler.
-//   - It concerns the calling thread: its registrations, its alarms, its group. It does not block and does
-//   not
-//     run the loop.
+//   - It concerns the calling thread: its registrations, its alarms, its group.
+//   - It does not block, and does not run the loop.
 //   - Handlers run on the thread that runs the loop of the group, one at a time, with no lock of the library
 //     held. They may throw: the exception leaves the run call.
 //   - Descriptors stay the caller's; handlers are copied.

@@ -58,7 +58,7 @@ void start(int (*create)(pthread_t*, pthread_attr_t const*, void* (*)(void*), vo
     pthread_detach(thread);
 }
 
-// ---- The busy process
+// ---- The busy process -----------------------------------------------------------------------------------
 
 void* member(void*) {
     orn::os::Pipe own(false);
@@ -122,7 +122,7 @@ std::map<std::string, void (*)()> const places = {
      }},
 };
 
-// ---- Those with nothing but one thing in them
+// ---- Those with nothing but one thing in them -----------------------------------------------------------
 
 std::atomic<task::Controller*> steered[2];
 

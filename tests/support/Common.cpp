@@ -22,7 +22,7 @@
 
 namespace support {
 
-// ---- Waiting
+// ---- Waiting --------------------------------------------------------------------------------------------
 
 int number_from(char const* variable, int otherwise) {
     char const* const text = std::getenv(variable);
@@ -75,7 +75,7 @@ bool Count::reaches(std::size_t value) {
     return changed_.wait_until(lock, end, [&] { return value_ >= value; });
 }
 
-// ---- Files and descriptors
+// ---- Files and descriptors ------------------------------------------------------------------------------
 
 std::string text_of(std::string const& path) {
     std::ifstream file(path);
@@ -104,7 +104,7 @@ TempFile::~TempFile() {
     unlink(path_.c_str());
 }
 
-// ---- Processes
+// ---- Processes ------------------------------------------------------------------------------------------
 
 namespace {
 

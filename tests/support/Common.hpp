@@ -34,7 +34,7 @@ bool const has_address_sanitizer = false;
 #endif
 bool const is_sanitized = has_thread_sanitizer || has_address_sanitizer;
 
-// ---- Waiting
+// ---- Waiting --------------------------------------------------------------------------------------------
 
 // The positive number in an environment variable, or the other one.
 int number_from(char const* variable, int otherwise);
@@ -83,7 +83,7 @@ private:
 template <class T, class U>
 Replaced(T&, U) -> Replaced<T>;
 
-// ---- Files and descriptors
+// ---- Files and descriptors ------------------------------------------------------------------------------
 
 std::string text_of(std::string const& path);
 void put(int fd, std::string const& text); // writes it whole, or fails the test
@@ -104,7 +104,7 @@ private:
     std::string path_;
 };
 
-// ---- Processes
+// ---- Processes ------------------------------------------------------------------------------------------
 
 // Open descriptors of this process.
 std::set<int> descriptors();

@@ -129,7 +129,7 @@ bool Program::sleeping() const {
     return wait_until([this] { return proc(pid_, "stat").find(") S ") != std::string::npos; });
 }
 
-// ---- /proc
+// ---- /proc ----------------------------------------------------------------------------------------------
 
 std::string proc(pid_t pid, std::string const& entry) {
     return text_of("/proc/" + std::to_string(pid) + '/' + entry);

@@ -72,7 +72,7 @@ orn::zel::task::Body once(int& slices) {
     };
 }
 
-// ---- Member
+// ---- Member ---------------------------------------------------------------------------------------------
 
 Member::Member(std::function<void()> body) : body_(std::move(body)) {
     if (o_pthread_create(&handle_, nullptr, start, this) != 0)
@@ -102,7 +102,7 @@ bool Member::join() {
     return cancelled_;
 }
 
-// ---- Loop
+// ---- Loop -----------------------------------------------------------------------------------------------
 
 WatchedPipe::WatchedPipe(std::function<void()> const& handler)
     : Pipe(false), receptor_(ReadFD(), [this, handler](orn::zel::fd::Event* event) {

@@ -33,7 +33,7 @@ struct Kind {
 
 std::size_t const most_words = 64;
 
-// ---- The emulator's faults
+// ---- The emulator's faults ------------------------------------------------------------------------------
 
 struct Fault {
     char const* tests; // a pattern

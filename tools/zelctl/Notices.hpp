@@ -25,7 +25,8 @@ enum Notice {
 // does not take its notices, and blocks for a second or more to find that out.
 bool notify(int pid, std::string const& kind, Notice notice);
 
-// Receives the notices about the monitors that this zelctl follows, from its own user.
+// Receives the notices about the monitors that this zelctl follows, from zelctls of the same user. There is
+// one queue, the place, for each kind of monitor of a process, and one zelctl at a time has it.
 class Notices {
 public:
     using Handler = std::function<void(std::string const& kind, Notice notice)>;

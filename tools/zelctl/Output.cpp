@@ -23,8 +23,8 @@ unsigned char byte(std::string const& text, std::size_t at) {
     return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
 }
 
-// The length of the character at this place, if it is one that a terminal shows, else 0. Bytes that are no
-// UTF-8 give 0, which overlong forms and surrogates are not either, and so do control characters.
+// The length of the character at this place if a terminal shows it. 0 for control characters, and for bytes
+// that are not UTF-8, overlong forms and surrogates included.
 std::size_t shown(std::string const& text, std::size_t at) {
     unsigned char const first = byte(text, at);
     unsigned char const second = byte(text, at + 1);

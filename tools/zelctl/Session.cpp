@@ -208,8 +208,8 @@ void Session::run(std::string const& command, bool keep_monitors) {
 void Session::take_monitors(std::set<std::string> const& kinds, bool keep) {
     monitors_ = kinds;
     keeps_monitors_ = keep;
-    // Whoever receives the notices leaves the place when it is told. A third zelctl may be quicker to take
-    // the place, and has to be told, too. One that is stopped does not leave, so the requests are limited.
+    // The zelctl that has the place leaves it when it is told. A third one may be quicker to take the place,
+    // and has to be told, too. One that is stopped does not leave, so the requests are limited.
     unsigned const for_later = 20;
     while (keep && !open_notices() && requests_left_ > for_later) {
         --requests_left_;
@@ -273,7 +273,7 @@ void Session::take_line(std::string const& line) {
         complete_ = complete_ || line.compare(at, std::string::npos, end_) == 0;
         return;
     }
-    std::multiset<std::string>::iterator const expected = echoes_.find(line);
+    auto const expected = echoes_.find(line);
     if (expected != echoes_.end())
         echoes_.erase(expected);
     else

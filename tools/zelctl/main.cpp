@@ -158,9 +158,9 @@ ExitStatus talk(Options const& options, zelctl::Output& output) {
         session.connect();
         session.run(options.command, options.follow >= 0);
         hint_at(session, options.command);
-        if (options.follow >= 0)
+        if (options.follow >= 0) {
             session.follow(static_cast<unsigned long>(options.follow * 1000));
-        else if (!session.monitors().empty()) {
+        } else if (!session.monitors().empty()) {
             std::fputs("zelctl: switched off again, since nobody would read the lines: use --follow\n",
                        stderr);
         }

@@ -40,8 +40,7 @@
 #include <orn/zel/core.hpp>
 #include <orn/zel/threadFunctions.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 // The work of a thread: override the three operations, or fill in the three functions. An exception out of
 // Init() or Run() ends the process, as it does for any thread.
@@ -50,12 +49,12 @@ public:
     Runnable() {}
     virtual ~Runnable();
 
-    // In the new thread, while the constructor of Thread waits. The result is not used.
+    // Called in the new thread, while the constructor of Thread waits. The result is not used.
     virtual int Init();
-    // In the new thread, after Start(). The result is the thread's status.
+    // Called in the new thread, after Start(). The result is the thread's status.
     virtual int Run();
-    // In the thread that calls Stop(): asks the work to end itself. Anything but 0 says that it cannot, and
-    // has the thread cancelled. Without a function the result is -1.
+    // Called by Stop(), on its caller's thread, to ask the work to end itself. Anything but 0 says that it
+    // cannot, and has the thread cancelled. Without a function the result is -1.
     virtual int Cancel();
 
     boost::function<int()> init;
@@ -154,8 +153,7 @@ private:
     bool joined_; // the handle is void
 };
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 // What every thread made here runs; the argument is the address of its Thread's shared RunData pointer.
 extern "C" ORN_API void* threadProc(void* ptr);

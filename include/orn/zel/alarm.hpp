@@ -20,7 +20,7 @@
 //
 // An alarm belongs to the thread that set it. Any thread of that thread's group may cancel, reset and destroy
 // it, one thread at a time; a handler may do so to its own alarm. A thread of another group may do the same,
-// but that is rarely meant, and is logged with the numbers of both threads.
+// but that is rarely meant, and is logged with the ids of both threads.
 //
 // Cancelling does not wait for an expiry that the loop's thread has already taken up: the handler may start
 // just then, or run on for a while, and there is no further call. What the handler refers to must outlive
@@ -43,8 +43,7 @@
 #include <orn/zel/core.hpp>
 #include <orn/zel/fd.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 namespace alarm {
 
@@ -159,7 +158,7 @@ private:
     boost::weak_ptr<Manager> home_; // where the alarm is, whichever thread calls; gone after an unload
 };
 
-// By fd manager identifier; null while the subsystem is not loaded. managerMutex guards the map.
+// The managers by the id of their fd manager. Null while the subsystem is not loaded. managerMutex guards it.
 ORN_API extern std::map<unsigned long, boost::shared_ptr<Manager>>* managerMap;
 ORN_API extern ThreadMutex* managerMutex;
 
@@ -167,8 +166,7 @@ ORN_API void zel_alarm_load();
 ORN_API void zel_alarm_unload();
 
 } // namespace alarm
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 // alarm(2) in milliseconds, over the process's real-time interval timer and independent of everything above:
 // SIGALRM after ms, 0 cancels. Returns the milliseconds that were left of the previous setting, 1 for any

@@ -56,8 +56,7 @@
 #include <orn/zel/fd.hpp>
 #include <orn/zel/response.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 namespace cmd {
 
@@ -184,7 +183,6 @@ ORN_API bool stop_channel();
 ORN_API bool stopping();
 
 } // namespace cmd
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 #endif

@@ -44,7 +44,9 @@ private:
     std::string details_;
 };
 
-namespace zel {
+} // namespace orn
+
+namespace orn::zel {
 
 // Misuse at run time, with a fixed text per case ("invalid FD (-1)", "NULL handler", ...); no details.
 class ORN_API Exception : public orn::Exception {
@@ -137,20 +139,14 @@ ORN_API id_t unique_id();
 
 namespace detail {
 
-// Draws again while the identifier is 0, or taken(id) says that it names something alive, which happens when
-// the counter has wrapped.
-template <class Taken>
-id_t draw_id(Taken taken) {
-    id_t id;
-    do {
-        id = unique_id();
-    } while (id == 0 || taken(id));
-    return id;
-}
-
-// For an identifier that is printed, and that nobody looks up.
+// An identifier other than 0, which means none. After the counter has wrapped it may be that of something
+// alive, so who looks things up by their identifier draws again while it is taken.
 inline id_t draw_id() {
-    return draw_id([](id_t) { return false; });
+    id_t id;
+    do
+        id = unique_id();
+    while (id == 0);
+    return id;
 }
 
 } // namespace detail
@@ -259,7 +255,6 @@ inline void check(bool holds, char const* expression, char const* file, int line
 }
 
 } // namespace detail
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 #endif

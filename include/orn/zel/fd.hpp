@@ -38,8 +38,7 @@
 #include <orn/zel/core.hpp>
 #include <orn/zel/receptacle.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 namespace fd {
 
@@ -142,7 +141,7 @@ private:
 };
 
 // Ties one monitor to at most one manager, and keeps the manager alive. The monitor is in the manager's map
-// exactly while both are set: that it is wanted there, and the manager.
+// exactly while it is wanted there and there is a manager.
 class ORN_API ManagerAssociation {
 public:
     explicit ManagerAssociation(MonitorImpl* monitor);
@@ -268,7 +267,6 @@ private:
 // A monitor for a descriptor on the calling thread's own fd manager, with no handler yet.
 ORN_API boost::shared_ptr<fd::Monitor> Fd(int fd);
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 #endif

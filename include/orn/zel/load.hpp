@@ -9,8 +9,7 @@
 
 #include <orn/api.h>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 // Brings the subsystems up in the order in which they need one another, then loads the libraries that the
 // environment variable ZEL_PRELOAD names, separated by blanks, colons, commas or semicolons. Passes over a
@@ -22,7 +21,6 @@ ORN_API void ZEL_load__();
 // order. No other thread may be using the library any more.
 ORN_API void ZEL_unload__();
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 #endif

@@ -27,12 +27,12 @@
 #include <vector>
 
 #include <boost/function.hpp>
+#include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include <orn/zel/core.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 // Anything that a handler can be registered with.
 template <class dataT, class idT>
@@ -147,7 +147,7 @@ public:
     unsigned long insert(receptor_type const& handler) override {
         if (id_ != 0)
             return 0;
-        handler_ = boost::shared_ptr<receptor_type>(new receptor_type(handler));
+        handler_ = boost::make_shared<receptor_type>(handler);
         id_ = detail::draw_id();
         return id_;
     }
@@ -223,7 +223,10 @@ public:
     unsigned long insert(receptor_type const& handler) override {
         if (handler.empty())
             throw orn::Exception("Empty handler function", "");
-        unsigned long const handle = detail::draw_id([this](id_t id) { return knows(id); });
+        unsigned long handle;
+        do
+            handle = detail::draw_id();
+        while (knows(handle));
         return insert_handler(std::pair<const unsigned long, receptor_type>(handle, handler)) ? handle : 0;
     }
 
@@ -257,7 +260,7 @@ public:
         lock();
         if (!handlers_.empty()) {
             unsigned long const last = handlers_.rbegin()->first;
-            typename entries_type::iterator it = handlers_.begin();
+            auto it = handlers_.begin();
             while (it != handlers_.end() && it->first <= last) {
                 unsigned long const handle = it->first;
                 // Held, because a nested dispatch of this list may replay the removal of this handler.
@@ -300,9 +303,9 @@ public:
             on_first_handler_(this); // the mutex is not held: the hook may use this list
         MutexGuard const guard(*this);
         if (dispatching_)
-            cached_ops_.push_back(boost::shared_ptr<list_op>(new add_op(this, entry.first, entry.second)));
+            cached_ops_.push_back(boost::make_shared<add_op>(this, entry.first, entry.second));
         else
-            handlers_.emplace(entry.first, boost::shared_ptr<receptor_type>(new receptor_type(entry.second)));
+            handlers_.emplace(entry.first, boost::make_shared<receptor_type>(entry.second));
         return true;
     }
 
@@ -313,9 +316,9 @@ public:
             MutexGuard const guard(*this);
             bool const had_handlers = !handlers_.empty();
             if (dispatching_) {
-                cached_ops_.push_back(boost::shared_ptr<list_op>(new remove_op(this, handle)));
+                cached_ops_.push_back(boost::make_shared<remove_op>(this, handle));
             } else {
-                typename entries_type::iterator const it = handlers_.find(handle);
+                auto const it = handlers_.find(handle);
                 if (it != handlers_.end()) {
                     removed.swap(it->second);
                     handlers_.erase(it);
@@ -432,7 +435,6 @@ void Dispatch(HandlerList<dataT>& list, dataT const& data) {
     list.dispatch(data);
 }
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 #endif

@@ -18,9 +18,7 @@
 
 #include <orn/api.h>
 
-namespace orn {
-namespace zel {
-namespace cmd {
+namespace orn::zel::cmd {
 
 // A string stream that begins with "tid=", the kernel's id of the constructing thread, and a blank. Only the
 // thread that made it may use it.
@@ -37,8 +35,6 @@ ORN_API ssize_t Write(int fd, std::string const& text);
 // The same for the text composed so far. Ignores an observer that has gone away or does not read.
 ORN_API void Write(int fd, Response const& response);
 
-} // namespace cmd
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::cmd
 
 #endif

@@ -47,8 +47,7 @@
 #include <orn/zel/fd.hpp>
 #include <orn/zel/receptacle.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 // The calling thread's handlers for a signal; insert() adds one. Throws orn::zel::Exception "failed to
 // install handler for signal <n>: errno=<e> (<text>)" when the system refuses the signal.
@@ -200,8 +199,7 @@ ORN_API void zel_signal_unload();
 ORN_API void release_managers();
 
 } // namespace signal
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 extern "C" {
 // What sigaction() installs for every watched signal.

@@ -52,8 +52,7 @@
 #include <orn/zel/core.hpp>
 #include <orn/zel/fd.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 namespace task {
 
@@ -240,14 +239,13 @@ private:
     boost::weak_ptr<Core> home_; // where the task runs, whichever thread cancels it
 };
 
-// By fd manager identifier; null while the subsystem is not loaded.
+// The managers by the id of their fd manager. Null while the subsystem is not loaded.
 ORN_API extern std::map<id_t, boost::shared_ptr<Manager>>* managerMap;
 
 ORN_API void zel_task_load();
 ORN_API void zel_task_unload();
 
 } // namespace task
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 #endif

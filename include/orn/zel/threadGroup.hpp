@@ -31,7 +31,8 @@
 // that only wants to wait calls poll(); one that wants a loop calls NewThreadGroup() first.
 //
 // One turn of the loop, RunOnce():
-//   1. reserve    Take the runner role, or go one level deeper in it. Not the runner: sleep, and that is all.
+//   1. reserve    Take the runner role, or go one level deeper in it. While another member has it, sleep
+//                 for the timeout and skip the other steps.
 //   2. leftovers  Dispatch what an outer turn polled and has not dispatched yet.
 //   3. rebuild    If the descriptors changed since the poll set was built, build it anew.
 //   4. poll       Wait for the first event, at most for the timeout.
@@ -58,8 +59,7 @@
 #include <orn/zel/threadFunctions.hpp>
 #include <orn/zel/threadRegistry.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 // Runs one turn of the calling thread's group: waits at most timeoutMs milliseconds (negative: without limit,
 // 0: not at all) and calls the handlers of what is ready. Returns the result of poll(): the number of ready
@@ -155,7 +155,7 @@ public:
     // ends. Any thread.
     void bump();
     bool bumped() const;
-    // Like bump(), for the runner itself: nobody has to be woken.
+    // Like bump(), but for the runner itself, so that nobody has to be woken.
     void outdate();
 
     // Ends the present wait, or the next one when nobody waits. Writes one byte, without blocking; a full
@@ -188,7 +188,7 @@ public:
 private:
     friend class Registry;
 
-    // insert(), for a thread that may have descriptors already.
+    // Like insert(). watches: the thread has an fd manager, so the poll set is out of date, too.
     void admit(int tid, bool watches);
     void advance_version() ZEL_REQUIRES(mutex_);
 
@@ -220,8 +220,8 @@ private:
 
     // The rest is the runner's.
     std::vector<DispatchInfo const*> order_; // by position in pollset_: what dispatchset_ has for it
-    unsigned long rebuilds_; // counts them, so that a turn can tell what nested ones have done
-    unsigned long polls_;    // the same
+    unsigned long rebuilds_; // how many sets were built: tells a turn whether nested ones have built any
+    unsigned long polls_;    // how many polls there were: tells a turn whether nested ones have polled
     int undispatched_;       // results in pollset_ that the latest poll brought and nobody has dispatched
     unsigned long built_membership_; // membership_ when the set was built
     PollProbe probe_;
@@ -278,7 +278,6 @@ ORN_API void display_dispatch(pollfd& pfd);
 ORN_API void ListThreads(std::string const& args, int fd);
 
 } // namespace thread
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 #endif

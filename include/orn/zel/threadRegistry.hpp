@@ -13,8 +13,7 @@
 
 #include <orn/zel/core.hpp>
 
-namespace orn {
-namespace zel {
+namespace orn::zel {
 
 namespace fd {
 
@@ -96,7 +95,7 @@ public:
 
 protected:
     T& entry(int tid) ZEL_REQUIRES(lock_) {
-        typename std::map<int, T>::iterator it = entries_.lower_bound(tid);
+        auto it = entries_.lower_bound(tid);
         if (it == entries_.end() || it->first != tid)
             it = entries_.insert(it, std::make_pair(tid, construct()));
         return it->second;
@@ -160,8 +159,7 @@ ORN_API void zel_thread_unload();
 // The map of the one registry, which is made when there is none.
 ORN_API thread::Map* TheThreadMap();
 
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel
 
 extern "C" {
 // Runs in the creating thread; the result, an InheritRecord, goes to the start hook.

@@ -16,9 +16,7 @@
 
 #include <orn/api.h>
 
-namespace orn {
-namespace zel {
-namespace zelcmds {
+namespace orn::zel::zelcmds {
 
 // The handler of the word "zel". An unknown sub-command is answered with "[zel] <word>: no such command".
 ORN_API void ProcessCommand(std::string const& args, int resp_fd);
@@ -40,8 +38,6 @@ ORN_API void Unload(std::string const& args, int fd);
 ORN_API void zel_zelcmds_load();
 ORN_API void zel_zelcmds_unload();
 
-} // namespace zelcmds
-} // namespace zel
-} // namespace orn
+} // namespace orn::zel::zelcmds
 
 #endif

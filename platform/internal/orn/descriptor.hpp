@@ -49,7 +49,7 @@ private:
     int fd_;
 };
 
-template <typename Call>
+template <class Call>
 auto unless_interrupted(Call call) {
     auto result = call();
     while (result < 0 && errno == EINTR)

@@ -13,6 +13,7 @@
 #define ORN_MAPPING_HPP
 
 #include <atomic>
+
 #include <dlfcn.h>
 
 namespace orn::internal {
@@ -42,14 +43,14 @@ private:
     // another library may have a function of the same name.
     bool came_with_program(char const* exported_name) const {
         void* const program = dlopen(nullptr, RTLD_LAZY);
-        if (program == nullptr)
+        if (!program)
             return false;
         void* const found = dlsym(program, exported_name);
         dlclose(program);
         dlerror(); // whoever opens us must not see an error because the function was not found
         Dl_info theirs = {};
         Dl_info ours = {};
-        return found != nullptr && dladdr(found, &theirs) != 0 && dladdr(this, &ours) != 0 &&
+        return found && dladdr(found, &theirs) != 0 && dladdr(this, &ours) != 0 &&
                theirs.dli_fbase == ours.dli_fbase;
     }
 

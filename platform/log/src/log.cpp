@@ -61,7 +61,7 @@ unsigned open_sink() {
     char const* const where = secure_getenv("LOG_SINK");
     char const* const level = secure_getenv("LOG_LEVEL");
     close_sink();
-    if (where == nullptr || *where == '\0')
+    if (!where || *where == '\0')
         return 0;
     if (std::strcmp(where, "syslog") == 0) {
         sink = Sink::system_log;
@@ -77,9 +77,9 @@ unsigned open_sink() {
             return 0;
         sink = Sink::file;
     }
-    struct stat status {};
+    struct stat status = {};
     sink_may_raise = sink_fd >= 0 && (fstat(sink_fd, &status) != 0 || !S_ISREG(status.st_mode));
-    bool const info = level != nullptr && std::strcmp(level, "info") == 0;
+    bool const info = level && std::strcmp(level, "info") == 0;
     return (1u << logSpecForceInfo) | (info ? 1u << logSpecInfo : 0u);
 }
 
@@ -116,7 +116,7 @@ void write_without_sigpipe(char const* record, std::size_t size) {
     errno = 0;
     write_whole(record, size);
     if (errno == EPIPE && !was_pending) {
-        struct timespec const now = {0, 0};
+        timespec const now = {0, 0};
         while (sigtimedwait(&broken, nullptr, &now) < 0 && errno == EINTR) {
         }
     }
@@ -145,7 +145,7 @@ Date date_of(std::int64_t days_since_1970) {
 }
 
 std::size_t put_prefix(char* to, std::size_t room, Log_Spec spec, char const* source, int line) {
-    struct timespec now {};
+    timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     auto const seconds = static_cast<std::int64_t>(now.tv_sec);
     Date const date = date_of(seconds / 86400);
@@ -241,7 +241,7 @@ extern "C" void Log_SpecEntry(Log_Spec spec, char const* source, int line, char 
     if (size >= room) {
         std::size_t const wanted = size < text_limit ? size + 1 : text_limit;
         auto* const large = static_cast<char*>(std::malloc(prefix_limit + wanted + 1));
-        if (large != nullptr) {
+        if (large) {
             buffer = large;
             room = wanted;
             errno = unnoticed.error();

@@ -9,7 +9,7 @@
 namespace orn::os {
 
 EnvVar::EnvVar(char const* name) {
-    if (char const* value = name != nullptr ? secure_getenv(name) : nullptr)
+    if (char const* value = name ? secure_getenv(name) : nullptr)
         value_ = value;
 }
 

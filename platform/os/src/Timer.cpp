@@ -37,7 +37,7 @@ constexpr std::uint64_t longest_callback_ns = ns_per_second;
 constexpr std::uint32_t flag_dying = 1; // the timer's destructor runs, so it must not be armed any more
 
 std::uint64_t now_ns() {
-    struct timespec now {};
+    timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<std::uint64_t>(now.tv_sec) * ns_per_second + static_cast<std::uint64_t>(now.tv_nsec);
 }
@@ -56,11 +56,11 @@ std::uint64_t next_in_phase(std::uint64_t deadline, std::uint64_t period, std::u
     return after(deadline + missed * period, period);
 }
 
-struct timespec timespec_of(std::uint64_t ns) {
+timespec timespec_of(std::uint64_t ns) {
     // Cut to what a time_t of 32 bits holds. Waking too early once in decades does no harm.
     std::uint64_t const seconds = ns / ns_per_second;
     std::uint64_t const limit = std::numeric_limits<std::int32_t>::max();
-    struct timespec time {};
+    timespec time = {};
     time.tv_sec = static_cast<time_t>(seconds < limit ? seconds : limit);
     time.tv_nsec = static_cast<long>(ns % ns_per_second);
     return time;
@@ -101,10 +101,10 @@ private:
     bool left_in_time(std::unique_lock<std::mutex>& lock);
 
     std::mutex mutex_; // a leaf; never held while a callback runs
-    pthread_cond_t earlier_ =
-        PTHREAD_COND_INITIALIZER;                    // there is a deadline before sleeps_until_, or the end
-    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER; // a callback that somebody waits for has returned,
-                                                     // or the thread leaves
+    // There is a deadline before sleeps_until_, or the thread is to end.
+    pthread_cond_t earlier_ = PTHREAD_COND_INITIALIZER;
+    // A callback that somebody waits for has returned, or the thread leaves.
+    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER;
 
     Entry* heap_ = nullptr;
     std::size_t size_ = 0;
@@ -164,7 +164,7 @@ void TimerService::make_room() {
         return;
     std::size_t const room = room_ == 0 ? 64 : room_ * 2;
     void* const grown = std::realloc(static_cast<void*>(heap_), room * sizeof(Entry));
-    if (grown == nullptr)
+    if (!grown)
         throw std::bad_alloc();
     heap_ = static_cast<Entry*>(grown);
     room_ = room;
@@ -294,7 +294,7 @@ void TimerService::stop(bool unmapped) {
 }
 
 bool TimerService::left_in_time(std::unique_lock<std::mutex>& lock) {
-    struct timespec const until = timespec_of(after(now_ns(), longest_callback_ns));
+    timespec const until = timespec_of(after(now_ns(), longest_callback_ns));
     int error = 0;
     while (!left_ && error == 0)
         error = pthread_cond_timedwait(&idle_, lock.mutex()->native_handle(), &until);
@@ -309,9 +309,9 @@ void TimerService::after_fork_in_child() {
     bool const serving = started_ && pthread_equal(thread_, pthread_self()) != 0;
     if (!serving) {
         started_ = false;
-        if (running_ != nullptr) {
-            running_->callback_ =
-                std::move(*function_); // it is on the stack of a thread that no longer exists
+        if (running_) {
+            // The function is on the stack of a thread that no longer exists.
+            running_->callback_ = std::move(*function_);
             running_ = nullptr;
         }
         function_ = nullptr;
@@ -347,7 +347,7 @@ void TimerService::sleep(std::unique_lock<std::mutex>& lock) {
     if (sleeps_until_ == never) {
         pthread_cond_wait(&earlier_, lock.mutex()->native_handle());
     } else {
-        struct timespec const until = timespec_of(sleeps_until_);
+        timespec const until = timespec_of(sleeps_until_);
         pthread_cond_timedwait(&earlier_, lock.mutex()->native_handle(), &until);
     }
     sleeps_until_ = 0;
@@ -371,7 +371,7 @@ void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::u
     function(&timer);
     lock.lock();
     function_ = nullptr;
-    if (running_ == nullptr) {
+    if (!running_) {
         lock.unlock(); // the timer is gone; destroying the function may use other timers, under the mutex
         function.clear();
         lock.lock();

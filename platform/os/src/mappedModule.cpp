@@ -41,7 +41,7 @@ int look_at(dl_phdr_info* object, std::size_t, void* argument) {
     if (!holds(*object, search.address))
         return 0;
     std::uint64_t digest = 14695981039346656037u;
-    for (char const* name = object->dlpi_name; name != nullptr && *name != '\0'; ++name)
+    for (char const* name = object->dlpi_name; name && *name != '\0'; ++name)
         digest = digest_of(name, 1, digest);
     digest = digest_of(object->dlpi_phdr, object->dlpi_phnum * sizeof *object->dlpi_phdr, digest);
     search.found = {object->dlpi_addr, digest,
@@ -51,8 +51,8 @@ int look_at(dl_phdr_info* object, std::size_t, void* argument) {
 
 } // namespace
 
-// Not dladdr(): it takes the lock that dlclose() holds while a library's destructors run, and those may be
-// waiting for the very thread that asks. dl_iterate_phdr() takes another one.
+// Does not use dladdr(), which takes the lock that dlclose() holds while a library's destructors run: those
+// may be waiting for the very thread that asks. dl_iterate_phdr() takes another lock.
 MappedModule module_of(std::uintptr_t address) {
     Search search = {address, {}, true};
     dl_iterate_phdr(look_at, &search);

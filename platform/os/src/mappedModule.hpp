@@ -13,8 +13,8 @@ namespace orn::os {
 struct MappedModule {
     std::uintptr_t base = 0;
     std::uint64_t digest = 0;
-    bool permanent =
-        false; // the program itself or the library that holds this code: stays while anybody asks
+    // Whether it is the program itself or the library that holds this code, which stay while anybody asks.
+    bool permanent = false;
 };
 
 inline bool operator==(MappedModule const& a, MappedModule const& b) {

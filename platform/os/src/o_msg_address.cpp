@@ -30,7 +30,7 @@ constexpr char address_prefix[] = "orn.msg.";
 // one that is not.
 std::optional<std::int64_t> process_asked_for(char const* name) {
     char const* digit = std::strrchr(name, '.');
-    if (digit == nullptr || *++digit == '\0')
+    if (!digit || *++digit == '\0')
         return std::nullopt;
     std::int64_t number = 0;
     for (; *digit != '\0'; ++digit) {
@@ -42,7 +42,7 @@ std::optional<std::int64_t> process_asked_for(char const* name) {
 }
 
 std::optional<ucred> peer_of(int connection) {
-    ucred peer{};
+    ucred peer = {};
     socklen_t size = sizeof peer;
     if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
         return std::nullopt;
@@ -60,7 +60,7 @@ bool runs_as(pid_t process, uid_t user) {
         return false;
     text[size] = '\0';
     char* at = std::strstr(text, "\nUid:\t"); // the real one comes first, the effective one second
-    if (at == nullptr)
+    if (!at)
         return false;
     std::strtoul(at + std::strlen("\nUid:\t"), &at, 10);
     return std::strtoul(at, nullptr, 10) == user;
@@ -76,7 +76,7 @@ bool has_borrowed_rights() {
 } // namespace
 
 bool make_address(char const* name, Address& address) {
-    if (name == nullptr || *name == '\0') {
+    if (!name || *name == '\0') {
         errno = EINVAL;
         return false;
     }

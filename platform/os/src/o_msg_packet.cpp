@@ -47,7 +47,7 @@ struct Free {
 // there is room for one only: the kernel uses the padding behind it as well.
 unsigned take_descriptors(msghdr& packet, Descriptor& last) {
     unsigned count = 0;
-    for (cmsghdr* item = CMSG_FIRSTHDR(&packet); item != nullptr; item = CMSG_NXTHDR(&packet, item)) {
+    for (cmsghdr* item = CMSG_FIRSTHDR(&packet); item; item = CMSG_NXTHDR(&packet, item)) {
         if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_RIGHTS)
             continue;
         for (std::size_t at = 0; CMSG_LEN(at + sizeof(int)) <= item->cmsg_len; at += sizeof(int)) {
@@ -76,7 +76,7 @@ bool adds_up(WireHeader const& header, std::size_t data_size, unsigned descripto
 bool fits(WireHeader const& header, o_msg_t const& offer) {
     for (unsigned i = 0; i < offer.count; ++i) {
         bool const filled = i < header.parts && header.lengths[i] == offer.parts[i].length;
-        if (offer.parts[i].data != nullptr && !filled)
+        if (offer.parts[i].data && !filled)
             return false;
     }
     return header.parts <= offer.count;
@@ -85,7 +85,7 @@ bool fits(WireHeader const& header, o_msg_t const& offer) {
 Outcome deliver(WireHeader const& header, unsigned char const* data, Descriptor fd, o_msg_t& to) {
     std::unique_ptr<unsigned char, Free> allocated[O_MSG_MAX_PARTS];
     for (unsigned i = 0; i < header.parts; ++i) {
-        if (to.parts[i].data == nullptr) {
+        if (!to.parts[i].data) {
             allocated[i].reset(static_cast<unsigned char*>(std::malloc(header.lengths[i] + std::size_t{1})));
             if (!allocated[i])
                 return Outcome::out_of_memory;
@@ -117,7 +117,7 @@ bool send_packet(int socket, o_msg_t const& message, ssize_t size) {
         int const room = 2 * O_MSG_MAX_SIZE;
         setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &room, sizeof room); // sending fails if this was refused
     }
-    WireHeader header{};
+    WireHeader header = {};
     header.magic = wire_magic;
     header.version = wire_version;
     header.parts = static_cast<std::uint8_t>(message.count);
@@ -128,7 +128,7 @@ bool send_packet(int socket, o_msg_t const& message, ssize_t size) {
         header.lengths[i] = static_cast<std::uint32_t>(message.parts[i].length);
         pieces[1 + i] = {message.parts[i].data, message.parts[i].length};
     }
-    msghdr packet{};
+    msghdr packet = {};
     packet.msg_iov = pieces;
     packet.msg_iovlen = 1 + message.count;
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
@@ -145,10 +145,10 @@ bool send_packet(int socket, o_msg_t const& message, ssize_t size) {
 }
 
 Outcome receive_packet(int connection, unsigned char* buffer, o_msg_t& to) {
-    WireHeader header{};
+    WireHeader header = {};
     iovec pieces[] = {{&header, sizeof header}, {buffer, O_MSG_MAX_SIZE}};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-    msghdr packet{};
+    msghdr packet = {};
     auto const look = [&] {
         packet.msg_iov = pieces;
         packet.msg_iovlen = 2;
@@ -180,15 +180,14 @@ Outcome receive_packet(int connection, unsigned char* buffer, o_msg_t& to) {
 extern "C" {
 
 ssize_t o_msg_data_size(o_msg_t const* message) {
-    if (message == nullptr || message->count > O_MSG_MAX_PARTS) {
+    if (!message || message->count > O_MSG_MAX_PARTS) {
         errno = EINVAL;
         return -1;
     }
     std::size_t sum = 0;
     for (unsigned i = 0; i < message->count; ++i) {
         o_msg_part_t const& part = message->parts[i];
-        if ((part.data == nullptr && part.length > 0) ||
-            part.length > static_cast<std::size_t>(SSIZE_MAX) - sum) {
+        if ((!part.data && part.length > 0) || part.length > static_cast<std::size_t>(SSIZE_MAX) - sum) {
             errno = EINVAL;
             return -1;
         }

@@ -84,7 +84,7 @@ private:
 };
 
 bool o_msg_queue::watch(int fd) {
-    epoll_event event{};
+    epoll_event event = {};
     event.events = EPOLLIN;
     return epoll_ctl(events_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
@@ -115,7 +115,7 @@ bool o_msg_queue::open(char const* name) {
 }
 
 o_msg_queue::~o_msg_queue() {
-    for (o_msg_queue** at = &queues; *at != nullptr; at = &(*at)->next_) {
+    for (o_msg_queue** at = &queues; *at; at = &(*at)->next_) {
         if (*at == this) {
             *at = next_;
             break;
@@ -127,7 +127,7 @@ o_msg_queue::~o_msg_queue() {
 // reach a queue that nobody receives from. The three descriptors are safe to touch here, whatever the queue's
 // thread was doing at the time of the fork, because they never change while a queue lives.
 void o_msg_queue::close_all_in_child() {
-    for (o_msg_queue* queue = queues; queue != nullptr; queue = queue->next_) {
+    for (o_msg_queue* queue = queues; queue; queue = queue->next_) {
         queue->listener_.reset();
         queue->events_.reset();
         queue->pause_timer_.reset();
@@ -137,9 +137,9 @@ void o_msg_queue::close_all_in_child() {
 // Without descriptors or memory, a waiting connection can be neither accepted nor refused. The listener would
 // stay readable and the loop would spin, so the listener is left alone for a while. Senders wait meanwhile.
 void o_msg_queue::pause_accepting() {
-    itimerspec after{};
+    itimerspec after = {};
     after.it_value.tv_nsec = accept_pause_ms * 1000000;
-    epoll_event nothing{};
+    epoll_event nothing = {};
     if (timerfd_settime(pause_timer_.get(), 0, &after, nullptr) == 0 &&
         epoll_ctl(events_.get(), EPOLL_CTL_MOD, listener_.get(), &nothing) == 0)
         paused_ = true;
@@ -149,7 +149,7 @@ void o_msg_queue::go_on_accepting() {
     std::uint64_t expired = 0;
     if (!paused_ || read(pause_timer_.get(), &expired, sizeof expired) < 0)
         return;
-    epoll_event event{};
+    epoll_event event = {};
     event.events = EPOLLIN;
     epoll_ctl(events_.get(), EPOLL_CTL_MOD, listener_.get(), &event);
     paused_ = false;
@@ -262,7 +262,7 @@ o_msg_queue_t* o_msg_create_queue(char const* name, int flags) {
         errno = EINVAL;
         return nullptr;
     }
-    std::lock_guard<std::mutex> lock(queues_mutex);
+    std::lock_guard<std::mutex> const lock(queues_mutex);
     std::unique_ptr<o_msg_queue> queue(new (std::nothrow) o_msg_queue);
     if (!queue) {
         errno = ENOMEM;
@@ -272,11 +272,11 @@ o_msg_queue_t* o_msg_create_queue(char const* name, int flags) {
 }
 
 int o_msg_destroy_queue(o_msg_queue_t* queue) {
-    if (queue == nullptr) {
+    if (!queue) {
         errno = EINVAL;
         return -1;
     }
-    std::lock_guard<std::mutex> lock(queues_mutex);
+    std::lock_guard<std::mutex> const lock(queues_mutex);
     delete queue;
     return 0;
 }
@@ -286,7 +286,7 @@ int o_msg_queue_fd(o_msg_queue_t const* queue) {
 }
 
 ssize_t o_msg_recv(o_msg_queue_t* queue, o_msg_t* message) {
-    if (queue == nullptr || message == nullptr || message->count > O_MSG_MAX_PARTS) {
+    if (!queue || !message || message->count > O_MSG_MAX_PARTS) {
         errno = EINVAL;
         return -1;
     }

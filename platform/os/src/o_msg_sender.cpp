@@ -26,14 +26,14 @@ constexpr std::int64_t send_limit_ms = 1000;
 constexpr std::int64_t crowded_limit_ms = 10000;
 
 std::int64_t now_us() {
-    timespec now{};
+    timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<std::int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
 }
 
 // How often the calling thread has gone to sleep.
 long sleeps_so_far() {
-    rusage usage{};
+    rusage usage = {};
     getrusage(RUSAGE_THREAD, &usage);
     return usage.ru_nvcsw;
 }
@@ -56,7 +56,7 @@ bool connect_in_time(int socket, Address const& address) {
             errno = EAGAIN;
             return false;
         }
-        timeval limit{};
+        timeval limit = {};
         limit.tv_sec = static_cast<time_t>(left / 1000000);
         limit.tv_usec = static_cast<suseconds_t>(left % 1000000);
         if (setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0)

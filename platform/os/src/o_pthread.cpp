@@ -46,9 +46,9 @@ bool operator==(Record const& a, Record const& b) {
 }
 
 std::uintptr_t address_in(Record const& record) {
-    if (record.create != nullptr)
+    if (record.create)
         return reinterpret_cast<std::uintptr_t>(record.create);
-    if (record.start != nullptr)
+    if (record.start)
         return reinterpret_cast<std::uintptr_t>(record.start);
     return reinterpret_cast<std::uintptr_t>(record.cleanup);
 }
@@ -67,7 +67,7 @@ struct HookList {
     Hooks hooks[hook_limit];
     std::size_t count = 0;
 
-    template <typename Condition>
+    template <class Condition>
     void remove_if(Condition const& condition) {
         count = static_cast<std::size_t>(std::remove_if(hooks, hooks + count, condition) - hooks);
     }
@@ -121,7 +121,7 @@ public:
 
     void call_create_hooks() {
         for (std::size_t i = 0; i < list_.count; ++i) {
-            if (list_.hooks[i].record.create != nullptr)
+            if (list_.hooks[i].record.create)
                 results_[i] = list_.hooks[i].record.create();
         }
     }
@@ -140,7 +140,7 @@ public:
     void call_start_hooks() {
         for (std::size_t i = 0; i < list_.count; ++i) {
             Hooks const& hooks = list_.hooks[i];
-            if (hooks.record.start != nullptr && mapped(hooks))
+            if (hooks.record.start && mapped(hooks))
                 hooks.record.start(results_[i]);
         }
     }
@@ -148,7 +148,7 @@ public:
     void call_cleanup_hooks() {
         for (std::size_t i = list_.count; i-- > 0;) {
             Hooks const& hooks = list_.hooks[i];
-            if (hooks.record.cleanup != nullptr && mapped(hooks))
+            if (hooks.record.cleanup && mapped(hooks))
                 hooks.record.cleanup();
         }
     }
@@ -252,10 +252,10 @@ using namespace orn::os;
 int o_pthread_create(o_pthread_t* thread, o_pthread_attr_t const* attr, void* (*start_routine)(void*),
                      void* argument) {
     Launch* const launch = new (std::nothrow) Launch(start_routine, argument);
-    if (launch == nullptr)
+    if (!launch)
         return EAGAIN;
     int detach_state = PTHREAD_CREATE_JOINABLE;
-    if (attr != nullptr)
+    if (attr)
         pthread_attr_getdetachstate(attr, &detach_state);
     int const error = pthread_create(thread, attr, orn_thread_start, launch);
     if (error != 0) {
@@ -308,7 +308,7 @@ int o_pthread_mutex_unlock(o_pthread_mutex_t* mutex) {
 }
 
 int o_pthread_register_extension(void const* record) {
-    if (record == nullptr)
+    if (!record)
         return EINVAL;
     Hooks added = {*static_cast<Record const*>(record), {}};
     added.module = module_of(address_in(added.record));

@@ -12,7 +12,7 @@ namespace {
 
 void report(char const* name, char const* why) {
     Log_SpecEntry(logSpecForceInfo, "std/LibLoader", __LINE__, "%s: '%s' is not loaded: %s",
-                  "orn::LibLoader::load", name, why != nullptr ? why : "unknown reason");
+                  "orn::LibLoader::load", name, why ? why : "unknown reason");
 }
 
 } // namespace
@@ -32,7 +32,7 @@ bool LibLoader::load(std::string const& name) {
     // Reserved before the library is opened, because a handle that cannot be kept would never be closed.
     handles_.reserve(handles_.size() + 1);
     void* const handle = dlopen(name.c_str(), RTLD_LAZY | RTLD_GLOBAL);
-    if (handle == nullptr) {
+    if (!handle) {
         report(name.c_str(), dlerror());
         return false;
     }

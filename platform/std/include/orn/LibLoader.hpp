@@ -5,9 +5,10 @@
 #ifndef ORN_LIBLOADER_HPP
 #define ORN_LIBLOADER_HPP
 
-#include <orn/api.h>
 #include <string>
 #include <vector>
+
+#include <orn/api.h>
 
 namespace orn {
 

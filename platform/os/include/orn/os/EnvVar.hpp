@@ -5,8 +5,9 @@
 #ifndef ORN_OS_ENVVAR_HPP
 #define ORN_OS_ENVVAR_HPP
 
-#include <orn/api.h>
 #include <string>
+
+#include <orn/api.h>
 
 namespace orn::os {
 

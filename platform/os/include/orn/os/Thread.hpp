@@ -6,6 +6,7 @@
 #define ORN_OS_THREAD_HPP
 
 #include <boost/function.hpp>
+
 #include <orn/api.h>
 #include <orn/os/o_pthread.h>
 

@@ -5,9 +5,11 @@
 #ifndef ORN_OS_TIMER_HPP
 #define ORN_OS_TIMER_HPP
 
-#include <boost/function.hpp>
 #include <cstddef>
 #include <cstdint>
+
+#include <boost/function.hpp>
+
 #include <orn/api.h>
 
 namespace orn::os {

@@ -32,9 +32,10 @@
 #ifndef ORN_OS_O_MSG_H
 #define ORN_OS_O_MSG_H
 
-#include <orn/api.h>
 #include <stddef.h>
 #include <sys/types.h>
+
+#include <orn/api.h>
 
 #ifdef __cplusplus
 extern "C" {

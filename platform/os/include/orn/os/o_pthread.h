@@ -13,8 +13,9 @@
 #ifndef ORN_OS_O_PTHREAD_H
 #define ORN_OS_O_PTHREAD_H
 
-#include <orn/api.h>
 #include <pthread.h>
+
+#include <orn/api.h>
 
 #ifdef __cplusplus
 extern "C" {
