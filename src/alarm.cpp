@@ -192,12 +192,15 @@ void Unmonitor(std::string const&, int) {
 }
 
 void zel_alarm_load() {
-    managerMutex = &Managers::lock();
     managers.load();
+    AutoLock const guard(Managers::lock());
+    managerMutex = &Managers::lock();
 }
 
 void zel_alarm_unload() {
     managers.unload();
+    // Read under the lock, because a thread that asks for its manager meanwhile brings the map back.
+    AutoLock const guard(Managers::lock());
     if (!managerMap)
         managerMutex = nullptr;
 }

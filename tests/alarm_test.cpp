@@ -311,6 +311,19 @@ void start_one() {
 }
 
 // The first group of a child of fork() is made together with its first manager, and runs the hook.
+TEST_F(Alarms, may_be_unloaded_while_another_thread_asks_for_them) {
+    std::atomic<bool> over(false);
+    Member const member([&] {
+        while (!over)
+            alarm::manager();
+    });
+    for (int round = 0; round < 1000; ++round) {
+        alarm::zel_alarm_unload();
+        alarm::zel_alarm_load();
+    }
+    over = true;
+}
+
 TEST_F(Alarms, and_tasks_of_the_childs_hook_are_kept_while_a_manager_is_made) {
     for (void (*const make)() : {alarm_one, start_one}) {
         detail::set_child_hook(make);

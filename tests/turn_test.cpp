@@ -244,6 +244,29 @@ TEST_F(Turn, a_handler_moves_its_thread_to_a_new_group_and_the_old_one_may_die) 
     EXPECT_EQ("a b1 b1 ", seen);
 }
 
+TEST_F(Turn, a_handler_that_has_moved_its_thread_withdraws_what_the_old_group_polls) {
+    boost::shared_ptr<thread::Group> const old = thread::ThisGroup();
+    std::atomic<bool> watches(false);
+    std::atomic<bool> over(false);
+    Member const member([&] {
+        watch(1, reader(1));
+        watches = true;
+        wait_until([&] { return over.load(); });
+    });
+    watch(0, [&](fd::Event* event) {
+        take(event->fd());
+        NewThreadGroup(); // so that the new group, and not the old one, is told of the removal
+        receptors[1].reset();
+    });
+    EXPECT_TRUE(wait_until([&] { return watches.load(); }));
+    settle();
+    feed();
+    old->RunOnce(0);
+    EXPECT_TRUE(old->bumped()) << "or its loop would spin on what nobody takes";
+    over = true;
+    EXPECT_EQ("", seen);
+}
+
 TEST_F(Turn, a_handler_destroys_its_signal_receptor_and_its_alarm) {
     std::unique_ptr<signal::AutoReceptor> receptor;
     std::unique_ptr<Alarm> alarm;
