@@ -19,6 +19,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <orn/cancel.hpp>
+#include <orn/forkHandlers.hpp>
 #include <orn/mapping.hpp>
 #include <orn/zel/load.hpp>
 #include <orn/zel/signal.hpp>
@@ -113,8 +114,10 @@ public:
         ZEL_unload__();
         if (!detail::Shutdown::keeps())
             signal::release_managers();
-        if (detail::Shutdown::unmapping())
+        if (detail::Shutdown::unmapping()) {
+            internal::ForkHandlers::withdraw();
             let_threads_get_on();
+        }
     }
     OnLoad(OnLoad const&) = delete;
     OnLoad& operator=(OnLoad const&) = delete;

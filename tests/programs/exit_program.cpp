@@ -9,6 +9,7 @@
 //
 //     steered    a thread that has never run a loop, and steers the tasks of another one
 //     loading    a thread that loads and unloads a library that needs zel, and forks
+//     forking    threads that fork, and find every child as it should be
 //     outlived   a member of the main thread's group, which serves what that has left behind
 //     unloaded   a thread in its loop, with the library taken down explicitly before
 //     awaited    a command and a timer's callback, both waiting for the thread that exits
@@ -154,6 +155,24 @@ void load() {
     });
 }
 
+// A handler of somebody else's, called before the library's own, has the C library wait in the middle.
+void be_forking() {
+    pthread_atfork([] { poll(nullptr, 0, 0); }, nullptr, nullptr);
+    for (int i = 0; i < 2; ++i) {
+        start(pthread_create, [](void*) -> void* {
+            for (;;) {
+                pid_t const child = fork();
+                sigset_t mask;
+                if (child == 0)
+                    _exit(pthread_sigmask(SIG_SETMASK, nullptr, &mask) != 0 || sigismember(&mask, SIGUSR1));
+                int status = 0;
+                if (waitpid(child, &status, 0) == child && status != 0)
+                    abort();
+            }
+        });
+    }
+}
+
 void be_outlived() {
     SetAlarm(20, exit_here);
     start(o_pthread_create, [](void*) -> void* { turn(); });
@@ -194,11 +213,9 @@ void be_awaited() {
         RunOnce(1);
 }
 
-std::map<std::string, void (*)()> const alone = {{"steered", be_steered},
-                                                 {"loading", load},
-                                                 {"outlived", be_outlived},
-                                                 {"unloaded", unload},
-                                                 {"awaited", be_awaited}};
+std::map<std::string, void (*)()> const alone = {{"steered", be_steered}, {"loading", load},
+                                                 {"forking", be_forking}, {"outlived", be_outlived},
+                                                 {"unloaded", unload},    {"awaited", be_awaited}};
 
 } // namespace
 
