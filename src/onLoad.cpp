@@ -72,7 +72,6 @@ void let_get_on(int tid, int& left_ms) {
 // cannot be counted yet, or behind the last one that is counted. Returns when the other threads sleep or have
 // got on, after a second at most.
 void let_threads_get_on() {
-    internal::CancelShield const shield;
     boost::shared_ptr<DIR> const tasks(opendir("/proc/self/task"), [](DIR* opened) {
         if (opened)
             closedir(opened);
@@ -110,6 +109,8 @@ public:
         // copied, and may have held a lock.
         if (!mapping.unmapped() && detail::in_unused_child())
             return;
+        // The thread may have been cancelled. Unwound from a wait in here it would join what it must not.
+        internal::CancelShield const shield;
         detail::Shutdown::begin(mapping.unmapped());
         ZEL_unload__();
         if (!detail::Shutdown::keeps())

@@ -264,7 +264,8 @@ TEST_P(ExitFrom, ends_in_the_middle_of_everything) {
     bool const waits = std::string(GetParam()) == "awaited"; // for a second or two
     int const runs = waits ? 2 : support::number_from("ZEL_EXIT_RUNS", is_sanitized ? 12 : 40);
     for (int i = 0; i < runs; ++i) {
-        Program program({EXIT_PROGRAM, GetParam(), std::to_string(i % 10 * i % 7 * 700)});
+        Program program({EXIT_PROGRAM, GetParam(), std::to_string(i % 10 * i % 7 * 700)},
+                        {{"LOG_SINK", waits ? "/dev/null" : ""}});
         ASSERT_EQ("exit 7", program.end(20000)) << "run " << i << '\n' << program.errors();
     }
 }

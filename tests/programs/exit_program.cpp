@@ -12,7 +12,8 @@
 //     forking    threads that fork, and find every child as it should be
 //     outlived   a member of the main thread's group, which serves what that has left behind
 //     unloaded   a thread in its loop, with the library taken down explicitly before
-//     awaited    a command and a timer's callback, both waiting for the thread that exits
+//     awaited    a command and a timer's callback, both waiting for the thread that exits, which has
+//                been cancelled
 #include <atomic>
 #include <cstdlib>
 #include <map>
@@ -211,6 +212,8 @@ void be_awaited() {
     (new orn::os::Timer([](orn::os::Timer*) { wait_for_the_end(callback); }))->Set(0, 0);
     while (!command || !callback)
         RunOnce(1);
+    pthread_cancel(pthread_self()); // it must not be unwound out of exit()
+    exit(7);
 }
 
 std::map<std::string, void (*)()> const alone = {{"steered", be_steered}, {"loading", load},

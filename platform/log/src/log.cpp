@@ -203,6 +203,7 @@ class Lifetime {
 public:
     Lifetime() = default;
     ~Lifetime() {
+        orn::internal::CancelShield const shield; // a thread that has been cancelled may call exit()
         std::lock_guard<std::mutex> const lock(mutex);
         if (sink == Sink::file || sink == Sink::unread)
             close_sink();

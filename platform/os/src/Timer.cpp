@@ -405,6 +405,7 @@ class Lifetime {
 public:
     Lifetime() { mapping.begin("o_pthread_create"); }
     ~Lifetime() {
+        internal::CancelShield const shield; // stop() waits, and must not be unwound
         service.stop(mapping.unmapped());
         if (mapping.unmapped())
             internal::ForkHandlers::withdraw();
