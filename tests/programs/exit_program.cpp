@@ -38,6 +38,12 @@
 extern "C" ORN_API char const* __asan_default_options() {
     return "detect_odr_violation=0";
 }
+
+// So are those of the C++ library, which forget what the first run has allocated.
+static bool constructed_again = false;
+extern "C" ORN_API int __lsan_is_turned_off() {
+    return constructed_again;
+}
 #endif
 
 namespace {
@@ -143,6 +149,9 @@ void be_steered() {
 
 // The loader runs the constructors of what it needs anew, once exit() has run the destructors.
 void load() {
+#if defined(__SANITIZE_ADDRESS__)
+    constructed_again = true;
+#endif
     start(pthread_create, [](void*) -> void* {
         for (;;) {
             void* const library = dlopen(QUIET_MODULE, RTLD_NOW);
