@@ -5,8 +5,9 @@
 
 #include <atomic>
 
-#include <pthread.h>
 #include <unistd.h>
+
+#include <orn/forkHandlers.hpp>
 
 #include "observer.hpp"
 
@@ -21,8 +22,7 @@ void in_child() {
     renew_observers();
 }
 
-// Withdrawn by the C library when this library is unmapped.
-[[maybe_unused]] int const registered = pthread_atfork(nullptr, nullptr, in_child);
+internal::ForkHandlers const fork_handlers = {nullptr, nullptr, in_child};
 
 std::atomic<void (*)()> child_hook(nullptr);
 std::atomic<pid_t> hooked(0); // the process in which the hook was set or has last run

@@ -19,6 +19,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <orn/cancel.hpp>
+#include <orn/forkHandlers.hpp>
 #include <orn/mapping.hpp>
 #include <orn/zel/load.hpp>
 #include <orn/zel/signal.hpp>
@@ -70,7 +71,6 @@ void let_get_on(int tid, int& left_ms) {
 // cannot be counted yet, or behind the last one that is counted. Returns when the other threads sleep or have
 // got on, after a second at most.
 void let_threads_get_on() {
-    internal::CancelShield const shield;
     boost::shared_ptr<DIR> const tasks(opendir("/proc/self/task"), [](DIR* opened) {
         if (opened)
             closedir(opened);
@@ -108,12 +108,16 @@ public:
         // copied, and may have held a lock.
         if (!mapping.unmapped() && detail::in_unused_child())
             return;
+        // The thread may have been cancelled. Unwound from a wait in here it would join what it must not.
+        internal::CancelShield const shield;
         detail::Shutdown::begin(mapping.unmapped());
         ZEL_unload__();
         if (!detail::Shutdown::keeps())
             signal::release_managers();
-        if (detail::Shutdown::unmapping())
+        if (detail::Shutdown::unmapping()) {
+            internal::ForkHandlers::withdraw();
             let_threads_get_on();
+        }
     }
     OnLoad(OnLoad const&) = delete;
     OnLoad& operator=(OnLoad const&) = delete;

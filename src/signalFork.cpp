@@ -7,6 +7,7 @@
 
 #include <pthread.h>
 
+#include <orn/forkHandlers.hpp>
 #include <orn/zel/core.hpp>
 
 #include "immortal.hpp"
@@ -66,11 +67,7 @@ void in_child() ZEL_RELEASE(barrier_lock()) {
     open_barrier(mask_before);
 }
 
-std::atomic<bool> handled(false);
-
-// The C library withdraws the handlers when this library is unmapped. The loader may run this initialisation
-// again during exit(), and handlers that are registered twice would make fork() wait for itself.
-int const registered = handled.exchange(true) ? 0 : pthread_atfork(prepare, in_parent, in_child);
+internal::ForkHandlers const fork_handlers = {prepare, in_parent, in_child};
 
 } // namespace
 
@@ -91,7 +88,6 @@ ForkBarrier::~ForkBarrier() {
 }
 
 void handler_installed(int signo, struct sigaction const& before) {
-    static_cast<void>(registered);
     watched[signo].before = before;
     watched[signo].in_place = true;
 }

@@ -13,6 +13,7 @@
 
 #include <dlfcn.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -166,6 +167,36 @@ TEST(Unloading, takes_no_code_from_under_a_thread_that_a_signal_has_just_reached
     sigaction(55, &before, nullptr);
 }
 
+// The handlers that run around a fork() lock and block what only they open again.
+TEST(Unloading, leaves_threads_that_fork_and_their_children_as_they_were) {
+    std::atomic<bool> stop(false);
+    std::atomic<int> spoilt(0);
+    auto const is_spoilt = [] {
+        sigset_t mask;
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        return sigismember(&mask, SIGUSR1);
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; ++i) {
+        threads.emplace_back([&] {
+            while (!stop && spoilt == 0) {
+                pid_t const child = fork();
+                if (child == 0)
+                    _exit(is_spoilt());
+                int status = 0;
+                waitpid(child, &status, 0);
+                spoilt += status != 0 || is_spoilt();
+            }
+        });
+    }
+    for (int i = 0; i < (is_sanitized ? 20 : 400); ++i)
+        load_and_unload(ZEL_LIBRARY);
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(0, spoilt);
+}
+
 // ---- Modules that come and go with the library ----------------------------------------------------------
 
 // What the modules of these names say in a run of the command.
@@ -233,14 +264,15 @@ TEST_P(ExitFrom, ends_in_the_middle_of_everything) {
     bool const waits = std::string(GetParam()) == "awaited"; // for a second or two
     int const runs = waits ? 2 : support::number_from("ZEL_EXIT_RUNS", is_sanitized ? 12 : 40);
     for (int i = 0; i < runs; ++i) {
-        Program program({EXIT_PROGRAM, GetParam(), std::to_string(i % 10 * i % 7 * 700)});
+        Program program({EXIT_PROGRAM, GetParam(), std::to_string(i % 10 * i % 7 * 700)},
+                        {{"LOG_SINK", waits ? "/dev/null" : ""}});
         ASSERT_EQ("exit 7", program.end(20000)) << "run " << i << '\n' << program.errors();
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Places, ExitFrom,
                          ::testing::Values("main", "thread", "handler", "alarm", "signal", "timer", "steered",
-                                           "loading", "outlived", "unloaded", "awaited"),
+                                           "loading", "forking", "outlived", "unloaded", "awaited"),
                          parameter_of);
 
 // CHANNEL_EXIT_RUNS raises the number of runs for each command.

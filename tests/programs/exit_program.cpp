@@ -9,9 +9,11 @@
 //
 //     steered    a thread that has never run a loop, and steers the tasks of another one
 //     loading    a thread that loads and unloads a library that needs zel, and forks
+//     forking    threads that fork, and find every child as it should be
 //     outlived   a member of the main thread's group, which serves what that has left behind
 //     unloaded   a thread in its loop, with the library taken down explicitly before
-//     awaited    a command and a timer's callback, both waiting for the thread that exits
+//     awaited    a command and a timer's callback, both waiting for the thread that exits, which has
+//                been cancelled
 #include <atomic>
 #include <cstdlib>
 #include <map>
@@ -35,6 +37,12 @@
 // same names.
 extern "C" ORN_API char const* __asan_default_options() {
     return "detect_odr_violation=0";
+}
+
+// So are those of the C++ library, which forget what the first run has allocated.
+static bool constructed_again = false;
+extern "C" ORN_API int __lsan_is_turned_off() {
+    return constructed_again;
 }
 #endif
 
@@ -141,6 +149,9 @@ void be_steered() {
 
 // The loader runs the constructors of what it needs anew, once exit() has run the destructors.
 void load() {
+#if defined(__SANITIZE_ADDRESS__)
+    constructed_again = true;
+#endif
     start(pthread_create, [](void*) -> void* {
         for (;;) {
             void* const library = dlopen(QUIET_MODULE, RTLD_NOW);
@@ -152,6 +163,24 @@ void load() {
                 dlclose(library);
         }
     });
+}
+
+// A handler of somebody else's, called before the library's own, has the C library wait in the middle.
+void be_forking() {
+    pthread_atfork([] { poll(nullptr, 0, 0); }, nullptr, nullptr);
+    for (int i = 0; i < 2; ++i) {
+        start(pthread_create, [](void*) -> void* {
+            for (;;) {
+                pid_t const child = fork();
+                sigset_t mask;
+                if (child == 0)
+                    _exit(pthread_sigmask(SIG_SETMASK, nullptr, &mask) != 0 || sigismember(&mask, SIGUSR1));
+                int status = 0;
+                if (waitpid(child, &status, 0) == child && status != 0)
+                    abort();
+            }
+        });
+    }
 }
 
 void be_outlived() {
@@ -192,13 +221,13 @@ void be_awaited() {
     (new orn::os::Timer([](orn::os::Timer*) { wait_for_the_end(callback); }))->Set(0, 0);
     while (!command || !callback)
         RunOnce(1);
+    pthread_cancel(pthread_self()); // it must not be unwound out of exit()
+    exit(7);
 }
 
-std::map<std::string, void (*)()> const alone = {{"steered", be_steered},
-                                                 {"loading", load},
-                                                 {"outlived", be_outlived},
-                                                 {"unloaded", unload},
-                                                 {"awaited", be_awaited}};
+std::map<std::string, void (*)()> const alone = {{"steered", be_steered}, {"loading", load},
+                                                 {"forking", be_forking}, {"outlived", be_outlived},
+                                                 {"unloaded", unload},    {"awaited", be_awaited}};
 
 } // namespace
 

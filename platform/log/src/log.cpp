@@ -5,7 +5,6 @@
 // file is closed when the library goes.
 #include <orn/log.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -195,9 +194,8 @@ void emit(Log_Spec spec, char const* source, int line, char* text, std::size_t s
         write_whole(record, length + size + 1);
 }
 
-std::atomic<bool> forks_handled{false};
 orn::internal::ForkHandlers const fork_handlers __attribute__((init_priority(101))) = {
-    forks_handled, [] { mutex.lock(); }, [] { mutex.unlock(); }, [] { mutex.unlock(); }};
+    [] { mutex.lock(); }, [] { mutex.unlock(); }, [] { mutex.unlock(); }};
 
 // Closes the file after the last ordinary static object of this library has gone. orn_log_enabled stays as it
 // is, because in a program that is linked with this layer as well it may be the program's variable.
@@ -205,6 +203,7 @@ class Lifetime {
 public:
     Lifetime() = default;
     ~Lifetime() {
+        orn::internal::CancelShield const shield; // a thread that has been cancelled may call exit()
         std::lock_guard<std::mutex> const lock(mutex);
         if (sink == Sink::file || sink == Sink::unread)
             close_sink();

@@ -22,6 +22,7 @@
 #include <sys/prctl.h>
 
 #include <orn/cancel.hpp>
+#include <orn/forkHandlers.hpp>
 #include <orn/mapping.hpp>
 
 namespace orn::os {
@@ -402,18 +403,22 @@ __attribute__((destructor)) void note_destructors() {
 // alike.
 class Lifetime {
 public:
-    Lifetime() {
-        if (!mapping.begin("o_pthread_create"))
-            return; // fork() would lock the mutex twice
-        pthread_atfork([] { service.before_fork(); }, [] { service.after_fork_in_parent(); },
-                       [] { service.after_fork_in_child(); });
+    Lifetime() { mapping.begin("o_pthread_create"); }
+    ~Lifetime() {
+        internal::CancelShield const shield; // stop() waits, and must not be unwound
+        service.stop(mapping.unmapped());
+        if (mapping.unmapped())
+            internal::ForkHandlers::withdraw();
     }
-    ~Lifetime() { service.stop(mapping.unmapped()); }
     Lifetime(Lifetime const&) = delete;
     Lifetime& operator=(Lifetime const&) = delete;
 };
 
 Lifetime lifetime __attribute__((init_priority(101)));
+
+internal::ForkHandlers const fork_handlers __attribute__((init_priority(101))) = {
+    [] { service.before_fork(); }, [] { service.after_fork_in_parent(); },
+    [] { service.after_fork_in_child(); }};
 
 } // namespace
 

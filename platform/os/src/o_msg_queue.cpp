@@ -2,7 +2,6 @@
 //
 // The receiving end of message queues: listening, accepting, and choosing the next message. What passes over
 // a connection is left to o_msg_packet.hpp, and who is trusted to o_msg_address.hpp.
-#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <memory>
@@ -244,14 +243,12 @@ ssize_t o_msg_queue::receive(o_msg_t& to) {
 
 namespace {
 
-std::atomic<bool> forks_handled{false};
-
-orn::internal::ForkHandlers const fork_handlers __attribute__((init_priority(101))) = {
-    forks_handled, [] { queues_mutex.lock(); }, [] { queues_mutex.unlock(); },
-    [] {
-        o_msg_queue::close_all_in_child();
-        queues_mutex.unlock();
-    }};
+orn::internal::ForkHandlers const fork_handlers
+    __attribute__((init_priority(101))) = {[] { queues_mutex.lock(); }, [] { queues_mutex.unlock(); },
+                                           [] {
+                                               o_msg_queue::close_all_in_child();
+                                               queues_mutex.unlock();
+                                           }};
 
 } // namespace
 

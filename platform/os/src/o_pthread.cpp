@@ -238,9 +238,8 @@ void after_fork_in_child() {
 }
 
 // Registered at load and not at the first use, because any thread that forks may hold a cached id.
-std::atomic<bool> forks_handled{false};
-internal::ForkHandlers const fork_handlers __attribute__((init_priority(101))) = {
-    forks_handled, before_fork, after_fork_in_parent, after_fork_in_child};
+internal::ForkHandlers const fork_handlers
+    __attribute__((init_priority(101))) = {before_fork, after_fork_in_parent, after_fork_in_child};
 
 } // namespace
 } // namespace orn::os
