@@ -1,22 +1,12 @@
 // SPDX-License-Identifier: MIT
 //
 // The command channel between real processes: what clients may do to a process, and what they may not.
-#include <cerrno>
-#include <cstdlib>
 #include <fstream>
-#include <memory>
-#include <stdexcept>
-#include <string>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
 #include <orn/zel.hpp>
 
 #include "support/Programs.hpp"

@@ -1,22 +1,14 @@
 // SPDX-License-Identifier: MIT
 //
 // The registry of command words and what is answered, without a channel.
-#include <atomic>
 #include <chrono>
 #include <future>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
 #include <orn/zel.hpp>
 
 #include "support/Programs.hpp"

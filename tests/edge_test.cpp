@@ -2,10 +2,8 @@
 //
 // What passes between a program and the shared library: exceptions, casts, the functions and the data. Built
 // twice, since a program that is not position-independent has copies of its own of the library's data.
-#include <stdexcept>
 #include <system_error>
 
-#include <gtest/gtest.h>
 #include <orn/log.h>
 #include <orn/zel.hpp>
 

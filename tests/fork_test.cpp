@@ -1,20 +1,10 @@
 // SPDX-License-Identifier: MIT
 //
 // Children of fork() that execute nothing: their signals, their end, and the daemons among them.
-#include <atomic>
-#include <cstdlib>
-#include <functional>
 #include <future>
-#include <string>
-#include <thread>
 
-#include <poll.h>
-#include <signal.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
 #include <orn/zel.hpp>
 
 #include "support/Programs.hpp"

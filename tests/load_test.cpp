@@ -2,20 +2,10 @@
 //
 // How the library begins and ends: in hosts that get it by dlopen() only, which this program is too, and in
 // processes that exit in the middle of everything.
-#include <atomic>
 #include <cstdio>
 #include <fstream>
-#include <map>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <dlfcn.h>
-#include <signal.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include "support/Programs.hpp"
 

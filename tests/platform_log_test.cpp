@@ -1,22 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
 // Log sinks, the loader of libraries that reports to them, and unloading a library with all of this in it.
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <set>
-#include <string>
-#include <thread>
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <regex.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
 #include <orn/LibLoader.hpp>
 #include <orn/log.h>
 
@@ -135,7 +126,7 @@ TEST_F(PlatformLog, hurts_nobody_when_its_sink_takes_nothing) {
     for (int i = 0; i < 5000; ++i) // more than the FIFO holds
         write_record("perhaps lost");
     close(reader);
-    std::signal(SIGPIPE, SIG_DFL);
+    signal(SIGPIPE, SIG_DFL);
     write_record("lost");
     sigset_t pending;
     sigpending(&pending);

@@ -1,24 +1,14 @@
 // SPDX-License-Identifier: MIT
 //
 // Pipes, environment, threads and their hooks.
-#include <cerrno>
 #include <climits>
 #include <cstdint>
-#include <cstdlib>
 #include <future>
-#include <memory>
-#include <mutex>
-#include <stdexcept>
-#include <string>
 #include <system_error>
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
 #include <orn/LibLoader.hpp>
 #include <orn/os/EnvVar.hpp>
 #include <orn/os/Pipe.hpp>

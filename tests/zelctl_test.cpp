@@ -2,17 +2,6 @@
 //
 // The command-line client, as a script sees it: output, exit status, and what it never does.
 #include <algorithm>
-#include <cstdlib>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include "support/Programs.hpp"
 

@@ -5,20 +5,12 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
-#include <memory>
 #include <sstream>
 
 #include <dirent.h>
 #include <malloc.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-
-#include <gtest/gtest.h>
 
 namespace support {
 

@@ -1,21 +1,32 @@
 // SPDX-License-Identifier: MIT
 //
 // What all tests share, whether they link the library or not: waiting with a deadline, what /proc tells about
-// a process, and child processes. Fixtures for the library's own loop are in Support.hpp, programs that are
-// started in Programs.hpp.
+// a process, and child processes. Includes what nearly all of them use. Fixtures for the library's own loop
+// are in Support.hpp, programs that are started in Programs.hpp.
 #ifndef TESTS_SUPPORT_COMMON_HPP
 #define TESTS_SUPPORT_COMMON_HPP
 
+#include <atomic>
+#include <cerrno>
 #include <condition_variable>
+#include <cstdlib>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include <sys/types.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 namespace support {
 

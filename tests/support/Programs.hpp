@@ -5,11 +5,6 @@
 #ifndef TESTS_SUPPORT_PROGRAMS_HPP
 #define TESTS_SUPPORT_PROGRAMS_HPP
 
-#include <map>
-#include <string>
-
-#include <sys/types.h>
-
 #include "Common.hpp"
 
 namespace support {

@@ -1,26 +1,15 @@
 // SPDX-License-Identifier: MIT
 //
 // What the tests of the library's loop share: a fixture that shows that nothing is left behind, threads of
-// the library's own kind, and waiting that turns the loop. Includes what nearly all of them use. Common.hpp
-// has what needs no loop.
+// the library's own kind, and waiting that turns the loop. Common.hpp has what needs no
+// loop.
 #ifndef TESTS_SUPPORT_SUPPORT_HPP
 #define TESTS_SUPPORT_SUPPORT_HPP
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <cstdlib>
-#include <memory>
-#include <stdexcept>
-#include <thread>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 
 #include <boost/make_shared.hpp>
 #include <boost/weak_ptr.hpp>
-#include <gtest/gtest.h>
 #include <orn/os/Pipe.hpp>
 #include <orn/os/o_pthread.h>
 #include <orn/zel.hpp>
