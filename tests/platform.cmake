@@ -12,15 +12,9 @@ endfunction()
 
 zel_add_test(platform_os_test SOURCES platform_os_test.cpp LIBRARIES zel_os zel_std zel_log)
 zel_add_test(platform_msg_test SOURCES platform_msg_test.cpp LIBRARIES zel_os)
-zel_add_test(platform_timer_clock_test SOURCES platform_timer_clock_test.cpp LIBRARIES zel_os)
-target_link_options(platform_timer_clock_test PRIVATE -Wl,--wrap=pthread_create) # to make it slow, or fail
-zel_add_test(platform_log_test SOURCES platform_log_test.cpp LIBRARIES zel_std zel_log)
-# The contract of timers, on the real clock and on the one that tests turn by hand.
 zel_add_test(platform_timer_test SOURCES platform_timer_test.cpp LIBRARIES zel_os)
-zel_add_test(platform_faketimer_test
-    SOURCES platform_timer_test.cpp support/FakeTimer.cpp LIBRARIES zel_platform_headers)
-target_compile_definitions(platform_faketimer_test PRIVATE FAKE_TIMER)
-
+target_link_options(platform_timer_test PRIVATE -Wl,--wrap=pthread_create) # to make it slow, or fail
+zel_add_test(platform_log_test SOURCES platform_log_test.cpp LIBRARIES zel_std zel_log)
 # Three libraries that say when they come and go; one of them registers thread hooks with the program.
 foreach(letter a b h)
     zel_add_platform_module(platform_module_${letter} ${CMAKE_CURRENT_LIST_DIR}/support/platform_module.cpp)

@@ -108,11 +108,6 @@ void advance(unsigned long ms) {
     }
 }
 
-long now() {
-    std::lock_guard<std::mutex> const guard(orn::os::service().mutex);
-    return static_cast<long>(orn::os::service().now_ns / 1000000);
-}
-
 std::size_t live() {
     std::lock_guard<std::mutex> const guard(orn::os::service().mutex);
     return orn::os::service().live;

@@ -13,7 +13,6 @@ namespace fake_timer {
 // the one set first), recurring timers once a period. advance(0) fires what was set with a delay of 0.
 void advance(unsigned long ms);
 
-long now();         // ms since the first timer
 std::size_t live(); // timers that exist
 
 } // namespace fake_timer
