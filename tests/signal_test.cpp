@@ -5,7 +5,6 @@
 #include <csetjmp>
 
 #include <sys/syscall.h>
-#include <sys/wait.h>
 
 #include "../src/signalGate.hpp"
 #include "support/Support.hpp"
@@ -397,31 +396,6 @@ TEST_F(Signals, a_member_that_watches_what_arrives_all_the_time_is_served) {
         stop = true;
     }
     EXPECT_EQ(0, unserved);
-}
-
-TEST_F(Signals, members_watch_and_unwatch_while_another_thread_runs_their_loop) {
-    int const signo = SIGRTMIN + 1;
-    std::atomic<long> calls(0);
-    signal::AutoReceptor const stays(signo, [](int) {});
-    signal::AutoReceptor const other(SIGRTMIN + 2, [](int) {});
-    Storm storm({signo, SIGRTMIN + 2}, 10000); // not for ever: a turn ends when all arrivals are served
-    {
-        auto const churn = [&] {
-            signal::AutoReceptor const mine(signo, [&](int) { ++calls; });
-            for (int i = 0; i < 300 || !storm.over() || calls == 0; ++i) {
-                signal::AutoReceptor const one(signo, [&](int) { ++calls; });
-                signal::AutoReceptor const two(SIGRTMIN + 2 + i % 8, [&](int) { ++calls; });
-                ASSERT_LE(1u, Signal(signo)->count());
-                if (i < 16 || i % 16 == 0)
-                    raise(signo);
-                sched_yield();
-            }
-        };
-        Member const first(churn), second(churn);
-        ASSERT_TRUE(run_until([&] { return first.ended() && second.ended(); }, 40000));
-    }
-    settle();
-    EXPECT_LT(0, calls);
 }
 
 } // namespace

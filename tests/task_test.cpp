@@ -216,24 +216,6 @@ TEST_F(Tasks, are_continued_by_any_thread_which_does_not_become_one_of_the_libra
     waker.join();
 }
 
-TEST_F(Tasks, of_another_member_may_be_started_and_cancelled_while_the_runner_runs_them) {
-    std::atomic<int> completed(0);
-    std::atomic<bool> over(false);
-    Member const member([&] {
-        for (int i = 0; i < 2000; ++i) {
-            RunTask(complete, [&] { ++completed; });
-            Task cancelled(nothing);
-            cancelled.Run();
-        }
-        EXPECT_TRUE(wait_until([&] { return completed == 2000; }));
-        over = true;
-        Exit();
-    });
-    while (!over)
-        RunOnce(-1);
-    EXPECT_EQ(2000, completed);
-}
-
 // ---- Reports
 
 TEST_F(Tasks, are_watched_in_every_change) {
