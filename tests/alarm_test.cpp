@@ -349,25 +349,4 @@ TEST_F(Alarms, the_monitor_tells_the_life_of_each) {
     EXPECT_EQ("", lines());
 }
 
-TEST_F(Alarms, are_counted_per_thread_and_served_by_the_group) {
-    SetAlarm(1, say("mine "));
-    Count armed;
-    std::atomic<bool> fired(false);
-    Member const member([&] {
-        EXPECT_EQ(0u, OutstandingAlarmCount());
-        SetAlarm(1, [&] {
-            seen += "theirs ";
-            fired = true;
-        });
-        EXPECT_EQ(1u, OutstandingAlarmCount());
-        armed.up();
-        EXPECT_TRUE(wait_until([&] { return fired.load(); }));
-        EXPECT_EQ(0u, OutstandingAlarmCount());
-    });
-    ASSERT_TRUE(armed.reaches(1));
-    EXPECT_EQ(1u, OutstandingAlarmCount());
-    advance(1);
-    EXPECT_TRUE(run_until([&] { return seen.size() == 12; })) << seen;
-}
-
 } // namespace

@@ -32,24 +32,6 @@ TEST(Identifiers, are_32_bits_wide_and_wrap_whatever_the_width_of_long) {
     EXPECT_EQ(1u, unique_id());
 }
 
-TEST(Identifiers, are_given_once_to_threads_that_ask_at_the_same_time) {
-    constexpr unsigned each = 20000;
-    std::vector<unsigned long> got[3];
-    {
-        std::vector<std::unique_ptr<Member>> threads;
-        for (std::vector<unsigned long>& mine : got) {
-            threads.emplace_back(new Member([&mine] {
-                for (unsigned i = 0; i < each; ++i)
-                    mine.push_back(unique_id());
-            }));
-        }
-    }
-    std::set<unsigned long> all;
-    for (std::vector<unsigned long> const& mine : got)
-        all.insert(mine.begin(), mine.end());
-    EXPECT_EQ(3 * each, all.size());
-}
-
 TEST(Split, cuts_at_each_separator_and_leaves_the_rest_in_the_last_field) {
     int const all = 1000;
     struct {

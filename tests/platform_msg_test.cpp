@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
 // Message queues between real processes. Most cases have a child or a bare socket at one end.
-#include <random>
-
 #include <malloc.h>
 #include <pthread.h>
 #include <sched.h>
@@ -243,29 +241,6 @@ TEST_F(MsgQueue, drops_what_is_no_message_whole_and_serves_the_next_one) {
     send_bare_packet(name, packet_of()); // or none of the above would have shown anything
     inbox->next();
     EXPECT_EQ(5, inbox->message.type);
-}
-
-TEST_F(MsgQueue, neither_leaks_nor_stops_at_random_packets) {
-    auto const before = descriptors();
-    std::mt19937 random(20240607);
-    auto const below = [&random](std::size_t limit) { return random() % limit; };
-    std::size_t settled = 0;
-    for (int round = 0; round < 3000; ++round) {
-        std::string bytes = packet_of({}, below(3) == 0 ? static_cast<int>(below(3000)) : 4);
-        for (std::size_t changes = below(4); changes > 0; --changes)
-            bytes[below(below(8) == 0 ? bytes.size() : sizeof(Header))] ^= static_cast<char>(1u << below(8));
-        bytes.resize(below(6) == 0 ? below(bytes.size()) : bytes.size());
-        send_bare_packet(name, bytes, std::vector<int>(below(4) == 0 ? below(4) : 0, 1));
-        ASSERT_TRUE(send_to(name, 77, round, bytes, round % 2));
-        do
-            ASSERT_NE(no_message, inbox->next());
-        while (inbox->message.type != 77);
-        ASSERT_EQ(round, inbox->number);
-        o_msg_release(&inbox->message);
-        ASSERT_EQ(before, descriptors());
-        settled = round == 1000 ? mallinfo2().uordblks : settled;
-    }
-    EXPECT_LT(mallinfo2().uordblks, settled + 32768);
 }
 
 // ---- Slow, stopped and dead partners --------------------------------------------------------------------

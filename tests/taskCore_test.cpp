@@ -73,24 +73,6 @@ protected:
 
 // ---- Nested loops
 
-TEST_F(Tasks, may_wait_in_a_slice_for_a_task_of_their_own_turn) {
-    std::string order;
-    RunTask([&](Controller* self) {
-        self->Complete();
-        EXPECT_TRUE(woken_until([&] { return order.size() == 2; }));
-        order += 'a';
-    });
-    for (char const name : {'b', 'c'}) {
-        RunTask([&order, name](Controller* self) {
-            order += name;
-            self->Complete();
-        });
-    }
-    EXPECT_EQ(1, RunOnce(0));
-    EXPECT_EQ("bca", order);
-    EXPECT_EQ(0, RunOnce(0)) << "what woke the nested loop has gone";
-}
-
 // Each but the last would otherwise be one level more on the stack, and the loop ends the process at a
 // hundred.
 TEST_F(Tasks, that_each_run_a_nested_turn_share_one_turn_without_piling_up) {

@@ -22,16 +22,6 @@ protected:
 
 // ---- Slices
 
-TEST_F(Tasks, run_one_slice_a_turn_and_none_in_run) {
-    int slices = 0;
-    Task task([&](Controller*) { ++slices; });
-    task.Run();
-    for (int turn = 1; turn <= 5; ++turn) {
-        EXPECT_EQ(turn - 1, slices);
-        EXPECT_EQ(1, RunOnce(0));
-    }
-}
-
 TEST_F(Tasks, sleep_until_they_are_continued_which_in_their_own_slice_gives_two_more) {
     int slices = 0;
     Controller* controller = nullptr;

@@ -244,26 +244,4 @@ TEST_F(Turn, a_handler_moves_its_thread_to_a_new_group_and_the_old_one_may_die) 
     EXPECT_EQ("a b1 b1 ", seen);
 }
 
-TEST_F(Turn, a_handler_destroys_its_signal_receptor_and_its_alarm) {
-    std::unique_ptr<signal::AutoReceptor> receptor;
-    std::unique_ptr<Alarm> alarm;
-    auto const captured = std::make_shared<int>(0);
-    receptor.reset(new signal::AutoReceptor(SIGUSR1, [&, captured](int) {
-        receptor.reset();
-        RunOnce(0); // which completes nothing, but may replay the removal
-        ++*captured;
-    }));
-    alarm.reset(new Alarm(0, 1, [&, captured] {
-        alarm.reset();
-        *captured += 10;
-    }));
-    raise(SIGUSR1);
-    raise(SIGUSR1);
-    EXPECT_TRUE(run_until([&] { return !receptor && !alarm; }));
-    raise(SIGUSR1);
-    settle();
-    EXPECT_EQ(12, *captured) << "both arrivals of the dispatches that were under way, and one expiry";
-    EXPECT_EQ(1, captured.use_count());
-}
-
 } // namespace
