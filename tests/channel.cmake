@@ -42,7 +42,7 @@ zel_add_test(cmd_test SOURCES cmd_test.cpp ${programs} LIBRARIES zel)
 zel_test_starts(cmd_test WORD_MODULE=word_module)
 
 zel_add_test(channel_test SOURCES channel_test.cpp support/Client.cpp ${programs} LIBRARIES zel)
-zel_test_starts(channel_test TARGET=channel_target CLIENT=channel_client WORD_MODULE=word_module)
+zel_test_starts(channel_test TARGET=channel_target CLIENT=channel_client)
 zel_add_test(fork_test SOURCES fork_test.cpp support/Client.cpp ${programs} LIBRARIES zel)
 
 if(TARGET zelctl)
@@ -52,5 +52,5 @@ endif()
 
 zel_add_test(load_test SOURCES load_test.cpp ${programs} LIBRARIES ${CMAKE_DL_LIBS} TIMEOUT 120)
 zel_test_starts(load_test HOST=load_host EXIT_PROGRAM=exit_program TARGET=channel_target CLIENT=channel_client
-    ZEL_LIBRARY=zel USER_MODULE=user_module FIRST=first_module SECOND=second_module LAST_WORDS=last_words_module)
+    ZEL_LIBRARY=zel USER_MODULE=user_module WORD_MODULE=word_module FIRST=first_module SECOND=second_module LAST_WORDS=last_words_module)
 zel_test_starts(exit_program QUIET_MODULE=quiet_module)

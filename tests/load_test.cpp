@@ -196,6 +196,10 @@ TEST(Preload, modules_may_use_every_subsystem_when_they_go) {
     }
 }
 
+TEST(Preload, a_module_that_needs_the_library_does_not_lose_it_to_a_host_that_closes_it) {
+    EXPECT_EQ("", said({HOST, ZEL_LIBRARY, "close"}, WORD_MODULE));
+}
+
 // A client that connects to a process that has taken the library down already.
 TEST(LateClient, ends_no_process) {
     for (char const* const how : {"exit", "close"}) {

@@ -15,23 +15,16 @@ zel_add_test(platform_msg_test SOURCES platform_msg_test.cpp LIBRARIES zel_os)
 zel_add_test(platform_timer_test SOURCES platform_timer_test.cpp LIBRARIES zel_os)
 target_link_options(platform_timer_test PRIVATE -Wl,--wrap=pthread_create) # to make it slow, or fail
 zel_add_test(platform_log_test SOURCES platform_log_test.cpp LIBRARIES zel_std zel_log)
-# Three libraries that say when they come and go; one of them registers thread hooks with the program.
-foreach(letter a b h)
-    zel_add_platform_module(platform_module_${letter} ${CMAKE_CURRENT_LIST_DIR}/support/platform_module.cpp)
-    string(TOUPPER ${letter} upper)
-    target_compile_definitions(platform_module_${letter} PRIVATE MODULE_COMES="${upper}" MODULE_GOES="${letter}")
-endforeach()
-target_compile_definitions(platform_module_h PRIVATE MODULE_HAS_HOOKS)
+# A library that registers thread hooks with the program.
+zel_add_platform_module(platform_module_hooks ${CMAKE_CURRENT_LIST_DIR}/support/platform_module_hooks.cpp)
 # A library with a platform layer of its own, to be loaded and unloaded whole.
 zel_add_platform_module(platform_module_whole ${CMAKE_CURRENT_LIST_DIR}/support/platform_module_whole.cpp)
 target_link_libraries(platform_module_whole PRIVATE zel_os zel_log)
 
-target_compile_definitions(platform_log_test PRIVATE
-    MODULE_A="$<TARGET_FILE:platform_module_a>" MODULE_B="$<TARGET_FILE:platform_module_b>"
-    MODULE_WHOLE="$<TARGET_FILE:platform_module_whole>")
-target_compile_definitions(platform_os_test PRIVATE MODULE_H="$<TARGET_FILE:platform_module_h>")
-add_dependencies(platform_log_test platform_module_a platform_module_b platform_module_whole)
-add_dependencies(platform_os_test platform_module_h)
+target_compile_definitions(platform_log_test PRIVATE MODULE_WHOLE="$<TARGET_FILE:platform_module_whole>")
+target_compile_definitions(platform_os_test PRIVATE MODULE_HOOKS="$<TARGET_FILE:platform_module_hooks>")
+add_dependencies(platform_log_test platform_module_whole)
+add_dependencies(platform_os_test platform_module_hooks)
 # The linkers of some processors export what a program uses of itself, so that a module may find the program's
 # variable in place of its own. Here that is so on all of them.
 target_link_options(platform_log_test PRIVATE LINKER:--export-dynamic-symbol=orn_log_enabled)

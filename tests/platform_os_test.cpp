@@ -179,7 +179,7 @@ TEST_F(PlatformThreadHooks, go_with_the_library_that_brought_them) {
     setenv("PLATFORM_MODULE_FD", std::to_string(events.WriteFD()).c_str(), 1);
     orn::LibLoader loader;
     for (int round = 0; round < 20; ++round) { // more than there are places
-        ASSERT_TRUE(loader.load(MODULE_H));
+        ASSERT_TRUE(loader.load(MODULE_HOOKS));
         {
             orn::os::Thread const during([] { note("body"); });
         }
