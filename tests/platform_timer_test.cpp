@@ -43,94 +43,75 @@ boost::function<void(Timer*)> counting(Count& count) {
     return [&count](Timer*) { count.up(); };
 }
 
-// Who was called when, since this was made.
-class Calls {
-public:
+// Who was called; to be read when no more can come.
+struct Calls {
     boost::function<void(Timer*)> as(char name) {
-        return [this, name](Timer*) { note(name); };
+        return [this, name](Timer*) {
+            names += name;
+            count.up();
+        };
     }
-    void note(char name) {
-        std::lock_guard<std::mutex> const guard(mutex_);
-        names_ += name;
-        at_.push_back(support::milliseconds() - begin_);
-    }
-    // The first so many, once there have been as many.
-    std::string names(std::size_t first) {
-        EXPECT_TRUE(support::wait_until([&] { return count() >= first; }));
-        std::lock_guard<std::mutex> const guard(mutex_);
-        return names_.substr(0, first);
-    }
-    std::size_t count() {
-        std::lock_guard<std::mutex> const guard(mutex_);
-        return names_.size();
-    }
-    long at(std::size_t call) {
-        std::lock_guard<std::mutex> const guard(mutex_);
-        return at_.at(call);
-    }
-
-private:
-    std::mutex mutex_;
-    std::string names_;
-    std::vector<long> at_;
-    long const begin_ = support::milliseconds();
+    std::string names;
+    Count count;
 };
 
 TEST(Timer, fires_once_never_early_and_in_the_order_of_deadlines) {
     Calls calls;
-    Timer far(calls.as('f'));
-    Timer a(calls.as('a'));
-    Timer b(calls.as('b'));
+    Timer far(calls.as('f')), a(calls.as('a')), b(calls.as('b'));
+    long const begin = support::milliseconds();
     far.Set(60000, 0);
-    a.Set(20, 0);
     b.Set(30, 0);
-    EXPECT_EQ("ab", calls.names(2));
-    EXPECT_LE(20, calls.at(0));
-    EXPECT_LE(30, calls.at(1));
+    a.Set(20, 0);
+    EXPECT_TRUE(calls.count.reaches(1));
+    EXPECT_LE(begin + 20, support::milliseconds());
+    EXPECT_TRUE(calls.count.reaches(2));
+    EXPECT_LE(begin + 30, support::milliseconds());
+    EXPECT_EQ("ab", calls.names);
 }
 
 TEST(Timer, that_is_set_again_fires_anew_and_at_once_without_a_delay) {
-    Calls calls;
-    int times = 0;
+    Count fired;
     Timer twice([&](Timer* self) {
-        calls.note('t');
-        if (++times == 1)
+        if (fired.value() == 0)
             self->Set(1, 0);
+        fired.up();
     });
+    long const begin = support::milliseconds();
     twice.Set(60000, 60000);
     twice.Set(2, 60000);
-    EXPECT_EQ("tt", calls.names(2));
-    EXPECT_LE(3, calls.at(1));
+    EXPECT_TRUE(fired.reaches(2));
+    EXPECT_LE(begin + 3, support::milliseconds());
     twice.Set(0, 0);
-    EXPECT_EQ("ttt", calls.names(3));
+    EXPECT_TRUE(fired.reaches(3));
 }
 
 TEST(Timer, with_a_huge_delay_never_fires) {
     Calls calls;
-    Timer never(calls.as('n'));
-    Timer once(calls.as('o'));
-    Timer last(calls.as('l'));
+    Timer never(calls.as('n')), once(calls.as('o'));
+    auto last = std::make_unique<Timer>(calls.as('l'));
     never.Set(ULONG_MAX, ULONG_MAX);
     once.Set(0, ULONG_MAX);
-    last.Set(10, 10);
-    EXPECT_EQ("olll", calls.names(4));
+    last->Set(10, 10);
+    EXPECT_TRUE(calls.count.reaches(4));
+    last.reset();
+    EXPECT_EQ("olll", calls.names.substr(0, 4));
 }
 
 TEST(Timer, may_die_in_its_callback_which_lives_until_it_returns) {
     auto text = std::make_shared<std::string>("alive");
     std::weak_ptr<std::string> const watch = text;
-    Calls calls;
-    auto* const timer = new Timer([text, &calls](Timer* self) {
+    Count fired;
+    auto* const timer = new Timer([text, &fired](Timer* self) {
         delete self;
         Timer other([](Timer*) {});
         other.Set(0, 1);
-        calls.note(text->at(0));
+        EXPECT_EQ("alive", *text);
+        fired.up();
     });
     text.reset();
     timer->Set(5, 5);
-    EXPECT_EQ("a", calls.names(1));
     EXPECT_TRUE(support::wait_until([&] { return watch.expired(); }));
-    EXPECT_EQ(1u, calls.count());
+    EXPECT_EQ(1u, fired.value());
 }
 
 // ---- The service thread
