@@ -52,5 +52,5 @@ endif()
 
 zel_add_test(load_test SOURCES load_test.cpp ${programs} LIBRARIES ${CMAKE_DL_LIBS} TIMEOUT 120)
 zel_test_starts(load_test HOST=load_host EXIT_PROGRAM=exit_program TARGET=channel_target CLIENT=channel_client
-    ZEL_LIBRARY=zel USER_MODULE=user_module WORD_MODULE=word_module FIRST=first_module SECOND=second_module LAST_WORDS=last_words_module)
+    ZEL_LIBRARY=zel USER_MODULE=user_module FIRST=first_module SECOND=second_module LAST_WORDS=last_words_module)
 zel_test_starts(exit_program QUIET_MODULE=quiet_module)

@@ -91,18 +91,14 @@ TEST(PossiblyUndefined, is_copied_with_its_state_but_assigned_only_with_a_value)
 
 TEST(RecursionCheck, puts_the_flag_back_however_its_scope_ends) {
     bool flag = false;
-    try {
+    auto const nest = [&flag] {
         RecursionCheck const outer(flag);
         EXPECT_FALSE(static_cast<bool>(outer));
-        EXPECT_TRUE(flag);
-        {
-            RecursionCheck const inner(flag);
-            EXPECT_TRUE(static_cast<bool>(inner));
-        }
+        EXPECT_TRUE(static_cast<bool>(RecursionCheck(flag)));
         EXPECT_TRUE(flag);
         throw 1;
-    } catch (int) {
-    }
+    };
+    EXPECT_THROW(nest(), int);
     EXPECT_FALSE(flag);
 }
 

@@ -101,7 +101,8 @@ TEST_F(MsgQueue, drops_strangers_in_a_row_although_they_fill_it_and_keeps_the_or
         bool sent = become(nobody) && send_to(name, 2, 666, "", STDOUT_FILENO);
         crowd(name);
         full.open();
-        for (sent = sent && more.wait(); sent;) // and may find the other end closed already
+        sent = sent && more.wait();
+        while (sent) // and may find the other end closed already
             send_to(name, 2, 667);
         return sent;
     });

@@ -177,46 +177,32 @@ TEST_F(Tasks, survive_an_exception_of_the_nested_loop) {
 
 // ---- Memory
 
-TEST_F(Tasks, have_a_controller_that_is_nobody_elses_while_they_are_on_the_stack) {
-    int ended = 0;
+TEST_F(Tasks, keep_their_controller_while_they_are_on_the_stack_and_until_a_thousand_others_have_ended) {
+    Controller* stale = nullptr;
+    int slices = 0;
+    auto const end_others = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            Task task([&](Controller* self) {
+                EXPECT_NE(stale, self);
+                ++slices;
+            });
+            task.Run();
+            EXPECT_EQ(1, RunOnce(0));
+            stale->Continue(); // all three in vain
+            stale->Sleep();
+            stale->Complete();
+        }
+    };
     int outer = 0;
     RunTask([&](Controller* self) {
         ++outer;
-        self->Complete();
-        for (int i = 0; i < 10000; ++i) {
-            RunTask([&, self](Controller* other) {
-                EXPECT_NE(self, other);
-                ++ended;
-                other->Complete();
-            });
-            if (i % 10 == 0)
-                settle_all();
-        }
-        settle_all();
-        self->Continue();
+        (stale = self)->Complete();
+        end_others(10000);
     });
     settle_all();
-    EXPECT_EQ(10000, ended);
+    end_others(1024);
+    EXPECT_EQ(11024, slices);
     EXPECT_EQ(1, outer);
-}
-
-TEST_F(Tasks, that_are_over_are_steered_in_vain_while_a_thousand_others_end) {
-    Controller* stale = nullptr;
-    RunTask([&](Controller* self) { (stale = self)->Complete(); });
-    settle_all();
-    int slices = 0;
-    for (int i = 0; i < 1024; ++i) {
-        Task task([&](Controller* self) {
-            EXPECT_NE(stale, self);
-            ++slices;
-        });
-        task.Run();
-        EXPECT_EQ(1, RunOnce(0));
-        stale->Continue();
-        stale->Sleep();
-        stale->Complete();
-    }
-    EXPECT_EQ(1024, slices);
 }
 
 TEST_F(Tasks, allocate_nothing_in_slices_and_use_the_memory_of_those_that_are_over) {

@@ -177,14 +177,6 @@ TEST_F(Tasks, are_refused_outside_of_load_and_unload) {
 // ---- Threads
 
 TEST_F(Tasks, are_continued_by_any_thread_which_does_not_become_one_of_the_librarys) {
-    orn::os::Pipe listing(false);
-    auto const known = [&] {
-        thread::MonitorPoll("", listing.WriteFD());
-        thread::ListThreads("", -1);
-        thread::UnmonitorPoll("", -1);
-        std::string const text = take(listing.ReadFD());
-        return std::count(text.begin(), text.end(), '\n');
-    };
     std::atomic<int> slices(0);
     Controller* controller = nullptr;
     Task task([&](Controller* self) {
@@ -193,10 +185,10 @@ TEST_F(Tasks, are_continued_by_any_thread_which_does_not_become_one_of_the_libra
     });
     task.Run();
     settle_all();
-    auto const before = known();
+    auto const before = known_threads();
     std::thread([&] {
         controller->Continue();
-        EXPECT_EQ(before, known());
+        EXPECT_EQ(before, known_threads());
     }).join();
     std::thread waker([&] {
         EXPECT_TRUE(wait_until([&] { return slices == 2; }) && waits(getpid()));

@@ -51,11 +51,11 @@ TEST_F(ThreadMonitor, the_poll_monitor_tells_every_wait_and_dispatch) {
     EXPECT_EQ(0, calls);
 
     // The timeout is told as it was passed, whatever it is, but for what an int cannot hold.
-    for (long const timeoutMs : {-5L, 5L, LONG_MIN, LONG_MAX}) {
+    for (long const timeout_ms : {-5L, 5L, LONG_MIN, LONG_MAX}) {
         Exit();
         take(observer.ReadFD());
-        EXPECT_EQ(1, RunOnce(timeoutMs));
-        long const told = std::min<long>(std::max<long>(timeoutMs, INT_MIN), INT_MAX);
+        EXPECT_EQ(1, RunOnce(timeout_ms));
+        long const told = std::min<long>(std::max<long>(timeout_ms, INT_MIN), INT_MAX);
         std::string const lines = take(observer.ReadFD());
         EXPECT_NE(std::string::npos, lines.find(" timeout=" + std::to_string(told) + " ")) << lines;
     }

@@ -131,8 +131,7 @@ struct Footprint {
     Footprint();
 
     std::size_t descriptors;
-    std::size_t
-        threads; // besides the caller's and a sanitizer's own; waits up to 1 s for those that are ending
+    std::size_t threads;  // but the caller's and a sanitizer's; those that are ending have up to 1 s
     std::size_t mappings; // of any file
     std::size_t ours;     // mappings of the library, of copies of it, and of the tests' modules
     double bytes;         // allocated

@@ -28,6 +28,9 @@ bool woken_until(std::function<bool()> const& condition);
 // True once the thread is in a system call that waits; false after 10 s, scaled.
 bool waits(int tid);
 
+// Those that the library has a record of. Ends what the poll monitor tells.
+std::size_t known_threads();
+
 // Without the "tid=<n> " at the beginning of each line, whose number is checked to be the caller's thread.
 std::string without_tid(std::string const& lines, int tid = o_pthread_self());
 
