@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // Pipes, threads and their hooks.
-#include <climits>
 #include <cstdint>
 #include <future>
-#include <system_error>
 
 #include <sys/syscall.h>
 

@@ -6,7 +6,6 @@
 // both are preloaded in this order, that is after the library's end.
 #include <cstdlib>
 #include <fstream>
-#include <string>
 
 #include <signal.h>
 

@@ -14,7 +14,6 @@
 #include <stdexcept>
 #include <string>
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>

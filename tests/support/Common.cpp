@@ -3,7 +3,6 @@
 // What all tests share; see Common.hpp. Uses the system and GoogleTest only.
 #include "Common.hpp"
 
-#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <fstream>
