@@ -101,19 +101,6 @@ TEST(ThreadDeathTest, the_procedure_insists_on_its_argument) {
 
 // ---- End ------------------------------------------------------------------------------------------------
 
-TEST_F(Threads, stopped_before_start_never_run) {
-    bool ran = false;
-    Thread thread([&] {
-        ran = true;
-        return 1;
-    });
-    thread.Stop();
-    EXPECT_TRUE(thread.isStopped());
-    thread.Join();
-    EXPECT_FALSE(ran);
-    EXPECT_EQ(0, thread.Status().value());
-}
-
 TEST_F(Threads, have_their_work_asked_first_and_once_when_they_are_stopped) {
     Count asked;
     Runnable work;

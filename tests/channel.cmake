@@ -42,7 +42,7 @@ zel_add_test(cmd_test SOURCES cmd_test.cpp ${programs} LIBRARIES zel)
 zel_test_starts(cmd_test WORD_MODULE=word_module)
 
 zel_add_test(channel_test SOURCES channel_test.cpp support/Client.cpp ${programs} LIBRARIES zel)
-zel_test_starts(channel_test TARGET=channel_target CLIENT=channel_client WORD_MODULE=word_module)
+zel_test_starts(channel_test TARGET=channel_target CLIENT=channel_client)
 zel_add_test(fork_test SOURCES fork_test.cpp support/Client.cpp ${programs} LIBRARIES zel)
 
 if(TARGET zelctl)

@@ -1,28 +1,16 @@
 // SPDX-License-Identifier: MIT
 //
 // The command channel between real processes: what clients may do to a process, and what they may not.
-#include <cerrno>
-#include <cstdlib>
-#include <fstream>
-#include <memory>
-#include <stdexcept>
-#include <string>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
 #include <orn/zel.hpp>
 
 #include "support/Programs.hpp"
 
 namespace {
 
+using orn::zel::cmd::channel_signal;
 using support::Client;
 using support::joined;
 using support::Program;
@@ -79,15 +67,9 @@ TEST(Channel, a_process_that_merely_turns_its_loop_is_steered_from_outside) {
     Target target;
     EXPECT_EQ(0u, support::threads_named(target.pid(), "zel-command"));
     Client client(target.pid());
-    EXPECT_EQ(Words{}, client.ask("0 x"));
     EXPECT_EQ((Words{"1/2 2 x", "2/2 2 x"}), client.ask("2 x"));
     EXPECT_EQ("TaskMgrs:", client.ask("zel tasks").at(0));
-    std::string const module = WORD_MODULE;
-    EXPECT_EQ(Words{module + ": loaded"}, client.ask("zel load " + module));
     Client second(target.pid()); // of the same process, so the first one's answers go there now
-    EXPECT_EQ(Words{"hello you"}, second.ask("greet you"));
-    EXPECT_EQ(Words{module + ": unloaded"}, second.ask("zel unload " + module));
-    EXPECT_EQ(Words{"1/1 greet you"}, second.ask("greet you"));
 
     // Many commands are served in their order.
     Words expected;
@@ -102,42 +84,36 @@ TEST(Channel, a_process_that_merely_turns_its_loop_is_steered_from_outside) {
     EXPECT_EQ("exit 5", target.end());
 }
 
-TEST(Channel, a_burst_of_signals_and_many_clients_make_one_thread_and_one_queue) {
+TEST(Channel, a_burst_of_signals_and_many_clients_make_one_thread) {
     Target target({"busy"});
     std::map<std::string, std::unique_ptr<Program>> clients;
     for (std::string const word : {"c0", "c1", "c2", "c3"})
         clients[word].reset(new Program({CLIENT, std::to_string(target.pid()), "follow", word}));
     for (int i = 0; i < 10000; ++i)
-        sigqueue(target.pid(), 55, sigval{});
+        sigqueue(target.pid(), channel_signal, sigval{});
     for (auto const& client : clients) {
         for (std::string const& line :
              {std::string("ready"), "received \"" + client.first + '"', "1/1 " + client.first})
             EXPECT_EQ(line, client.second->line());
     }
     for (int i = 0; i < 10000; ++i)
-        kill(target.pid(), 55);
+        kill(target.pid(), channel_signal);
     Client client(target.pid());
     EXPECT_EQ(Words{"1/1 foo"}, client.ask("foo"));
     EXPECT_EQ(1u, support::threads_named(target.pid(), "zel-command"));
-    EXPECT_EQ(1u, support::listening_queues(target.pid()));
     std::string const before = client.ask_one("slices");
     EXPECT_TRUE(wait_until([&] { return client.ask_one("slices") != before; })) << "its loop goes on";
 }
 
 TEST(Channel, the_command_thread_takes_none_of_the_applications_signals) {
-    Target target({"take-sigusr2"});
-    Client client(target.pid());
-    EXPECT_EQ("0", client.ask_one("taken"));
+    Target const target;
+    EXPECT_EQ("1/1 foo", Client(target.pid()).ask_one("foo"));
     for (auto const& thread : support::threads(target.pid())) {
         std::string const status =
             support::proc(target.pid(), "task/" + std::to_string(thread.first) + "/status");
-        for (int const signo : {SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGUSR2, SIGPIPE, SIGALRM, SIGCHLD, 55})
+        for (int const signo :
+             {SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGUSR2, SIGPIPE, SIGALRM, SIGCHLD, channel_signal})
             EXPECT_TRUE(thread.second != "zel-command" || support::in_mask(status, "SigBlk", signo)) << signo;
-    }
-    // It would end the process, did any thread have it open.
-    for (int i = 1; i <= 20; ++i) {
-        target.signal(SIGUSR2);
-        ASSERT_TRUE(wait_until([&] { return client.ask_one("taken") == std::to_string(i); }));
     }
 }
 
@@ -147,40 +123,25 @@ class Observed : public ::testing::Test {
 protected:
     Observed() : target({"busy"}), control(target.pid()) {}
 
-    // Slices in a millisecond of the processor's time, which others on the machine do not change, from a
-    // tenth of a second or more.
-    double rate() {
-        unsigned long const before = slices();
-        long const begin = support::cpu_milliseconds(target.pid());
-        EXPECT_TRUE(wait_until(
-            [&] { return slices() > before + 20 && support::cpu_milliseconds(target.pid()) > begin + 100; }));
-        return static_cast<double>(slices() - before) /
-               static_cast<double>(support::cpu_milliseconds(target.pid()) - begin);
-    }
-
     unsigned long slices() { return std::strtoul(control.ask_one("slices").c_str(), nullptr, 10); }
 
     Target target;
     Client control;
 };
 
-TEST_F(Observed, by_clients_that_are_slow_or_have_stopped_it_goes_on_as_before) {
-    double const alone = rate();
-    OtherClient const slow(target, "slow", {"zel monitor poll thread"});
-    OtherClient stopped(target, "follow", {"zel monitor task alarm"});
+TEST_F(Observed, by_a_client_that_has_stopped_it_goes_on_as_before) {
+    OtherClient stopped(target, "follow", {all_monitors});
     stopped.line(); // lines come
     stopped.stop();
     // More than any pipe takes.
     unsigned long const enough = slices() + 5000;
     ASSERT_TRUE(wait_until([&] { return slices() > enough; }, 20000));
-    EXPECT_GT(rate(), alone / 40);
     stopped.signal(SIGCONT);
     EXPECT_NE("", stopped.line()) << "and the client may come back";
     EXPECT_TRUE(target.alive());
 }
 
 TEST_F(Observed, by_clients_that_are_killed_it_survives_with_every_thread_writing) {
-    double const alone = rate();
     for (int i = 0; i < 5; ++i) {
         OtherClient client(target, "follow", {all_monitors});
         client.line();
@@ -189,9 +150,7 @@ TEST_F(Observed, by_clients_that_are_killed_it_survives_with_every_thread_writin
         unsigned long const enough = slices() + 100;
         ASSERT_TRUE(wait_until([&] { return slices() > enough; })) << i;
     }
-    EXPECT_GT(rate(), alone / 4) << "nothing is written to nobody any more";
     EXPECT_EQ("caught", control.ask_one("sigpipe"));
-    EXPECT_EQ("default", control.ask_one("sigpipe-after-exec"));
 }
 
 TEST(Channel, a_client_whose_pipe_blocks_and_is_full_blocks_nobody) {
@@ -212,15 +171,14 @@ TEST(Channel, a_client_whose_pipe_blocks_and_is_full_blocks_nobody) {
 }
 
 TEST(Channel, the_applications_own_choice_about_sigpipe_is_kept) {
-    for (Words const& choice : {Words{"own", "default"}, {"ignored", "ignored"}}) {
-        Target target({"busy", choice[0] + "-sigpipe"});
+    for (std::string const choice : {"own", "ignored"}) {
+        Target target({"busy", choice + "-sigpipe"});
         Client control(target.pid());
         OtherClient client(target, "follow", {all_monitors});
         client.line();
         client.signal(SIGKILL);
         client.end();
-        EXPECT_EQ(choice[0], control.ask_one("sigpipe"));
-        EXPECT_EQ(choice[1], control.ask_one("sigpipe-after-exec"));
+        EXPECT_EQ(choice, control.ask_one("sigpipe"));
     }
 }
 
@@ -343,44 +301,14 @@ TEST_F(Served, whoever_offers_anything_but_a_pipe_is_refused_in_words) {
 
 // ---- Rights ---------------------------------------------------------------------------------------------
 
-uid_t const nobody = 65534;
-gid_t const some_group = 65533;
-
-// Runs as nobody, and with the rights of the file's group if its mode says so.
-std::unique_ptr<Program> start_guarded(std::string const& file, mode_t mode) {
-    EXPECT_EQ(0, chown(file.c_str(), 0, some_group));
-    EXPECT_EQ(0, chmod(file.c_str(), mode));
-    std::unique_ptr<Program> target(new Program({file}, {}, -1, nobody));
-    return target->line() == "ready" ? std::move(target) : nullptr;
-}
-
-// What the target has measured of a command of nobody's, as it tells root.
-std::string measured_for_nobody(Program const& target) {
-    OtherClient const client(target, "follow", {"measure four"}, nobody);
-    return Client(target.pid()).ask_one("measured");
-}
-
-TEST(Channel, of_a_program_with_the_rights_of_its_files_group_is_roots_alone) {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "only root can give a program another group's rights";
-    support::TempFile const file;
-    std::ofstream(file.path(), std::ios::binary) << support::text_of(TARGET);
-    std::unique_ptr<Program> const plain = start_guarded(file.path(), 0755);
-    if (!plain)
-        GTEST_SKIP() << "other users cannot run the programs of this build tree";
-    EXPECT_EQ("4", measured_for_nobody(*plain));
-    std::unique_ptr<Program> const guarded = start_guarded(file.path(), 02755);
-    ASSERT_TRUE(guarded);
-    std::string const status = support::proc(guarded->pid(), "status");
-    if (status.find("\t" + std::to_string(some_group) + "\t") == std::string::npos)
-        GTEST_SKIP() << "/tmp is mounted so that files there give no rights";
-    EXPECT_EQ("0", measured_for_nobody(*guarded));
-
-    // Root's own pipe is not this user's to open, unless root lets it.
+TEST(Channel, a_pipe_that_the_process_may_not_open_is_refused_in_words) {
+    Program target({TARGET}, {}, -1, 65534); // nobody
+    if (target.line() != "ready")
+        GTEST_SKIP() << "only root can become another user, who can run the programs of this build tree";
     int ends[2];
     ASSERT_EQ(0, pipe2(ends, O_CLOEXEC | O_NONBLOCK));
-    Client control(guarded->pid());
-    ASSERT_LT(0, connect_raw(*guarded, ends[1]));
+    Client control(target.pid());
+    ASSERT_LT(0, connect_raw(target, ends[1]));
     EXPECT_EQ("1/1 foo", control.ask_one("foo"));
     EXPECT_NE(std::string::npos, support::take(ends[0]).find("can open anew: "));
     close(ends[0]);

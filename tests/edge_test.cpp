@@ -2,10 +2,8 @@
 //
 // What passes between a program and the shared library: exceptions, casts, the functions and the data. Built
 // twice, since a program that is not position-independent has copies of its own of the library's data.
-#include <stdexcept>
 #include <system_error>
 
-#include <gtest/gtest.h>
 #include <orn/log.h>
 #include <orn/zel.hpp>
 
@@ -52,6 +50,19 @@ TEST(AProgram, casts_the_librarys_objects_to_what_they_are) {
     while (!controller)
         RunOnce(1000);
     EXPECT_NE(nullptr, dynamic_cast<task::ControllerImpl*>(controller));
+}
+
+// They end the process when they are called; see support/names.c.
+TEST(AProgram, has_functions_of_its_own_under_names_that_the_library_has_too) {
+    bool arrived = false;
+    signal::AutoReceptor const receptor(SIGTERM, [&](int) { arrived = true; });
+    raise(SIGTERM);
+    Thread thread([] { return 7; });
+    thread.Start();
+    thread.Join();
+    while (!arrived)
+        RunOnce(1000);
+    EXPECT_EQ(7, thread.Status().value());
 }
 
 int written = 0;

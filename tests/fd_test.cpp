@@ -189,29 +189,6 @@ TEST_F(Fd, many_idle_descriptors_change_no_result) {
     EXPECT_GE(milliseconds() - begin, 29);
 }
 
-TEST_F(Fd, two_members_register_while_a_third_runs_the_loop) {
-    constexpr int rounds = 400;
-    std::atomic<int> heard(0);
-    Member runner([&] {
-        NewThreadGroup();
-        auto const churn = [&] {
-            for (int i = 0; i < rounds; ++i) {
-                WatchedPipe const own;
-                if (i % 4 == 0)
-                    continue; // withdrawn before, in or after the first poll
-                own.feed();
-                ASSERT_TRUE(wait_until([&] { return own.calls == 1; }));
-                ++heard;
-            }
-        };
-        Member first(churn), second(churn);
-        while (!first.ended() || !second.ended())
-            RunOnce(1);
-    });
-    runner.join();
-    EXPECT_EQ(2 * (rounds - rounds / 4), heard);
-}
-
 TEST_F(Fd, every_descriptor_of_the_library_is_close_on_exec) {
     std::set<int> const before = descriptors();
     SetAlarm(1000000, [] {});

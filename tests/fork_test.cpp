@@ -1,20 +1,10 @@
 // SPDX-License-Identifier: MIT
 //
 // Children of fork() that execute nothing: their signals, their end, and the daemons among them.
-#include <atomic>
-#include <cstdlib>
-#include <functional>
 #include <future>
-#include <string>
-#include <thread>
 
-#include <poll.h>
-#include <signal.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
 #include <orn/zel.hpp>
 
 #include "support/Programs.hpp"
@@ -44,7 +34,7 @@ TEST(Fork, a_child_gets_back_what_was_there_before_its_parent_watched_a_signal) 
         watch(signo, seen);
     EXPECT_EQ("signal 15", in_child([] { return raise(SIGTERM); }));
     EXPECT_EQ("exit 2", in_child([] {
-                  for (int const signo : {SIGUSR1, SIGUSR2, SIGUSR2, SIGCHLD, 55})
+                  for (int const signo : {SIGUSR1, SIGUSR2, SIGUSR2, SIGCHLD, orn::zel::cmd::channel_signal})
                       raise(signo);
                   return handled;
               }));
@@ -100,7 +90,8 @@ TEST(Fork, no_signal_to_a_child_is_told_to_its_parent_at_whatever_moment_it_come
 bool any_is_caught() {
     for (int signo = 1; signo < NSIG; ++signo) {
         struct sigaction now = {};
-        if (signo != 55 && sigaction(signo, nullptr, &now) == 0 && now.sa_handler == sig_handler)
+        if (signo != orn::zel::cmd::channel_signal && sigaction(signo, nullptr, &now) == 0 &&
+            now.sa_handler == sig_handler)
             return true;
     }
     return false;

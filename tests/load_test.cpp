@@ -2,21 +2,10 @@
 //
 // How the library begins and ends: in hosts that get it by dlopen() only, which this program is too, and in
 // processes that exit in the middle of everything.
-#include <atomic>
 #include <cstdio>
 #include <fstream>
-#include <map>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <dlfcn.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include "support/Programs.hpp"
 
@@ -46,6 +35,9 @@ TEST(Unloading, leaves_nothing_behind_a_thousand_times) {
         for (int i = 0; i < count; ++i)
             load_and_unload(i % 4 == 0 ? USER_MODULE : ZEL_LIBRARY);
     };
+    support::TempFile const log; // which each of them opens
+    setenv("LOG_SINK", log.path().c_str(), 1);
+    setenv("LOG_LEVEL", "info", 1);
     cycles(is_sanitized ? 20 : 300); // what the C library keeps of ended threads settles
     Footprint const before;
     cycles(is_sanitized ? 100 : 1000);
@@ -53,6 +45,10 @@ TEST(Unloading, leaves_nothing_behind_a_thousand_times) {
     EXPECT_EQ(before.descriptors, after.descriptors);
     EXPECT_EQ(before.threads, after.threads);
     EXPECT_EQ(0u, after.ours);
+    EXPECT_NE("", log.text());
+    EXPECT_EQ("exit 0", support::in_child([] { return 0; })) << "a handler of fork() is left behind";
+    unsetenv("LOG_SINK");
+    unsetenv("LOG_LEVEL");
     for (int const signo : {SIGUSR1, SIGPIPE, 55})
         EXPECT_TRUE(is_default(signo)) << signo;
     if (!is_sanitized) { // whose own memory comes and goes
@@ -230,6 +226,7 @@ TEST(Preload, dlclose_takes_the_modules_down_as_well) {
     EXPECT_TRUE(log.find("-first") != std::string::npos && log.find("-second") != std::string::npos) << log;
 }
 
+// Such a module needs the library, which then stays although its host has closed it.
 TEST(Preload, modules_may_use_every_subsystem_when_they_go) {
     for (char const* const how : {"exit", "close"}) {
         EXPECT_EQ("mine\n[zel] x: no such command\nall used\n", said({HOST, ZEL_LIBRARY, how}, LAST_WORDS))

@@ -2,15 +2,12 @@
 //
 // Message queues between real processes. Most cases have a child or a bare socket at one end.
 #include <random>
-#include <set>
 
-#include <fcntl.h>
 #include <malloc.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 
 #include "support/Messages.hpp"
 

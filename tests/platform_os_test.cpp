@@ -1,26 +1,12 @@
 // SPDX-License-Identifier: MIT
 //
-// Pipes, environment, threads and their hooks.
-#include <cerrno>
-#include <climits>
+// Pipes, threads and their hooks.
 #include <cstdint>
-#include <cstdlib>
 #include <future>
-#include <memory>
-#include <mutex>
-#include <stdexcept>
-#include <string>
-#include <system_error>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
 #include <orn/LibLoader.hpp>
-#include <orn/os/EnvVar.hpp>
 #include <orn/os/Pipe.hpp>
 #include <orn/os/Thread.hpp>
 #include <orn/os/o_pthread.h>
@@ -32,16 +18,6 @@ namespace {
 using orn::os::Pipe;
 using support::put;
 using support::take;
-
-TEST(PlatformPipe, is_close_on_exec_and_blocks_only_when_asked_to) {
-    for (bool const blocking : {false, true}) {
-        Pipe const pipe(blocking);
-        for (int const fd : {pipe.ReadFD(), pipe.WriteFD()}) {
-            EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD) & FD_CLOEXEC);
-            EXPECT_EQ(blocking, (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0);
-        }
-    }
-}
 
 TEST(PlatformPipe, takes_no_standard_descriptor_even_where_they_are_closed) {
     int const kept = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
@@ -56,31 +32,6 @@ TEST(PlatformPipe, takes_no_standard_descriptor_even_where_they_are_closed) {
     }
     dup2(kept, STDIN_FILENO);
     close(kept);
-}
-
-TEST(PlatformPipe, throws_where_there_are_no_descriptors) {
-    if (support::has_address_sanitizer)
-        GTEST_SKIP() << "UndefinedBehaviorSanitizer needs a pipe of its own to check the exception's type";
-    rlimit before{};
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
-    rlimit none = before;
-    none.rlim_cur = 3;
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
-    std::error_code error;
-    try {
-        Pipe pipe(true);
-    } catch (std::system_error const& failure) {
-        error = failure.code();
-    }
-    setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_EQ(std::error_code(EMFILE, std::generic_category()), error);
-}
-
-TEST(PlatformEnvVar, is_empty_when_it_is_not_set) {
-    setenv("PLATFORM_TEST", "some text", 1);
-    EXPECT_EQ("some text", std::string(orn::os::EnvVar("PLATFORM_TEST")));
-    unsetenv("PLATFORM_TEST");
-    EXPECT_EQ("", std::string(orn::os::EnvVar("PLATFORM_TEST")));
 }
 
 // ---- Hooks that leave a trace ---------------------------------------------------------------------------
@@ -226,7 +177,7 @@ TEST_F(PlatformThreadHooks, go_with_the_library_that_brought_them) {
     setenv("PLATFORM_MODULE_FD", std::to_string(events.WriteFD()).c_str(), 1);
     orn::LibLoader loader;
     for (int round = 0; round < 20; ++round) { // more than there are places
-        ASSERT_TRUE(loader.load(MODULE_H));
+        ASSERT_TRUE(loader.load(MODULE_HOOKS));
         {
             orn::os::Thread const during([] { note("body"); });
         }
@@ -251,19 +202,6 @@ TEST_F(PlatformThreadHooks, go_with_the_library_that_brought_them) {
 }
 
 // ---- Threads --------------------------------------------------------------------------------------------
-
-TEST(PlatformThread, has_the_kernels_id_and_its_own_after_fork) {
-    int const own = o_pthread_self();
-    EXPECT_EQ(syscall(SYS_gettid), own);
-    int other = 0;
-    {
-        orn::os::Thread const thread([&] { other = o_pthread_self(); });
-    }
-    EXPECT_NE(own, other);
-    EXPECT_NE(0, other);
-    EXPECT_EQ("exit 0", support::in_child([] { return o_pthread_self() != syscall(SYS_gettid); }));
-    EXPECT_EQ(own, o_pthread_self());
-}
 
 TEST(PlatformThread, is_joined_by_its_destructor_which_it_may_call_itself) {
     bool done = false;

@@ -1,7 +1,8 @@
 # What the shared library exports, and what passes its edge; included by tests/CMakeLists.txt.
 
 foreach(kind pie fixed)
-    zel_add_test(edge_${kind}_test SOURCES edge_test.cpp LIBRARIES zel)
+    zel_add_test(edge_${kind}_test SOURCES edge_test.cpp support/names.c LIBRARIES zel)
+    set_target_properties(edge_${kind}_test PROPERTIES C_VISIBILITY_PRESET default) # like any application's
 endforeach()
 # At a fixed address: the program has copies of the library's data, and entries of its own for its functions.
 set_target_properties(edge_fixed_test PROPERTIES POSITION_INDEPENDENT_CODE OFF)

@@ -73,24 +73,6 @@ protected:
 
 // ---- Nested loops ---------------------------------------------------------------------------------------
 
-TEST_F(Tasks, may_wait_in_a_slice_for_a_task_of_their_own_turn) {
-    std::string order;
-    RunTask([&](Controller* self) {
-        self->Complete();
-        EXPECT_TRUE(woken_until([&] { return order.size() == 2; }));
-        order += 'a';
-    });
-    for (char const name : {'b', 'c'}) {
-        RunTask([&order, name](Controller* self) {
-            order += name;
-            self->Complete();
-        });
-    }
-    EXPECT_EQ(1, RunOnce(0));
-    EXPECT_EQ("bca", order);
-    EXPECT_EQ(0, RunOnce(0)) << "what woke the nested loop has gone";
-}
-
 // Each but the last would otherwise be one level more on the stack, and the loop ends the process at a
 // hundred.
 TEST_F(Tasks, that_each_run_a_nested_turn_share_one_turn_without_piling_up) {
@@ -195,46 +177,32 @@ TEST_F(Tasks, survive_an_exception_of_the_nested_loop) {
 
 // ---- Memory ---------------------------------------------------------------------------------------------
 
-TEST_F(Tasks, have_a_controller_that_is_nobody_elses_while_they_are_on_the_stack) {
-    int ended = 0;
+TEST_F(Tasks, keep_their_controller_while_they_are_on_the_stack_and_until_a_thousand_others_have_ended) {
+    Controller* stale = nullptr;
+    int slices = 0;
+    auto const end_others = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            Task task([&](Controller* self) {
+                EXPECT_NE(stale, self);
+                ++slices;
+            });
+            task.Run();
+            EXPECT_EQ(1, RunOnce(0));
+            stale->Continue(); // all three in vain
+            stale->Sleep();
+            stale->Complete();
+        }
+    };
     int outer = 0;
     RunTask([&](Controller* self) {
         ++outer;
-        self->Complete();
-        for (int i = 0; i < 10000; ++i) {
-            RunTask([&, self](Controller* other) {
-                EXPECT_NE(self, other);
-                ++ended;
-                other->Complete();
-            });
-            if (i % 10 == 0)
-                settle_all();
-        }
-        settle_all();
-        self->Continue();
+        (stale = self)->Complete();
+        end_others(10000);
     });
     settle_all();
-    EXPECT_EQ(10000, ended);
+    end_others(1024);
+    EXPECT_EQ(11024, slices);
     EXPECT_EQ(1, outer);
-}
-
-TEST_F(Tasks, that_are_over_are_steered_in_vain_while_a_thousand_others_end) {
-    Controller* stale = nullptr;
-    RunTask([&](Controller* self) { (stale = self)->Complete(); });
-    settle_all();
-    int slices = 0;
-    for (int i = 0; i < 1024; ++i) {
-        Task task([&](Controller* self) {
-            EXPECT_NE(stale, self);
-            ++slices;
-        });
-        task.Run();
-        EXPECT_EQ(1, RunOnce(0));
-        stale->Continue();
-        stale->Sleep();
-        stale->Complete();
-    }
-    EXPECT_EQ(1024, slices);
 }
 
 TEST_F(Tasks, allocate_nothing_in_slices_and_use_the_memory_of_those_that_are_over) {

@@ -22,16 +22,6 @@ protected:
 
 // ---- Slices ---------------------------------------------------------------------------------------------
 
-TEST_F(Tasks, run_one_slice_a_turn_and_none_in_run) {
-    int slices = 0;
-    Task task([&](Controller*) { ++slices; });
-    task.Run();
-    for (int turn = 1; turn <= 5; ++turn) {
-        EXPECT_EQ(turn - 1, slices);
-        EXPECT_EQ(1, RunOnce(0));
-    }
-}
-
 TEST_F(Tasks, sleep_until_they_are_continued_which_in_their_own_slice_gives_two_more) {
     int slices = 0;
     Controller* controller = nullptr;
@@ -187,14 +177,6 @@ TEST_F(Tasks, are_refused_outside_of_load_and_unload) {
 // ---- Threads --------------------------------------------------------------------------------------------
 
 TEST_F(Tasks, are_continued_by_any_thread_which_does_not_become_one_of_the_librarys) {
-    orn::os::Pipe listing(false);
-    auto const known = [&] {
-        thread::MonitorPoll("", listing.WriteFD());
-        thread::ListThreads("", -1);
-        thread::UnmonitorPoll("", -1);
-        std::string const text = take(listing.ReadFD());
-        return std::count(text.begin(), text.end(), '\n');
-    };
     std::atomic<int> slices(0);
     Controller* controller = nullptr;
     Task task([&](Controller* self) {
@@ -203,10 +185,10 @@ TEST_F(Tasks, are_continued_by_any_thread_which_does_not_become_one_of_the_libra
     });
     task.Run();
     settle_all();
-    auto const before = known();
+    auto const before = known_threads();
     std::thread([&] {
         controller->Continue();
-        EXPECT_EQ(before, known());
+        EXPECT_EQ(before, known_threads());
     }).join();
     std::thread waker([&] {
         EXPECT_TRUE(wait_until([&] { return slices == 2; }) && waits(getpid()));
@@ -214,24 +196,6 @@ TEST_F(Tasks, are_continued_by_any_thread_which_does_not_become_one_of_the_libra
     });
     EXPECT_TRUE(woken_until([&] { return slices == 3; }));
     waker.join();
-}
-
-TEST_F(Tasks, of_another_member_may_be_started_and_cancelled_while_the_runner_runs_them) {
-    std::atomic<int> completed(0);
-    std::atomic<bool> over(false);
-    Member const member([&] {
-        for (int i = 0; i < 2000; ++i) {
-            RunTask(complete, [&] { ++completed; });
-            Task cancelled(nothing);
-            cancelled.Run();
-        }
-        EXPECT_TRUE(wait_until([&] { return completed == 2000; }));
-        over = true;
-        Exit();
-    });
-    while (!over)
-        RunOnce(-1);
-    EXPECT_EQ(2000, completed);
 }
 
 // ---- Reports --------------------------------------------------------------------------------------------

@@ -1,29 +1,15 @@
 // SPDX-License-Identifier: MIT
 //
 // A module that adds a line to the file in ORDER_LOG when it is loaded and when it is unloaded: "up" when
-// signal 55 is caught, so that the library is up, and "served" when the command thread lives. It does not
-// need the library, and so does not keep it loaded. With LATE_CLIENT set it raises the signal at its end, as
-// a client does that comes too late. When both are preloaded in this order, that is after the library's end.
+// signal 55 is caught, so that the library is up. It does not need the library, and so does not keep it
+// loaded. With LATE_CLIENT set it raises the signal at its end, as a client does that comes too late. When
+// both are preloaded in this order, that is after the library's end.
 #include <cstdlib>
 #include <fstream>
-#include <string>
 
-#include <dirent.h>
 #include <signal.h>
 
 namespace {
-
-bool command_thread() {
-    bool found = false;
-    DIR* const tasks = opendir("/proc/self/task");
-    while (dirent const* const entry = readdir(tasks)) {
-        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-        std::string name;
-        found = found || (std::getline(comm, name) && name == "zel-command");
-    }
-    closedir(tasks);
-    return found;
-}
 
 void tell(char const* what) {
     char const* const log = std::getenv("ORDER_LOG");
@@ -31,8 +17,8 @@ void tell(char const* what) {
         return;
     struct sigaction action = {};
     sigaction(55, nullptr, &action);
-    std::ofstream(log, std::ios::app) << what << MODULE_NAME << (action.sa_handler == SIG_DFL ? "" : " up")
-                                      << (command_thread() ? " served" : "") << '\n';
+    std::ofstream(log, std::ios::app)
+        << what << MODULE_NAME << (action.sa_handler == SIG_DFL ? "" : " up") << '\n';
 }
 
 struct Presence {

@@ -4,13 +4,10 @@
 // been taken, and then, as HOW says,
 //
 //     follow   turns its loop and prints each line that comes
-//     slow     reads a line every ten milliseconds
 //     flood    repeats the commands until one is not taken any more
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-
-#include <poll.h>
 
 #include <orn/zel.hpp>
 
@@ -20,8 +17,6 @@ int main(int argc, char** argv) {
     std::string const how = argv[2];
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     orn::zel::cmd::Channel target = orn::zel::Connect(std::atoi(argv[1]), [&](std::string const& line) {
-        if (how == "slow")
-            poll(nullptr, 0, 10);
         if (how == "follow")
             std::puts(line.c_str());
     });

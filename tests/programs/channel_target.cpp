@@ -7,23 +7,17 @@
 //     own-sigpipe      has a handler of its own for SIGPIPE
 //     ignored-sigpipe  ignores it
 //     secret           may not be traced by its own user
-//     take-sigusr2     blocks SIGUSR2 and takes it from the pending signals; a thread that has it unblocked
-//                      ends the process
 #include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <orn/zel.hpp>
@@ -33,7 +27,6 @@ namespace {
 using namespace orn::zel;
 
 std::atomic<unsigned long> slices(0);
-std::atomic<int> taken(0);
 std::size_t measured = 0; // the command thread's
 std::atomic<int> quit(-1);
 
@@ -50,19 +43,6 @@ void sigpipe(std::string const&, int fd) {
                : now.sa_handler == SIG_IGN     ? "ignored"
                : now.sa_handler == own_handler ? "own"
                                                : "caught");
-}
-
-// What a program that this one executes finds.
-void sigpipe_after_exec(std::string const&, int fd) {
-    char line[128] = "";
-    unsigned long long mask = 0;
-    FILE* const status = popen("exec cat /proc/self/status", "r");
-    while (fgets(line, sizeof line, status)) {
-        if (strncmp(line, "SigIgn:", 7) == 0)
-            mask = strtoull(line + 7, nullptr, 16);
-    }
-    pclose(status);
-    answer(fd, (mask >> (SIGPIPE - 1) & 1) ? "ignored" : "default");
 }
 
 // A line as long as is asked for, in pieces that the pipe takes.
@@ -97,7 +77,6 @@ void where(std::string const& given, int fd) {
 
 void register_words() {
     RegisterCommandModule("slices", [](std::string const&, int fd) { answer(fd, std::to_string(slices)); });
-    RegisterCommandModule("taken", [](std::string const&, int fd) { answer(fd, std::to_string(taken)); });
     RegisterCommandModule("throw", [](std::string const&, int) { throw std::runtime_error("no"); });
     RegisterCommandModule("throw-number", [](std::string const&, int) { throw 7; });
     RegisterCommandModule("exit", [](std::string const& n, int) { exit(std::atoi(n.c_str())); });
@@ -110,7 +89,6 @@ void register_words() {
     RegisterCommandModule("lines", lines);
     RegisterCommandModule("where", where);
     RegisterCommandModule("sigpipe", sigpipe);
-    RegisterCommandModule("sigpipe-after-exec", sigpipe_after_exec);
 }
 
 void* member(void*) {
@@ -137,7 +115,6 @@ void be_busy() {
 } // namespace
 
 int main(int argc, char** argv) {
-    std::unique_ptr<orn::zel::Alarm> tick;
     signal::AutoReceptor const watched(SIGUSR1, [](int) {});
     register_words();
     for (int i = 1; i < argc; ++i) {
@@ -150,18 +127,6 @@ int main(int argc, char** argv) {
             std::signal(SIGPIPE, SIG_IGN);
         else if (option == "secret")
             prctl(PR_SET_DUMPABLE, 0);
-        else if (option == "take-sigusr2") {
-            sigset_t set;
-            sigemptyset(&set);
-            sigaddset(&set, SIGUSR2);
-            // Blocked after the library was loaded, so threads that it makes later must block it themselves.
-            pthread_sigmask(SIG_BLOCK, &set, nullptr);
-            tick.reset(new orn::zel::Alarm(1, 1, [set] {
-                timespec const at_once = {0, 0};
-                if (sigtimedwait(&set, nullptr, &at_once) == SIGUSR2)
-                    ++taken;
-            }));
-        }
     }
     // GCC's ThreadSanitizer makes a thread's memory for signals in its first blocking call, and loses one
     // that arrives meanwhile. So that call is not the loop's.

@@ -25,7 +25,11 @@ int main(int argc, char** argv) {
     struct sigaction action = {};
     if (closing && (dlclose(handle) != 0 || sigaction(55, nullptr, &action) != 0))
         return 1;
-    if (closing && action.sa_handler != SIG_DFL && !dlopen(argv[1], RTLD_NOW | RTLD_NOLOAD))
-        return 4;
+    if (closing && action.sa_handler != SIG_DFL) {
+        void* const still_there = dlopen(argv[1], RTLD_NOW | RTLD_NOLOAD);
+        if (!still_there)
+            return 4;
+        dlclose(still_there); // or this program would be what keeps it
+    }
     exit(3);
 }

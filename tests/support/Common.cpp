@@ -3,22 +3,13 @@
 // What all tests share; see Common.hpp. Uses the system and GoogleTest only.
 #include "Common.hpp"
 
-#include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
-#include <memory>
 #include <sstream>
 
 #include <dirent.h>
 #include <malloc.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-
-#include <gtest/gtest.h>
 
 namespace support {
 

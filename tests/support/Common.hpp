@@ -1,21 +1,32 @@
 // SPDX-License-Identifier: MIT
 //
 // What all tests share, whether they link the library or not: waiting with a deadline, what /proc tells about
-// a process, and child processes. Fixtures for the library's own loop are in Support.hpp, programs that are
-// started in Programs.hpp.
+// a process, and child processes. Includes what nearly all of them use. Fixtures for the library's own loop
+// are in Support.hpp, programs that are started in Programs.hpp.
 #ifndef TESTS_SUPPORT_COMMON_HPP
 #define TESTS_SUPPORT_COMMON_HPP
 
+#include <atomic>
+#include <cerrno>
 #include <condition_variable>
+#include <cstdlib>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include <sys/types.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 namespace support {
 
@@ -120,8 +131,7 @@ struct Footprint {
     Footprint();
 
     std::size_t descriptors;
-    std::size_t
-        threads; // besides the caller's and a sanitizer's own; waits up to 1 s for those that are ending
+    std::size_t threads;  // but the caller's and a sanitizer's; those that are ending have up to 1 s
     std::size_t mappings; // of any file
     std::size_t ours;     // mappings of the library, of copies of it, and of the tests' modules
     double bytes;         // allocated

@@ -6,21 +6,13 @@
 #define TESTS_SUPPORT_MESSAGES_HPP
 
 #include <algorithm>
-#include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstring>
-#include <functional>
-#include <string>
-#include <vector>
 
-#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
 #include <orn/os/Pipe.hpp>
 #include <orn/os/o_msg.h>
 

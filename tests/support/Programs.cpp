@@ -3,18 +3,8 @@
 // Starting programs and looking into them; see Programs.hpp. Uses the system only.
 #include "Programs.hpp"
 
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
-#include <utility>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace support {
 
@@ -144,28 +134,6 @@ std::size_t threads_named(pid_t pid, std::string const& name) {
     std::size_t count = 0;
     for (auto const& thread : threads(pid))
         count += thread.second == name;
-    return count;
-}
-
-long cpu_milliseconds(pid_t pid) {
-    std::string const stat = proc(pid, "stat");
-    long user = 0;
-    long system = 0;
-    std::string::size_type const name_end = stat.rfind(')');
-    if (name_end != std::string::npos)
-        std::sscanf(&stat[name_end], ") %*c%*d%*d%*d%*d%*d%*d%*d%*d%*d%*d%ld%ld", &user, &system);
-    return (user + system) * 1000 / sysconf(_SC_CLK_TCK);
-}
-
-std::size_t listening_queues(pid_t pid) {
-    std::ifstream sockets("/proc/net/unix");
-    std::string const name = "cmd." + std::to_string(pid);
-    std::size_t count = 0;
-    // The flags say that a socket listens; its connections carry the name as well.
-    for (std::string line; std::getline(sockets, line);) {
-        count += line.size() > name.size() && line.substr(line.size() - name.size()) == name &&
-                 line.find(" 00010000 ") != std::string::npos;
-    }
     return count;
 }
 

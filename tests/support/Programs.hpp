@@ -5,11 +5,6 @@
 #ifndef TESTS_SUPPORT_PROGRAMS_HPP
 #define TESTS_SUPPORT_PROGRAMS_HPP
 
-#include <map>
-#include <string>
-
-#include <sys/types.h>
-
 #include "Common.hpp"
 
 namespace support {
@@ -48,8 +43,6 @@ private:
 std::string proc(pid_t pid, std::string const& entry); // the text of /proc/<pid>/<entry>
 std::size_t descriptors_of(pid_t pid);
 std::size_t threads_named(pid_t pid, std::string const& name);
-long cpu_milliseconds(pid_t pid);        // that the process has used up, in steps of the kernel's
-std::size_t listening_queues(pid_t pid); // command queues of this process, as the kernel lists them
 
 // Whether the signal is in the mask behind "SigCgt:", "SigBlk:" and so on in the text of a status file.
 bool in_mask(std::string const& status, std::string const& key, int signo);

@@ -65,6 +65,15 @@ std::string without_tid(std::string const& lines, int tid) {
     return all;
 }
 
+std::size_t known_threads() {
+    orn::os::Pipe const listing(false);
+    orn::zel::thread::MonitorPoll("", listing.WriteFD());
+    orn::zel::thread::ListThreads("", -1);
+    orn::zel::thread::UnmonitorPoll("", -1);
+    std::string const text = take(listing.ReadFD());
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) - 1;
+}
+
 orn::zel::task::Body once(int& slices) {
     return [&slices](orn::zel::task::Controller* self) {
         ++slices;

@@ -1,26 +1,15 @@
 // SPDX-License-Identifier: MIT
 //
 // What the tests of the library's loop share: a fixture that shows that nothing is left behind, threads of
-// the library's own kind, and waiting that turns the loop. Includes what nearly all of them use. Common.hpp
-// has what needs no loop.
+// the library's own kind, and waiting that turns the loop. Common.hpp has what needs no
+// loop.
 #ifndef TESTS_SUPPORT_SUPPORT_HPP
 #define TESTS_SUPPORT_SUPPORT_HPP
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <cstdlib>
-#include <memory>
-#include <stdexcept>
-#include <thread>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 
 #include <boost/make_shared.hpp>
 #include <boost/weak_ptr.hpp>
-#include <gtest/gtest.h>
 #include <orn/os/Pipe.hpp>
 #include <orn/os/o_pthread.h>
 #include <orn/zel.hpp>
@@ -38,6 +27,9 @@ bool woken_until(std::function<bool()> const& condition);
 
 // True once the thread is in a system call that waits; false after 10 s, scaled.
 bool waits(int tid);
+
+// Those that the library has a record of. Ends what the poll monitor tells.
+std::size_t known_threads();
 
 // Without the "tid=<n> " at the beginning of each line, whose number is checked to be the caller's thread.
 std::string without_tid(std::string const& lines, int tid = o_pthread_self());

@@ -53,7 +53,6 @@ Fault const faults[] = {
     {"Fork.a_daemon_that_brings_the_library_up_anew_is_steered_under_its_own_id", forked},
     {"TimerThread.is_anew_in_a_child_of_fork_without_the_timers_of_the_parent", forked},
     {"MsgQueue.drops_what_is_no_message_whole_and_serves_the_next_one", received},
-    {"MsgQueue.neither_leaks_nor_stops_at_random_packets", received},
     {"Places/ExitFrom.*", taken_away},
     {"Unloading.takes_no_code_from_under_a_thread_that_a_signal_has_just_reached", taken_away},
     {"Zelctl.reports_at_once_that_the_process_has_ended", hidden},

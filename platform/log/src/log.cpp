@@ -28,6 +28,9 @@
 // All bits are set until the first record has read the environment.
 unsigned orn_log_enabled = ~0u;
 
+// Also on the processors on which it is narrower unless that is asked for.
+static_assert(sizeof(off_t) == 8, "a log file may grow beyond two gigabytes");
+
 namespace {
 
 enum class Sink { unread, nowhere, standard_error, file, system_log };
