@@ -108,7 +108,8 @@ public:
         // copied, and may have held a lock.
         if (!mapping.unmapped() && detail::in_unused_child())
             return;
-        // The thread may have been cancelled. Unwound from a wait in here it would join what it must not.
+        // A thread that has been cancelled may call exit(). The waits in here must not unwind it: on the way
+        // it would wait without limit for a command that exit() leaves running.
         internal::CancelShield const shield;
         detail::Shutdown::begin(mapping.unmapped());
         ZEL_unload__();

@@ -165,10 +165,9 @@ void load() {
     });
 }
 
-// A handler of somebody else's, called before the library's own, has the C library wait in the middle.
+// The program has no fork handlers of its own: two that go at the end are enough to have glibc 2.36 abort it.
 void be_forking() {
-    pthread_atfork([] { poll(nullptr, 0, 0); }, nullptr, nullptr);
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < 4; ++i) {
         start(pthread_create, [](void*) -> void* {
             for (;;) {
                 pid_t const child = fork();
