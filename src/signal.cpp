@@ -80,7 +80,7 @@ namespace orn::zel::signal {
 
 namespace {
 
-using handler_map = std::map<int, boost::shared_ptr<SignalHandler>>;
+using HandlerMap = std::map<int, boost::shared_ptr<SignalHandler>>;
 
 struct HandlersLock;
 
@@ -89,7 +89,7 @@ ThreadMutex& handlers_lock() {
     return detail::immortal<ThreadMutex, HandlersLock>();
 }
 
-handler_map* signal_handlers ZEL_GUARDED_BY(handlers_lock()) = nullptr; // null while not loaded
+HandlerMap* signal_handlers ZEL_GUARDED_BY(handlers_lock()) = nullptr; // null while not loaded
 
 std::string install_failure(int signo) {
     return "failed to install handler for signal " + std::to_string(signo);
@@ -222,7 +222,7 @@ HandlerList<int>& SignalHandler::handlers() {
 boost::shared_ptr<SignalHandler> sigHandler(int signo) {
     AutoLock const guard(handlers_lock());
     if (!signal_handlers)
-        signal_handlers = new handler_map;
+        signal_handlers = new HandlerMap;
     auto const it = signal_handlers->find(signo);
     if (it != signal_handlers->end()) {
         // A child of fork() has inherited the object, but not the installed handler.
@@ -291,11 +291,11 @@ int ignore(int signo) {
 void zel_signal_load() {
     AutoLock const guard(handlers_lock());
     if (!signal_handlers)
-        signal_handlers = new handler_map;
+        signal_handlers = new HandlerMap;
 }
 
 void zel_signal_unload() {
-    std::unique_ptr<handler_map> doomed;
+    std::unique_ptr<HandlerMap> doomed;
     {
         AutoLock const guard(handlers_lock());
         doomed.reset(signal_handlers);

@@ -30,7 +30,7 @@ detail::PerThread<Manager> managers(managerMap, "managerMap not initizalized");
 Controller::~Controller() = default;
 
 ControllerImpl::ControllerImpl(Core* core)
-    : core_(core), id_(0), complete_(false), sleeping_(false), runCount_(0), listed_(false), retired_(false),
+    : core_(core), id_(0), complete_(false), sleeping_(false), run_count_(0), listed_(false), retired_(false),
       overdue_(false), pins_(0) {}
 
 ControllerImpl::ControllerImpl(Manager* manager, Spec const& spec) : ControllerImpl(manager->core().get()) {

@@ -77,7 +77,7 @@ ControllerImpl& Core::open(Spec const& spec) {
     std::swap(task.spec_, copy);
     task.complete_ = false;
     task.sleeping_ = false;
-    task.runCount_ = 0;
+    task.run_count_ = 0;
     task.retired_ = false;
     task.overdue_ = false;
     task.listed_ = true;
@@ -328,7 +328,7 @@ bool Core::slice(ControllerImpl& task) {
         Log_SpecEntry(logSpecInfo, "src/task", __LINE__, "%s: %s", "Run", task.spec_.name.c_str());
     if (task.complete_)
         return false;
-    ++task.runCount_;
+    ++task.run_count_;
     task.display_task("Run");
     // No lock may be held here: the body may start, complete and cancel tasks, and run a nested loop.
     task.spec_.fn(&task);

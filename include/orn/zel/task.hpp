@@ -158,21 +158,21 @@ public:
     basic_Id<unsigned long> id() const;
     bool complete() const { return complete_; }
     bool sleeping() const { return sleeping_; }
-    unsigned runCount() const { return runCount_; }
+    unsigned runCount() const { return run_count_; }
 
 private:
     friend class Core;
 
     explicit ControllerImpl(Core* core);
 
-    // Changed under the core's lock, except for runCount_, which only the thread that runs the slice changes.
-    // id_ and spec_ do not change while the task is pinned, and are read without the lock then.
+    // Changed under the core's lock, except for run_count_, which only the thread that runs the slice
+    // changes. id_ and spec_ do not change while the task is pinned, and are read without the lock then.
     Core* const core_;
     id_t id_;
     Spec spec_;
     std::atomic<bool> complete_;
     std::atomic<bool> sleeping_;
-    std::atomic<unsigned> runCount_;
+    std::atomic<unsigned> run_count_;
     bool listed_;   // in the task table
     bool retired_;  // over, and waiting for reuse
     bool overdue_;  // scheduled while the pipe could not take it
