@@ -204,7 +204,7 @@ void Session::run(std::string const& command, bool keep_monitors) {
     }
 }
 
-// Gets ready for notices before the monitors are this session's, because from then on another may take them.
+// Gets ready for notices before the monitors are switched on: from then on another client may take them.
 void Session::take_monitors(std::set<std::string> const& kinds, bool keep) {
     monitors_ = kinds;
     keeps_monitors_ = keep;
@@ -215,7 +215,7 @@ void Session::take_monitors(std::set<std::string> const& kinds, bool keep) {
         --requests_left_;
         for (std::string const& kind : kinds)
             ask_for_place(kind);
-        // Take all places or none: a notice that comes from here on is not about this session's monitors yet.
+        // Take all places or none: a notice that comes from here on is not about these monitors yet.
         for (std::string const& kind : kinds)
             notices_.close(kind);
         pause(10);
@@ -235,7 +235,7 @@ void Session::ask_for_place(std::string const& kind) {
         requests_left_ = 0;
 }
 
-// Whoever gets the place gets the monitor, too: others may have taken it since this session switched it on.
+// Whoever gets the place gets the monitor, too: others may have taken it since it was switched on here.
 void Session::look_for_place(std::string const& kind) {
     if (notices_.has(kind))
         return;

@@ -46,7 +46,7 @@ public:
     bool lines_lost() const;
     // Whether the process has only sent the command back, which means that nobody there has its word.
     bool echoed() const { return lines_ == 1 && first_line_ == "1/1 " + command_; }
-    // The monitors that this session has switched on.
+    // The monitors that are switched on from here.
     std::set<std::string> const& monitors() const { return monitors_; }
 
 private:
@@ -86,7 +86,7 @@ private:
     unsigned long lines_ = 0;
     std::string first_line_;
     unsigned long overflows_ = 0; // of the channel, before the answer
-    bool cut_ = false;            // the process, or this session, has left lines out
+    bool cut_ = false;            // the process, or this tool, has left lines out
 
     // The list of threads.
     std::vector<std::string> listing_;
@@ -99,7 +99,7 @@ private:
     bool keeps_monitors_ = false;
     bool following_ = false;
     int send_error_ = 0;          // errno of the last attempt
-    unsigned requests_left_ = 50; // to leave a place, before this session does without the notices
+    unsigned requests_left_ = 50; // to leave a place, before this tool does without the notices
     std::set<std::string> monitors_;
     Notices notices_;
     std::unique_ptr<orn::zel::cmd::Channel> channel_;
