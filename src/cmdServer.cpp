@@ -58,18 +58,6 @@ detail::Loaded<Server>& server() {
 
 // ---- Signal 55 starts the command thread ----------------------------------------------------------------
 
-// A thread that is made in the scope takes no signal that is meant for the application's threads.
-class SignalShield {
-public:
-    SignalShield() : before_(detail::block_signals()) {}
-    ~SignalShield() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    SignalShield(SignalShield const&) = delete;
-    SignalShield& operator=(SignalShield const&) = delete;
-
-private:
-    sigset_t const before_;
-};
-
 // Hands the runner out, for the caller to join with the lock released. Empty when there is none to join.
 boost::shared_ptr<os::Thread> take_runner(Server& state) ZEL_REQUIRES(server().lock) {
     boost::shared_ptr<os::Thread> runner;
@@ -98,7 +86,7 @@ void InstallCommandChannel() {
     before = take_runner(*state);
     state->ended = false;
     state->runner_process = detail::process_id();
-    SignalShield const shield;
+    detail::SignalShield const shield; // the new thread takes no signal that is meant for the application's
     try {
         state->runner = boost::make_shared<os::Thread>(CommandChannelRunner);
     } catch (std::exception const& error) {

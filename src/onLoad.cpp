@@ -113,8 +113,7 @@ public:
         internal::CancelShield const shield;
         detail::Shutdown::begin(mapping.unmapped());
         ZEL_unload__();
-        if (!detail::Shutdown::keeps())
-            signal::release_managers();
+        signal::release_managers();
         if (detail::Shutdown::unmapping()) {
             internal::ForkHandlers::withdraw();
             let_threads_get_on();

@@ -36,41 +36,6 @@ Watched watched[NSIG] = {};
 
 sigset_t mask_before ZEL_GUARDED_BY(barrier_lock()); // of the thread that forks
 
-sigset_t close_barrier() ZEL_ACQUIRE(barrier_lock()) {
-    sigset_t const before = block_signals();
-    barrier_lock().Lock();
-    return before;
-}
-
-// Takes a copy, since the next thread that forks may overwrite mask_before as soon as the lock is free.
-void open_barrier(sigset_t before) ZEL_RELEASE(barrier_lock()) {
-    barrier_lock().Unlock();
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
-
-void prepare() ZEL_ACQUIRE(barrier_lock()) {
-    mask_before = close_barrier();
-}
-
-void in_parent() ZEL_RELEASE(barrier_lock()) {
-    open_barrier(mask_before);
-}
-
-// Takes no other lock and allocates nothing: a thread that is not in the child may hold any lock for ever.
-void in_child() ZEL_RELEASE(barrier_lock()) {
-    SignalGate::forked();
-    for (int signo = 1; signo < NSIG; ++signo) {
-        Watched& signal = watched[signo];
-        if (!signal.from_others && signal.in_place.exchange(false))
-            sigaction(signo, &signal.before, nullptr);
-    }
-    open_barrier(mask_before);
-}
-
-internal::ForkHandlers const fork_handlers = {prepare, in_parent, in_child};
-
-} // namespace
-
 sigset_t block_signals() {
     sigset_t all;
     sigset_t before;
@@ -81,11 +46,41 @@ sigset_t block_signals() {
     return before;
 }
 
-ForkBarrier::ForkBarrier() : mask_before_(close_barrier()) {}
-
-ForkBarrier::~ForkBarrier() {
-    open_barrier(mask_before_);
+void prepare() ZEL_ACQUIRE(barrier_lock()) {
+    sigset_t const before = block_signals();
+    barrier_lock().Lock();
+    mask_before = before;
 }
+
+void in_parent() ZEL_RELEASE(barrier_lock()) {
+    // A copy, since the next thread that forks may overwrite mask_before as soon as the lock is free.
+    sigset_t const before = mask_before;
+    barrier_lock().Unlock();
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+// Takes no other lock and allocates nothing: a thread that is not in the child may hold any lock for ever.
+void in_child() ZEL_RELEASE(barrier_lock()) {
+    SignalGate::forked();
+    for (int signo = 1; signo < NSIG; ++signo) {
+        Watched& signal = watched[signo];
+        if (!signal.from_others && signal.in_place.exchange(false))
+            sigaction(signo, &signal.before, nullptr);
+    }
+    in_parent();
+}
+
+internal::ForkHandlers const fork_handlers = {prepare, in_parent, in_child};
+
+} // namespace
+
+SignalShield::SignalShield() : before_(block_signals()) {}
+
+SignalShield::~SignalShield() {
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+}
+
+ForkBarrier::ForkBarrier() : lock_(barrier_lock()) {}
 
 void handler_installed(int signo, struct sigaction const& before) {
     watched[signo].before = before;

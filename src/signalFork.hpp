@@ -9,22 +9,31 @@
 
 #include <signal.h>
 
+#include <orn/zel/core.hpp>
+
 namespace orn::zel::detail {
 
-// Blocks every signal in the calling thread but those that its own faults raise. Returns the mask before.
-sigset_t block_signals();
+// Blocks every signal in the calling thread for a scope, but those that its own faults raise.
+class SignalShield {
+public:
+    SignalShield();
+    ~SignalShield();
+    SignalShield(SignalShield const&) = delete;
+    SignalShield& operator=(SignalShield const&) = delete;
+
+private:
+    sigset_t before_;
+};
 
 // Keeps every thread from forking for a scope, and signal handlers off this one. A disposition and what is
 // noted of it here change in one such scope, so that a child finds them in agreement.
 class ForkBarrier {
 public:
     ForkBarrier();
-    ~ForkBarrier();
-    ForkBarrier(ForkBarrier const&) = delete;
-    ForkBarrier& operator=(ForkBarrier const&) = delete;
 
 private:
-    sigset_t mask_before_;
+    SignalShield const shield_;
+    AutoLock const lock_;
 };
 
 // Notes that the library's handler is installed in this process, and what was in force before.
