@@ -449,9 +449,7 @@ double wait_for_timer(Loop& loop, Random& random) {
 }
 
 void lateness(benchmark::State& state) {
-    state.SetLabel(
-        "how late the call of a 2 ms timer is, in the middle and for one in a hundred (p99), and how "
-        "often a thread goes to sleep for it");
+    state.SetLabel("how late the call of a 2 ms timer is, and how often threads go to sleep for it");
     Random random;
     std::map<std::string, std::vector<double>> late_us;
     guarded(state, [&] {
