@@ -38,8 +38,10 @@ public:
     queue_type::iterator add(Clock::time_point due, std::uint32_t id) {
         std::lock_guard<std::mutex> const guard(mutex_);
         auto const added = queue_.emplace(due, id);
-        if (added == queue_.begin())
+        if (due < sleeps_until_) {
+            sleeps_until_ = due;
             changed_.notify_one();
+        }
         return added;
     }
     void cancel(queue_type::iterator timer) {
@@ -56,9 +58,11 @@ private:
     void serve() {
         std::unique_lock<std::mutex> lock(mutex_);
         while (!stop_) {
-            if (queue_.empty()) {
-                changed_.wait(lock);
-            } else if (Clock::time_point const next = queue_.begin()->first; next > Clock::now()) {
+            Clock::time_point const now = Clock::now();
+            Clock::time_point const next =
+                queue_.empty() ? now + std::chrono::hours(24) : queue_.begin()->first;
+            sleeps_until_ = next;
+            if (next > now) {
                 changed_.wait_until(lock, next);
             } else {
                 std::uint32_t const id = queue_.begin()->second;
@@ -73,6 +77,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     queue_type queue_;
+    Clock::time_point sleeps_until_; // the thread, unless it is notified
     bool stop_;
     std::thread thread_;
 };
