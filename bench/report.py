@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Runs the benchmarks and puts their figures into docs/performance.md and docs/idle.svg.
 
-  bench/report.py               runs all benchmarks (20 minutes), then rewrites the tables
-  bench/report.py compare       runs only this program (8 minutes); the others have run before, see --resume
+  bench/report.py               runs all benchmarks (11 minutes), then rewrites the tables
+  bench/report.py compare       runs only this program (7 minutes)
   bench/report.py --resume      goes on with a run that has ended early
   bench/report.py --short       runs all for a moment, for a look; the page says so
   bench/report.py --from DIR    rewrites the tables from what script/bench --json DIR has left
