@@ -72,26 +72,18 @@ void create_and_cancel(benchmark::State& state) {
         bare.add(delays.next(), handler);
     }
     versus.leg("zel", [&](long count) {
-        double const time = bench::timed([&] {
-            for (long i = 0; i < count; ++i)
-                orn::zel::Alarm const alarm(delays.next(), handler);
-        });
+        double const time =
+            bench::timed_calls(count, [&] { orn::zel::Alarm const alarm(delays.next(), handler); });
         bench::expect(orn::zel::OutstandingAlarmCount() == outstanding, "alarms are missing or left");
         return time;
     });
     versus.leg("bare", [&](long count) {
-        double const time = bench::timed([&] {
-            for (long i = 0; i < count; ++i)
-                bare.cancel(bare.add(delays.next(), handler));
-        });
+        double const time = bench::timed_calls(count, [&] { bare.cancel(bare.add(delays.next(), handler)); });
         bench::expect(bare.size() == outstanding, "bare alarms are missing or left");
         return time;
     });
     versus.leg("timerfd", [&](long count) {
-        return bench::timed([&] {
-            for (long i = 0; i < count; ++i)
-                arm_and_close_timerfd(delays.next());
-        });
+        return bench::timed_calls(count, [&] { arm_and_close_timerfd(delays.next()); });
     });
     versus.run();
     alarms.clear();

@@ -79,14 +79,11 @@ void slices_of_ready_tasks(benchmark::State& state) {
     long slices = 0;
     Job const job(slices);
     std::vector<std::unique_ptr<orn::zel::Task>> tasks;
-    versus.note_each("start", bench::timed([&] {
-                         for (long i = 0; i < count; ++i) {
-                             tasks.push_back(std::make_unique<orn::zel::Task>(
-                                 [job](orn::zel::task::Controller*) { job(); }));
-                             tasks.back()->Run();
-                         }
-                     }),
-                     count);
+    auto const start = [&] {
+        tasks.push_back(std::make_unique<orn::zel::Task>([job](orn::zel::task::Controller*) { job(); }));
+        tasks.back()->Run();
+    };
+    versus.note_each("start", bench::timed_calls(count, start), count);
     BareLoop bare(count, 1);
     BareLoop bulk(count, 256);
     versus.leg("zel", [&](long n) { return run_slices(n, slices, [] { orn::zel::RunOnce(-1); }); });

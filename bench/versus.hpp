@@ -47,6 +47,15 @@ double timed(Work work) {
     return seconds(Clock::now() - begin);
 }
 
+// The same for count calls of the operation, one after the other.
+template <class Operation>
+double timed_calls(long count, Operation operation) {
+    return timed([&] {
+        for (long i = 0; i < count; ++i)
+            operation();
+    });
+}
+
 // Ends the benchmark with this text when a result is not what it must be.
 inline void expect(bool holds, char const* otherwise) {
     if (!holds)
@@ -68,7 +77,8 @@ inline double median(std::vector<double> const& values) {
 
 // The first leg is the one that the others are compared with. Its counter is <leg>_<unit>, the median over
 // all rounds of the time of one operation; `ratio` is the median of its time over that of the leg "bare" in
-// the same round, ratio_<leg> over that of any other.
+// the same round, ratio_<leg> over that of any other. Of legs that are added as peers only the quickest is
+// compared with: ratio_best.
 class Versus {
 public:
     Versus(benchmark::State& state, long batch, std::string const& unit = "ns")
@@ -77,7 +87,10 @@ public:
     // The work of count operations; returns the seconds that it took, set-up and clean-up left out, and
     // throws when something of it was not done.
     void leg(std::string const& name, std::function<double(long count)> work) {
-        legs_.push_back(Leg{name, work, {}});
+        legs_.push_back(Leg{name, work, false, {}});
+    }
+    void peer(std::string const& name, std::function<double(long count)> work) {
+        legs_.push_back(Leg{name, work, true, {}});
     }
 
     // Notes a value of each round besides. The median becomes a counter.
@@ -91,12 +104,13 @@ public:
         try {
             std::size_t first = 0;
             while (state_.KeepRunning()) {
+                Clock::time_point const begin = Clock::now();
                 for (std::size_t i = 0; i < legs_.size(); ++i) {
                     Leg& leg = legs_[(first + i) % legs_.size()];
                     leg.times.push_back(leg.work(batch_) / static_cast<double>(batch_));
                 }
                 ++first;
-                state_.SetIterationTime(legs_[0].times.back() * static_cast<double>(batch_));
+                state_.SetIterationTime(seconds(Clock::now() - begin)); // of all legs and their set-up
             }
         } catch (std::exception const& failure) {
             state_.SkipWithError(failure.what());
@@ -109,21 +123,32 @@ private:
     struct Leg {
         std::string name;
         std::function<double(long)> work;
+        bool peer;
         std::vector<double> times;
     };
 
     void report() {
+        Leg const* best = nullptr;
         for (Leg const& leg : legs_) {
-            state_.counters[leg.name + '_' + unit_] = median(leg.times) * scale_;
-            if (&leg == &legs_[0])
-                continue;
-            std::vector<double> ratios;
-            for (std::size_t i = 0; i < leg.times.size(); ++i)
-                ratios.push_back(legs_[0].times[i] / leg.times[i]);
-            state_.counters[leg.name == "bare" ? "ratio" : "ratio_" + leg.name] = median(ratios);
+            double const time = median(leg.times);
+            state_.counters[leg.name + '_' + unit_] = time * scale_;
+            if (leg.peer)
+                best = best == nullptr || time < median(best->times) ? &leg : best;
+            else if (&leg != &legs_[0])
+                state_.counters[leg.name == "bare" ? "ratio" : "ratio_" + leg.name] = ratio(leg);
         }
+        if (best != nullptr)
+            state_.counters["ratio_best"] = ratio(*best);
         for (auto const& note : notes_)
             state_.counters[note.first] = median(note.second);
+    }
+
+    // Of the first leg over the other.
+    double ratio(Leg const& leg) const {
+        std::vector<double> ratios;
+        for (std::size_t i = 0; i < leg.times.size(); ++i)
+            ratios.push_back(legs_[0].times[i] / leg.times[i]);
+        return median(ratios);
     }
 
     benchmark::State& state_;
