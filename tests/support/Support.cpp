@@ -5,16 +5,19 @@
 
 #include <sstream>
 
+#include "../../src/threadRegistry.hpp"
+
 namespace support {
 
 namespace {
 
-std::map<int, struct sigaction> dispositions() {
-    std::map<int, struct sigaction> all;
+Dispositions dispositions() {
+    int const by_the_system = 0x04000000; // SA_RESTORER
+    Dispositions all;
     for (int signo = 1; signo < NSIG; ++signo) {
         struct sigaction action = {};
         if (sigaction(signo, nullptr, &action) == 0)
-            all[signo] = action;
+            all[signo] = {action.sa_handler, action.sa_flags & ~by_the_system};
     }
     return all;
 }
@@ -66,12 +69,7 @@ std::string without_tid(std::string const& lines, int tid) {
 }
 
 std::size_t known_threads() {
-    orn::os::Pipe const listing(false);
-    orn::zel::thread::MonitorPoll("", listing.WriteFD());
-    orn::zel::thread::ListThreads("", -1);
-    orn::zel::thread::UnmonitorPoll("", -1);
-    std::string const text = take(listing.ReadFD());
-    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) - 1;
+    return orn::zel::thread::Registry::entries().size();
 }
 
 orn::zel::task::Body once(int& slices) {
@@ -158,13 +156,7 @@ Loop::~Loop() {
         return std::includes(threads_.begin(), threads_.end(), left.begin(), left.end());
     })) << passing_threads().size()
         << " threads";
-    for (auto const& item : dispositions()) {
-        EXPECT_EQ(dispositions_[item.first].sa_handler, item.second.sa_handler) << "signal " << item.first;
-        unsigned const by_the_system = 0x04000000; // SA_RESTORER
-        EXPECT_EQ(static_cast<unsigned>(dispositions_[item.first].sa_flags) & ~by_the_system,
-                  static_cast<unsigned>(item.second.sa_flags) & ~by_the_system)
-            << "signal " << item.first;
-    }
+    EXPECT_EQ(dispositions_, dispositions());
 }
 
 } // namespace support
