@@ -44,7 +44,6 @@ TEST_F(Fd, a_monitor_is_entered_while_it_has_a_handler_and_a_manager) {
     {
         fd::MonitorImpl monitor(pipe.ReadFD(), POLLIN);
         monitor.Associate(one);
-        look();
         unsigned long const id = monitor.insert(reader());
         look();
         monitor.Associate(two);
@@ -53,7 +52,6 @@ TEST_F(Fd, a_monitor_is_entered_while_it_has_a_handler_and_a_manager) {
         EXPECT_EQ(0u, monitor.insert(reader())) << "there is room for one";
         look();
         monitor.remove(id);
-        EXPECT_EQ(0u, monitor.count());
         monitor.insert(reader());
         look();
     }
@@ -73,7 +71,7 @@ TEST_F(Fd, a_monitor_is_entered_while_it_has_a_handler_and_a_manager) {
     look();
     first.remove(id);
     look();
-    EXPECT_EQ("00 10 01 00 01 00 10 00 ", entered);
+    EXPECT_EQ("10 01 00 01 00 10 00 ", entered);
 }
 
 TEST_F(Fd, events_are_asked_for_from_the_next_rebuild_on) {

@@ -32,7 +32,7 @@ bool waits(int tid);
 std::size_t known_threads();
 
 // Without the "tid=<n> " at the beginning of each line, whose number is checked to be the caller's thread.
-std::string without_tid(std::string const& lines, int tid = o_pthread_self());
+std::string without_tid(std::string lines, int tid = o_pthread_self());
 
 // What the call throws says: what() and, where there are any, the details behind it; "accepted" when it
 // throws nothing. Of Exception, orn::zel::Exception unless given.
