@@ -186,10 +186,10 @@ enum { creates, detaches, exits, joins, cancels, operations };
 std::atomic<int> calls[operations];
 
 // Counts the call and hands it on to the host's own function.
-template <int operation, auto own, class... Args>
+template <int Operation, auto Own, class... Args>
 auto counted(Args... args) {
-    ++calls[operation];
-    return own(args...);
+    ++calls[Operation];
+    return Own(args...);
 }
 
 TEST_F(Threads, use_the_hosts_functions_for_every_operation) {
