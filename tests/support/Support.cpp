@@ -3,18 +3,19 @@
 // What the tests of the library's loop share; see Support.hpp.
 #include "Support.hpp"
 
-#include <sstream>
+#include "../../src/threadRegistry.hpp"
 
 namespace support {
 
 namespace {
 
-std::map<int, struct sigaction> dispositions() {
-    std::map<int, struct sigaction> all;
+Dispositions dispositions() {
+    int const by_the_system = 0x04000000; // SA_RESTORER
+    Dispositions all;
     for (int signo = 1; signo < NSIG; ++signo) {
         struct sigaction action = {};
         if (sigaction(signo, nullptr, &action) == 0)
-            all[signo] = action;
+            all[signo] = {action.sa_handler, action.sa_flags & ~by_the_system};
     }
     return all;
 }
@@ -52,26 +53,19 @@ bool waits(int tid) {
     });
 }
 
-std::string without_tid(std::string const& lines, int tid) {
-    std::istringstream in(lines);
+std::string without_tid(std::string lines, int tid) {
     std::string const prefix = "tid=" + std::to_string(tid) + " ";
-    std::string all;
-    for (std::string line; std::getline(in, line);) {
-        EXPECT_EQ(prefix, line.substr(0, prefix.size()));
-        all += line.substr(std::min(prefix.size(), line.size()));
-        if (!in.eof())
-            all += '\n';
-    }
-    return all;
+    std::string::size_type at = 0;
+    do {
+        EXPECT_EQ(prefix, lines.substr(at, prefix.size()));
+        lines.erase(at, prefix.size());
+        at = lines.find('\n', at) + 1;
+    } while (at != 0 && at < lines.size());
+    return lines;
 }
 
 std::size_t known_threads() {
-    orn::os::Pipe const listing(false);
-    orn::zel::thread::MonitorPoll("", listing.WriteFD());
-    orn::zel::thread::ListThreads("", -1);
-    orn::zel::thread::UnmonitorPoll("", -1);
-    std::string const text = take(listing.ReadFD());
-    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) - 1;
+    return orn::zel::thread::Registry::entries().size();
 }
 
 orn::zel::task::Body once(int& slices) {
@@ -158,13 +152,7 @@ Loop::~Loop() {
         return std::includes(threads_.begin(), threads_.end(), left.begin(), left.end());
     })) << passing_threads().size()
         << " threads";
-    for (auto const& item : dispositions()) {
-        EXPECT_EQ(dispositions_[item.first].sa_handler, item.second.sa_handler) << "signal " << item.first;
-        unsigned const by_the_system = 0x04000000; // SA_RESTORER
-        EXPECT_EQ(static_cast<unsigned>(dispositions_[item.first].sa_flags) & ~by_the_system,
-                  static_cast<unsigned>(item.second.sa_flags) & ~by_the_system)
-            << "signal " << item.first;
-    }
+    EXPECT_EQ(dispositions_, dispositions());
 }
 
 } // namespace support

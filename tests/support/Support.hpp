@@ -28,11 +28,11 @@ bool woken_until(std::function<bool()> const& condition);
 // True once the thread is in a system call that waits; false after 10 s, scaled.
 bool waits(int tid);
 
-// Those that the library has a record of. Ends what the poll monitor tells.
+// Those that the library has a record of.
 std::size_t known_threads();
 
 // Without the "tid=<n> " at the beginning of each line, whose number is checked to be the caller's thread.
-std::string without_tid(std::string const& lines, int tid = o_pthread_self());
+std::string without_tid(std::string lines, int tid = o_pthread_self());
 
 // What the call throws says: what() and, where there are any, the details behind it; "accepted" when it
 // throws nothing. Of Exception, orn::zel::Exception unless given.
@@ -91,6 +91,8 @@ private:
     orn::zel::fd::AutoReceptor receptor_;
 };
 
+using Dispositions = std::map<int, std::pair<void (*)(int), int>>; // by signal: handler and flags
+
 // Brings the library up before the test, and takes it down when the members of derived fixtures are gone.
 // Then it shows that the descriptors, the threads and the dispositions of signals are as they were.
 class Loop : public ::testing::Test {
@@ -104,7 +106,7 @@ protected:
 private:
     std::set<int> descriptors_;
     std::set<int> threads_;
-    std::map<int, struct sigaction> dispositions_;
+    Dispositions dispositions_;
 };
 
 } // namespace support
