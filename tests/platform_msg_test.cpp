@@ -392,6 +392,8 @@ TEST(Msg, calls_that_make_no_sense_are_refused) {
     EXPECT_FALSE(Inbox(std::string(100, 'n')).made());
     EXPECT_EQ(ENAMETOOLONG, errno);
     o_msg_t message = {};
+    EXPECT_EQ(-1, o_msg_destroy_queue(nullptr));
+    EXPECT_EQ(-1, o_msg_recv(nullptr, &message));
     message.count = O_MSG_MAX_PARTS + 1;
     EXPECT_EQ(-1, o_msg_send("test.flags", &message, 0));
     message.count = 2;
