@@ -28,9 +28,7 @@ zel_add_test_program(channel_target zel)
 zel_add_test_program(channel_client zel)
 zel_add_test_program(exit_program zel)
 zel_add_test_program(load_host ${CMAKE_DL_LIBS})
-zel_add_test_module(word_module word_module zel)
 zel_add_test_module(user_module user_module zel)
-zel_add_test_module(last_words_module last_words_module zel)
 zel_add_test_module(quiet_module quiet_module zel)
 foreach(name first second)
     zel_add_test_module(${name}_module order_module)
@@ -39,7 +37,7 @@ endforeach()
 
 set(programs support/Programs.cpp)
 zel_add_test(cmd_test SOURCES cmd_test.cpp ${programs} LIBRARIES zel)
-zel_test_starts(cmd_test WORD_MODULE=word_module)
+zel_test_starts(cmd_test QUIET_MODULE=quiet_module)
 
 zel_add_test(channel_test SOURCES channel_test.cpp support/Client.cpp ${programs} LIBRARIES zel)
 zel_test_starts(channel_test TARGET=channel_target CLIENT=channel_client)
@@ -51,6 +49,6 @@ if(TARGET zelctl)
 endif()
 
 zel_add_test(load_test SOURCES load_test.cpp ${programs} LIBRARIES ${CMAKE_DL_LIBS} TIMEOUT 120)
-zel_test_starts(load_test HOST=load_host EXIT_PROGRAM=exit_program TARGET=channel_target CLIENT=channel_client
-    ZEL_LIBRARY=zel USER_MODULE=user_module FIRST=first_module SECOND=second_module LAST_WORDS=last_words_module)
+zel_test_starts(load_test HOST=load_host EXIT_PROGRAM=exit_program CLIENT=channel_client
+    ZEL_LIBRARY=zel USER_MODULE=user_module FIRST=first_module SECOND=second_module)
 zel_test_starts(exit_program QUIET_MODULE=quiet_module)

@@ -27,7 +27,7 @@ public:
         EXPECT_EQ("ready", line());
     }
 
-    std::size_t descriptors() const { return support::descriptors_of(pid()); }
+    std::size_t descriptors() const { return support::descriptors(pid()).size(); }
 };
 
 // A client in a process of its own that has had its commands taken.
@@ -63,12 +63,18 @@ protected:
     Client client{target.pid()};
 };
 
+// Whether a busy process gets through so many more slices.
+bool goes_on(Client& control, unsigned long count = 1) {
+    auto const slices = [&] { return std::strtoul(control.ask_one("slices").c_str(), nullptr, 10); };
+    unsigned long const enough = slices() + count;
+    return wait_until([&] { return slices() >= enough; }, 20000);
+}
+
 TEST(Channel, a_process_that_merely_turns_its_loop_is_steered_from_outside) {
     Target target;
     EXPECT_EQ(0u, support::threads_named(target.pid(), "zel-command"));
     Client client(target.pid());
     EXPECT_EQ((Words{"1/2 2 x", "2/2 2 x"}), client.ask("2 x"));
-    EXPECT_EQ("TaskMgrs:", client.ask("zel tasks").at(0));
     Client second(target.pid()); // of the same process, so the first one's answers go there now
 
     // Many commands are served in their order.
@@ -84,7 +90,7 @@ TEST(Channel, a_process_that_merely_turns_its_loop_is_steered_from_outside) {
     EXPECT_EQ("exit 5", target.end());
 }
 
-TEST(Channel, a_burst_of_signals_and_many_clients_make_one_thread) {
+TEST(Channel, a_burst_of_signals_and_many_clients_make_one_thread_which_takes_none_of_the_applications) {
     Target target({"busy"});
     std::map<std::string, std::unique_ptr<Program>> clients;
     for (std::string const word : {"c0", "c1", "c2", "c3"})
@@ -99,58 +105,51 @@ TEST(Channel, a_burst_of_signals_and_many_clients_make_one_thread) {
     for (int i = 0; i < 10000; ++i)
         kill(target.pid(), channel_signal);
     Client client(target.pid());
-    EXPECT_EQ(Words{"1/1 foo"}, client.ask("foo"));
-    EXPECT_EQ(1u, support::threads_named(target.pid(), "zel-command"));
-    std::string const before = client.ask_one("slices");
-    EXPECT_TRUE(wait_until([&] { return client.ask_one("slices") != before; })) << "its loop goes on";
-}
-
-TEST(Channel, the_command_thread_takes_none_of_the_applications_signals) {
-    Target const target;
-    EXPECT_EQ("1/1 foo", Client(target.pid()).ask_one("foo"));
+    EXPECT_TRUE(goes_on(client));
+    int command_threads = 0;
     for (auto const& thread : support::threads(target.pid())) {
-        std::string const status =
-            support::proc(target.pid(), "task/" + std::to_string(thread.first) + "/status");
-        for (int const signo :
-             {SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGUSR2, SIGPIPE, SIGALRM, SIGCHLD, channel_signal})
-            EXPECT_TRUE(thread.second != "zel-command" || support::in_mask(status, "SigBlk", signo)) << signo;
+        if (thread.second != "zel-command")
+            continue;
+        ++command_threads;
+        std::string const file = "task/" + std::to_string(thread.first) + "/status";
+        for (int const signo : {SIGINT, SIGTERM, SIGUSR1, SIGPIPE, SIGALRM, SIGCHLD, channel_signal})
+            EXPECT_TRUE(support::in_mask(support::proc(target.pid(), file), "SigBlk", signo)) << signo;
     }
+    EXPECT_EQ(1, command_threads);
 }
 
 // ---- Observers ------------------------------------------------------------------------------------------
 
-class Observed : public ::testing::Test {
-protected:
-    Observed() : target({"busy"}), control(target.pid()) {}
+// CHANNEL_EXIT_RUNS raises the number of runs. The main thread ends the process, or the command thread.
+TEST(Channel, clients_that_stop_flood_or_are_killed_keep_no_process_from_its_work_its_choice_and_its_end) {
+    for (int run = support::number_from("CHANNEL_EXIT_RUNS", 4); run > 0; --run) {
+        std::string const choice = run % 2 ? "caught" : "ignored";
+        Target target({"busy", choice + "-sigpipe"});
+        Client control(target.pid());
+        OtherClient stopped(target, "follow", {all_monitors});
+        stopped.line(); // lines come
+        stopped.stop();
+        EXPECT_TRUE(goes_on(control, 5000)); // their lines are more than any pipe takes
+        stopped.signal(SIGCONT);
+        EXPECT_NE("", stopped.line()) << "the client may come back";
+        for (int i = 0; i < 3; ++i) {
+            OtherClient killed(target, "follow", {all_monitors});
+            killed.line();
+            killed.signal(SIGKILL);
+            EXPECT_EQ("signal 9", killed.end());
+            EXPECT_TRUE(goes_on(control, 100)) << i;
+        }
+        EXPECT_EQ(choice, control.ask_one("sigpipe"));
 
-    unsigned long slices() { return std::strtoul(control.ask_one("slices").c_str(), nullptr, 10); }
-
-    Target target;
-    Client control;
-};
-
-TEST_F(Observed, by_a_client_that_has_stopped_it_goes_on_as_before) {
-    OtherClient stopped(target, "follow", {all_monitors});
-    stopped.line(); // lines come
-    stopped.stop();
-    // More than any pipe takes.
-    unsigned long const enough = slices() + 5000;
-    ASSERT_TRUE(wait_until([&] { return slices() > enough; }, 20000));
-    stopped.signal(SIGCONT);
-    EXPECT_NE("", stopped.line()) << "and the client may come back";
-    EXPECT_TRUE(target.alive());
-}
-
-TEST_F(Observed, by_clients_that_are_killed_it_survives_with_every_thread_writing) {
-    for (int i = 0; i < 5; ++i) {
-        OtherClient client(target, "follow", {all_monitors});
-        client.line();
-        client.signal(SIGKILL);
-        EXPECT_EQ("signal 9", client.end());
-        unsigned long const enough = slices() + 100;
-        ASSERT_TRUE(wait_until([&] { return slices() > enough; })) << i;
+        OtherClient const observer(target, "follow", {"zel monitor poll thread"});
+        OtherClient const flood(target, "flood", {"zel fds", "100 x"});
+        OtherClient const halted(target, "follow", {"zel monitor task alarm"});
+        halted.stop();
+        long const begin = support::milliseconds();
+        control.send(run % 2 ? "quit 7" : "exit 7");
+        EXPECT_EQ("exit 7", target.end()) << target.errors();
+        EXPECT_LT(support::milliseconds() - begin, 1000 * support::scale());
     }
-    EXPECT_EQ("caught", control.ask_one("sigpipe"));
 }
 
 TEST(Channel, a_client_whose_pipe_blocks_and_is_full_blocks_nobody) {
@@ -164,22 +163,9 @@ TEST(Channel, a_client_whose_pipe_blocks_and_is_full_blocks_nobody) {
     for (std::string const& command : {all_monitors, many, many})
         ASSERT_LT(0, send_raw(target, 2, 0, true, &command));
     Client control(target.pid());
-    std::string const before = control.ask_one("slices");
-    EXPECT_TRUE(wait_until([&] { return control.ask_one("slices") != before; }));
+    EXPECT_TRUE(goes_on(control));
     close(ends[0]);
     close(ends[1]);
-}
-
-TEST(Channel, the_applications_own_choice_about_sigpipe_is_kept) {
-    for (std::string const choice : {"own", "ignored"}) {
-        Target target({"busy", choice + "-sigpipe"});
-        Client control(target.pid());
-        OtherClient client(target, "follow", {all_monitors});
-        client.line();
-        client.signal(SIGKILL);
-        client.end();
-        EXPECT_EQ(choice, control.ask_one("sigpipe"));
-    }
 }
 
 // INSPECTIONS raises the number of clients.
@@ -188,27 +174,22 @@ TEST(Channel, being_looked_into_again_and_again_does_not_use_up_the_descriptors)
     Target target;
     Client control(target.pid());
     std::size_t const before = target.descriptors();
-    std::string const at = control.ask_one("where");
     control.ask("zel monitor task");
+    Words kept = {control.ask_one("where")};
     // The descriptor of the monitor is the oldest of those whose reader ends here. It has nothing to tell,
     // and so does not learn of that.
-    std::unique_ptr<Client> watching(new Client(target.pid()));
-    std::string const watched = watching->ask_one("where");
+    auto watching = std::make_unique<Client>(target.pid());
+    kept.push_back(watching->ask_one("where"));
     watching->ask("zel monitor thread");
     watching.reset();
     for (std::size_t const limit : {80u, 48u}) {
-        for (int i = 0; i < inspections; ++i) {
-            Client client(target.pid());
-            if (i % 100 == 0)
-                EXPECT_EQ("FdMgrs:", client.ask("zel fds").at(0));
-            else
-                ASSERT_LT(0, client.send("foo"));
-        }
+        for (int i = 0; i < inspections; ++i)
+            ASSERT_LT(0, Client(target.pid()).send(i % 100 == 0 ? "zel fds" : "foo"));
         Client last(target.pid());
         EXPECT_EQ("1/1 foo", last.ask_one("foo"));
         EXPECT_LT(target.descriptors(), before + limit);
-        for (std::string const& kept : {at, watched})
-            EXPECT_EQ(kept, last.ask_one("where " + kept.substr(0, kept.find(' '))));
+        for (std::string const& where : kept)
+            EXPECT_EQ(where, last.ask_one("where " + where.substr(0, where.find(' '))));
         rlimit const few = {256, 256}; // of which an eighth is kept
         ASSERT_EQ(0, prlimit(target.pid(), RLIMIT_NOFILE, &few, nullptr));
     }
@@ -217,19 +198,17 @@ TEST(Channel, being_looked_into_again_and_again_does_not_use_up_the_descriptors)
 // ---- Bad input ------------------------------------------------------------------------------------------
 
 TEST_F(Served, bad_messages_do_not_keep_the_next_command_from_being_served) {
-    ASSERT_EQ("1/1 foo", client.ask_one("foo"));
+    client.ask("foo");
     std::size_t const before = target.descriptors();
     orn::os::Pipe const pipe(false);
-    std::string const whole("zel fds\0", 8);
-    std::string const without_end("no end");
-    std::string const empty;
+    std::string const* const no_text = nullptr;
+    std::string const texts[] = {{"zel fds\0", 8}, "no end", ""};
     for (int const type : {1, 2, 0, 3, -1, 2147483647}) {
         for (int const fd : {0, -1, pipe.WriteFD()}) {
             for (bool const with_pid : {true, false}) {
-                for (std::string const* const text :
-                     {static_cast<std::string const*>(nullptr), &whole, &without_end, &empty}) {
-                    if (type == 1 && fd > 0 && with_pid) // connects
-                        continue;
+                if (type == 1 && fd > 0 && with_pid) // connects
+                    continue;
+                for (std::string const* text : {&texts[0], &texts[1], &texts[2], no_text}) {
                     send_raw(target, type, fd, with_pid, text);
                     ASSERT_EQ("1/1 next", client.ask("next").back()) << type << ' ' << fd << ' ' << with_pid;
                 }
@@ -239,10 +218,9 @@ TEST_F(Served, bad_messages_do_not_keep_the_next_command_from_being_served) {
     EXPECT_EQ(before, target.descriptors());
 }
 
-TEST_F(Served, bad_commands_do_not_keep_the_next_one_from_being_served) {
-    EXPECT_EQ(Words{"1/1 "}, client.ask(""));
-    EXPECT_EQ(Words{"1/1    "}, client.ask("   "));
-    EXPECT_EQ(Words{"1/1 \xff\xfe\x80 \x1b[2J\r\t"}, client.ask("\xff\xfe\x80 \x1b[2J\r\t"));
+TEST_F(Served, commands_and_lines_of_any_kind_and_length_arrive_whole_or_leave_the_next_one_alone) {
+    for (std::string const command : {"", "   ", "\xff\xfe\x80 \x1b[2J\r\t"})
+        EXPECT_EQ(Words{"1/1 " + command}, client.ask(command));
     EXPECT_EQ("1/1 cut", client.ask(std::string("cut\0off", 7)).back());
     EXPECT_EQ((Words{"received \"a", "b\"", "1/1 a", "b"}), client.ask("a\nb"));
     for (std::size_t const size : {65530u, 65536u, 65537u, 120000u}) {
@@ -254,8 +232,11 @@ TEST_F(Served, bad_commands_do_not_keep_the_next_one_from_being_served) {
     EXPECT_EQ(EMSGSIZE, errno);
     EXPECT_EQ(Words{}, client.ask("throw"));
     EXPECT_EQ(Words{}, client.ask("throw-number"));
-    EXPECT_EQ(Words{"1/1 next"}, client.ask("next"));
-    EXPECT_TRUE(target.alive());
+    for (std::size_t const size : {0u, 1022u, 1023u, 1024u, 1025u, 4096u, 300000u})
+        EXPECT_EQ(Words{std::string(size, 'x')}, client.ask("line " + std::to_string(size)));
+    // A last line without its end becomes the beginning of what comes next.
+    client.send("tail ab");
+    EXPECT_EQ("abreceived \"tail c\"", client.ask("tail c").at(1));
 }
 
 TEST(Channel, a_command_before_the_connection_is_carried_out_and_its_answer_goes_nowhere) {
@@ -278,28 +259,25 @@ TEST_F(Served, whoever_offers_anything_but_a_pipe_is_refused_in_words) {
     int ends[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
     int const flags = fcntl(ends[1], F_GETFL);
-    ASSERT_LT(0, connect_raw(target, ends[1]));
-    // This process's connection is the one that it had before.
-    EXPECT_EQ("1/1 foo", client.ask_one("foo"));
     char text[200] = "";
+    auto const refuse = [&] {
+        ASSERT_LT(0, connect_raw(target, ends[1]));
+        // This process's connection is the one that it had before.
+        EXPECT_EQ("1/1 foo", client.ask_one("foo"));
+    };
+    refuse();
     EXPECT_LT(0, recv(ends[0], text, sizeof text - 1, MSG_DONTWAIT));
     EXPECT_STREQ("[zel] not connected: answers go to a pipe that this process can open anew: it is no pipe\n",
                  text);
     EXPECT_EQ(flags, fcntl(ends[1], F_GETFL)) << "the client's flags were changed";
-
-    // One that takes nothing, and one that would be read by nobody.
     while (send(ends[1], text, sizeof text, MSG_DONTWAIT) > 0) {
     }
-    ASSERT_LT(0, connect_raw(target, ends[1]));
-    EXPECT_EQ("1/1 foo", client.ask_one("foo"));
+    refuse(); // takes nothing
     close(ends[0]);
-    ASSERT_LT(0, connect_raw(target, ends[1]));
-    EXPECT_EQ("1/1 foo", client.ask_one("foo"));
+    refuse(); // would be read by nobody
     close(ends[1]);
     EXPECT_EQ(before, target.descriptors());
 }
-
-// ---- Rights ---------------------------------------------------------------------------------------------
 
 TEST(Channel, a_pipe_that_the_process_may_not_open_is_refused_in_words) {
     Program target({TARGET}, {}, -1, 65534); // nobody
@@ -317,68 +295,38 @@ TEST(Channel, a_pipe_that_the_process_may_not_open_is_refused_in_words) {
 
 // ---- The client's side ----------------------------------------------------------------------------------
 
-TEST_F(Served, lines_of_any_length_reach_the_client_whole) {
-    for (std::size_t const size : {0u, 1022u, 1023u, 1024u, 1025u, 4096u, 300000u})
-        EXPECT_EQ(Words{std::string(size, 'x')}, client.ask("line " + std::to_string(size)));
-    // A last line without its end becomes the beginning of what comes next.
-    client.send("tail ab");
-    EXPECT_EQ("abreceived \"tail c\"", client.ask("tail c").at(1));
-    EXPECT_EQ("1/1 next", client.ask("next").back());
-}
-
-bool turn_until(std::function<bool()> const& condition) {
-    return wait_until(condition, 10000, [] { orn::zel::RunOnce(20); });
-}
-
-TEST(Channel, the_function_for_lines_may_give_its_channel_up_and_is_not_called_again) {
+TEST(Channel, the_function_for_lines_may_turn_the_loop_throw_and_give_its_channel_up) {
     Target target;
     auto const before = support::descriptors();
+    auto const turn_until = [](std::function<bool()> const& condition) {
+        return wait_until(condition, 10000, [] { orn::zel::RunOnce(20); });
+    };
     Words lines;
     std::unique_ptr<orn::zel::cmd::Channel> channel;
     channel.reset(new orn::zel::cmd::Channel(orn::zel::Connect(target.pid(), [&](std::string const& line) {
         lines.push_back(line);
-        if (line == "1/3 3 x") // the other two came along with it
-            channel.reset();
-    })));
-    channel->Command("3 x");
-    EXPECT_TRUE(turn_until([&] { return !channel; }));
-    EXPECT_EQ("1/3 3 x", lines.back());
-    while (orn::zel::RunOnce(0) > 0) {
-    }
-    EXPECT_EQ("1/3 3 x", lines.back());
-    EXPECT_EQ(before, support::descriptors());
-}
-
-TEST(Channel, the_function_for_lines_may_turn_the_loop_and_may_throw) {
-    Target target;
-    Words lines;
-    orn::zel::cmd::Channel channel = orn::zel::Connect(target.pid(), [&](std::string const& line) {
-        lines.push_back(line);
         if (line == "1/3 3 nest") {
-            channel.Command("inner");
+            channel->Command("inner");
             EXPECT_TRUE(turn_until([&] { return lines.back() == "1/1 inner"; }));
         }
         if (line == "1/3 3 throw")
             throw std::runtime_error(line);
-    });
-    channel.Command("3 nest");
+        if (line == "1/3 3 end") // the other two came along with it
+            channel.reset();
+    })));
+    channel->Command("3 nest");
     ASSERT_TRUE(turn_until([&] { return lines.size() >= 6; }));
-    EXPECT_EQ((Words{"received \"3 nest\"", "1/3 3 nest", "2/3 3 nest", "3/3 3 nest", "received \"inner\"",
-                     "1/1 inner"}),
-              lines);
-
-    lines.clear();
-    channel.Command("3 throw");
+    channel->Command("3 throw");
     EXPECT_THROW(turn_until([] { return false; }), std::runtime_error);
-    channel.Command("next");
-    ASSERT_TRUE(turn_until([&] { return lines.back() == "1/1 next"; }));
-    EXPECT_EQ((Words{"received \"3 throw\"", "1/3 3 throw", "2/3 3 throw", "3/3 3 throw", "received \"next\"",
-                     "1/1 next"}),
+    channel->Command("3 end");
+    EXPECT_TRUE(turn_until([&] { return !channel; }));
+    while (orn::zel::RunOnce(0) > 0) {
+    }
+    EXPECT_EQ((Words{"received \"3 nest\"", "1/3 3 nest", "2/3 3 nest", "3/3 3 nest", "received \"inner\"",
+                     "1/1 inner", "received \"3 throw\"", "1/3 3 throw", "2/3 3 throw", "3/3 3 throw",
+                     "received \"3 end\"", "1/3 3 end"}),
               lines);
-
-    orn::zel::cmd::Channel dumb = orn::zel::Connect(target.pid(), {});
-    dumb.Command("foo");
-    EXPECT_THROW(turn_until([] { return false; }), boost::bad_function_call);
+    EXPECT_EQ(before, support::descriptors());
 }
 
 } // namespace

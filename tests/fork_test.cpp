@@ -15,9 +15,9 @@ using orn::zel::RunOnce;
 using support::Client;
 using support::in_child;
 
-int handled = 0;
+std::atomic<int> handled(0);
 
-void watch(int signo, int& seen) {
+void watch(int signo, std::atomic<int>& seen) {
     static_cast<void>(orn::zel::Signal(signo)->insert([&seen](int) { ++seen; }));
 }
 
@@ -29,14 +29,14 @@ void settle() {
 TEST(Fork, a_child_gets_back_what_was_there_before_its_parent_watched_a_signal) {
     signal(SIGUSR1, SIG_IGN);
     signal(SIGUSR2, [](int) { ++handled; });
-    int seen = 0;
+    std::atomic<int> seen(0);
     for (int const signo : {SIGTERM, SIGUSR1, SIGUSR2, SIGCHLD})
         watch(signo, seen);
     EXPECT_EQ("signal 15", in_child([] { return raise(SIGTERM); }));
     EXPECT_EQ("exit 2", in_child([] {
                   for (int const signo : {SIGUSR1, SIGUSR2, SIGUSR2, SIGCHLD, orn::zel::cmd::channel_signal})
                       raise(signo);
-                  return handled;
+                  return handled.load();
               }));
     EXPECT_EQ("exit 3", in_child([] { // watches anew, and gives up again
                   settle();
@@ -49,7 +49,7 @@ TEST(Fork, a_child_gets_back_what_was_there_before_its_parent_watched_a_signal) 
                   orn::zel::signal::zel_signal_unload();
                   for (int const signo : {SIGUSR1, SIGUSR2}) // the latter as the child has set it meanwhile
                       raise(signo);
-                  return handled;
+                  return handled.load();
               }));
     settle();
     seen = 0; // of the children that ended
@@ -63,7 +63,7 @@ TEST(Fork, no_signal_to_a_child_is_told_to_its_parent_at_whatever_moment_it_come
     int const total = 2000;
     setpgid(0, 0);
     signal(signo, SIG_IGN);
-    int seen = 0;
+    std::atomic<int> seen(0);
     watch(signo, seen);
     pid_t const sender = fork();
     if (sender == 0) {
@@ -139,8 +139,10 @@ pid_t daemon_that(std::function<void()> const& begins) {
     pid_t const child = fork();
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        setsid();
         begins();
+        orn::zel::RegisterCommandModule("seen", [](std::string const&, int fd) {
+            orn::zel::cmd::Write(fd, std::to_string(handled) + '\n');
+        });
         orn::zel::RegisterCommandModule("exit",
                                         [](std::string const& n, int) { exit(std::atoi(n.c_str())); });
         support::put(ready.WriteFD(), "x");
@@ -151,25 +153,22 @@ pid_t daemon_that(std::function<void()> const& begins) {
     return child;
 }
 
-void tell(char const* word, std::atomic<int> const& number) {
-    orn::zel::RegisterCommandModule(word, [&number](std::string const&, int fd) {
-        orn::zel::cmd::Write(fd, std::to_string(number) + '\n');
-    });
+// Its own id and words, one event that it has set up itself, and its exit.
+void expect_daemon(pid_t child, int signo) {
+    Client client(child);
+    EXPECT_EQ("0", client.ask_one("seen"));
+    kill(child, signo);
+    EXPECT_TRUE(support::wait_until([&] { return client.ask_one("seen") == "1"; }));
+    client.send("exit 3");
+    EXPECT_EQ("exit 3", support::end_of(child));
 }
 
 TEST(Fork, a_daemon_whose_first_act_is_to_watch_a_signal_is_steered_and_served) {
-    pid_t const child = daemon_that([] {
-        static std::atomic<int> ended(0);
-        static_cast<void>(orn::zel::Signal(SIGTERM)->insert([&](int) { ++ended; }));
-        poll(nullptr, 0, 0); // as in channel_target
-        tell("watched", ended);
-    });
-    Client client(child);
-    EXPECT_EQ("0", client.ask_one("watched"));
-    kill(child, SIGTERM);
-    EXPECT_TRUE(support::wait_until([&] { return client.ask_one("watched") == "1"; }));
-    client.send("exit 0");
-    EXPECT_EQ("exit 0", support::end_of(child));
+    expect_daemon(daemon_that([] {
+                      watch(SIGTERM, handled);
+                      poll(nullptr, 0, 0); // as in channel_target
+                  }),
+                  SIGTERM);
 }
 
 // The parent has a command thread, a client and everything else that a child does not get.
@@ -181,19 +180,14 @@ TEST(Fork, a_daemon_that_brings_the_library_up_anew_is_steered_under_its_own_id)
     self.ask("zel monitor poll thread task alarm");
     orn::zel::Alarm const ticks(0, 1, [] {});
     RunOnce(-1);
-    pid_t const child = daemon_that([] {
-        orn::zel::ZEL_unload__();
-        orn::zel::ZEL_load__();
-        static std::atomic<int> alarms(0);
-        static orn::zel::Alarm const own(1, 1, [] { alarms = 1; });
-        tell("alarms", alarms);
-    });
-    Client client(child);
-    EXPECT_TRUE(support::wait_until([&] { return client.ask_one("alarms") == "1"; }));
-    EXPECT_EQ("1/1 foo", client.ask_one("foo"));
-    EXPECT_EQ("1/1 alarms", Client(getpid()).ask_one("alarms"));
-    client.send("exit 0");
-    EXPECT_EQ("exit 0", support::end_of(child));
+    expect_daemon(daemon_that([] {
+                      orn::zel::ZEL_unload__();
+                      orn::zel::ZEL_load__();
+                      static_cast<void>(orn::zel::Signal(SIGUSR1)->insert(
+                          [](int) { orn::zel::SetAlarm(1, [] { ++handled; }); }));
+                  }),
+                  SIGUSR1);
+    EXPECT_EQ("1/1 seen", Client(getpid()).ask_one("seen"));
 }
 
 } // namespace

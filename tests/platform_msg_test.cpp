@@ -13,6 +13,22 @@
 
 namespace {
 
+int ends_to_report = 0; // by this many of the next calls of recvmsg()
+
+} // namespace
+
+// The linker has the receiver's calls of recvmsg() come here.
+extern "C" ssize_t __real_recvmsg(int, msghdr*, int);
+extern "C" ssize_t __wrap_recvmsg(int socket, msghdr* message, int flags) {
+    if (ends_to_report == 0)
+        return __real_recvmsg(socket, message, flags);
+    --ends_to_report;
+    message->msg_controllen = 0; // as the kernel leaves it
+    return 0;
+}
+
+namespace {
+
 using namespace messages;
 using orn::os::Pipe;
 using support::descriptors;
@@ -35,63 +51,6 @@ protected:
     std::string const name = name_of(getpid());
     std::unique_ptr<Inbox> inbox{new Inbox(name)};
 };
-
-// ---- What is carried ------------------------------------------------------------------------------------
-
-TEST_F(MsgQueue, carries_messages_whole_and_in_their_order_up_to_the_limit) {
-    mallopt(M_PERTURB, 'p'); // no NUL byte by chance
-    EXPECT_FALSE(inbox->take_waiting());
-    EXPECT_EQ(EAGAIN, errno);
-    EXPECT_FALSE(is_ready(inbox->fd(), POLLIN));
-    std::string const largest(O_MSG_MAX_SIZE - sizeof(int), 'x');
-    struct {
-        int type;
-        std::string text;
-    } const all[] = {{2, "no end"}, {-7, {"a\0b\0", 4}}, {2, ""}, {2, largest}};
-    pid_t const child = child_that([&] {
-        int self = getpid();
-        o_msg_t one_part = {};
-        one_part.type = one_part.count = 1;
-        one_part.parts[0] = {&self, sizeof self};
-        bool sent = o_msg_send(name.c_str(), &one_part, 0) == sizeof self;
-        for (auto const& each : all)
-            sent = sent && send_to(name, each.type, 7, each.text);
-        return sent && refusal(name, largest + "x") == EMSGSIZE;
-    });
-    EXPECT_EQ(child, inbox->next());
-    EXPECT_EQ(1u, inbox->message.count);
-    EXPECT_EQ(1, inbox->message.type);
-    EXPECT_EQ(-1, inbox->message.fd);
-    for (auto const& each : all) {
-        ASSERT_EQ(7, inbox->next());
-        EXPECT_EQ(each.type, inbox->message.type);
-        EXPECT_EQ(each.text, inbox->text());
-        EXPECT_EQ('\0', static_cast<char*>(inbox->message.parts[1].data)[each.text.size()]);
-    }
-    EXPECT_EQ("exit 0", end_of(child));
-    EXPECT_FALSE(is_ready(inbox->fd(), POLLIN));
-}
-
-TEST_F(MsgQueue, carries_one_descriptor_and_each_that_it_makes_is_close_on_exec) {
-    pid_t const child = child_that([&] {
-        Pipe const answers(true);
-        char text[3] = "";
-        return send_to(name, 1, 1, "", answers.WriteFD()) && send_to(name, 2, 2, "", 0) &&
-               is_ready(answers.ReadFD(), POLLIN, 20000) && read(answers.ReadFD(), text, 2) == 2 &&
-               std::string(text) == "hi";
-    });
-    int const parked = bare_socket(name);
-    ASSERT_EQ(1, inbox->next());
-    for (int const fd : descriptors())
-        EXPECT_TRUE(without_queue.count(fd) != 0 || (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0) << fd;
-    int const answer = std::exchange(inbox->message.fd, -1); // taken over
-    ASSERT_EQ(2, inbox->next());
-    EXPECT_EQ(-1, inbox->message.fd) << "standard input was given away";
-    support::put(answer, "hi");
-    EXPECT_EQ("exit 0", end_of(child));
-    close(answer);
-    close(parked);
-}
 
 // ---- Who is trusted -------------------------------------------------------------------------------------
 
@@ -122,34 +81,10 @@ TEST_F(MsgQueue, drops_strangers_in_a_row_although_they_fill_it_and_keeps_the_or
         ASSERT_EQ(i, inbox->next());
     EXPECT_EQ("exit 0", end_of(owner));
     EXPECT_EQ(0, waitpid(stranger, nullptr, WNOHANG)) << "it had ended before the owner came";
+    kill(stranger, SIGKILL); // before other cases are run in this process
 }
 
-TEST(Msg, a_process_with_borrowed_rights_serves_and_trusts_root_alone) {
-    bool const root = geteuid() == 0;
-    auto const become_nobody = [](int dumpable) {
-        return (geteuid() != 0 || become(nobody)) && prctl(PR_SET_DUMPABLE, dumpable) == 0;
-    };
-    Gate ready, sent;
-    pid_t const other = child_that([&] {
-        bool const plain = become_nobody(1);
-        Inbox inbox(name_of(getpid()));
-        ready.open();
-        bool const served = plain && inbox.next() == 1 && become_nobody(0);
-        ready.open();
-        return served && sent.wait() && (root ? inbox.next() == 3 : !inbox.take_waiting());
-    });
-    std::string const name = name_of(other);
-    pid_t const sender = child_that([&] {
-        return become_nobody(1) && ready.wait() && send_to(name, 2, 1) && ready.wait() &&
-               send_to(name, 2, 2) && become_nobody(0) && refusal(name) == EACCES;
-    });
-    EXPECT_EQ("exit 0", end_of(sender));
-    EXPECT_TRUE(!root || send_to(name, 2, 3));
-    sent.open();
-    EXPECT_EQ("exit 0", end_of(other));
-}
-
-TEST(Msg, goes_to_the_process_that_the_name_says_and_to_another_user_by_such_a_name_from_root_alone) {
+TEST(Msg, goes_to_the_process_that_its_name_says_and_across_users_or_to_borrowed_rights_from_root_alone) {
     Gate ready, sent;
     std::string const own = name_of(getpid());
     pid_t const impostor = child_that([&] {
@@ -168,12 +103,14 @@ TEST(Msg, goes_to_the_process_that_the_name_says_and_to_another_user_by_such_a_n
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can become another user";
     pid_t const other = child_that([&] {
-        bool const dropped = become(nobody);
-        Inbox numbered(name_of(getpid()));
+        bool const dropped = become(nobody); // which makes this a process with borrowed rights
+        std::string const name = name_of(getpid());
+        Inbox numbered(name);
         Inbox unnumbered(own + ".of-anybody");
         ready.open();
         return dropped && sent.wait() && numbered.next() == 0 && !numbered.take_waiting() &&
-               !unnumbered.take_waiting();
+               !unnumbered.take_waiting() && refusal(name) == EACCES && prctl(PR_SET_DUMPABLE, 1) == 0 &&
+               refusal(name) == 0 && prctl(PR_SET_DUMPABLE, 0) == 0 && !numbered.take_waiting();
     });
     ASSERT_TRUE(ready.wait());
     EXPECT_EQ(0, refusal(name_of(other)));
@@ -213,13 +150,11 @@ TEST_F(MsgQueue, drops_what_is_no_message_whole_and_serves_the_next_one) {
         {"an empty packet", -static_cast<int>(sizeof(Header)), 0, [](Header&) {}},
         {"a cut header", -1, 1, [](Header&) {}},
         {"too little data", 3, 0, [](Header&) {}},
-        {"too much data", 5, 0, [](Header&) {}},
         {"another magic", 4, 0, [](Header& h) { h.magic = 1; }},
         {"another version", 4, 0, [](Header& h) { h.version = 2; }},
         {"too many parts", 4, 0, [](Header& h) { h.parts = 5; }},
         {"data beyond the parts", 7, 0, [](Header& h) { h.lengths[1] = 3; }},
         {"lengths that wrap", 0, 0, [](Header& h) { h.parts = 2, h.lengths[1] = 0xfffffffc; }},
-        {"data beyond the limit", limit + 4, 0, [](Header& h) { h.parts = 2, h.lengths[1] = limit; }},
         {"data cut at the limit", limit + 4, 0, [](Header& h) { h.parts = 2, h.lengths[1] = limit - 4; }},
         {"a missing descriptor", 4, 0, [](Header& h) { h.descriptors = 1; }},
         {"an extra descriptor", 4, 1, [](Header&) {}},
@@ -228,7 +163,6 @@ TEST_F(MsgQueue, drops_what_is_no_message_whole_and_serves_the_next_one) {
         {"many descriptors", 4, 100, [](Header& h) { h.descriptors = 100; }},
         {"no parts", 0, 0, [](Header& h) { h.parts = 0, h.lengths[0] = 0; }},
         {"a short number", 3, 0, [](Header& h) { h.lengths[0] = 3; }},
-        {"a long number", 5, 0, [](Header& h) { h.lengths[0] = 5; }},
         {"more parts than offered", 4, 0, [](Header& h) { h.parts = 3; }},
     };
     for (auto const& each : cases) {
@@ -242,11 +176,11 @@ TEST_F(MsgQueue, drops_what_is_no_message_whole_and_serves_the_next_one) {
         EXPECT_EQ(before, descriptors()) << each.what;
     }
     send_bare_packet(name, packet_of()); // or none of the above would have shown anything
-    inbox->next();
-    EXPECT_EQ(5, inbox->message.type);
+    EXPECT_EQ(bare, inbox->next());
 }
 
-TEST_F(MsgQueue, neither_leaks_nor_stops_at_random_packets) {
+TEST_F(MsgQueue, neither_leaks_nor_stops_at_random_packets_and_carries_messages_whole) {
+    mallopt(M_PERTURB, 'p'); // no NUL byte by chance
     auto const before = descriptors();
     std::mt19937 random(20240607);
     auto const below = [&random](std::size_t limit) { return random() % limit; };
@@ -262,11 +196,26 @@ TEST_F(MsgQueue, neither_leaks_nor_stops_at_random_packets) {
             ASSERT_NE(no_message, inbox->next());
         while (inbox->message.type != 77);
         ASSERT_EQ(round, inbox->number);
+        ASSERT_EQ(bytes, inbox->text());
+        ASSERT_EQ('\0', static_cast<char*>(inbox->message.parts[1].data)[bytes.size()]);
+        int const fd = inbox->message.fd; // close-on-exec, and not this process's standard input
+        ASSERT_EQ(round % 2 ? FD_CLOEXEC : -1, fcntl(fd, F_GETFD));
         o_msg_release(&inbox->message);
         ASSERT_EQ(before, descriptors());
         settled = round == 1000 ? mallinfo2().uordblks : settled;
     }
     EXPECT_LT(mallinfo2().uordblks, settled + 32768);
+}
+
+// The kernel does so when the sender sends and closes while the receiver looks: once in a million messages.
+TEST_F(MsgQueue, takes_a_message_although_the_end_of_its_connection_is_reported_before_it) {
+    ASSERT_TRUE(send_to(name, 2, 7, "", STDOUT_FILENO));
+    ends_to_report = 1;
+    EXPECT_EQ(7, inbox->next());
+    EXPECT_NE(-1, inbox->message.fd) << "the descriptor came along";
+    ASSERT_TRUE(send_to(name, 2, 8));
+    ends_to_report = 2;
+    EXPECT_FALSE(inbox->take_waiting()) << "an end that is reported twice is one";
 }
 
 // ---- Slow, stopped and dead partners --------------------------------------------------------------------
@@ -275,7 +224,7 @@ TEST_F(MsgQueue, keeps_the_place_of_who_is_late_until_newer_ones_need_it) {
     auto const before = descriptors();
     std::vector<int> silent;
     auto const connect_silently = [&](int count) {
-        for (int i = 0; i < count; ++i) {
+        while (count-- > 0) {
             silent.push_back(bare_socket(name));
             EXPECT_FALSE(inbox->take_waiting());
         }
@@ -285,25 +234,18 @@ TEST_F(MsgQueue, keeps_the_place_of_who_is_late_until_newer_ones_need_it) {
     EXPECT_TRUE(bare_send(silent.front(), packet_of()));
     ASSERT_TRUE(send_to(name, 2, 2));
     EXPECT_TRUE(is_ready(inbox->fd(), POLLIN));
-    ASSERT_TRUE(inbox->take_waiting());
-    EXPECT_EQ(5, inbox->message.type);
-    ASSERT_TRUE(inbox->take_waiting());
-    EXPECT_EQ(2, inbox->number);
+    EXPECT_EQ(bare, inbox->next());
+    EXPECT_EQ(2, inbox->next());
 
     connect_silently(100);
     EXPECT_LT(descriptors().size(), before.size() + 101 + 40);
-    ASSERT_TRUE(send_to(name, 2, 3));
-    EXPECT_EQ(3, inbox->next());
-    connect_silently(1);
+    EXPECT_FALSE(bare_send(silent[1], packet_of())) << "the oldest of them";
     auto const kept =
         std::count_if(silent.begin(), silent.end(), [](int fd) { return bare_send(fd, packet_of()); });
-    EXPECT_FALSE(bare_send(silent[1], packet_of())) << "the oldest of them";
     EXPECT_GT(kept, 10);
     ASSERT_TRUE(send_to(name, 2, 4)); // no room for its connection, but none whose message is there may go
-    for (auto i = kept; i > 0; --i) {
-        ASSERT_NE(no_message, inbox->next());
-        EXPECT_EQ(5, inbox->message.type);
-    }
+    for (auto i = kept; i > 0; --i)
+        ASSERT_EQ(bare, inbox->next());
     EXPECT_EQ(4, inbox->next());
     connect_silently(10);
     for (int const fd : silent) // as when their processes die
@@ -314,14 +256,13 @@ TEST_F(MsgQueue, keeps_the_place_of_who_is_late_until_newer_ones_need_it) {
     EXPECT_EQ(before, descriptors());
 }
 
-extern "C" void* send_until_cancelled(void* name) {
-    for (;;)
-        send_to(*static_cast<std::string*>(name), 2, 0);
-}
-
 // One that waits for room, and leaves nothing behind.
 void cancel_a_sender(std::string name) {
     auto const before = descriptors();
+    auto const send_until_cancelled = [](void* to) -> void* {
+        for (;;)
+            send_to(*static_cast<std::string*>(to), 2, 0);
+    };
     pthread_t thread{};
     void* result = nullptr;
     ASSERT_EQ(0, pthread_create(&thread, nullptr, send_until_cancelled, &name));
@@ -420,22 +361,21 @@ TEST_F(MsgQueue, is_quiet_while_there_are_no_descriptors_and_loses_nothing) {
 
 // ---- Beginnings and ends --------------------------------------------------------------------------------
 
-TEST_F(MsgQueue, is_closed_in_a_child_of_fork) {
+TEST_F(MsgQueue, keeps_its_name_to_itself_and_is_closed_in_a_child_of_fork) {
+    EXPECT_FALSE(Inbox(name).made());
+    EXPECT_EQ(EADDRINUSE, errno);
     int const silent = bare_socket(name);
     EXPECT_FALSE(inbox->take_waiting());
     Gate checked, end;
     pid_t const child = child_that([&] {
         bool const closed = inbox->fd() == -1 && !inbox->take_waiting() && errno == EBADF;
-        bool const own = Inbox(name_of(getpid())).made();
         close(silent);
         checked.open();
         bool const told = end.wait();
         inbox.reset();
-        return closed && own && told;
+        return closed && told;
     });
     ASSERT_TRUE(checked.wait());
-    ASSERT_TRUE(send_to(name, 2, 1));
-    EXPECT_EQ(1, inbox->next());
     close(silent);
     EXPECT_FALSE(inbox->take_waiting());
     EXPECT_FALSE(is_ready(inbox->fd(), POLLIN)) << "the child's copy of the connection hangs on";
@@ -445,52 +385,23 @@ TEST_F(MsgQueue, is_closed_in_a_child_of_fork) {
     EXPECT_EQ("exit 0", end_of(child));
 }
 
-TEST_F(MsgQueue, closes_what_waits_in_it_and_frees_its_name_when_it_is_destroyed) {
-    auto const before = descriptors();
-    for (int round = 0; round < 100; ++round) {
-        EXPECT_FALSE(Inbox(name).made());
-        EXPECT_EQ(EADDRINUSE, errno);
-        int ends[2];
-        ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
-        int const parked = bare_socket(name);
-        ASSERT_TRUE(send_to(name, 1, 1, "", ends[1]));
-        ASSERT_TRUE(send_to(name, 1, 2, "", ends[1]));
-        ASSERT_EQ(1, inbox->next());
-        inbox.reset();
-        EXPECT_EQ(ECONNREFUSED, refusal(name));
-        close(ends[1]);
-        close(parked);
-        char byte = 0;
-        EXPECT_EQ(0, read(ends[0], &byte, 1)) << "somebody still holds the write end";
-        close(ends[0]);
-        inbox.reset(new Inbox(name));
-    }
-    EXPECT_EQ(before, descriptors());
-}
-
 TEST(Msg, calls_that_make_no_sense_are_refused) {
     EXPECT_EQ(nullptr, o_msg_create_queue("test.flags", 0));
-    EXPECT_EQ(EINVAL, errno);
     EXPECT_FALSE(Inbox("").made());
-    EXPECT_EQ(EINVAL, errno);
-    EXPECT_EQ(-1, o_msg_destroy_queue(nullptr));
     EXPECT_TRUE(Inbox(std::string(99, 'n')).made());
     EXPECT_FALSE(Inbox(std::string(100, 'n')).made());
     EXPECT_EQ(ENAMETOOLONG, errno);
-
-    int number = 1;
     o_msg_t message = {};
+    EXPECT_EQ(-1, o_msg_destroy_queue(nullptr));
     EXPECT_EQ(-1, o_msg_recv(nullptr, &message));
-    message.count = 2;
-    message.parts[0] = message.parts[1] = {&number, sizeof number};
-    EXPECT_EQ(8, o_msg_data_size(&message));
-    message.parts[1].data = nullptr;
-    EXPECT_EQ(-1, o_msg_data_size(&message));
-    message.parts[1] = {&message, SIZE_MAX};
-    EXPECT_EQ(-1, o_msg_data_size(&message));
     message.count = O_MSG_MAX_PARTS + 1;
-    EXPECT_EQ(-1, o_msg_data_size(&message));
     EXPECT_EQ(-1, o_msg_send("test.flags", &message, 0));
+    message.count = 2;
+    message.parts[0] = {&message, 4};
+    for (o_msg_part_t const part : {o_msg_part_t{nullptr, 4}, {&message, SIZE_MAX}}) {
+        message.parts[1] = part;
+        EXPECT_EQ(-1, o_msg_data_size(&message));
+    }
     EXPECT_EQ(EINVAL, errno);
 }
 

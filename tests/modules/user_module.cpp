@@ -2,17 +2,31 @@
 //
 // A library that uses zel, for a host that knows nothing of either. Loading it brings up everything that has
 // a descriptor, a thread or the handler of a signal, and the command channel with a client and every monitor.
-// All of that is left to the unloading.
+// All of that is left to the unloading. With ORDER_LOG set it then uses everything once more, and writes what
+// came of that to this file.
 #include <atomic>
+#include <cstdlib>
 #include <future>
 #include <memory>
 #include <string>
 
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <orn/os/Thread.hpp>
 #include <orn/zel.hpp>
+
+// Also for a thread of the host's.
+extern "C" ORN_API void run_a_task() {
+    bool done = false;
+    orn::zel::RunTask([&](orn::zel::task::Controller* task) {
+        task->Complete();
+        done = true;
+    });
+    while (!done)
+        orn::zel::RunOnce(-1);
+}
 
 namespace {
 
@@ -39,6 +53,22 @@ struct User {
         RunTask([](task::Controller* task) { task->Sleep(); });
         SetAlarm(100000, [] {}); // still armed at the end
     }
+    ~User() {
+        char const* const log = std::getenv("ORDER_LOG");
+        if (!log)
+            return;
+        int const fd = open(log, O_WRONLY | O_APPEND | O_CLOEXEC);
+        cmd::ProcessCommand("zel x", fd);
+        bool rung = false;
+        SetAlarm(0, [&] { rung = true; });
+        run_a_task();
+        arrived = false;
+        raise(SIGUSR1);
+        while (!arrived || !rung)
+            RunOnce(-1);
+        cmd::Write(fd, "all used\n");
+        close(fd);
+    }
 
     bool arrived = false;
     bool ticked = false;
@@ -49,14 +79,3 @@ struct User {
 } user;
 
 } // namespace
-
-// For a thread of the host's.
-extern "C" ORN_API void run_a_task() {
-    bool done = false;
-    RunTask([&](task::Controller* task) {
-        task->Complete();
-        done = true;
-    });
-    while (!done)
-        RunOnce(-1);
-}

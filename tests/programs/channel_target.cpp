@@ -4,8 +4,7 @@
 // Each of its arguments adds something:
 //
 //     busy             endless tasks, alarms and threads in loops
-//     own-sigpipe      has a handler of its own for SIGPIPE
-//     ignored-sigpipe  ignores it
+//     ignored-sigpipe  ignores SIGPIPE
 //     secret           may not be traced by its own user
 #include <atomic>
 #include <csignal>
@@ -34,15 +33,10 @@ void answer(int fd, std::string const& text) {
     cmd::Write(fd, text + '\n');
 }
 
-void own_handler(int) {}
-
 void sigpipe(std::string const&, int fd) {
     struct sigaction now = {};
     sigaction(SIGPIPE, nullptr, &now);
-    answer(fd, now.sa_handler == SIG_DFL       ? "default"
-               : now.sa_handler == SIG_IGN     ? "ignored"
-               : now.sa_handler == own_handler ? "own"
-                                               : "caught");
+    answer(fd, now.sa_handler == SIG_DFL ? "default" : now.sa_handler == SIG_IGN ? "ignored" : "caught");
 }
 
 // A line as long as is asked for, in pieces that the pipe takes.
@@ -121,8 +115,6 @@ int main(int argc, char** argv) {
         std::string const option = argv[i];
         if (option == "busy")
             be_busy();
-        else if (option == "own-sigpipe")
-            std::signal(SIGPIPE, own_handler);
         else if (option == "ignored-sigpipe")
             std::signal(SIGPIPE, SIG_IGN);
         else if (option == "secret")

@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include <dlfcn.h>
 #include <poll.h>
@@ -59,9 +60,9 @@ void exit_here() {
         RunOnce(-1);
 }
 
-void start(int (*create)(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*), void* (*body)(void*)) {
+void start(void* (*body)(void*)) {
     pthread_t thread;
-    if (create(&thread, nullptr, body, nullptr) != 0)
+    if (o_pthread_create(&thread, nullptr, body, nullptr) != 0)
         abort();
     pthread_detach(thread);
 }
@@ -88,26 +89,24 @@ void* loop(void*) {
     return member(nullptr);
 }
 
-void* send(void*) {
-    for (;;) {
-        syscall(SYS_kill, getpid(), SIGUSR1);
-        poll(nullptr, 0, 0);
-    }
-}
-
 void be_busy() {
     struct sigaction ignored = {};
     ignored.sa_handler = SIG_IGN; // what comes back at the end, while signals still arrive
     sigaction(SIGUSR1, &ignored, nullptr);
-    start(o_pthread_create, member);
-    start(o_pthread_create, loop);
-    start(o_pthread_create, loop);
-    start(pthread_create, send);
+    start(member);
+    start(loop);
+    start(loop);
+    std::thread([] {
+        for (;;) {
+            syscall(SYS_kill, getpid(), SIGUSR1);
+            poll(nullptr, 0, 0);
+        }
+    }).detach();
 }
 
 std::map<std::string, void (*)()> const places = {
     {"main", exit_here},
-    {"thread", [] { start(o_pthread_create, [](void*) -> void* { exit(7); }); }},
+    {"thread", [] { start([](void*) -> void* { exit(7); }); }},
     {"handler",
      [] {
          orn::os::Pipe const pipe(false);
@@ -124,7 +123,7 @@ std::map<std::string, void (*)()> const places = {
      }},
     {"timer",
      [] {
-         orn::os::Timer timer([](orn::os::Timer*) { exit(7); });
+         static orn::os::Timer timer([](orn::os::Timer*) { exit(7); }); // destroyed in its own callback
          timer.Set(0, 0);
          turn();
      }},
@@ -139,12 +138,12 @@ void be_steered() {
         RunTask([&](task::Controller* own) { controller = own; });
     while (!steered[0] || !steered[1])
         RunOnce(-1);
-    start(pthread_create, [](void*) -> void* {
+    std::thread([] {
         for (;;) {
             steered[0].load()->Sleep();
             steered[1].load()->Complete();
         }
-    });
+    }).detach();
 }
 
 // ThreadSanitizer has fork handlers of its own, which go while exit() runs. A fork that is under way then
@@ -160,7 +159,7 @@ void load() {
 #if defined(__SANITIZE_ADDRESS__)
     constructed_again = true;
 #endif
-    start(pthread_create, [](void*) -> void* {
+    std::thread([] {
         for (;;) {
             void* const library = dlopen(QUIET_MODULE, RTLD_NOW);
             pid_t const child = may_fork_in_exit ? fork() : -1;
@@ -171,13 +170,13 @@ void load() {
             if (library)
                 dlclose(library);
         }
-    });
+    }).detach();
 }
 
 // The program has no fork handlers of its own: two that go at the end are enough to have glibc 2.36 abort it.
 void be_forking() {
     for (int i = 0; i < 4; ++i) {
-        start(pthread_create, [](void*) -> void* {
+        std::thread([] {
             for (;;) {
                 pid_t const child = fork();
                 sigset_t mask;
@@ -187,21 +186,21 @@ void be_forking() {
                 if (waitpid(child, &status, 0) == child && status != 0)
                     abort();
             }
-        });
+        }).detach();
     }
 }
 
 void be_outlived() {
     SetAlarm(20, exit_here);
-    start(o_pthread_create, [](void*) -> void* { turn(); });
+    start([](void*) -> void* { turn(); });
     pthread_exit(nullptr);
 }
 
 void unload() {
-    start(pthread_create, [](void*) -> void* {
+    std::thread([] {
         for (;;)
             RunOnce(1);
-    });
+    }).detach();
     ZEL_unload__();
 }
 

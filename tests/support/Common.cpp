@@ -126,8 +126,8 @@ std::size_t other_threads() {
 
 } // namespace
 
-std::set<int> descriptors() {
-    return numbers_in("/proc/self/fd");
+std::set<int> descriptors(pid_t pid) {
+    return numbers_in(pid == getpid() ? "/proc/self/fd" : "/proc/" + std::to_string(pid) + "/fd");
 }
 
 std::map<int, std::string> threads(pid_t pid) {
@@ -141,9 +141,7 @@ std::map<int, std::string> threads(pid_t pid) {
 }
 
 bool is_asleep(int tid) {
-    std::string const stat = text_of(task_file(getpid(), tid, "stat"));
-    std::string::size_type const name_end = stat.rfind(") ");
-    return name_end != std::string::npos && stat[name_end + 2] == 'S';
+    return text_of(task_file(getpid(), tid, "stat")).find(") S ") != std::string::npos;
 }
 
 Footprint::Footprint()

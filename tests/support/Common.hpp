@@ -32,18 +32,17 @@ namespace support {
 
 using Words = std::vector<std::string>;
 
-// Whether this build runs under ThreadSanitizer or AddressSanitizer.
+// Whether this build runs under ThreadSanitizer, and whether under that or AddressSanitizer.
 #if defined(__SANITIZE_THREAD__)
 bool const has_thread_sanitizer = true;
 #else
 bool const has_thread_sanitizer = false;
 #endif
 #if defined(__SANITIZE_ADDRESS__)
-bool const has_address_sanitizer = true;
+bool const is_sanitized = true;
 #else
-bool const has_address_sanitizer = false;
+bool const is_sanitized = has_thread_sanitizer;
 #endif
-bool const is_sanitized = has_thread_sanitizer || has_address_sanitizer;
 
 // ---- Waiting --------------------------------------------------------------------------------------------
 
@@ -117,8 +116,8 @@ private:
 
 // ---- Processes ------------------------------------------------------------------------------------------
 
-// Open descriptors of this process.
-std::set<int> descriptors();
+// Those that the process has open.
+std::set<int> descriptors(pid_t pid = getpid());
 
 // Name by id. A thread that has been joined may be listed for a moment longer.
 std::map<int, std::string> threads(pid_t pid = getpid());

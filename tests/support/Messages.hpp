@@ -118,6 +118,8 @@ struct Header {
     std::uint32_t lengths[4] = {4, 0, 0, 0};
 };
 
+int const bare = 0x64646464; // the number in a bare packet
+
 // With so many bytes of data; fewer than none cut the header.
 inline std::string packet_of(Header const& header = {}, int data = 4) {
     std::string bytes(reinterpret_cast<char const*>(&header), sizeof header);

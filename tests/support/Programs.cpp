@@ -3,9 +3,6 @@
 // Starting programs and looking into them; see Programs.hpp. Uses the system only.
 #include "Programs.hpp"
 
-#include <filesystem>
-#include <iterator>
-
 namespace support {
 
 Words joined(Words first, Words const& second) {
@@ -123,11 +120,6 @@ bool Program::sleeping() const {
 
 std::string proc(pid_t pid, std::string const& entry) {
     return text_of("/proc/" + std::to_string(pid) + '/' + entry);
-}
-
-std::size_t descriptors_of(pid_t pid) {
-    std::filesystem::directory_iterator const all("/proc/" + std::to_string(pid) + "/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
 std::size_t threads_named(pid_t pid, std::string const& name) {

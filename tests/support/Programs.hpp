@@ -41,7 +41,6 @@ private:
 };
 
 std::string proc(pid_t pid, std::string const& entry); // the text of /proc/<pid>/<entry>
-std::size_t descriptors_of(pid_t pid);
 std::size_t threads_named(pid_t pid, std::string const& name);
 
 // Whether the signal is in the mask behind "SigCgt:", "SigBlk:" and so on in the text of a status file.

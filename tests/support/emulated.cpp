@@ -15,21 +15,17 @@
 
 namespace {
 
-// Class, byte order and machine: the same in all programs of this build.
-struct Kind {
-    unsigned char bytes[20] = {};
-
-    explicit Kind(char const* path) {
-        int const fd = open(path, O_RDONLY | O_CLOEXEC);
-        if (fd == -1 || read(fd, bytes, sizeof bytes) != static_cast<ssize_t>(sizeof bytes))
-            bytes[0] = 0;
+// Whether class, byte order and machine are those of this program, as in all programs of this build.
+bool is_of_this_build(char const* path) {
+    char heads[2][20] = {};
+    for (char* const head : heads) {
+        int const fd = open(head == heads[0] ? path : "/proc/self/exe", O_RDONLY | O_CLOEXEC);
+        if (fd == -1 || read(fd, head, sizeof *heads) != sizeof *heads)
+            return false;
         close(fd);
     }
-    bool operator==(Kind const& other) const {
-        return bytes[0] != 0 && std::memcmp(bytes, other.bytes, 6) == 0 &&
-               std::memcmp(bytes + 18, other.bytes + 18, 2) == 0;
-    }
-};
+    return std::memcmp(heads[0], heads[1], 6) == 0 && std::memcmp(heads[0] + 18, heads[1] + 18, 2) == 0;
+}
 
 std::size_t const most_words = 64;
 
@@ -87,8 +83,7 @@ extern "C" int execv(char const* path, char* const words[]) noexcept {
     char* all[most_words + 1];
     std::size_t count = 0;
     char const* const setting = std::getenv("ZEL_TEST_EMULATOR");
-    bool const emulated =
-        setting && std::strlen(setting) < sizeof emulator && Kind(path) == Kind("/proc/self/exe");
+    bool const emulated = setting && std::strlen(setting) < sizeof emulator && is_of_this_build(path);
     if (emulated) {
         std::strcpy(emulator, setting);
         char* rest = nullptr;

@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: MIT
 //
-// A program on a vendor's platform layer. It makes a thread and a pipe with that layer, and zel's loop serves
-// both. Program and loop have to use the same copy of the layer, the vendor's.
+// A program on a vendor's platform layer. It makes a thread with that layer, and zel's loop serves the
+// thread. Program and loop have to use the same copy of the layer, the vendor's.
 #include <cstdlib>
 #include <cstring>
 
 #include <dlfcn.h>
-#include <unistd.h>
 
-#include <orn/log.h>
 #include <orn/os/Thread.hpp>
 #include <orn/zel.hpp>
 
@@ -25,21 +23,17 @@ bool of_the_vendor(char const* name) {
 int main() {
     if (!of_the_vendor("o_pthread_create") || !of_the_vendor("o_msg_send") || !of_the_vendor("Log_SpecEntry"))
         return EXIT_FAILURE;
-    Log_SpecEntry(logSpecForceInfo, "consumer", __LINE__, "%s", "begins");
-    orn::os::Pipe const pipe(false);
-    bool answered = false;
     orn::zel::id_t const group = orn::zel::GroupId();
     orn::zel::id_t others = 0;
-    orn::zel::fd::AutoReceptor const receptor(pipe.ReadFD(), [&](orn::zel::fd::Event*) { answered = true; });
+    // Its hooks are zel's: the thread is a member of its creator's group, whose loop serves its alarm.
+    bool rung = false;
     {
-        // Its hooks are zel's: the thread is a member of its creator's group.
         orn::os::Thread const thread([&] {
             others = orn::zel::GroupId();
-            if (write(pipe.WriteFD(), "x", 1) != 1)
-                std::abort();
+            orn::zel::SetAlarm(1, [&] { rung = true; });
+            while (!rung)
+                orn::zel::RunOnce(10000);
         });
     }
-    while (!answered)
-        orn::zel::RunOnce(10000);
     return others == group ? EXIT_SUCCESS : EXIT_FAILURE;
 }
