@@ -69,7 +69,7 @@ ControllerImpl& Core::open(Spec const& spec) {
         // After the counter has wrapped, skip identifiers that older tasks still use.
         do
             task.id_ = detail::draw_id();
-        while (!tasks_.emplace(task.id_, &task).second);
+        while (!tasks_.insert(task.id_, task));
     } catch (...) {
         retire(task, none);
         throw;
@@ -100,22 +100,20 @@ id_t Core::start(Spec const& spec) {
 void Core::remove(id_t id) {
     Functions functions;
     AutoLock const guard(lock_);
-    auto const it = tasks_.find(id);
-    if (it == tasks_.end())
+    ControllerImpl* const task = tasks_.find(id);
+    if (!task)
         return;
-    ControllerImpl& task = *it->second;
-    tasks_.erase(it);
-    task.listed_ = false;
-    if (task.pins_ == 0)
-        retire(task, functions);
+    tasks_.erase(id);
+    task->listed_ = false;
+    if (task->pins_ == 0)
+        retire(*task, functions);
 }
 
 ControllerImpl* Core::pin(id_t id) {
-    auto const it = tasks_.find(id);
-    if (it == tasks_.end())
-        return nullptr; // completed or cancelled since it was scheduled
-    ++it->second->pins_;
-    return it->second;
+    ControllerImpl* const task = tasks_.find(id);
+    if (task) // else it was completed or cancelled since it was scheduled
+        ++task->pins_;
+    return task;
 }
 
 void Core::unpin(ControllerImpl& task) {
@@ -134,9 +132,9 @@ void Core::retire(ControllerImpl& task, Functions& functions) {
 
 void Core::list(std::ostream& text) {
     AutoLock const guard(lock_);
-    for (auto const& item : tasks_) {
-        text << '[' << item.first << "] \"" << item.second->spec_.name << '"';
-        print_state(text, *item.second);
+    for (ControllerImpl const* const task : tasks_.ascending()) {
+        text << '[' << task->id_ << "] \"" << task->spec_.name << '"';
+        print_state(text, *task);
         text << '\n';
     }
 }
@@ -154,10 +152,10 @@ void Core::schedule(id_t id) {
     // no memory beyond the pipe's own.
     {
         AutoLock const guard(lock_);
-        auto const it = tasks_.find(word);
-        if (it == tasks_.end())
+        ControllerImpl* const task = tasks_.find(word);
+        if (!task)
             return;
-        it->second->overdue_ = true;
+        task->overdue_ = true;
         any_overdue_ = true;
     }
     // If the loop drained the pipe between our failed write and setting the mark, nothing would wake it. Wake
@@ -177,12 +175,12 @@ void Core::take_words(std::uint32_t const* words, std::size_t count) {
 void Core::take_overdue() {
     if (!any_overdue_)
         return;
-    for (auto const& item : tasks_) {
-        if (!item.second->overdue_)
+    for (ControllerImpl* const task : tasks_.ascending()) {
+        if (!task->overdue_)
             continue;
         queue_.make_room(set_aside_ + 2); // one more than is taken, for settle_nudge()
-        queue_.push(static_cast<std::uint32_t>(item.first));
-        item.second->overdue_ = false;
+        queue_.push(static_cast<std::uint32_t>(task->id_));
+        task->overdue_ = false;
     }
     any_overdue_ = false;
 }

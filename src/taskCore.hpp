@@ -37,13 +37,14 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <ostream>
 #include <vector>
 
 #include <orn/os/Pipe.hpp>
 #include <orn/zel/task.hpp>
+
+#include "idTable.hpp"
 
 namespace orn::zel::task {
 
@@ -141,7 +142,7 @@ private:
     // A leaf, which guards the fields of the tasks as well. It is held over single reads and writes of the
     // pipe, which do not block.
     ThreadMutex lock_;
-    std::map<id_t, ControllerImpl*> tasks_ ZEL_GUARDED_BY(lock_);
+    detail::IdTable<ControllerImpl> tasks_ ZEL_GUARDED_BY(lock_);
     std::vector<std::unique_ptr<ControllerImpl>> all_ ZEL_GUARDED_BY(lock_);
     Fifo<ControllerImpl*> retired_ ZEL_GUARDED_BY(lock_);
     Fifo<std::uint32_t> queue_ ZEL_GUARDED_BY(lock_);
