@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // Measures slices of tasks, a thousand a turn. The bare loop does for each what schedules it: it writes four
-// bytes into a pipe and reads them again.
+// bytes into a pipe and reads them again, alone or with others.
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -21,12 +21,12 @@ struct Job {
 
 class BareLoop {
 public:
-    // at_once: how many of the four-byte words one read() may take.
+    // at_once: how many of the four-byte words one read() and one write() may take.
     BareLoop(long tasks, std::size_t at_once) : slices(0), words_(at_once) {
         Job const job(slices);
         jobs_.assign(static_cast<std::size_t>(tasks), job);
         for (std::uint32_t id = 0; id < jobs_.size(); ++id)
-            schedule(id);
+            schedule(&id, 1);
     }
 
     // Runs once whatever has been scheduled.
@@ -39,9 +39,13 @@ public:
             auto const end = words_.begin() + got / static_cast<ssize_t>(sizeof words_[0]);
             queue_.insert(queue_.end(), words_.begin(), end);
         }
-        for (std::uint32_t const id : queue_) {
-            jobs_[id]();
-            schedule(id);
+        std::size_t written = 0;
+        for (std::size_t i = 0; i < queue_.size(); ++i) {
+            jobs_[queue_[i]]();
+            if (i + 1 - written == words_.size() || i + 1 == queue_.size()) {
+                schedule(&queue_[written], i + 1 - written);
+                written = i + 1;
+            }
         }
         queue_.clear();
     }
@@ -49,9 +53,9 @@ public:
     long slices;
 
 private:
-    void schedule(std::uint32_t id) {
-        bench::expect(write(scheduled_.write_end(), &id, sizeof id) == static_cast<ssize_t>(sizeof id),
-                      "the pipe is full");
+    void schedule(std::uint32_t const* ids, std::size_t count) {
+        ssize_t const size = static_cast<ssize_t>(count * sizeof *ids);
+        bench::expect(write(scheduled_.write_end(), ids, count * sizeof *ids) == size, "the pipe is full");
     }
 
     bench::Pipe wake_;
@@ -85,7 +89,7 @@ void slices_of_ready_tasks(benchmark::State& state) {
     };
     versus.note_each("start", bench::timed_calls(count, start), count);
     BareLoop bare(count, 1);
-    BareLoop bulk(count, 256);
+    BareLoop bulk(count, 1024);
     versus.leg("zel", [&](long n) { return run_slices(n, slices, [] { orn::zel::RunOnce(-1); }); });
     versus.leg("bare", [&](long n) { return run_slices(n, bare.slices, [&] { bare.turn(); }); });
     versus.leg("bulk", [&](long n) { return run_slices(n, bulk.slices, [&] { bulk.turn(); }); });

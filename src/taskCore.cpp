@@ -10,7 +10,7 @@
 #include <orn/cancel.hpp>
 #include <orn/log.h>
 
-#include "wordPipe.hpp"
+#include "fork.hpp"
 
 namespace orn::zel::task {
 
@@ -25,10 +25,52 @@ std::uint32_t const nudge = 0;
 
 unsigned const first_deepest_round = 32;
 
-// How many rounds are on the thread's stack. Those of all managers count, as they do for the loop's limit.
-thread_local unsigned rounds_on_stack = 0;
+void log_schedule(id_t id) {
+    if (Log_Enabled(logSpecInfo))
+        Log_SpecEntry(logSpecInfo, "src/task", __LINE__, "%s: %lu", "Schedule", id);
+}
 
 } // namespace
+
+// One call of run_queue(). Only the thread whose stack it is on uses it.
+class Core::Round {
+public:
+    explicit Round(Core& core);
+    ~Round();
+    Round(Round const&) = delete;
+    Round& operator=(Round const&) = delete;
+
+    // Whether the calling thread has a round of this core on its stack.
+    static bool running(Core const& core) {
+        Round const* round = innermost;
+        while (round && &round->core_ != &core)
+            round = round->outer_;
+        return round != nullptr;
+    }
+
+    // Ends the present slice, after which its task is to have another or not, and returns the task that is to
+    // have the next one. Null when there is none left.
+    ControllerImpl* next(bool again);
+
+private:
+    bool deepest() const { return level_ >= first_deepest_round; }
+    bool end_slice(bool again, Functions& functions) ZEL_REQUIRES(core_.lock_);
+    ControllerImpl* begin_slice() ZEL_REQUIRES(core_.lock_);
+    void set_aside() ZEL_REQUIRES(core_.lock_);
+    void take_back() ZEL_REQUIRES(core_.lock_);
+
+    // The rounds of all managers are chained, since the loop's limit counts all of them.
+    static thread_local Round* innermost;
+
+    Core& core_;
+    Round* const outer_;
+    unsigned const level_;
+    ControllerImpl* task_; // that has its slice, pinned
+    Fifo<std::uint32_t> aside_;
+    Fifo<std::uint32_t> held_;
+};
+
+thread_local Core::Round* Core::Round::innermost = nullptr;
 
 void print_state(std::ostream& line, ControllerImpl const& task) {
     line << " runCount=" << task.runCount();
@@ -38,7 +80,9 @@ void print_state(std::ostream& line, ControllerImpl const& task) {
         line << " sleeping";
 }
 
-Core::Core() : pipe_(false), set_aside_(0), rounds_(0), nudged_(false), any_overdue_(false) {}
+Core::Core()
+    : pipe_(false), process_(detail::process_id()), set_aside_(0), kept_count_(0), rounds_(0), nudged_(false),
+      flushed_(false), any_overdue_(false) {}
 
 Core::~Core() {
     // All functions go before the first object: what they hold may still steer another of these tasks.
@@ -69,7 +113,7 @@ ControllerImpl& Core::open(Spec const& spec) {
         // After the counter has wrapped, skip identifiers that older tasks still use.
         do
             task.id_ = detail::draw_id();
-        while (!tasks_.emplace(task.id_, &task).second);
+        while (!tasks_.insert(task.id_, task));
     } catch (...) {
         retire(task, none);
         throw;
@@ -100,29 +144,33 @@ id_t Core::start(Spec const& spec) {
 void Core::remove(id_t id) {
     Functions functions;
     AutoLock const guard(lock_);
-    auto const it = tasks_.find(id);
-    if (it == tasks_.end())
+    ControllerImpl* const task = tasks_.find(id);
+    if (!task)
         return;
-    ControllerImpl& task = *it->second;
-    tasks_.erase(it);
-    task.listed_ = false;
-    if (task.pins_ == 0)
-        retire(task, functions);
+    tasks_.erase(id);
+    task->listed_ = false;
+    if (task->pins_ == 0)
+        retire(*task, functions);
 }
 
 ControllerImpl* Core::pin(id_t id) {
-    auto const it = tasks_.find(id);
-    if (it == tasks_.end())
-        return nullptr; // completed or cancelled since it was scheduled
-    ++it->second->pins_;
-    return it->second;
+    ControllerImpl* const task = tasks_.find(id);
+    if (task) // else it was completed or cancelled since it was scheduled
+        ++task->pins_;
+    return task;
 }
 
 void Core::unpin(ControllerImpl& task) {
     Functions functions;
     AutoLock const guard(lock_);
-    if (--task.pins_ == 0 && !task.listed_)
-        retire(task, functions);
+    let_go(task, functions);
+}
+
+bool Core::let_go(ControllerImpl& task, Functions& functions) {
+    if (--task.pins_ > 0 || task.listed_)
+        return false;
+    retire(task, functions);
+    return true;
 }
 
 void Core::retire(ControllerImpl& task, Functions& functions) {
@@ -134,9 +182,9 @@ void Core::retire(ControllerImpl& task, Functions& functions) {
 
 void Core::list(std::ostream& text) {
     AutoLock const guard(lock_);
-    for (auto const& item : tasks_) {
-        text << '[' << item.first << "] \"" << item.second->spec_.name << '"';
-        print_state(text, *item.second);
+    for (ControllerImpl const* const task : tasks_.ascending()) {
+        text << '[' << task->id_ << "] \"" << task->spec_.name << '"';
+        print_state(text, *task);
         text << '\n';
     }
 }
@@ -144,25 +192,76 @@ void Core::list(std::ostream& text) {
 // ---- From the pipe into the queue -----------------------------------------------------------------------
 
 void Core::schedule(id_t id) {
-    if (Log_Enabled(logSpecInfo))
-        Log_SpecEntry(logSpecInfo, "src/task", __LINE__, "%s: %lu", "Schedule", id);
+    log_schedule(id);
     // Identifiers travel as 32 bits, whatever the width of long.
     std::uint32_t const word = static_cast<std::uint32_t>(id);
+    if (Round::running(*this)) {
+        AutoLock const guard(lock_);
+        keep(word);
+        settle();
+        return;
+    }
     if (detail::write_word(pipe_.WriteFD(), word) > 0)
         return;
-    // The pipe is full. A task is marked once, however often it is scheduled: a loop that does not turn costs
-    // no memory beyond the pipe's own.
     {
         AutoLock const guard(lock_);
-        auto const it = tasks_.find(word);
-        if (it == tasks_.end())
+        if (!mark_overdue(word))
             return;
-        it->second->overdue_ = true;
-        any_overdue_ = true;
     }
     // If the loop drained the pipe between our failed write and setting the mark, nothing would wake it. Wake
     // it.
     detail::write_word(pipe_.WriteFD(), nudge);
+}
+
+// For when the pipe is full. A task is marked once, however often it is scheduled: a loop that does not turn
+// costs no memory beyond the pipe's own. False when it is over.
+bool Core::mark_overdue(std::uint32_t word) {
+    ControllerImpl* const task = tasks_.find(word);
+    if (!task)
+        return false;
+    task->overdue_ = true;
+    any_overdue_ = true;
+    return true;
+}
+
+// Call settle() or flush() next, before the lock is released. None of the three throws.
+void Core::keep(std::uint32_t word) {
+    kept_[kept_count_++] = word;
+    if (kept_count_ == detail::words_at_once)
+        flush();
+}
+
+void Core::flush() {
+    if (kept_count_ > 0 && process_ == detail::process_id()) {
+        std::size_t const written = detail::write_words(pipe_.WriteFD(), kept_, kept_count_);
+        for (std::size_t i = written; i < kept_count_; ++i)
+            mark_overdue(kept_[i]);
+        flushed_ = flushed_ || written > 0;
+    }
+    kept_count_ = 0;
+}
+
+// Makes the pipe readable when there is something that a loop has to come for, and takes the nudge out when
+// there is nothing, or it would make the loop turn once for nothing.
+void Core::settle() {
+    if (process_ != detail::process_id())
+        return;
+    if (rounds_ > 0 && (kept_count_ > 0 || !queue_.empty())) {
+        if (nudged_ || flushed_)
+            return;
+        if (kept_count_ > 0)
+            flush();
+        else // if the pipe is full, the loop wakes anyway
+            nudged_ = detail::write_word(pipe_.WriteFD(), nudge) > 0;
+    } else if (nudged_) {
+        // What was written before the nudge comes out first, and joins the queue. The nudge stays in the pipe
+        // for it. This allocates nothing: the queue is empty, or load() has left room for one word.
+        internal::CancelShield const shield;
+        queue_.make_room(set_aside_ + 1);
+        std::uint32_t word;
+        if (detail::read_word(pipe_.ReadFD(), word))
+            take_words(&word, 1);
+    }
 }
 
 void Core::take_words(std::uint32_t const* words, std::size_t count) {
@@ -177,123 +276,112 @@ void Core::take_words(std::uint32_t const* words, std::size_t count) {
 void Core::take_overdue() {
     if (!any_overdue_)
         return;
-    for (auto const& item : tasks_) {
-        if (!item.second->overdue_)
+    for (ControllerImpl* const task : tasks_.ascending()) {
+        if (!task->overdue_)
             continue;
-        queue_.make_room(set_aside_ + 2); // one more than is taken, for settle_nudge()
-        queue_.push(static_cast<std::uint32_t>(item.first));
-        item.second->overdue_ = false;
+        queue_.make_room(set_aside_ + 2); // one more than is taken, for settle()
+        queue_.push(static_cast<std::uint32_t>(task->id_));
+        task->overdue_ = false;
     }
     any_overdue_ = false;
 }
 
 void Core::load(int fd) {
-    std::size_t const most = 256;
-    std::uint32_t words[most];
+    std::uint32_t words[detail::words_at_once];
+    AutoLock const guard(lock_);
     ssize_t got;
     do {
-        AutoLock const guard(lock_);
-        queue_.make_room(set_aside_ + most); // before the words are out of the pipe, or they would be lost
+        // Before the words are out of the pipe, or they would be lost.
+        queue_.make_room(set_aside_ + detail::words_at_once + kept_count_);
         got = read(fd, words, sizeof words);
         if (got > 0)
             take_words(words, static_cast<std::size_t>(got) / sizeof *words);
-        if (got < static_cast<ssize_t>(sizeof words))
-            take_overdue();
     } while (got == static_cast<ssize_t>(sizeof words));
-}
-
-// Puts the nudge into the pipe when it is wanted there, and takes it out when it is not, or it would make the
-// loop turn once for nothing. Does not throw.
-void Core::settle_nudge() {
-    bool const wanted = rounds_ > 0 && !queue_.empty();
-    if (wanted == nudged_)
-        return;
-    internal::CancelShield const shield;
-    if (wanted) {
-        // If the pipe is full, the loop wakes anyway.
-        nudged_ = detail::write_word(pipe_.WriteFD(), nudge) > 0;
-        return;
-    }
-    // What another thread wrote before the nudge comes out first, and joins the queue. The nudge stays in the
-    // pipe for it. This allocates nothing: the queue is empty, or load() has left room for one word.
-    queue_.make_room(set_aside_ + 1);
-    std::uint32_t word;
-    if (detail::read_word(pipe_.ReadFD(), word))
-        take_words(&word, 1);
+    // What is kept comes last, because it was scheduled after what the same thread has in the pipe.
+    take_words(kept_, kept_count_);
+    kept_count_ = 0;
+    flushed_ = false;
+    take_overdue();
 }
 
 // ---- From the queue to a slice --------------------------------------------------------------------------
 
-class Core::Round {
-public:
-    explicit Round(Core& core) : core_(core) {
+Core::Round::Round(Core& core)
+    : core_(core), outer_(innermost), level_(outer_ ? outer_->level_ + 1 : 1), task_(nullptr) {
+    AutoLock const guard(core_.lock_);
+    // What is in here becomes the queue during a slice. Its room is for what is taken back after the slice,
+    // and for the word that settle() may read.
+    if (deepest())
+        aside_.make_room(core_.set_aside_ + core_.queue_.size() + 1);
+    if (core_.rounds_++ == 0)
+        core_.flushed_ = false;
+    innermost = this;
+}
+
+Core::Round::~Round() {
+    Functions functions; // destroyed when the lock has been released
+    AutoLock const guard(core_.lock_);
+    end_slice(false, functions);
+    take_back();
+    while (!held_.empty())
+        core_.keep(held_.pop());
+    core_.flush();
+    --core_.rounds_;
+    innermost = outer_;
+    core_.settle();
+}
+
+ControllerImpl* Core::Round::next(bool again) {
+    if (again)
+        log_schedule(task_->id_);
+    {
+        Functions functions; // destroyed when the lock has been released
         AutoLock const guard(core_.lock_);
-        deepest_ = rounds_on_stack + 1 >= first_deepest_round;
-        // What is in here becomes the queue during a slice. Its room is for what is taken back after the
-        // slice, and for the word that settle_nudge() may read.
-        if (deepest_)
-            aside_.make_room(core_.set_aside_ + core_.queue_.size() + 1);
-        ++core_.rounds_;
-        ++rounds_on_stack;
+        if (!end_slice(again, functions))
+            return begin_slice();
     }
+    // The functions may have held the very task that comes next, and so have cancelled it. Look only now.
+    AutoLock const guard(core_.lock_);
+    return begin_slice();
+}
 
-    ~Round() {
-        for (std::uint32_t const id : held_)
-            core_.schedule(id);
-        AutoLock const guard(core_.lock_);
-        take_back();
-        --core_.rounds_;
-        --rounds_on_stack;
-        core_.settle_nudge();
-    }
+bool Core::Round::end_slice(bool again, Functions& functions) {
+    if (!task_)
+        return false;
+    if (again && deepest())
+        held_.push(static_cast<std::uint32_t>(task_->id_));
+    else if (again)
+        core_.keep(static_cast<std::uint32_t>(task_->id_));
+    return core_.let_go(*std::exchange(task_, nullptr), functions);
+}
 
-    Round(Round const&) = delete;
-    Round& operator=(Round const&) = delete;
+ControllerImpl* Core::Round::begin_slice() {
+    take_back();
+    if (deepest())
+        held_.make_room(1);
+    while (!task_ && !core_.queue_.empty())
+        task_ = core_.pin(core_.queue_.pop());
+    if (deepest())
+        set_aside();
+    core_.settle();
+    return task_;
+}
 
-    // The next task that is to have a slice, pinned; null when there is none left.
-    ControllerImpl* next() {
-        ControllerImpl* task = nullptr;
-        AutoLock const guard(core_.lock_);
-        take_back();
-        while (!task && !core_.queue_.empty())
-            task = core_.pin(core_.queue_.pop());
-        if (deepest_)
-            set_aside();
-        core_.settle_nudge();
-        return task;
-    }
+void Core::Round::set_aside() {
+    aside_.swap(core_.queue_);
+    core_.set_aside_ += aside_.size();
+}
 
-    // The end of a slice schedules its task, unless it is asleep or complete.
-    void again(id_t id) {
-        if (deepest_)
-            held_.push_back(static_cast<std::uint32_t>(id));
-        else
-            core_.schedule(id);
-    }
-
-private:
-    void set_aside() ZEL_REQUIRES(core_.lock_) {
+// The queue may have been left with words by a round inside, which an exception has ended. Those come first.
+void Core::Round::take_back() {
+    if (aside_.empty())
+        return;
+    core_.set_aside_ -= aside_.size();
+    if (core_.queue_.empty())
         aside_.swap(core_.queue_);
-        core_.set_aside_ += aside_.size();
-    }
-
-    // The queue may have been left with words by a round inside, which an exception has ended. Those come
-    // first.
-    void take_back() ZEL_REQUIRES(core_.lock_) {
-        if (aside_.empty())
-            return;
-        core_.set_aside_ -= aside_.size();
-        if (core_.queue_.empty())
-            aside_.swap(core_.queue_);
-        while (!aside_.empty())
-            core_.queue_.push(aside_.pop());
-    }
-
-    Core& core_;
-    bool deepest_;
-    Fifo<std::uint32_t> aside_;
-    std::vector<std::uint32_t> held_;
-};
+    while (!aside_.empty())
+        core_.queue_.push(aside_.pop());
+}
 
 void Core::handle(fd::Event* event) {
     if (!(event->revents() & POLLIN))
@@ -304,11 +392,9 @@ void Core::handle(fd::Event* event) {
 
 void Core::run_queue() {
     Round round(*this);
-    while (ControllerImpl* const task = round.next()) {
-        Pin const pinned(*this, *task);
-        if (slice(*task))
-            round.again(task->id_);
-    }
+    bool again = false;
+    while (ControllerImpl* const task = round.next(again))
+        again = slice(*task);
 }
 
 void Core::run(id_t id) {

@@ -19,11 +19,13 @@
 //         ^                                                                     |
 //         +----------------- unless the task is asleep or complete -------------+
 //
-//     round    One call of run_queue(), which empties the queue. A slice may run the loop and so begin a
-//     round
-//              inside its own, which goes on with the same queue.
-//     nudge    A word that names no task. It is in the pipe while a slice runs and the queue is not empty, so
-//              that a loop inside the slice wakes and comes for the rest of the queue.
+//     round    One call of run_queue(), which empties the queue. A slice may run the loop, and so begin one
+//              inside its own that goes on with the same queue.
+//     kept     What a thread schedules during its own rounds is kept here. The end of the round writes it to
+//              the pipe, with one call, unless load() has come for it before.
+//     nudge    A word that names no task. It is in the pipe while a slice runs and words wait in the queue or
+//              are kept, so that a loop inside the slice wakes and comes for them, and so does any other that
+//              watches the pipe. When the words of a round have been written before its end, they serve.
 //     deepest  The 32nd round on the thread's stack, of whatever managers, and all that are inside it. While
 //              one of their slices runs, the queue is set aside, and a round inside finds only what has been
 //              scheduled since. Otherwise slices that all run a nested turn would pile up until the loop's
@@ -37,13 +39,17 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <ostream>
 #include <vector>
 
+#include <sys/types.h>
+
 #include <orn/os/Pipe.hpp>
 #include <orn/zel/task.hpp>
+
+#include "idTable.hpp"
+#include "wordPipe.hpp"
 
 namespace orn::zel::task {
 
@@ -132,25 +138,35 @@ private:
     ControllerImpl* vacant() ZEL_REQUIRES(lock_);
     ControllerImpl* pin(id_t id) ZEL_REQUIRES(lock_);
     void unpin(ControllerImpl& task);
+    // Gives a pin back. True when the task is over and this was the last: its functions are the caller's
+    // then.
+    bool let_go(ControllerImpl& task, Functions& functions) ZEL_REQUIRES(lock_);
     void retire(ControllerImpl& task, Functions& functions) ZEL_REQUIRES(lock_);
     void take_words(std::uint32_t const* words, std::size_t count) ZEL_REQUIRES(lock_);
     void take_overdue() ZEL_REQUIRES(lock_);
-    void settle_nudge() ZEL_REQUIRES(lock_);
+    bool mark_overdue(std::uint32_t word) ZEL_REQUIRES(lock_);
+    void keep(std::uint32_t word) ZEL_REQUIRES(lock_);
+    void flush() ZEL_REQUIRES(lock_);
+    void settle() ZEL_REQUIRES(lock_);
 
     os::Pipe pipe_;
-    // A leaf, which guards the fields of the tasks as well. It is held over single reads and writes of the
-    // pipe, which do not block.
+    pid_t const process_; // whose pipe it is: a child of fork() shares it, and must leave it alone
+    // A leaf, which guards the fields of the tasks as well. It is held over reads and writes of the pipe,
+    // which do not block.
     ThreadMutex lock_;
-    std::map<id_t, ControllerImpl*> tasks_ ZEL_GUARDED_BY(lock_);
+    detail::IdTable<ControllerImpl> tasks_ ZEL_GUARDED_BY(lock_);
     std::vector<std::unique_ptr<ControllerImpl>> all_ ZEL_GUARDED_BY(lock_);
     Fifo<ControllerImpl*> retired_ ZEL_GUARDED_BY(lock_);
     Fifo<std::uint32_t> queue_ ZEL_GUARDED_BY(lock_);
     // How many words the deepest rounds have set aside. The queue keeps room for them, because they are taken
     // back in a destructor, where nothing may throw.
     std::size_t set_aside_ ZEL_GUARDED_BY(lock_);
+    std::size_t kept_count_ ZEL_GUARDED_BY(lock_);
     unsigned rounds_ ZEL_GUARDED_BY(lock_); // of this core that are on a stack
     bool nudged_ ZEL_GUARDED_BY(lock_);     // a nudge is in the pipe
+    bool flushed_ ZEL_GUARDED_BY(lock_);    // words that these rounds kept are in the pipe
     bool any_overdue_ ZEL_GUARDED_BY(lock_);
+    std::uint32_t kept_[detail::words_at_once] ZEL_GUARDED_BY(lock_);
 };
 
 } // namespace orn::zel::task

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Writing a word without blocking, and making room in a pipe that is full.
+// Writing words without blocking, and making room in a pipe that is full.
 #include "wordPipe.hpp"
 
 #include <algorithm>
@@ -53,9 +53,9 @@ bool grow(int fd) {
 }
 
 template <class Write>
-ssize_t write_or_grow(int fd, std::uint32_t word, Write write_once) {
+ssize_t write_or_grow(int fd, std::uint32_t const* words, std::size_t count, Write write_once) {
     for (;;) {
-        ssize_t const written = write_once(fd, &word, sizeof word);
+        ssize_t const written = write_once(fd, words, count * sizeof *words);
         if (written >= 0)
             return written;
         if (errno == EINTR)
@@ -73,11 +73,27 @@ ssize_t write_or_grow(int fd, std::uint32_t word, Write write_once) {
 
 ssize_t write_word(int fd, std::uint32_t word) {
     internal::CancelShield const shield;
-    return write_or_grow(fd, word, write);
+    return write_or_grow(fd, &word, 1, write);
+}
+
+std::size_t write_words(int fd, std::uint32_t const* words, std::size_t count) {
+    internal::CancelShield const shield;
+    std::size_t most = words_at_once;
+    std::size_t written = 0;
+    while (written < count) {
+        std::size_t const block = std::min(count - written, most);
+        if (write_or_grow(fd, words + written, block, write) > 0)
+            written += block;
+        else if (block == 1)
+            break;
+        else
+            most = block / 2; // what is left of the pipe takes a part of it
+    }
+    return written;
 }
 
 ssize_t write_word_in_signal(int fd, std::uint32_t word) {
-    return write_or_grow(fd, word, [](int to, void const* data, std::size_t length) {
+    return write_or_grow(fd, &word, 1, [](int to, void const* data, std::size_t length) {
         return static_cast<ssize_t>(syscall(SYS_write, to, data, length));
     });
 }

@@ -6,6 +6,7 @@
 #define ZEL_SRC_WORDPIPE_HPP
 
 #include <climits>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 
@@ -22,8 +23,16 @@ namespace orn::zel::detail {
 // limit the result is -1 with EAGAIN. For any thread; not a cancellation point.
 ssize_t write_word(int fd, std::uint32_t word);
 
-// The same for signal context. It takes no lock, and makes its system calls without the C library's wrappers,
-// which are cancellation points: a cancelled thread must not be unwound out of a signal handler.
+// Writes words in their order with as few calls as it can, and otherwise like write_word(). Returns how many
+// the pipe has taken.
+std::size_t write_words(int fd, std::uint32_t const* words, std::size_t count);
+
+// How many words one call writes: as many as a pipe takes whole or not at all.
+std::size_t const words_at_once = PIPE_BUF / sizeof(std::uint32_t);
+
+// The same as write_word() for signal context. It takes no lock, and makes its system calls without the C
+// library's wrappers, which are cancellation points: a cancelled thread must not be unwound out of a signal
+// handler.
 ssize_t write_word_in_signal(int fd, std::uint32_t word);
 
 // Reads one word from a non-blocking read end. False when there is none, or on an error.

@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: MIT
+//
+// Objects by their identifiers. Internal. The tasks of a manager stand in one: each slice looks its task up.
+#ifndef ZEL_SRC_IDTABLE_HPP
+#define ZEL_SRC_IDTABLE_HPP
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <vector>
+
+#include <orn/zel/core.hpp>
+
+namespace orn::zel::detail {
+
+// Does not own the objects, and does not lock. All cells are in one block, at most half of them are taken,
+// and each object is in the first free one from the place that belongs to its identifier. So finding one
+// takes nanoseconds, and only growing allocates.
+template <class T>
+class IdTable {
+public:
+    IdTable() : cells_(16), shift_(28), size_(0) {}
+
+    T* find(id_t id) const { return cells_[position(id)].object; }
+
+    // False when the identifier is taken. When this throws nothing has changed.
+    bool insert(id_t id, T& object) {
+        if (2 * size_ >= cells_.size())
+            grow();
+        Cell& cell = cells_[position(id)];
+        if (cell.object)
+            return false;
+        cell = Cell{id, &object};
+        ++size_;
+        return true;
+    }
+
+    void erase(id_t id) {
+        std::size_t hole = position(id);
+        if (!cells_[hole].object)
+            return;
+        // Objects behind the hole that it separates from their places would not be found any more.
+        for (std::size_t i = after(hole); cells_[i].object; i = after(i)) {
+            if (distance(place(cells_[i].id), i) < distance(hole, i))
+                continue;
+            cells_[hole] = cells_[i];
+            hole = i;
+        }
+        cells_[hole] = Cell{};
+        --size_;
+    }
+
+    // All objects, in ascending order of their identifiers.
+    std::vector<T*> ascending() const {
+        std::vector<Cell> taken;
+        taken.reserve(size_);
+        std::copy_if(cells_.begin(), cells_.end(), std::back_inserter(taken),
+                     [](Cell const& cell) { return cell.object != nullptr; });
+        std::sort(taken.begin(), taken.end(), [](Cell const& a, Cell const& b) { return a.id < b.id; });
+        std::vector<T*> objects;
+        objects.reserve(size_);
+        for (Cell const& cell : taken)
+            objects.push_back(cell.object);
+        return objects;
+    }
+
+private:
+    struct Cell {
+        id_t id = 0;
+        T* object = nullptr;
+    };
+
+    std::size_t after(std::size_t at) const { return (at + 1) & (cells_.size() - 1); }
+    std::size_t distance(std::size_t from, std::size_t to) const { return (to - from) & (cells_.size() - 1); }
+
+    // Four identifiers that follow each other share a cache line. Multiplying by the golden ratio spreads the
+    // fours. By their low bits all of them would lie in one long run, and an identifier that fell into it
+    // later would have to be looked for to its end.
+    std::size_t place(id_t id) const {
+        std::uint32_t const number = static_cast<std::uint32_t>(id);
+        return (number / 4 * 2654435769U >> shift_) ^ (number % 4);
+    }
+
+    // Where the identifier is, or else the free cell for it.
+    std::size_t position(id_t id) const {
+        std::size_t at = place(id);
+        while (cells_[at].object && cells_[at].id != id)
+            at = after(at);
+        return at;
+    }
+
+    void grow() {
+        std::vector<Cell> before(2 * cells_.size());
+        before.swap(cells_);
+        --shift_;
+        for (Cell const& cell : before) {
+            if (cell.object)
+                cells_[position(cell.id)] = cell;
+        }
+    }
+
+    std::vector<Cell> cells_; // a power of two of them
+    unsigned shift_;          // 32 less its exponent
+    std::size_t size_;
+};
+
+} // namespace orn::zel::detail
+
+#endif
