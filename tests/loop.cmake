@@ -3,6 +3,7 @@
 foreach(stem core receptacle threadGroup threadMonitor turn cancel fd signal members)
     zel_add_test(${stem}_test SOURCES ${stem}_test.cpp support/Support.cpp LIBRARIES zel_static)
 endforeach()
+zel_add_test(idTable_test SOURCES idTable_test.cpp)
 
 # The clock of these stands still: the fake comes before the real timer in the library.
 zel_add_test(alarm_test
