@@ -4,7 +4,9 @@
 // loop reads it there and calls the handler. The clock itself is the platform's.
 #include <orn/zel/alarm.hpp>
 
-#include <unordered_map>
+#include <atomic>
+#include <memory>
+#include <utility>
 
 #include <sys/time.h>
 
@@ -15,6 +17,7 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "fork.hpp"
+#include "idTable.hpp"
 #include "observer.hpp"
 #include "perThread.hpp"
 #include "threadRegistry.hpp"
@@ -49,17 +52,37 @@ os::Timer* CreateTimer(boost::function<void(os::Timer*)> callback) {
 
 // ---- Manager --------------------------------------------------------------------------------------------
 
+namespace {
+
+// An alarm with its timer and a small handler in one piece of memory.
+struct Entry : TimerBlob {
+    std::atomic<unsigned> users{1}; // the table, and each dispatch in which the handler runs
+};
+
+struct Release {
+    void operator()(Entry* entry) const {
+        if (entry->users.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            delete entry;
+    }
+};
+
+using EntryUse = std::unique_ptr<Entry, Release>;
+
+} // namespace
+
 struct Manager::Table {
     Table() : pipe(false) {}
+    ~Table() {
+        alarms.clear([](Entry& entry) { Release()(&entry); });
+    }
 
     os::Pipe pipe;
     // Guards the table and what its entries hold except the handlers: one thread may set an alarm while
     // another runs the loop. Only the timers' own lock is taken under it. No entry may be destroyed under it,
     // since a timer waits for its callback, and what a handler holds may call back into the library.
     ThreadMutex lock;
-    // A hash table, since a hundred thousand may be outstanding, and any of them may go at any time. It is
-    // destroyed, with its timers, before the pipe that they write to.
-    std::unordered_map<id_t, boost::shared_ptr<TimerBlob>> alarms ZEL_GUARDED_BY(lock);
+    // A hundred thousand may be outstanding, and any of them may go at any time.
+    detail::IdTable<Entry> alarms ZEL_GUARDED_BY(lock);
 };
 
 Manager::Manager()
@@ -87,23 +110,24 @@ void Manager::note_caller(char const* function, id_t id) const {
 id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handler handler) {
     if (handler.empty())
         throw Exception("NULL handler");
-    boost::shared_ptr<TimerBlob> const blob = boost::make_shared<TimerBlob>();
-    blob->handler.swap(handler);
-    blob->one_shot = recurringMs == 0;
+    EntryUse made(new Entry);
+    made->handler.swap(handler);
+    made->one_shot = recurringMs == 0;
     id_t id;
     {
         AutoLock const guard(table_->lock);
         // After the counter has wrapped, skip identifiers that older alarms still use.
         do
             id = detail::draw_id();
-        while (!table_->alarms.emplace(id, blob).second);
+        while (!table_->alarms.insert(id, *made));
         try {
-            blob->timer.reset(CreateTimer(boost::bind(process_to_fd, id, table_->pipe.WriteFD())));
-            blob->timer->Set(initialMs, recurringMs);
+            made->timer.emplace(boost::bind(process_to_fd, id, table_->pipe.WriteFD()));
+            made->timer->Set(initialMs, recurringMs);
         } catch (...) {
             table_->alarms.erase(id);
             throw;
         }
+        static_cast<void>(made.release()); // the table's from here on
     }
     detail::alarm_observer.report([&](std::ostream& line) {
         line << "alarm created: id=" << id << " initial=" << initialMs << " recurring=" << recurringMs;
@@ -115,11 +139,11 @@ void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
     note_caller("ResetAlarm", id);
     {
         AutoLock const guard(table_->lock);
-        auto const found = table_->alarms.find(id);
-        if (found == table_->alarms.end())
+        Entry* const found = table_->alarms.find(id);
+        if (!found)
             return;
-        found->second->one_shot = true;
-        found->second->timer->Set(timeoutMs, 0);
+        found->one_shot = true;
+        found->timer->Set(timeoutMs, 0);
     }
     detail::alarm_observer.report(
         [&](std::ostream& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
@@ -127,18 +151,14 @@ void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
 
 void Manager::DeleteAlarm(id_t id) {
     note_caller("DeleteAlarm", id);
-    boost::shared_ptr<TimerBlob> deleted;
-    std::unique_ptr<os::Timer> timer;
+    EntryUse deleted;
     {
         AutoLock const guard(table_->lock);
-        auto const found = table_->alarms.find(id);
-        if (found != table_->alarms.end()) {
-            deleted.swap(found->second);
-            timer.swap(deleted->timer);
-            table_->alarms.erase(found);
-        }
+        deleted.reset(table_->alarms.find(id));
+        table_->alarms.erase(id);
     }
-    timer.reset(); // now: a handler that is running may keep the blob for longer
+    if (deleted)
+        deleted->timer.reset(); // now: a handler that is running may keep the entry for longer
     report_deleted(id);
 }
 
@@ -151,24 +171,25 @@ void Manager::drain(Table& table, fd::Event* event) {
     std::uint32_t word;
     while (queued.next(word)) {
         id_t const id = word;
-        // The handler is called in its blob, not copied, and the blob is kept until the handler returns: it
+        // The handler is called in its entry, not copied, and the entry is kept until the handler returns: it
         // may be running further up the stack as well, when it has reset its own alarm and waits for it in a
         // nested turn.
-        boost::shared_ptr<TimerBlob> due;
-        std::unique_ptr<os::Timer> timer;
+        EntryUse due;
+        bool last;
         {
             AutoLock const guard(table.lock);
-            auto const found = table.alarms.find(id);
-            if (found == table.alarms.end())
+            due.reset(table.alarms.find(word));
+            if (!due)
                 continue; // deleted, or fired, after its timer had written
-            due = found->second;
-            if (due->one_shot) {
-                timer.swap(due->timer);
-                table.alarms.erase(found);
-            }
+            last = due->one_shot;
+            if (last)
+                table.alarms.erase(word);
+            else
+                ++due->users;
         }
         detail::alarm_observer.report([id](std::ostream& line) { line << "ALARM: id=" << id; });
-        timer.reset();
+        if (last)
+            due->timer.reset();
         // No lock may be held here: a handler may add, reset and delete alarms, its own included.
         due->handler();
     }
@@ -241,7 +262,7 @@ Alarm::Alarm(unsigned long initialMs, unsigned long recurringMs, alarm::Handler 
     impl_->Set(initialMs, recurringMs, handler);
 }
 
-Alarm::Alarm(unsigned long initialMs, alarm::Handler handler) : Alarm(initialMs, 0, handler) {}
+Alarm::Alarm(unsigned long initialMs, alarm::Handler handler) : Alarm(initialMs, 0, std::move(handler)) {}
 
 Alarm::~Alarm() {
     Cancel();
@@ -256,7 +277,7 @@ void Alarm::Cancel() {
 }
 
 void SetAlarm(unsigned long ms, alarm::Handler handler) {
-    alarm::manager()->AddAlarm(ms, 0, handler);
+    alarm::manager()->AddAlarm(ms, 0, std::move(handler));
 }
 
 unsigned OutstandingAlarmCount() {

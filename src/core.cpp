@@ -4,6 +4,7 @@
 #include <orn/zel/core.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -12,7 +13,6 @@
 
 #include <unistd.h>
 
-#include "immortal.hpp"
 #include "uniqueId.hpp"
 
 namespace orn {
@@ -72,25 +72,17 @@ void RecursiveThreadMutex::Unlock() ZEL_NO_ANALYSIS {
 
 namespace {
 
-struct IdentifierLock;
-
-// A leaf: nothing is called with it held.
-ThreadMutex& identifier_lock() {
-    return detail::immortal<ThreadMutex, IdentifierLock>();
-}
-
-std::uint32_t next ZEL_GUARDED_BY(identifier_lock()) = 1;
+// Relaxed, because it orders nothing but itself.
+std::atomic<std::uint32_t> next_identifier(1);
 
 } // namespace
 
 id_t unique_id() {
-    AutoLock const guard(identifier_lock());
-    return next++;
+    return next_identifier.fetch_add(1, std::memory_order_relaxed);
 }
 
 void detail::continue_identifiers_at(std::uint32_t id) {
-    AutoLock const guard(identifier_lock());
-    next = id;
+    next_identifier = id;
 }
 
 namespace {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Objects by their identifiers. Internal. The tasks of a manager stand in one: each slice looks its task up.
+// Objects by their identifiers. Internal. The tasks and the alarms of a manager each stand in one: every
+// slice and every expiry looks its object up.
 #ifndef ZEL_SRC_IDTABLE_HPP
 #define ZEL_SRC_IDTABLE_HPP
 
@@ -15,13 +16,16 @@
 namespace orn::zel::detail {
 
 // Does not own the objects, and does not lock. All cells are in one block, at most half of them are taken,
-// and each object is in the first free one from the place that belongs to its identifier. So finding one
-// takes nanoseconds, and only growing allocates.
+// and each object is in the first free one from the place that belongs to its identifier. A look-up touches
+// no object but the one that it finds, and only growing allocates.
 template <class T>
 class IdTable {
 public:
     IdTable() : cells_(16), shift_(28), size_(0) {}
 
+    std::size_t size() const { return size_; }
+
+    // Null when there is none.
     T* find(id_t id) const { return cells_[position(id)].object; }
 
     // False when the identifier is taken. When this throws nothing has changed.
@@ -51,6 +55,19 @@ public:
         --size_;
     }
 
+    // Forgets all objects, and then calls the function with each.
+    template <class Function>
+    void clear(Function function) {
+        std::vector<Cell> gone(16);
+        gone.swap(cells_);
+        shift_ = 28;
+        size_ = 0;
+        for (Cell const& cell : gone) {
+            if (cell.object)
+                function(*cell.object);
+        }
+    }
+
     // All objects, in ascending order of their identifiers.
     std::vector<T*> ascending() const {
         std::vector<Cell> taken;
@@ -74,12 +91,14 @@ private:
     std::size_t after(std::size_t at) const { return (at + 1) & (cells_.size() - 1); }
     std::size_t distance(std::size_t from, std::size_t to) const { return (to - from) & (cells_.size() - 1); }
 
-    // Four identifiers that follow each other share a cache line. Multiplying by the golden ratio spreads the
-    // fours. By their low bits all of them would lie in one long run, and an identifier that fell into it
-    // later would have to be looked for to its end.
+    // 128 identifiers that follow each other lie together, four to a line of the cache and with a free line
+    // between: what is made together is often used together, and memory that was not used for long costs more
+    // than all else here. Such groups are scattered over the table. Where one lies over another, it finds the
+    // free lines, or the next one.
     std::size_t place(id_t id) const {
         std::uint32_t const number = static_cast<std::uint32_t>(id);
-        return (number / 4 * 2654435769U >> shift_) ^ (number % 4);
+        std::uint32_t const group = (number >> 7) * 2654435769U >> shift_; // by the golden ratio
+        return (group ^ ((number & 124) << 1 | (number & 3))) & (cells_.size() - 1);
     }
 
     // Where the identifier is, or else the free cell for it.

@@ -17,6 +17,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -160,6 +161,37 @@ TEST(TimerThread, is_anew_in_a_child_of_fork_without_the_timers_of_the_parent) {
               }));
     hold = false;
     EXPECT_TRUE(parents.reaches(1));
+}
+
+TEST(TimerThread, sleeps_on_a_clock_of_its_own_in_a_child_and_when_its_own_was_closed) {
+    if (support::has_thread_sanitizer)
+        GTEST_SKIP() << "ThreadSanitizer does not run on in a child of a process that has threads";
+    Count fired;
+    pid_t child = -1;
+    Timer forking([&](Timer* self) {
+        if (child == 0)
+            _exit(3); // the thread has slept in the child
+        child = fork();
+        if (child == 0)
+            self->Set(20, 0);
+        fired.up();
+    });
+    forking.Set(0, 0);
+    ASSERT_TRUE(fired.reaches(1));
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(3, WEXITSTATUS(status));
+
+    Timer recurring(counting(fired));
+    recurring.Set(1, 20);
+    for (int fd = 3; fd < 20; ++fd) {
+        if (support::is_timer_clock(fd))
+            close(fd);
+    }
+    EXPECT_TRUE(fired.reaches(4));
+    Timer earlier(counting(fired));
+    earlier.Set(0, 0);
+    EXPECT_TRUE(fired.reaches(5));
 }
 
 // ---- What needs a process of its own, which ends with 7 when all went well ------------------------------

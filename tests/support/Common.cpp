@@ -5,6 +5,7 @@
 
 #include <cctype>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -128,6 +129,12 @@ std::size_t other_threads() {
 
 std::set<int> descriptors(pid_t pid) {
     return numbers_in(pid == getpid() ? "/proc/self/fd" : "/proc/" + std::to_string(pid) + "/fd");
+}
+
+bool is_timer_clock(int fd) {
+    std::error_code none;
+    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), none) ==
+           "anon_inode:[timerfd]";
 }
 
 std::map<int, std::string> threads(pid_t pid) {

@@ -118,6 +118,8 @@ private:
 
 // Those that the process has open.
 std::set<int> descriptors(pid_t pid = getpid());
+// Whether the timers' thread sleeps on this one. It stays while the thread does.
+bool is_timer_clock(int fd);
 
 // Name by id. A thread that has been joined may be listed for a moment longer.
 std::map<int, std::string> threads(pid_t pid = getpid());

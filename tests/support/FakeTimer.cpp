@@ -82,7 +82,7 @@ std::uint64_t ns_of(unsigned long ms) {
 } // namespace
 
 Timer::Timer(boost::function<void(Timer*)> callback)
-    : callback_(std::move(callback)), deadline_ns_(0), period_ns_(0), index_(0), generation_(0), flags_(0) {
+    : callback_(std::move(callback)), deadline_ns_(0), period_ns_(0), index_(0), state_(0) {
     std::lock_guard<std::mutex> const guard(service().mutex);
     ++service().live;
 }

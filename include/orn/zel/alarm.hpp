@@ -30,6 +30,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <sys/types.h>
@@ -100,10 +101,11 @@ ORN_API void process_to_fd(unsigned long id, int fd);
 // A new timer, not armed yet; the caller owns it.
 ORN_API os::Timer* CreateTimer(boost::function<void(os::Timer*)> callback);
 
+// What a manager keeps of an alarm.
 struct TimerBlob {
-    std::unique_ptr<os::Timer> timer;
+    std::optional<os::Timer> timer;
     Handler handler;
-    bool one_shot;
+    bool one_shot = true; // to be forgotten after its first expiry
 };
 
 // The alarms of one fd manager, and so of one thread. Lives until the library is taken down.

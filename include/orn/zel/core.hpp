@@ -133,8 +133,7 @@ using id_t = unsigned long;
 
 // The next identifier: 1, 2, 3, ... over all subsystems together. Any thread. The counter is 32 bits
 // wide whatever the width of id_t, because identifiers travel through pipes as four bytes; after 4294967295
-// it wraps to 0, and no identifier is skipped then. Takes a leaf lock, so it may be called with any other
-// lock held; not from a signal handler.
+// it wraps to 0, and no identifier is skipped then. Takes no lock.
 ORN_API id_t unique_id();
 
 namespace detail {

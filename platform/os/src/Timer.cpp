@@ -7,6 +7,7 @@
 // another thread. Only its thread ends; see Lifetime.
 #include <orn/os/Timer.hpp>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -18,12 +19,15 @@
 #include <type_traits>
 #include <utility>
 
+#include <poll.h>
 #include <pthread.h>
 #include <sys/prctl.h>
 
 #include <orn/cancel.hpp>
 #include <orn/forkHandlers.hpp>
 #include <orn/mapping.hpp>
+
+#include "alarmClock.hpp"
 
 namespace orn::os {
 namespace {
@@ -35,7 +39,12 @@ constexpr std::size_t heap_width = 4;
 // exit() waits this long for a callback that is running. A callback that takes longer usually waits for the
 // thread that is in exit(), so both would wait for ever.
 constexpr std::uint64_t longest_callback_ns = ns_per_second;
-constexpr std::uint32_t flag_dying = 1; // the timer's destructor runs, so it must not be armed any more
+
+// The state of a timer is 0, or a sum of these and of the generation in which it is armed.
+constexpr unsigned calling = 1; // its callback runs
+constexpr unsigned dying = 2;   // its destructor waits for the callback, which must not arm it any more
+constexpr unsigned first_generation = 4;
+constexpr unsigned phases = calling | dying;
 
 std::uint64_t now_ns() {
     timespec now = {};
@@ -57,16 +66,6 @@ std::uint64_t next_in_phase(std::uint64_t deadline, std::uint64_t period, std::u
     return after(deadline + missed * period, period);
 }
 
-timespec timespec_of(std::uint64_t ns) {
-    // Cut to what a time_t of 32 bits holds. Waking too early once in decades does no harm.
-    std::uint64_t const seconds = ns / ns_per_second;
-    std::uint64_t const limit = std::numeric_limits<std::int32_t>::max();
-    timespec time = {};
-    time.tv_sec = static_cast<time_t>(seconds < limit ? seconds : limit);
-    time.tv_nsec = static_cast<long>(ns % ns_per_second);
-    return time;
-}
-
 } // namespace
 
 class TimerService {
@@ -85,7 +84,12 @@ private:
         Timer* timer;
     };
 
-    bool armed(Timer const& timer) const { return timer.generation_ == generation_; }
+    // Timers change their state under the mutex only.
+    static unsigned state(Timer const& timer) { return timer.state_.load(std::memory_order_relaxed); }
+    // The last access to a timer that is neither armed nor called any more: its destructor does not wait for
+    // the mutex then.
+    static void change(Timer& timer, unsigned to) { timer.state_.store(to, std::memory_order_release); }
+    bool armed(Timer const& timer) const { return (state(timer) & ~phases) == generation_; }
     void place(std::size_t index, Entry entry);
     void sift_up(std::size_t index, Entry entry);
     void sift_down(std::size_t index, Entry entry);
@@ -94,25 +98,26 @@ private:
     void disarm_all();
     void make_room();
     static void* thread_start(void* service);
-    void make_conditions();
+    void make_condition();
     void start();
+    void renew_clock(std::unique_lock<std::mutex>& lock);
+    bool wake(std::unique_lock<std::mutex>& lock, std::uint64_t deadline, bool at_once);
     void serve();
     void fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::uint64_t now);
     void sleep(std::unique_lock<std::mutex>& lock);
     bool left_in_time(std::unique_lock<std::mutex>& lock);
 
     std::mutex mutex_; // a leaf; never held while a callback runs
-    // There is a deadline before sleeps_until_, or the thread is to end.
-    pthread_cond_t earlier_ = PTHREAD_COND_INITIALIZER;
     // A callback that somebody waits for has returned, or the thread leaves.
     pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER;
 
     Entry* heap_ = nullptr;
     std::size_t size_ = 0;
     std::size_t room_ = 0;
-    std::uint32_t generation_ = 1; // timers with this number are in the heap; increasing it disarms all
+    unsigned generation_ = first_generation; // of the timers in the heap; the next one disarms all
 
     pthread_t thread_ = {};
+    AlarmClock clock_; // the thread sleeps on it; made and unmade under the mutex
     bool started_ = false;
     bool stopped_ = false;
     bool left_ = false;              // the thread does nothing more but end
@@ -172,14 +177,14 @@ void TimerService::make_room() {
 }
 
 void TimerService::arm(Timer& timer) {
-    timer.generation_ = generation_;
+    change(timer, (state(timer) & phases) | generation_);
     sift_up(size_++, {timer.deadline_ns_, &timer});
 }
 
 void TimerService::disarm(Timer& timer) {
     if (!armed(timer))
         return;
-    timer.generation_ = 0;
+    change(timer, state(timer) & phases);
     std::size_t const index = timer.index_;
     Entry const last = heap_[--size_];
     if (index == size_)
@@ -192,8 +197,9 @@ void TimerService::disarm(Timer& timer) {
 
 void TimerService::disarm_all() {
     size_ = 0;
-    if (++generation_ == 0)
-        generation_ = 1; // 0 marks a timer as disarmed
+    generation_ += first_generation;
+    if (generation_ == 0)
+        generation_ = first_generation;
 }
 
 // ---- From any thread ------------------------------------------------------------------------------------
@@ -202,27 +208,42 @@ void TimerService::set(Timer& timer, unsigned long initial_ms, unsigned long rec
     // The clock is read first, because the delay counts from the call, however long the lock and the making
     // of the thread take.
     std::uint64_t const called = now_ns();
-    bool wake = false;
-    {
-        std::lock_guard<std::mutex> const lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_);
+    disarm(timer);
+    if (stopped_ || (state(timer) & dying) != 0)
+        return;
+    make_room();
+    start();
+    timer.deadline_ns_ = after(called, ns_of(initial_ms));
+    timer.period_ns_ = ns_of(recurring_ms);
+    arm(timer);
+    if (timer.deadline_ns_ < sleeps_until_ && !wake(lock, timer.deadline_ns_, initial_ms == 0)) {
         disarm(timer);
-        if (stopped_ || (timer.flags_ & flag_dying) != 0)
-            return;
-        make_room();
-        start();
-        timer.deadline_ns_ = after(called, ns_of(initial_ms));
-        timer.period_ns_ = ns_of(recurring_ms);
-        arm(timer);
-        if (timer.deadline_ns_ < sleeps_until_) {
-            sleeps_until_ = timer.deadline_ns_; // a later timer does not wake the thread again
-            wake = true;
-        }
+        throw std::system_error(errno, std::generic_category(), "timer");
     }
-    if (wake)
-        pthread_cond_signal(&earlier_);
+}
+
+// Has the sleeping thread wake at a deadline before its own. A clock is set and the thread is left asleep, so
+// that it does not wake only to sleep again. The mutex must not be held here: the thread may wake at once,
+// and would wait for it. Meanwhile the thread may set the clock for its next sleep, and another caller may
+// set it for an even earlier deadline. So this looks afterwards whether its own setting came too late.
+bool TimerService::wake(std::unique_lock<std::mutex>& lock, std::uint64_t deadline, bool at_once) {
+    sleeps_until_ = deadline;
+    bool done;
+    do {
+        deadline = sleeps_until_;
+        lock.unlock();
+        done = at_once ? clock_.expire() : clock_.set(deadline);
+        at_once = false;
+        lock.lock();
+    } while (done && sleeps_until_ != 0 && sleeps_until_ != deadline);
+    return done;
 }
 
 void TimerService::end(Timer& timer) {
+    // A timer that has fired dies without the mutex, which the thread needs for the others that are due.
+    if (timer.state_.load(std::memory_order_acquire) == 0)
+        return;
     std::unique_lock<std::mutex> lock(mutex_);
     disarm(timer);
     if (running_ != &timer)
@@ -231,7 +252,8 @@ void TimerService::end(Timer& timer) {
         running_ = nullptr; // called in its own callback; fire() keeps the function object until that returns
         return;
     }
-    timer.flags_ |= flag_dying; // otherwise a callback that sets its timer again would keep us waiting
+    // Otherwise a callback that sets its timer again and again would keep us waiting.
+    change(timer, state(timer) | dying);
     internal::CancelShield const shield;
     ++waiting_;
     while (running_ == &timer)
@@ -240,12 +262,11 @@ void TimerService::end(Timer& timer) {
 }
 
 // Also called in a child of fork(), where a thread that no longer exists may have been waiting on the
-// conditions. Nobody else may be waiting on them.
-void TimerService::make_conditions() {
+// condition. Nobody else may be waiting on it.
+void TimerService::make_condition() {
     pthread_condattr_t attributes;
     pthread_condattr_init(&attributes);
     pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-    pthread_cond_init(&earlier_, &attributes);
     pthread_cond_init(&idle_, &attributes);
     pthread_condattr_destroy(&attributes);
 }
@@ -260,15 +281,19 @@ void TimerService::make_conditions() {
 void TimerService::start() {
     if (started_)
         return;
-    make_conditions();
+    make_condition();
+    if (!clock_.made() && !clock_.make())
+        throw std::system_error(errno, std::generic_category(), "timer");
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before); // the new thread inherits it
     int const error = pthread_create(&thread_, nullptr, thread_start, this);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (error != 0)
+    if (error != 0) {
+        clock_.unmake(); // at dlclose() there is no thread to unmake it after
         throw std::system_error(error, std::generic_category(), "timer thread");
+    }
     started_ = true;
     left_ = false;
     sleeps_until_ = 0;
@@ -285,13 +310,15 @@ void TimerService::stop(bool unmapped) {
     if (!started_ || pthread_equal(thread_, pthread_self()) != 0)
         return; // a callback has called exit(), and the thread cannot wait for itself
     started_ = false;
-    pthread_cond_signal(&earlier_);
+    clock_.expire();
     bool const joinable = unmapped || left_in_time(lock);
     lock.unlock();
     if (joinable)
         pthread_join(thread_, nullptr);
     else
         pthread_detach(thread_);
+    if (unmapped) // at exit() others may be about to set the clock, and its number must stay taken
+        clock_.unmake();
 }
 
 bool TimerService::left_in_time(std::unique_lock<std::mutex>& lock) {
@@ -306,13 +333,15 @@ bool TimerService::left_in_time(std::unique_lock<std::mutex>& lock) {
 void TimerService::after_fork_in_child() {
     disarm_all();
     waiting_ = 0;
-    make_conditions();
+    make_condition();
+    clock_.unmake(); // setting it would set the parent's
     bool const serving = started_ && pthread_equal(thread_, pthread_self()) != 0;
     if (!serving) {
         started_ = false;
         if (running_) {
             // The function is on the stack of a thread that no longer exists.
             running_->callback_ = std::move(*function_);
+            change(*running_, 0);
             running_ = nullptr;
         }
         function_ = nullptr;
@@ -343,15 +372,31 @@ void TimerService::serve() {
     pthread_cond_broadcast(&idle_);
 }
 
+// Cancelling the earliest timer does not set the clock anew. That would cost each such call a system call,
+// and save one waking of the thread until that deadline.
 void TimerService::sleep(std::unique_lock<std::mutex>& lock) {
     sleeps_until_ = size_ > 0 ? heap_[0].deadline : never;
-    if (sleeps_until_ == never) {
-        pthread_cond_wait(&earlier_, lock.mutex()->native_handle());
-    } else {
-        timespec const until = timespec_of(sleeps_until_);
-        pthread_cond_timedwait(&earlier_, lock.mutex()->native_handle(), &until);
+    // A clock that is still set is left so, since it wakes the thread once at most.
+    bool good = sleeps_until_ == never || clock_.set(sleeps_until_);
+    if (good) {
+        lock.unlock();
+        good = clock_.wait();
+        lock.lock();
     }
     sleeps_until_ = 0;
+    if (!good)
+        renew_clock(lock);
+}
+
+// For a callback that has forked, whose child gives up its parent's clock, and for a program that has closed
+// a descriptor which is not its own. While there is no descriptor to be had, timers are looked at every
+// millisecond.
+void TimerService::renew_clock(std::unique_lock<std::mutex>& lock) {
+    if (clock_.make())
+        return;
+    lock.unlock();
+    poll(nullptr, 0, 1);
+    lock.lock();
 }
 
 // Takes the callback out of the timer while it runs, because it may destroy the timer, and puts it back
@@ -360,6 +405,7 @@ void TimerService::sleep(std::unique_lock<std::mutex>& lock) {
 // timers.
 void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::uint64_t now) {
     boost::function<void(Timer*)> function(std::move(timer.callback_));
+    change(timer, state(timer) | calling);
     if (timer.period_ns_ == 0) {
         disarm(timer);
     } else {
@@ -380,6 +426,7 @@ void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::u
     }
     timer.callback_ = std::move(function);
     running_ = nullptr;
+    change(timer, state(timer) & ~calling);
     if (waiting_ > 0)
         pthread_cond_broadcast(&idle_);
 }
@@ -423,7 +470,7 @@ internal::ForkHandlers const fork_handlers __attribute__((init_priority(101))) =
 } // namespace
 
 Timer::Timer(boost::function<void(Timer*)> callback)
-    : callback_(std::move(callback)), deadline_ns_(0), period_ns_(0), index_(0), generation_(0), flags_(0) {}
+    : callback_(std::move(callback)), deadline_ns_(0), period_ns_(0), index_(0), state_(0) {}
 
 Timer::~Timer() {
     service.end(*this);

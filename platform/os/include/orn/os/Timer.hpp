@@ -5,6 +5,7 @@
 #ifndef ORN_OS_TIMER_HPP
 #define ORN_OS_TIMER_HPP
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -40,20 +41,19 @@ public:
     // niceness and processors. Let the thread whose timers matter most make that call, or let a callback
     // choose others with sched_setscheduler(0, ...), since callbacks run on the service thread.
     //
-    // Throws std::system_error when the thread cannot be started and std::bad_alloc without memory; the timer
-    // is not set then. Does nothing once the library is being unloaded. In a child of fork() no timer is set,
-    // and all may be set anew.
+    // Throws std::system_error when the thread, or the descriptor that it sleeps on, cannot be had, and
+    // std::bad_alloc without memory; the timer is not set then. Does nothing once the library is being
+    // unloaded. In a child of fork() no timer is set, and all may be set anew.
     void Set(unsigned long initial_ms, unsigned long recurring_ms);
 
 private:
     friend class TimerService;
 
     boost::function<void(Timer*)> callback_;
-    std::uint64_t deadline_ns_;                 // CLOCK_MONOTONIC
-    std::uint64_t period_ns_;                   // 0: once
-    std::size_t index_;                         // place in the service's heap
-    [[maybe_unused]] std::uint32_t generation_; // set while equal to the service's
-    [[maybe_unused]] std::uint32_t flags_;
+    std::uint64_t deadline_ns_;                    // CLOCK_MONOTONIC
+    std::uint64_t period_ns_;                      // 0: once
+    std::size_t index_;                            // place in the service's heap
+    [[maybe_unused]] std::atomic<unsigned> state_; // 0: neither armed nor in its callback
 };
 
 } // namespace orn::os
