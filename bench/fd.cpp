@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
 // Measures descriptors: a byte through one pipe among idle ones, and through some of a hundred. The bare
-// loops poll what the group polls: the same pipes, and one more through which another thread could wake them.
+// loops poll what the group polls: the same descriptors, and one more through which another thread could wake
+// them.
 #include <memory>
 #include <vector>
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 
 #include <orn/zel.hpp>
 
@@ -39,14 +43,34 @@ double pass_bytes(std::vector<int> const& active, long count, long const& served
     return time;
 }
 
+// What is never ready; one descriptor each, so that the usual limits allow ten thousand.
+class Idle {
+public:
+    explicit Idle(long count) {
+        bench::raise_descriptor_limit();
+        for (long i = 0; i < count; ++i) {
+            fds.push_back(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+            bench::expect(fds.back() != -1, "eventfd");
+        }
+    }
+    ~Idle() {
+        for (int const fd : fds)
+            close(fd);
+    }
+    Idle(Idle const&) = delete;
+    Idle& operator=(Idle const&) = delete;
+
+    std::vector<int> fds;
+};
+
 // The loop by hand. The first entry of its poll set is the pipe to wake it.
 class BareLoop {
 public:
-    BareLoop(Pipes const& pipes, bool wakeable) : served(0), wakeable_(wakeable) {
+    BareLoop(std::vector<int> const& watched, bool wakeable) : served(0), wakeable_(wakeable) {
         if (wakeable)
             set_.push_back(pollfd{wake_.read_end(), POLLIN, 0});
-        for (auto const& pipe : pipes)
-            set_.push_back(pollfd{pipe->read_end(), POLLIN, 0});
+        for (int const fd : watched)
+            set_.push_back(pollfd{fd, POLLIN, 0});
     }
 
     // With ask_first it polls without waiting, and waits only when that has found nothing.
@@ -75,18 +99,58 @@ private:
     std::vector<pollfd> set_;
 };
 
-// Returns the write ends of the pipes that get a byte each turn. A poll() that may block registers with each
-// descriptor until it meets one that is ready, so the place of an active one counts: the last one has all
-// idle ones before it.
-std::vector<int> spread(Pipes const& pipes, long active, bool first) {
+// The same with epoll.
+class EpollLoop {
+public:
+    explicit EpollLoop(std::vector<int> const& watched) : served(0), epoll_(epoll_create1(EPOLL_CLOEXEC)) {
+        add(wake_.read_end());
+        for (int const fd : watched)
+            add(fd);
+    }
+    ~EpollLoop() { close(epoll_); }
+    EpollLoop(EpollLoop const&) = delete;
+    EpollLoop& operator=(EpollLoop const&) = delete;
+
+    void turn() {
+        epoll_event events[128];
+        int const ready = epoll_wait(epoll_, events, 128, -1);
+        for (int i = 0; i < ready; ++i) {
+            if (events[i].data.fd == wake_.read_end()) {
+                bench::drain(events[i].data.fd);
+            } else {
+                bench::take_byte(events[i].data.fd);
+                ++served;
+            }
+        }
+    }
+
+    long served;
+
+private:
+    void add(int fd) {
+        epoll_event event = {};
+        event.events = EPOLLIN;
+        event.data.fd = fd;
+        bench::expect(epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) == 0, "epoll_ctl");
+    }
+
+    bench::Pipe wake_;
+    int const epoll_;
+};
+
+// Write ends of so many of the pipes. A poll() that may block registers with each descriptor until it meets
+// one that is ready, so the last of each stretch is taken, which has the idle ones before it.
+std::vector<int> spread(Pipes const& pipes, long active) {
     std::vector<int> ends;
     std::size_t const step = pipes.size() / static_cast<std::size_t>(active);
-    for (std::size_t i = first ? 0 : step - 1; i < pipes.size(); i += step)
+    for (std::size_t i = step - 1; i < pipes.size(); i += step)
         ends.push_back(pipes[i]->write_end());
     return ends;
 }
 
-void pass(benchmark::State& state, Pipes const& pipes, std::vector<int> const& active, long batch) {
+// With `churn` each turn also watches one more idle descriptor, and watches it no more.
+void pass(benchmark::State& state, std::vector<int> const& watched, std::vector<int> const& active,
+          long batch, bool churn = false) {
     state.SetLabel("a byte written, waited for and read");
     bench::Versus versus(state, batch);
     long served = 0;
@@ -96,30 +160,43 @@ void pass(benchmark::State& state, Pipes const& pipes, std::vector<int> const& a
         ++served;
     };
     double const registering = bench::timed([&] {
-        for (auto const& pipe : pipes)
-            receptors.push_back(std::make_unique<orn::zel::fd::AutoReceptor>(pipe->read_end(), count_byte));
+        for (int const fd : watched)
+            receptors.push_back(std::make_unique<orn::zel::fd::AutoReceptor>(fd, count_byte));
     });
     while (orn::zel::RunOnce(0) > 0) {
     }
 
-    BareLoop bare(pipes, true);
-    BareLoop asking(pipes, true);
-    BareLoop unwakeable(pipes, false);
-    versus.leg("zel",
-               [&](long count) { return pass_bytes(active, count, served, [] { orn::zel::RunOnce(-1); }); });
-    versus.leg("bare",
-               [&](long count) { return pass_bytes(active, count, bare.served, [&] { bare.turn(false); }); });
+    BareLoop bare(watched, true);
+    BareLoop asking(watched, true);
+    BareLoop unwakeable(watched, false);
+    EpollLoop epoll(watched);
+    Idle const more(1);
+    versus.leg("zel", [&](long count) {
+        return pass_bytes(active, count, served, [&] {
+            std::unique_ptr<orn::zel::fd::AutoReceptor> one_more;
+            if (churn)
+                one_more = std::make_unique<orn::zel::fd::AutoReceptor>(more.fds[0], count_byte);
+            orn::zel::RunOnce(-1);
+        });
+    });
+    if (watched.size() < 5000) { // milliseconds a turn
+        versus.leg("bare", [&](long count) {
+            return pass_bytes(active, count, bare.served, [&] { bare.turn(false); });
+        });
+        versus.leg("unwakeable", [&](long count) {
+            return pass_bytes(active, count, unwakeable.served, [&] { unwakeable.turn(false); });
+        });
+    }
     versus.leg("asking", [&](long count) {
         return pass_bytes(active, count, asking.served, [&] { asking.turn(true); });
     });
-    versus.leg("unwakeable", [&](long count) {
-        return pass_bytes(active, count, unwakeable.served, [&] { unwakeable.turn(false); });
-    });
+    versus.leg("epoll",
+               [&](long count) { return pass_bytes(active, count, epoll.served, [&] { epoll.turn(); }); });
     versus.run();
 
     double const removing = bench::timed([&] { receptors.clear(); });
-    if (!state.error_occurred() && pipes.size() > 1) {
-        double const each = 1e9 / static_cast<double>(pipes.size());
+    if (!state.error_occurred() && watched.size() > 1) {
+        double const each = 1e9 / static_cast<double>(watched.size());
         state.counters["register_ns"] = registering * each;
         state.counters["remove_ns"] = removing * each;
     }
@@ -128,23 +205,35 @@ void pass(benchmark::State& state, Pipes const& pipes, std::vector<int> const& a
 // The idle descriptors come before the active one in the poll set, or with `behind` after it.
 void one_active_among_idle(benchmark::State& state) {
     long const idle = static_cast<long>(state.range(0));
-    Pipes const pipes = make_pipes(idle + 1);
-    pass(state, pipes, spread(pipes, 1, state.range(1) != 0), 20 + 4000 / (idle + 16));
+    bool const behind = state.range(1) != 0;
+    std::unique_ptr<bench::Pipe> pipe = behind ? std::make_unique<bench::Pipe>() : nullptr;
+    Idle const others(idle);
+    if (!behind)
+        pipe = std::make_unique<bench::Pipe>();
+    std::vector<int> watched = others.fds;
+    watched.insert(behind ? watched.begin() : watched.end(), pipe->read_end());
+    pass(state, watched, {pipe->write_end()}, 50 + 4000 / (idle + 16), state.range(2) != 0);
 }
 BENCHMARK(one_active_among_idle)
-    ->ArgNames({"idle", "behind"})
-    ->Args({0, 0})
-    ->Args({16, 0})
-    ->Args({64, 0})
-    ->Args({256, 0})
-    ->Args({1024, 0})
-    ->Args({1024, 1})
+    ->ArgNames({"idle", "behind", "churn"})
+    ->Args({0, 0, 0})
+    ->Args({16, 0, 0})
+    ->Args({64, 0, 0})
+    ->Args({256, 0, 0})
+    ->Args({1024, 0, 0})
+    ->Args({1024, 1, 0})
+    ->Args({10000, 0, 0})
+    ->Args({0, 0, 1})
+    ->Args({10000, 0, 1})
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
 
 void active_among_hundred(benchmark::State& state) {
     Pipes const pipes = make_pipes(100);
-    pass(state, pipes, spread(pipes, static_cast<long>(state.range(0)), false), 200);
+    std::vector<int> watched;
+    for (auto const& pipe : pipes)
+        watched.push_back(pipe->read_end());
+    pass(state, watched, spread(pipes, static_cast<long>(state.range(0))), 200);
 }
 BENCHMARK(active_among_hundred)
     ->ArgName("active")

@@ -120,10 +120,21 @@ unsigned MonitorImpl::count() const {
 
 void MonitorImpl::events(short events) {
     events_ = events;
+    outdate_manager();
 }
 
 short MonitorImpl::events() const {
     return events_;
+}
+
+void MonitorImpl::expired(short errors) {
+    expired_ = errors;
+    outdate_manager();
+}
+
+void MonitorImpl::outdate_manager() {
+    if (association_.associated())
+        association_.manager()->outdate();
 }
 
 void MonitorImpl::Associate(boost::shared_ptr<Manager> manager) {
@@ -170,7 +181,7 @@ id_t draw_live_id() {
 
 } // namespace
 
-Manager::Manager() : id_(draw_live_id()), registrations_(0) {
+Manager::Manager() : id_(draw_live_id()), registrations_(0), change_count_(0), changed_{}, outdated_(false) {
     Log_SpecEntry(logSpecForceInfo, "src/fd", detail::line_of_manager_made, "%s",
                   "orn::zel::fd::Manager::Manager()");
 }
@@ -191,6 +202,7 @@ void Manager::insert(MonitorImpl* monitor) {
         if (++registrations_ == any_registration) // wrapped
             ++registrations_;
         monitor->registration_ = registrations_;
+        note_change(monitor->fd());
     }
     bump();
 }
@@ -200,6 +212,7 @@ void Manager::remove(MonitorImpl* monitor) {
         AutoLock const guard(monitors_);
         // The number decides, not the monitor: another monitor that has taken the number over goes with it.
         monitors_.entries().erase(monitor->fd());
+        note_change(monitor->fd());
     }
     bump();
 }
@@ -220,8 +233,10 @@ bool Manager::dispatch(pollfd const& p, unsigned long registration) {
         monitor = it->second;
         if (registration != any_registration && monitor->registration_ != registration)
             return false;
-        if (errors != 0)
-            monitor->expired(errors);
+        if (errors != 0) {
+            monitor->expired_ = errors;
+            note_change(p.fd);
+        }
         handler = monitor->receptacle_.handler();
     }
     if (errors != 0)
@@ -232,6 +247,23 @@ bool Manager::dispatch(pollfd const& p, unsigned long registration) {
         EventImpl event(monitor, p.fd, p.revents);
         (*handler)(&event);
     }
+    return true;
+}
+
+void Manager::note_change(int fd) {
+    changed_[change_count_++ % changes_kept] = fd;
+}
+
+// The analysis does not know that the caller's monitors() and monitors_ are the same lock.
+bool Manager::changes(std::uint64_t& seen, std::vector<int>& fds) ZEL_NO_ANALYSIS {
+    if (outdated_.exchange(false))
+        change_count_ += changes_kept + 1; // too many, for whoever asks
+    std::uint64_t const before = seen;
+    seen = change_count_;
+    if (change_count_ - before > changes_kept)
+        return false;
+    for (std::uint64_t i = before; i < change_count_; ++i)
+        fds.push_back(changed_[i % changes_kept]);
     return true;
 }
 

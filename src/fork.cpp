@@ -10,6 +10,7 @@
 #include <orn/forkHandlers.hpp>
 
 #include "observer.hpp"
+#include "readiness.hpp"
 
 namespace orn::zel::detail {
 
@@ -20,6 +21,7 @@ std::atomic<pid_t> current(0);
 void in_child() {
     current = getpid();
     renew_observers();
+    Readiness::forked();
 }
 
 internal::ForkHandlers const fork_handlers = {nullptr, nullptr, in_child};

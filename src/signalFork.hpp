@@ -26,7 +26,8 @@ private:
 };
 
 // Keeps every thread from forking for a scope, and signal handlers off this one. A disposition and what is
-// noted of it here change in one such scope, so that a child finds them in agreement.
+// noted of it here change in one such scope, so that a child finds them in agreement, and so do an epoll set
+// and the list of them (readiness.hpp).
 class ForkBarrier {
 public:
     ForkBarrier();

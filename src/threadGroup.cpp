@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The poll loop of a group: its members, the runner role, the poll set, dispatching, and the turn. The
-// reports that it makes are in threadMonitor.cpp, the records of threads in threadRegistry.cpp.
+// The poll loop of a group: its members, the runner role, dispatching, and the turn. The poll set is in
+// threadGroupSet.cpp, the reports in threadMonitor.cpp, the records of threads in threadRegistry.cpp.
 #include <orn/zel/threadGroup.hpp>
 
 #include <algorithm>
@@ -16,6 +16,7 @@
 #include <orn/log.h>
 
 #include "fixedLine.hpp"
+#include "readiness.hpp"
 #include "threadMonitor.hpp"
 #include "threadRegistry.hpp"
 
@@ -32,30 +33,14 @@ int clamp_timeout(long timeoutMs) {
     return static_cast<int>(std::min<long>(std::max<long>(timeoutMs, INT_MIN), INT_MAX));
 }
 
-// Delivers a poll result to the fd manager that registered the descriptor. Clears the result when the
-// registration has been withdrawn. Small enough that boost::function keeps it without an allocation.
-class Delivery {
-public:
-    Delivery(boost::shared_ptr<fd::Manager> const& manager, unsigned long registration)
-        : manager_(manager), registration_(registration) {}
-
-    void operator()(pollfd& p) const {
-        if (!manager_->dispatch(p, registration_))
-            p.revents = 0;
-    }
-
-private:
-    boost::shared_ptr<fd::Manager> manager_;
-    unsigned long registration_;
-};
-
 } // namespace
 
 // ---- Life and members -----------------------------------------------------------------------------------
 
 Group::Group()
     : id_(detail::draw_id()), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
-      runner_depth_(0), membership_(0), rebuilds_(0), polls_(0), undispatched_(0), built_membership_(0) {
+      runner_depth_(0), membership_(0), rebuilds_(0), polls_(0), undispatched_(0), built_membership_(0),
+      doubled_(false), crowded_(false), sparse_(false) {
     Log_SpecEntry(logSpecForceInfo, "src/threadGroup", detail::line_of_group_made,
                   "%s: group %lu: ctrl pipe rd fd=%d", "orn::zel::thread::Group::Group()", id_.value(),
                   ctrl_.ReadFD());
@@ -192,62 +177,6 @@ bool Group::IsRunner(int tid) const {
     return runner_.load(std::memory_order_relaxed) == tid;
 }
 
-// ---- The poll set ---------------------------------------------------------------------------------------
-
-void Group::setup_pollset() {
-    dispatchset_.clear();
-    pollset_.clear();
-    order_.clear();
-    undispatched_ = 0;
-    ++rebuilds_;
-
-    add_entry(ctrl_.ReadFD(), DispatchInfo{POLLIN | POLLHUP, 0, [this](pollfd& p) { ctrl_eater(p); }});
-
-    AutoLock const guard(mutex_);
-    for (int const tid : threads_) {
-        boost::shared_ptr<fd::Manager> const manager = Registry::fd_manager_if_any(tid);
-        if (manager)
-            add_monitors(tid, manager);
-    }
-    built_membership_ = membership_;
-    built_version_.store(poll_version_.load());
-}
-
-void Group::add_monitors(int tid, boost::shared_ptr<fd::Manager> const& manager) {
-    AutoLock const guard(manager->monitors());
-    for (auto const& item : manager->monitors().entries()) {
-        fd::MonitorImpl const& monitor = *item.second;
-        if (monitor.count() == 0 || monitor.expired() != 0)
-            continue;
-        Delivery const delivery(manager, fd::Manager::registration(monitor));
-        add_entry(item.first, DispatchInfo{monitor.events(), tid, delivery});
-    }
-}
-
-void Group::add_entry(int fd, DispatchInfo const& info) {
-    DispatchInfo& stored = dispatchset_[fd];
-    stored = info;
-    order_.push_back(&stored);
-    pollset_.push_back(pollfd{fd, info.events, 0});
-}
-
-unsigned long Group::setup_pollset(pollfd* fds, unsigned long nfds, std::vector<pollfd>& out) {
-    out.clear();
-    out.reserve(pollset_.size() + nfds);
-    for (pollfd& entry : pollset_) {
-        // A descriptor that the caller waits for is left to the caller.
-        if (!isInPollset(entry, fds, nfds))
-            out.push_back(entry);
-    }
-    unsigned long const base = out.size();
-    out.insert(out.end(), fds, fds + nfds);
-    return base;
-}
-
-bool isInPollset(pollfd& pfd, pollfd* fds, unsigned long nfds) {
-    return std::any_of(fds, fds + nfds, [&pfd](pollfd const& entry) { return entry.fd == pfd.fd; });
-}
-
 // ---- Dispatching ----------------------------------------------------------------------------------------
 
 Group::DispatchInfo const& Group::dispatch_info(pollfd const& pfd) const {
@@ -290,10 +219,21 @@ void Group::dispatch(pollfd& pfd) {
         outdate();
 }
 
+std::size_t Group::next_result(std::size_t i) const {
+    if (!sparse_)
+        return i;
+    auto const next = std::lower_bound(hits_.begin(), hits_.end(), i);
+    return next == hits_.end() ? pollset_.size() : *next;
+}
+
 int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count) {
     bool const own = &set == &pollset_;
     unsigned long const polled = polls_;
-    for (unsigned long i = 0; i < n && i < set.size() && count > 0; ++i) {
+    for (unsigned long i = 0; count > 0; ++i) {
+        if (own)
+            i = next_result(i);
+        if (i >= n || i >= set.size())
+            break;
         if (set[i].revents == 0)
             continue;
         --count;
@@ -325,15 +265,32 @@ void Group::leftovers() {
 }
 
 void Group::rebuild() {
-    if (bumped())
+    if (!bumped())
+        return;
+    if (!refresh())
         setup_pollset();
+    fit_readiness();
 }
 
-int Group::poll_set(std::vector<pollfd>& set, int timeoutMs) {
+int Group::poll_own(int timeoutMs) {
+    sparse_ = false;
+    bool asked;
+    int ready;
+    if (ask_readiness(ready, asked)) {
+        probed(ready);
+        if (ready > 0)
+            take_results();
+        if (ready != 0)
+            return ready;
+    }
+    return poll_whole(pollset_, timeoutMs, asked);
+}
+
+int Group::poll_whole(std::vector<pollfd>& set, int timeoutMs, bool asked) {
     ++polls_;
     report_poll_in(set.data(), set.size(), timeoutMs);
     int ready = 0;
-    if (timeoutMs != 0 && probe_.due()) {
+    if (timeoutMs != 0 && !asked && probe_.due()) {
         ready = poll(set.data(), set.size(), 0);
         if (ready != 0)
             probe_.hit();
@@ -343,6 +300,28 @@ int Group::poll_set(std::vector<pollfd>& set, int timeoutMs) {
     if (ready == 0)
         ready = poll(set.data(), set.size(), timeoutMs);
     report_poll_out(set.data(), set.size(), ready);
+    crowded_ = is_crowded(ready, set.size());
+    if (readiness_ && readiness_->audits() && ready >= 0)
+        audit(set);
+    return ready;
+}
+
+// A wait for descriptors of the caller's.
+struct Group::Wait {
+    pollfd* fds;
+    unsigned long nfds;
+    std::vector<pollfd> set; // the group's entries, and the caller's behind them
+    unsigned long base;      // where the caller's begin
+    unsigned long built;     // rebuilds_ of the poll set that is in the set; 0 when it is not the whole one
+};
+
+// The results that asked_ has, and those of the caller's entries. Returns what poll() of both would.
+int Group::combine_results(Wait& wait) {
+    wait.built = 0;
+    wait.base = combine(asked_, wait.fds, wait.nfds, wait.set);
+    int ready = poll(wait.set.data() + wait.base, wait.nfds, 0);
+    for (unsigned long i = 0; i < wait.base && ready != -1; ++i)
+        ready += wait.set[i].revents != 0;
     return ready;
 }
 
@@ -352,10 +331,10 @@ int Group::RunOnce(long timeoutMs) {
     RunReservation const reservation(*this); // 1. reserve; its destructor is 6. release
     if (!IsRunner(reservation.tid()))
         return zel_poll(nullptr, 0, timeout);
-    leftovers();                                   // 2.
-    rebuild();                                     // 3.
-    int const ready = poll_set(pollset_, timeout); // 4.
-    if (ready > 0) {                               // 5. dispatch
+    leftovers();                         // 2.
+    rebuild();                           // 3.
+    int const ready = poll_own(timeout); // 4.
+    if (ready > 0) {                     // 5. dispatch
         undispatched_ = ready;
         dispatch_pollset(pollset_, pollset_.size(), ready);
     }
@@ -370,24 +349,35 @@ int Group::RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs)
         return zel_poll(fds, nfds, timeout);
     leftovers();
     rebuild();
-    std::vector<pollfd> combined;
-    unsigned long base = setup_pollset(fds, nfds, combined);
-    unsigned long built = rebuilds_;
+    Wait wait = {fds, nfds, {}, 0, 0};
     int ready;
-    while ((ready = poll_set(combined, timeout)) > 0) {
-        int const left = dispatch_combined(combined, base, ready);
+    while ((ready = poll_wait(wait, timeout)) > 0) {
+        int const left = dispatch_combined(wait.set, wait.base, ready);
         if (left > 0) {
             ready = left;
             break;
         }
         rebuild();
-        if (built != rebuilds_) { // by this turn, or by a nested one
-            base = setup_pollset(fds, nfds, combined);
-            built = rebuilds_;
-        }
     }
-    std::copy(combined.begin() + static_cast<std::ptrdiff_t>(base), combined.end(), fds);
+    std::copy(wait.set.begin() + static_cast<std::ptrdiff_t>(wait.base), wait.set.end(), fds);
     return ready;
+}
+
+int Group::poll_wait(Wait& wait, int timeoutMs) {
+    bool asked;
+    int ready;
+    if (ask_readiness(ready, asked)) {
+        if (ready != -1)
+            ready = combine_results(wait);
+        probed(ready);
+        if (ready != 0)
+            return ready;
+    }
+    if (wait.built != rebuilds_) { // by this turn, or by a nested one
+        wait.base = setup_pollset(wait.fds, wait.nfds, wait.set);
+        wait.built = rebuilds_;
+    }
+    return poll_whole(wait.set, timeoutMs, asked);
 }
 
 int Group::dispatch_combined(std::vector<pollfd>& combined, unsigned long base, int ready) {

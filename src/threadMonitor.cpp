@@ -44,6 +44,10 @@ void log_pollset(char const* label, pollfd const* fds, unsigned long nfds) {
                   text.str().c_str());
 }
 
+bool reports_polls() {
+    return extended_logging || !detail::poll_observer.is(-1);
+}
+
 void report_poll_in(pollfd const* fds, unsigned long nfds, int timeoutMs) {
     log_pollset("zel_poll IN", fds, nfds);
     detail::poll_observer.report([&](std::ostream& line) {

@@ -10,6 +10,9 @@
 
 namespace orn::zel::thread {
 
+// Whether anybody is told of poll sets and of what poll() says of them.
+bool reports_polls();
+
 // Go around one wait, which may take several calls of poll(). The second keeps errno.
 void report_poll_in(pollfd const* fds, unsigned long nfds, int timeoutMs);
 void report_poll_out(pollfd const* fds, unsigned long nfds, int status);

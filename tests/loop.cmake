@@ -1,6 +1,6 @@
 # Tests of the core, the loop and its sources of events; included by tests/CMakeLists.txt.
 
-foreach(stem core receptacle threadGroup threadMonitor turn cancel fd signal members)
+foreach(stem core readiness receptacle threadGroup threadMonitor turn cancel fd signal members)
     zel_add_test(${stem}_test SOURCES ${stem}_test.cpp support/Support.cpp LIBRARIES zel_static)
 endforeach()
 
@@ -8,3 +8,10 @@ endforeach()
 zel_add_test(alarm_test
     SOURCES alarm_test.cpp support/Support.cpp support/FakeTimer.cpp LIBRARIES zel_static)
 zel_test_faults(threadGroup_test fd_test alarm_test)
+
+# Once more, the way that large groups go. The tasks' test comes with another file.
+foreach(stem threadGroup threadMonitor turn fd members alarm task)
+    add_test(NAME readiness.${stem} COMMAND ${stem}_test)
+    zel_test_properties(readiness.${stem} TIMEOUT 120)
+    set_property(TEST readiness.${stem} APPEND PROPERTY ENVIRONMENT ZEL_TEST_READINESS=1)
+endforeach()

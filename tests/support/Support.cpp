@@ -5,6 +5,8 @@
 
 #include "../../src/threadRegistry.hpp"
 
+#include "../../src/readiness.hpp"
+
 namespace support {
 
 namespace {
@@ -40,6 +42,11 @@ std::set<int> passing_threads() {
 }
 
 } // namespace
+
+void always_by_readiness() {
+    orn::zel::detail::readiness_threshold = 0;
+    orn::zel::detail::readiness_crowd = 0;
+}
 
 bool run_until(std::function<bool()> const& condition, int limit_ms) {
     return wait_until(condition, limit_ms, [] { orn::zel::RunOnce(20); });
@@ -124,6 +131,8 @@ WatchedPipe::WatchedPipe(std::function<void()> const& handler)
       }) {}
 
 Loop::Loop() {
+    if (getenv("ZEL_TEST_READINESS"))
+        always_by_readiness();
     std::thread([] {}).join(); // a sanitizer starts a thread of its own with the first one
     descriptors_ = passing_descriptors();
     threads_ = passing_threads();

@@ -18,6 +18,10 @@
 
 namespace support {
 
+// Has groups of any size ask an epoll set first, as large ones do. Tests with the fixture Loop go that way
+// when ZEL_TEST_READINESS is in the environment.
+void always_by_readiness();
+
 // As wait_until(), turning the calling thread's loop meanwhile.
 bool run_until(std::function<bool()> const& condition, int limit_ms = 10000);
 

@@ -26,9 +26,11 @@
 #define ORN_ZEL_FD_HPP
 
 #include <atomic>
+#include <cstdint>
 #include <map>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <poll.h>
 
@@ -154,6 +156,7 @@ public:
     void dissociate();
 
     boost::shared_ptr<Manager> const& manager() const { return manager_; }
+    bool associated() const { return associated_; }
 
     ManagerAssociation(ManagerAssociation const&) = delete;
     ManagerAssociation& operator=(ManagerAssociation const&) = delete;
@@ -182,7 +185,7 @@ public:
     int fd() const { return fd_; }
     // The error bits that ended the polling, 0 before; never goes back to 0.
     short expired() const { return expired_; }
-    void expired(short errors) { expired_ = errors; }
+    void expired(short errors);
     void Associate(boost::shared_ptr<Manager> manager);
 
 private:
@@ -190,6 +193,7 @@ private:
     using HeldHandler = boost::shared_ptr<boost::function<void(Event*)>>;
 
     HeldHandler take_handler(unsigned long id);
+    void outdate_manager();
 
     basic_Id<unsigned long> id_;
     SingleReceptacle<Event*> receptacle_; // guarded by the manager's lock, when there is a manager
@@ -249,6 +253,15 @@ public:
     // Lock it before walking it. A group's mutex is taken before this lock, never after.
     MonitorMap& monitors() { return monitors_; }
 
+    // For the poll sets that have the manager's descriptors. Adds to fds those whose entries have changed
+    // since the caller last asked, when it left `seen`. Returns false when all have to be looked at: too many
+    // have changed, or it is not known which. Either way `seen` is up to date afterwards. Lock
+    // monitors() before.
+    bool changes(std::uint64_t& seen, std::vector<int>& fds);
+    // Something of the monitors has changed besides what insert() and remove() enter. Takes no lock, because
+    // who walks the map may come here.
+    void outdate() { outdated_ = true; }
+
     // A number that a poll set remembers of a monitor, so that dispatch() can tell whether it is still meant.
     static unsigned long registration(MonitorImpl const& monitor) { return monitor.registration_; }
 
@@ -256,10 +269,16 @@ private:
     friend class MonitorImpl;
 
     static unsigned long const any_registration = 0;
+    static std::uint64_t const changes_kept = 64;
+
+    void note_change(int fd) ZEL_REQUIRES(monitors_);
 
     basic_Id<unsigned long> id_;
     MonitorMap monitors_;
     unsigned long registrations_ ZEL_GUARDED_BY(monitors_);
+    std::uint64_t change_count_ ZEL_GUARDED_BY(monitors_);
+    int changed_[changes_kept] ZEL_GUARDED_BY(monitors_); // the latest ones, in a ring
+    std::atomic<bool> outdated_;
 };
 
 } // namespace fd

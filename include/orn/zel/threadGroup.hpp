@@ -34,8 +34,9 @@
 //   1. reserve    Take the runner role, or go one level deeper in it. While another member has it, sleep
 //                 for the timeout and skip the other steps.
 //   2. leftovers  Dispatch what an outer turn polled and has not dispatched yet.
-//   3. rebuild    If the descriptors changed since the poll set was built, build it anew.
-//   4. poll       Wait for the first event, at most for the timeout.
+//   3. rebuild    If the descriptors changed since the poll set was built, bring it up to date.
+//   4. poll       Wait for the first event, at most for the timeout. A large set first asks which entries
+//                 poll() needs to be asked about.
 //   5. dispatch   Call the handler of each ready descriptor, in the order of the poll set.
 //   6. release    Give the role back, one level.
 #ifndef ORN_ZEL_THREADGROUP_HPP
@@ -43,7 +44,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -60,6 +64,12 @@
 #include <orn/zel/threadRegistry.hpp>
 
 namespace orn::zel {
+
+namespace detail {
+
+class Readiness;
+
+} // namespace detail
 
 // Runs one turn of the calling thread's group: waits at most timeoutMs milliseconds (negative: without limit,
 // 0: not at all) and calls the handlers of what is ready. Returns the result of poll(): the number of ready
@@ -109,8 +119,8 @@ public:
         return false;
     }
     void hit() { pause_ = 0; }
-    void missed() {
-        pause_ = std::min(2 * pause_ + 1, 63U);
+    void missed(unsigned longest = 63) {
+        pause_ = std::min(2 * pause_ + 1, longest);
         turns_left_ = pause_;
     }
 
@@ -192,16 +202,50 @@ private:
     void admit(int tid, bool watches);
     void advance_version() ZEL_REQUIRES(mutex_);
 
+    // A member whose descriptors are in the poll set.
+    struct Watcher {
+        int tid;
+        boost::shared_ptr<fd::Manager> manager;
+        std::uint64_t seen; // of the manager's changes
+        std::size_t begin;  // where its entries begin in pollset_; they end where the next one's begin
+    };
+    struct Wait;
+
     // Steps of a turn.
     void leftovers();
     void rebuild();
-    int poll_set(std::vector<pollfd>& set, int timeoutMs);
+    int poll_own(int timeoutMs);
+    int poll_wait(Wait& wait, int timeoutMs);
+    int poll_whole(std::vector<pollfd>& set, int timeoutMs, bool asked);
     // Serves the group's entries of a combined set, which are those before base. Returns how many of the
     // caller's are ready.
     int dispatch_combined(std::vector<pollfd>& combined, unsigned long base, int ready);
+    std::size_t next_result(std::size_t i) const;
 
-    void add_monitors(int tid, boost::shared_ptr<fd::Manager> const& manager);
-    void add_entry(int fd, DispatchInfo const& info);
+    // The poll set, built anew or changed in place.
+    static unsigned long combine(std::vector<pollfd>& own, pollfd* fds, unsigned long nfds,
+                                 std::vector<pollfd>& out);
+    void add_monitors(Watcher& watcher);
+    void add_entry(int fd, DispatchInfo const& info, std::uint64_t stamp);
+    bool refresh();
+    bool same_watchers() const ZEL_REQUIRES(mutex_);
+    bool refresh_entries(Watcher& watcher);
+    bool refresh_entry(Watcher const& watcher, int fd, fd::MonitorImpl const* monitor);
+    void insert_entry(Watcher const& watcher, int fd, DispatchInfo const& info);
+    void erase_entry(Watcher const& watcher, int fd);
+    void move_behind(Watcher const& watcher, int by);
+    std::size_t place_of(Watcher const& watcher, int fd) const;
+
+    // A large set asks which entries are worth asking poll() about.
+    void fit_readiness();
+    static bool is_crowded(int ready, std::size_t entries);
+    bool ask_readiness(int& ready, bool& asked);
+    void probed(int ready);
+    void take_results();
+    int combine_results(Wait& wait);
+    void audit(std::vector<pollfd> const& set);
+    std::size_t place_of(int fd) const;
+
     DispatchInfo const& dispatch_info(pollfd const& pfd) const;
     bool left_group(int tid) const;
 
@@ -225,6 +269,13 @@ private:
     int undispatched_;       // results in pollset_ that the latest poll brought and nobody has dispatched
     unsigned long built_membership_; // membership_ when the set was built
     PollProbe probe_;
+    std::vector<Watcher> watchers_; // in ascending order of tid
+    bool doubled_;                  // two members watch one descriptor
+    bool crowded_;                  // much of it had results, so that poll() about all of it is the cheapest
+    std::unique_ptr<detail::Readiness> readiness_; // of a large set
+    std::vector<pollfd> asked_;                    // what it named, and poll() said of it
+    std::vector<std::size_t> hits_; // places in pollset_ of all results of the latest poll, when sparse_
+    bool sparse_;
 };
 
 // Reserves the runner role for a scope and releases it at the end. While another thread has the role neither

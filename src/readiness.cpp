@@ -1,0 +1,305 @@
+// SPDX-License-Identifier: MIT
+//
+// The epoll set beside a poll set: kept by differences, asked without waiting, mended when it is found wrong.
+#include "readiness.hpp"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <unistd.h>
+
+#include <orn/cancel.hpp>
+
+#include "signalFork.hpp"
+
+namespace orn::zel::detail {
+
+namespace {
+
+// What poll() and epoll call by the same bits on every processor. An entry with any other is polled always.
+int const common_events = POLLIN | POLLPRI | POLLOUT | POLLERR | POLLHUP | POLLNVAL;
+
+// An audit comes after so many questions for each entry, and not before the second number. So a descriptor
+// that was closed behind the loop's back is seen after so many turns at most, and a turn pays, on average,
+// for a quarter of an entry that nothing has happened to.
+std::size_t const questions_per_entry = 4;
+std::size_t const fewest_questions = 64;
+
+// A descriptor with results in so many questions running is hot: poll() is asked about it at once, so that a
+// turn in which only such are ready has one system call. More than this number make one poll() long, and one
+// that stays idle for that many questions is not hot any more.
+unsigned const questions_to_heat = 4;
+unsigned const questions_to_cool = 16;
+std::size_t const most_hot = 16;
+
+Readiness* newest = nullptr; // the fork barrier guards it
+
+} // namespace
+
+std::size_t readiness_threshold = 8;
+std::size_t readiness_crowd = 4;
+
+Readiness::Readiness()
+    : epoll_(-1), refused_(false), dead_(false), quiet_(false), audits_(false), asked_(0), question_(0),
+      size_(0), hot_(0), serials_(0), round_(0), events_(64), previous_(nullptr), next_(nullptr) {
+    ForkBarrier const barrier;
+    next_ = newest;
+    if (next_)
+        next_->previous_ = this;
+    newest = this;
+}
+
+Readiness::~Readiness() {
+    close();
+    ForkBarrier const barrier;
+    (previous_ ? previous_->next_ : newest) = next_;
+    if (next_)
+        next_->previous_ = previous_;
+}
+
+// ---- The epoll set --------------------------------------------------------------------------------------
+
+// The barrier keeps a child from being forked in between, which would inherit what it does not know of.
+void Readiness::open() {
+    ForkBarrier const barrier;
+    epoll_ = epoll_create1(EPOLL_CLOEXEC);
+}
+
+void Readiness::close() {
+    internal::CancelShield const shield; // close() is a cancellation point
+    ForkBarrier const barrier;
+    shut();
+}
+
+void Readiness::shut() {
+    int const fd = epoll_.exchange(-1);
+    if (fd != -1)
+        ::close(fd);
+}
+
+void Readiness::forked() {
+    for (Readiness* each = newest; each; each = each->next_)
+        each->shut();
+}
+
+bool Readiness::renew() {
+    close();
+    if (refused_)
+        return false;
+    open();
+    refused_ = epoll_ == -1;
+    dead_ = false;
+    for (std::size_t fd = 0; fd < slots_.size() && !refused_; ++fd) {
+        if (slots_[fd].serial != 0)
+            enter(static_cast<int>(fd), slots_[fd]);
+    }
+    return !refused_;
+}
+
+std::uint32_t Readiness::next_serial() {
+    if (++serials_ == 0) // wrapped
+        ++serials_;
+    return serials_;
+}
+
+int Readiness::control(int operation, int fd, Slot const& slot) const {
+    epoll_event event = {};
+    event.events = static_cast<std::uint32_t>(slot.events);
+    event.data.u64 = std::uint64_t(slot.serial) << 32 | static_cast<std::uint32_t>(fd);
+    return epoll_ctl(epoll_, operation, fd, &event) == 0 ? 0 : errno;
+}
+
+// Adding comes first because it tells whether the number stands for a file that the set does not know.
+void Readiness::enter(int fd, Slot& slot) {
+    forget_polled(fd, slot);
+    if (epoll_ == -1 || refused_)
+        return; // entered when the set is made
+    if ((slot.events & ~common_events) != 0) {
+        poll_always(fd, slot);
+        return;
+    }
+    int error = control(EPOLL_CTL_ADD, fd, slot);
+    if (error == EEXIST)
+        error = control(EPOLL_CTL_MOD, fd, slot);
+    if (error == ENOSPC || error == ENOMEM)
+        refused_ = true; // closed later: the caller holds locks
+    else if (error != 0) // a regular file, a descriptor that is closed, epoll sets that are nested too deep
+        poll_always(fd, slot);
+}
+
+void Readiness::poll_always(int fd, Slot& slot) {
+    slot.polled = true;
+    polled_.push_back(fd);
+}
+
+void Readiness::forget_polled(int fd, Slot& slot) {
+    if (!slot.polled)
+        return;
+    hot_ -= slot.hot ? 1 : 0;
+    slot.polled = false;
+    slot.hot = false;
+    polled_.erase(std::find(polled_.begin(), polled_.end(), fd));
+}
+
+// ---- What is watched ------------------------------------------------------------------------------------
+
+Readiness::Slot* Readiness::slot_of(int fd) {
+    std::size_t const at = static_cast<std::size_t>(fd);
+    return fd >= 0 && at < slots_.size() && slots_[at].serial != 0 ? &slots_[at] : nullptr;
+}
+
+void Readiness::begin() {
+    ++round_;
+    if (refused_)
+        close();
+    refused_ = false;
+}
+
+void Readiness::end() {
+    for (std::size_t fd = 0; fd < slots_.size(); ++fd) {
+        if (slots_[fd].round != round_)
+            drop(static_cast<int>(fd));
+    }
+}
+
+void Readiness::set(Watch const& watch) {
+    if (watch.fd < 0)
+        return; // poll() has no result for it
+    std::size_t const at = static_cast<std::size_t>(watch.fd);
+    if (at >= slots_.size())
+        slots_.resize(at + 1);
+    Slot& slot = slots_[at];
+    slot.round = round_;
+    bool const known = slot.serial != 0;
+    if (known && slot.stamp == watch.stamp && slot.events == watch.events && slot.owner == watch.owner)
+        return;
+    size_ += known ? 0 : 1;
+    slot.stamp = watch.stamp;
+    slot.serial = next_serial();
+    slot.owner = watch.owner;
+    slot.events = watch.events;
+    enter(watch.fd, slot);
+}
+
+void Readiness::drop(int fd) {
+    Slot* const known = slot_of(fd);
+    if (!known)
+        return;
+    Slot& slot = *known;
+    // Fails when the number is closed already. If its file lives on, events of it will tell.
+    if (!slot.polled && epoll_ != -1)
+        control(EPOLL_CTL_DEL, fd, slot);
+    forget_polled(fd, slot);
+    slot.serial = 0;
+    --size_;
+}
+
+// ---- Questions ------------------------------------------------------------------------------------------
+
+std::optional<int> Readiness::ask(std::vector<pollfd>& named) {
+    if ((epoll_ == -1 || refused_) && !renew())
+        return std::nullopt;
+    audits_ = asked_ >= std::max(questions_per_entry * size_, fewest_questions);
+    if (audits_)
+        return std::nullopt;
+    ++asked_;
+    ++question_;
+    named.clear();
+    for (int const fd : polled_)
+        named.push_back(pollfd{fd, slots_[static_cast<std::size_t>(fd)].events, 0});
+    int const ready = quiet_ && !named.empty() ? poll_hot_first(named) : poll_told(named, 0);
+    if (ready == -1)
+        return ready;
+    std::sort(named.begin(), named.end(), [this](pollfd const& left, pollfd const& right) {
+        int const first = owner(left.fd);
+        int const second = owner(right.fd);
+        return first != second ? first < second : left.fd < right.fd;
+    });
+    for (pollfd const& entry : named)
+        note(entry);
+    return ready;
+}
+
+// Adds what the epoll set tells of, and asks poll() about all behind the first ones.
+int Readiness::poll_told(std::vector<pollfd>& named, std::size_t first) {
+    quiet_ = !tell(named);
+    std::size_t const count = named.size() - first;
+    return count == 0 ? 0 : poll(named.data() + first, count, 0);
+}
+
+// The epoll set is one more descriptor for poll(), so that it need not be asked while it has nothing to tell.
+int Readiness::poll_hot_first(std::vector<pollfd>& named) {
+    named.push_back(pollfd{epoll_, POLLIN, 0});
+    int ready = poll(named.data(), named.size(), 0);
+    bool const tells = named.back().revents != 0;
+    named.pop_back();
+    if (ready <= 0 || !tells)
+        return ready;
+    int const more = poll_told(named, named.size());
+    return more == -1 ? more : ready - 1 + more;
+}
+
+bool Readiness::tell(std::vector<pollfd>& named) {
+    int told;
+    while ((told = epoll_wait(epoll_, events_.data(), static_cast<int>(events_.size()), 0)) ==
+           static_cast<int>(events_.size()))
+        events_.resize(2 * events_.size()); // there may be more, and a turn serves all that is ready
+    if (told == -1 && errno != EINTR) {
+        // Somebody has closed the descriptor. The number may be another's by now.
+        epoll_ = -1;
+        refused_ = true;
+    }
+    for (int i = 0; i < told; ++i) {
+        std::uint64_t const data = events_[static_cast<std::size_t>(i)].data.u64;
+        std::uint32_t const fd = static_cast<std::uint32_t>(data);
+        if (fd < slots_.size() && slots_[fd].serial == data >> 32 && !slots_[fd].polled)
+            named.push_back(pollfd{static_cast<int>(fd), slots_[fd].events, 0});
+        else
+            dead_ = true;
+    }
+    return told > 0;
+}
+
+// Heats and cools by what poll() has said.
+void Readiness::note(pollfd const& entry) {
+    Slot& slot = slots_[static_cast<std::size_t>(entry.fd)];
+    if (entry.revents == 0) {
+        if (!slot.polled)
+            confirm(entry.fd); // it was named for nothing
+        else if (slot.hot && question_ - slot.latest > questions_to_cool)
+            enter(entry.fd, slot);
+        return;
+    }
+    slot.streak = slot.latest + 1 == question_ ? slot.streak + 1 : 1;
+    slot.latest = question_;
+    if (slot.polled || slot.streak < questions_to_heat || hot_ == most_hot)
+        return;
+    control(EPOLL_CTL_DEL, entry.fd, slot);
+    poll_always(entry.fd, slot);
+    slot.hot = true;
+    ++hot_;
+}
+
+void Readiness::confirm(int fd) {
+    Slot* const known = slot_of(fd);
+    if (!known || known->polled || epoll_ == -1)
+        return;
+    Slot& slot = *known;
+    // With a serial of its own, so that the file that had the number before is found out.
+    Slot fresh = slot;
+    fresh.serial = next_serial();
+    int const error = control(EPOLL_CTL_ADD, fd, fresh);
+    if (error == 0)
+        slot.serial = fresh.serial;
+    else if (error != EEXIST)
+        poll_always(fd, slot);
+}
+
+void Readiness::audited() {
+    audits_ = false;
+    asked_ = 0;
+    if (dead_)
+        renew();
+}
+
+} // namespace orn::zel::detail
