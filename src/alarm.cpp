@@ -33,7 +33,7 @@ using Managers = detail::PerThread<Manager>;
 Managers managers(managerMap);
 
 void report_deleted(id_t id) {
-    detail::alarm_observer.report([id](std::ostream& line) { line << "alarm deleted: id=" << id; });
+    detail::alarm_observer.report([id](detail::PlainText& line) { line << "alarm deleted: id=" << id; });
 }
 
 } // namespace
@@ -105,7 +105,7 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
             throw;
         }
     }
-    detail::alarm_observer.report([&](std::ostream& line) {
+    detail::alarm_observer.report([&](detail::PlainText& line) {
         line << "alarm created: id=" << id << " initial=" << initialMs << " recurring=" << recurringMs;
     });
     return id;
@@ -122,7 +122,7 @@ void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
         found->second->timer->Set(timeoutMs, 0);
     }
     detail::alarm_observer.report(
-        [&](std::ostream& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
+        [&](detail::PlainText& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
 }
 
 void Manager::DeleteAlarm(id_t id) {
@@ -167,7 +167,7 @@ void Manager::drain(Table& table, fd::Event* event) {
                 table.alarms.erase(found);
             }
         }
-        detail::alarm_observer.report([id](std::ostream& line) { line << "ALARM: id=" << id; });
+        detail::alarm_observer.report([id](detail::PlainText& line) { line << "ALARM: id=" << id; });
         timer.reset();
         // No lock may be held here: a handler may add, reset and delete alarms, its own included.
         due->handler();

@@ -11,6 +11,7 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "perThread.hpp"
+#include "plainText.hpp"
 #include "signalGate.hpp"
 #include "wordPipe.hpp"
 
@@ -143,7 +144,7 @@ AutoReceptor::AutoReceptor(int signo, boost::function<void(int)> handler)
 AutoReceptor::~AutoReceptor() = default;
 
 void ListSignals(std::string const&, int fd) {
-    cmd::Response text;
+    detail::PlainText text = detail::PlainText::of_this_thread();
     text << "SignalMgrs:\n";
     for (auto const& item : managers.all()) {
         text << '[' << item.second->id() << "] fdMgr=" << item.first
@@ -153,7 +154,7 @@ void ListSignals(std::string const&, int fd) {
     for (int const signo : manager()->signals())
         text << signo << ' ';
     text << '}';
-    cmd::Write(fd, text);
+    cmd::Write(fd, text.str());
 }
 
 void release_managers() {

@@ -48,7 +48,7 @@ basic_Id<unsigned long> ControllerImpl::id() const {
 }
 
 void ControllerImpl::display_task(std::string const& op) {
-    detail::task_observer.report([&](std::ostream& line) {
+    detail::task_observer.report([&](detail::PlainText& line) {
         AutoLock const guard(core_->lock());
         line << "task " << id_ << " \"" << spec_.name << "\" op=" << op;
         print_state(line, *this);

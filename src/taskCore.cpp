@@ -30,7 +30,7 @@ thread_local unsigned rounds_on_stack = 0;
 
 } // namespace
 
-void print_state(std::ostream& line, ControllerImpl const& task) {
+void print_state(detail::PlainText& line, ControllerImpl const& task) {
     line << " runCount=" << task.runCount();
     if (task.complete())
         line << " complete";
@@ -132,7 +132,7 @@ void Core::retire(ControllerImpl& task, Functions& functions) {
     retired_.push(&task);
 }
 
-void Core::list(std::ostream& text) {
+void Core::list(detail::PlainText& text) {
     AutoLock const guard(lock_);
     for (auto const& item : tasks_) {
         text << '[' << item.first << "] \"" << item.second->spec_.name << '"';

@@ -39,16 +39,17 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <ostream>
 #include <vector>
 
 #include <orn/os/Pipe.hpp>
 #include <orn/zel/task.hpp>
 
+#include "plainText.hpp"
+
 namespace orn::zel::task {
 
 // The end of a task's line in the listing and on the monitor.
-void print_state(std::ostream& line, ControllerImpl const& task);
+void print_state(detail::PlainText& line, ControllerImpl const& task);
 
 // A queue in one block of memory, which it keeps, so that nothing is allocated in the long run.
 template <class T>
@@ -106,7 +107,7 @@ public:
     id_t start(Spec const& spec);
     void remove(id_t id);
     void schedule(id_t id);
-    void list(std::ostream& text);
+    void list(detail::PlainText& text);
 
     // On the thread that runs the loop, also inside a slice.
     void handle(fd::Event* event);
