@@ -17,6 +17,7 @@
 #include "fork.hpp"
 #include "observer.hpp"
 #include "perThread.hpp"
+#include "shared.hpp"
 #include "threadRegistry.hpp"
 #include "wordPipe.hpp"
 
@@ -64,7 +65,7 @@ struct Manager::Table {
 
 Manager::Manager()
     : id_(detail::draw_id()), tid_(thread::self()), pid_(detail::process_id()),
-      table_(boost::make_shared<Table>()), monitor_(Fd(table_->pipe.ReadFD())),
+      table_(detail::make_shared<Table>()), monitor_(Fd(table_->pipe.ReadFD())),
       receptor_(*monitor_, [table = table_](fd::Event* event) { drain(*table, event); }) {}
 
 Manager::~Manager() = default;

@@ -5,13 +5,12 @@
 // signal.cpp.
 #include <orn/zel/signal.hpp>
 
-#include <boost/make_shared.hpp>
-
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
 #include "perThread.hpp"
 #include "plainText.hpp"
+#include "shared.hpp"
 #include "signalGate.hpp"
 #include "wordPipe.hpp"
 
@@ -77,7 +76,7 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
             if (!rearm || found->second.source->impl().installed())
                 return users;
         } else {
-            users = boost::make_shared<HandlerList<int>>(boost::make_shared<RecursiveThreadMutex>());
+            users = detail::make_shared<HandlerList<int>>(detail::make_shared<RecursiveThreadMutex>());
         }
         SignalBundle const fresh(signo, pipe, users);
         replaced = bundles_.extract(signo);
@@ -108,7 +107,8 @@ std::vector<int> Manager::Watch::signals() {
 }
 
 Manager::Manager()
-    : id_(detail::draw_id()), pipe_(boost::make_shared<os::Pipe>(false)), watch_(boost::make_shared<Watch>()),
+    : id_(detail::draw_id()), pipe_(detail::make_shared<os::Pipe>(false)),
+      watch_(detail::make_shared<Watch>()),
       receptor_(pipe_->ReadFD(),
                 [watch = watch_, pipe = pipe_](fd::Event* event) { watch->drain(event, pipe); }) {}
 
