@@ -8,12 +8,11 @@
 
 #include <unistd.h>
 
-#include <boost/make_shared.hpp>
-
 #include <orn/cancel.hpp>
 #include <orn/zel/threadGroup.hpp>
 
 #include "fixedLine.hpp"
+#include "shared.hpp"
 
 // What the thread layer is told to run. threadProc is the same function, but exported: a function of the
 // application's with that name would take its place.
@@ -96,17 +95,17 @@ Thread::Thread() : Thread(boost::shared_ptr<Runnable>()) {
 }
 
 Thread::Thread(Runnable& runnable)
-    : Thread(boost::shared_ptr<Runnable>(boost::make_shared<RunnableReference>(boost::ref(runnable)))) {}
+    : Thread(boost::shared_ptr<Runnable>(detail::make_shared<RunnableReference>(boost::ref(runnable)))) {}
 
 Thread::Thread(boost::shared_ptr<Runnable> runnable)
-    : id_(0), runnable_(runnable), run_data_(boost::make_shared<RunData>(runnable)), detached_(false),
+    : id_(0), runnable_(runnable), run_data_(detail::make_shared<RunData>(runnable)), detached_(false),
       stopped_(false), handle_(), joined_(false) {
     InitializeThread();
 }
 
 Thread::Thread(boost::function<int()> run)
     : Thread([&run] {
-          boost::shared_ptr<Runnable> work = boost::make_shared<Runnable>();
+          boost::shared_ptr<Runnable> work = detail::make_shared<Runnable>();
           work->run.swap(run);
           return work;
       }()) {}

@@ -20,6 +20,7 @@
 #include "idTable.hpp"
 #include "observer.hpp"
 #include "perThread.hpp"
+#include "shared.hpp"
 #include "threadRegistry.hpp"
 #include "wordPipe.hpp"
 
@@ -36,7 +37,7 @@ using Managers = detail::PerThread<Manager>;
 Managers managers(managerMap);
 
 void report_deleted(id_t id) {
-    detail::alarm_observer.report([id](std::ostream& line) { line << "alarm deleted: id=" << id; });
+    detail::alarm_observer.report([id](detail::PlainText& line) { line << "alarm deleted: id=" << id; });
 }
 
 } // namespace
@@ -87,7 +88,7 @@ struct Manager::Table {
 
 Manager::Manager()
     : id_(detail::draw_id()), tid_(thread::self()), pid_(detail::process_id()),
-      table_(boost::make_shared<Table>()), monitor_(Fd(table_->pipe.ReadFD())),
+      table_(detail::make_shared<Table>()), monitor_(Fd(table_->pipe.ReadFD())),
       receptor_(*monitor_, [table = table_](fd::Event* event) { drain(*table, event); }) {}
 
 Manager::~Manager() = default;
@@ -129,7 +130,7 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
         }
         static_cast<void>(made.release()); // the table's from here on
     }
-    detail::alarm_observer.report([&](std::ostream& line) {
+    detail::alarm_observer.report([&](detail::PlainText& line) {
         line << "alarm created: id=" << id << " initial=" << initialMs << " recurring=" << recurringMs;
     });
     return id;
@@ -146,7 +147,7 @@ void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
         found->timer->Set(timeoutMs, 0);
     }
     detail::alarm_observer.report(
-        [&](std::ostream& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
+        [&](detail::PlainText& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
 }
 
 void Manager::DeleteAlarm(id_t id) {
@@ -187,7 +188,7 @@ void Manager::drain(Table& table, fd::Event* event) {
             else
                 ++due->users;
         }
-        detail::alarm_observer.report([id](std::ostream& line) { line << "ALARM: id=" << id; });
+        detail::alarm_observer.report([id](detail::PlainText& line) { line << "ALARM: id=" << id; });
         if (last)
             due->timer.reset();
         // No lock may be held here: a handler may add, reset and delete alarms, its own included.

@@ -78,15 +78,15 @@ bool ClientTable::in_use(Client const& client) const {
 }
 
 void ClientTable::give_back(std::size_t most_unused) {
-    std::vector<bool> unused;
+    std::vector<int> unused; // not of bool, which is a kilobyte of code
     for (Client const& client : all_)
-        unused.push_back(!in_use(client));
-    std::size_t const count = static_cast<std::size_t>(std::count(unused.begin(), unused.end(), true));
+        unused.push_back(in_use(client) ? 0 : 1);
+    std::size_t const count = static_cast<std::size_t>(std::count(unused.begin(), unused.end(), 1));
     std::size_t excess = count - std::min(count, most_unused);
     std::vector<Client> kept;
     for (std::size_t i = 0; i < all_.size(); ++i) {
         Client const& client = all_[i];
-        bool const oldest = unused[i] && excess > 0;
+        bool const oldest = unused[i] != 0 && excess > 0;
         if (oldest)
             --excess;
         if (!oldest || is_observer(client.fd)) {

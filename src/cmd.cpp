@@ -12,13 +12,12 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 
-#include <boost/make_shared.hpp>
-
 #include <orn/log.h>
 
 #include "cmd.hpp"
 #include "immortal.hpp"
 #include "loaded.hpp"
+#include "shared.hpp"
 
 namespace orn::zel {
 namespace cmd {
@@ -40,7 +39,7 @@ void echo(std::string const& command, int fd);
 
 void load_words() {
     AutoLock const guard(words().lock);
-    words().state = boost::make_shared<Words>();
+    words().state = detail::make_shared<Words>();
 }
 
 boost::shared_ptr<void> unload_words() {

@@ -16,9 +16,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/make_shared.hpp>
-
 #include <orn/log.h>
+
+#include "shared.hpp"
 
 namespace orn::zel {
 namespace cmd {
@@ -114,7 +114,7 @@ ChannelImpl::ChannelImpl(int pid, boost::function<void(std::string const&)> fn)
 
 ChannelImpl::ChannelImpl(int pid, boost::function<void(std::string const&)> fn, boost::function<void()> wait)
     : queue_name_(CmdQueueName(pid)), response_(false),
-      reader_(boost::make_shared<Reader>(fn, response_.WriteFD())),
+      reader_(detail::make_shared<Reader>(fn, response_.WriteFD())),
       receptor_(response_.ReadFD(),
                 [reader = reader_](fd::Event* event) { reader->read_lines(event->fd()); }) {
     Log_SpecEntry(logSpecForceInfo, "src/cmd", __LINE__, "%s: response_fd=%d", "ChannelImpl",
@@ -174,12 +174,12 @@ unsigned long Channel::Overflows() const {
 } // namespace cmd
 
 cmd::Channel Connect(int pid, boost::function<void(std::string const&)> fn) {
-    return cmd::Channel(boost::make_shared<cmd::ChannelImpl>(pid, fn));
+    return cmd::Channel(detail::make_shared<cmd::ChannelImpl>(pid, fn));
 }
 
 cmd::Channel ConnectWith(int pid, boost::function<void(std::string const&)> fn,
                          boost::function<void()> wait) {
-    return cmd::Channel(boost::make_shared<cmd::ChannelImpl>(pid, fn, wait));
+    return cmd::Channel(detail::make_shared<cmd::ChannelImpl>(pid, fn, wait));
 }
 
 } // namespace orn::zel

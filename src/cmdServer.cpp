@@ -18,7 +18,6 @@
 #include <unistd.h>
 
 #include <boost/bind/bind.hpp>
-#include <boost/make_shared.hpp>
 
 #include <orn/log.h>
 #include <orn/os/Thread.hpp>
@@ -30,6 +29,7 @@
 #include "fork.hpp"
 #include "immortal.hpp"
 #include "loaded.hpp"
+#include "shared.hpp"
 #include "shutdown.hpp"
 #include "signalFork.hpp"
 
@@ -88,7 +88,7 @@ void InstallCommandChannel() {
     state->runner_process = detail::process_id();
     detail::SignalShield const shield; // the new thread takes no signal that is meant for the application's
     try {
-        state->runner = boost::make_shared<os::Thread>(CommandChannelRunner);
+        state->runner = detail::make_shared<os::Thread>(CommandChannelRunner);
     } catch (std::exception const& error) {
         // The client waits and may try again. The loop that this runs in is the application's, and must not
         // be ended for a client.
@@ -294,7 +294,7 @@ void zel_cmd_load() {
         AutoLock const guard(server().lock);
         if (server().state)
             return;
-        server().state = boost::make_shared<Server>();
+        server().state = detail::make_shared<Server>();
     }
     load_words();
     watch_channel_signal();

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 
+#include <orn/zel/response.hpp>
+
 namespace orn::zel::detail {
 
 Observer thread_observer;

@@ -11,7 +11,7 @@
 #include <new>
 #include <string>
 
-#include <orn/zel/response.hpp>
+#include "plainText.hpp"
 
 namespace orn::zel::detail {
 
@@ -43,7 +43,7 @@ public:
     void report(Compose compose) {
         if (fd_.load(std::memory_order_relaxed) == -1)
             return;
-        cmd::Response line;
+        PlainText line = PlainText::of_this_thread();
         compose(line);
         line << '\n';
         write(line.str());

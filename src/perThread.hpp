@@ -9,13 +9,13 @@
 #include <map>
 #include <memory>
 
-#include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include <orn/zel/core.hpp>
 #include <orn/zel/threadGroup.hpp>
 
 #include "immortal.hpp"
+#include "shared.hpp"
 #include "shutdown.hpp"
 #include "threadRegistry.hpp"
 
@@ -52,25 +52,15 @@ public:
         // A refusal must leave no trace of the thread, so its fd manager is only looked up there.
         boost::shared_ptr<fd::Manager> const caller =
             refusal_ ? thread::Registry::fd_manager_if_any(thread::self()) : thread::FdMgr();
-        {
-            AutoLock const guard(lock());
-            Map& managers = map();
-            if (caller) {
-                boost::shared_ptr<Manager> const& found = managers[caller->id().value()];
-                if (found)
-                    return found;
-            }
-        }
+        if (!caller)
+            check_loaded();
+        else if (boost::shared_ptr<Manager> const found = keep(caller->id().value(), nullptr))
+            return found;
         // The lock must not be held here: the new manager registers with the group. Only this thread has this
         // key, but making a group may run the hook of a child of fork(), which may come back here. What it
         // has made then stays.
-        boost::shared_ptr<Manager> const made = boost::make_shared<Manager>();
-        id_t const key = thread::FdMgr()->id().value();
-        AutoLock const guard(lock());
-        boost::shared_ptr<Manager>& kept = map()[key];
-        if (!kept)
-            kept = made;
-        return kept;
+        boost::shared_ptr<Manager> const made = make_shared<Manager>();
+        return keep(thread::FdMgr()->id().value(), made);
     }
 
     void check_loaded() {
@@ -86,7 +76,7 @@ public:
             return known;
         for (auto const& item : *map_) {
             if (item.second)
-                known.insert(item);
+                known[item.first] = item.second;
         }
         return known;
     }
@@ -96,6 +86,15 @@ public:
     static ThreadMutex& lock() { return immortal<ThreadMutex, PerThread>(); }
 
 private:
+    // The manager under the key: the one that is there, or else this one, which may be null.
+    boost::shared_ptr<Manager> keep(id_t key, boost::shared_ptr<Manager> const& made) {
+        AutoLock const guard(lock());
+        boost::shared_ptr<Manager>& kept = map()[key];
+        if (!kept)
+            kept = made;
+        return kept;
+    }
+
     Map& map() ZEL_REQUIRES(lock()) {
         if (!map_) {
             if (refusal_)

@@ -3,17 +3,17 @@
 // Composing a text for an observer, and writing it with one system call.
 #include <orn/zel/response.hpp>
 
+#include <locale>
+
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <orn/cancel.hpp>
 
-#include "plainText.hpp"
-
 namespace orn::zel::cmd {
 
 Response::Response() {
-    detail::use_plain_digits(*this);
+    imbue(std::locale::classic()); // clients read the numbers, whatever locale the host has chosen
     *this << "tid=" << syscall(SYS_gettid) << ' ';
 }
 

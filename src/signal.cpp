@@ -13,9 +13,8 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <boost/make_shared.hpp>
-
 #include "immortal.hpp"
+#include "shared.hpp"
 #include "shutdown.hpp"
 #include "signalFork.hpp"
 #include "signalGate.hpp"
@@ -230,7 +229,7 @@ boost::shared_ptr<SignalHandler> sigHandler(int signo) {
             it->second->impl().apply_signal_handler();
         return it->second;
     }
-    boost::shared_ptr<SignalHandler> made = boost::make_shared<SignalHandler>(signo);
+    boost::shared_ptr<SignalHandler> made = detail::make_shared<SignalHandler>(signo);
     signal_handlers->insert(std::make_pair(signo, made));
     return made;
 }

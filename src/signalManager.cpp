@@ -5,12 +5,12 @@
 // signal.cpp.
 #include <orn/zel/signal.hpp>
 
-#include <boost/make_shared.hpp>
-
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
 #include "perThread.hpp"
+#include "plainText.hpp"
+#include "shared.hpp"
 #include "signalGate.hpp"
 #include "wordPipe.hpp"
 
@@ -76,7 +76,7 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
             if (!rearm || found->second.source->impl().installed())
                 return users;
         } else {
-            users = boost::make_shared<HandlerList<int>>(boost::make_shared<RecursiveThreadMutex>());
+            users = detail::make_shared<HandlerList<int>>(detail::make_shared<RecursiveThreadMutex>());
         }
         SignalBundle const fresh(signo, pipe, users);
         replaced = bundles_.extract(signo);
@@ -107,7 +107,8 @@ std::vector<int> Manager::Watch::signals() {
 }
 
 Manager::Manager()
-    : id_(detail::draw_id()), pipe_(boost::make_shared<os::Pipe>(false)), watch_(boost::make_shared<Watch>()),
+    : id_(detail::draw_id()), pipe_(detail::make_shared<os::Pipe>(false)),
+      watch_(detail::make_shared<Watch>()),
       receptor_(pipe_->ReadFD(),
                 [watch = watch_, pipe = pipe_](fd::Event* event) { watch->drain(event, pipe); }) {}
 
@@ -143,7 +144,7 @@ AutoReceptor::AutoReceptor(int signo, boost::function<void(int)> handler)
 AutoReceptor::~AutoReceptor() = default;
 
 void ListSignals(std::string const&, int fd) {
-    cmd::Response text;
+    detail::PlainText text = detail::PlainText::of_this_thread();
     text << "SignalMgrs:\n";
     for (auto const& item : managers.all()) {
         text << '[' << item.second->id() << "] fdMgr=" << item.first
@@ -153,7 +154,7 @@ void ListSignals(std::string const&, int fd) {
     for (int const signo : manager()->signals())
         text << signo << ' ';
     text << '}';
-    cmd::Write(fd, text);
+    cmd::Write(fd, text.str());
 }
 
 void release_managers() {

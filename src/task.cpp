@@ -4,14 +4,13 @@
 // its slice is in taskCore.cpp.
 #include <orn/zel/task.hpp>
 
-#include <boost/make_shared.hpp>
-
 #include <orn/log.h>
 #include <orn/zel/response.hpp>
 
 #include "observer.hpp"
 #include "perThread.hpp"
 #include "plainText.hpp"
+#include "shared.hpp"
 #include "taskCore.hpp"
 
 namespace orn::zel {
@@ -48,7 +47,7 @@ basic_Id<unsigned long> ControllerImpl::id() const {
 }
 
 void ControllerImpl::display_task(std::string const& op) {
-    detail::task_observer.report([&](std::ostream& line) {
+    detail::task_observer.report([&](detail::PlainText& line) {
         AutoLock const guard(core_->lock());
         line << "task " << id_ << " \"" << spec_.name << "\" op=" << op;
         print_state(line, *this);
@@ -102,7 +101,7 @@ void ControllerImpl::Complete() {
 // ---- Manager --------------------------------------------------------------------------------------------
 
 Manager::Manager()
-    : id_(detail::draw_id()), core_(boost::make_shared<Core>()), monitor_(Fd(core_->read_fd())),
+    : id_(detail::draw_id()), core_(detail::make_shared<Core>()), monitor_(Fd(core_->read_fd())),
       receptor_(*monitor_, [core = core_](fd::Event* event) { core->handle(event); }) {
     Log_SpecEntry(logSpecForceInfo, "src/task", __LINE__, "%s: task pipe rd fd=%d",
                   "orn::zel::task::Manager::Manager()", core_->read_fd());

@@ -72,7 +72,7 @@ private:
 
 thread_local Core::Round* Core::Round::innermost = nullptr;
 
-void print_state(std::ostream& line, ControllerImpl const& task) {
+void print_state(detail::PlainText& line, ControllerImpl const& task) {
     line << " runCount=" << task.runCount();
     if (task.complete())
         line << " complete";
@@ -180,7 +180,7 @@ void Core::retire(ControllerImpl& task, Functions& functions) {
     retired_.push(&task);
 }
 
-void Core::list(std::ostream& text) {
+void Core::list(detail::PlainText& text) {
     AutoLock const guard(lock_);
     for (ControllerImpl const* const task : tasks_.ascending()) {
         text << '[' << task->id_ << "] \"" << task->spec_.name << '"';

@@ -40,7 +40,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <ostream>
 #include <vector>
 
 #include <sys/types.h>
@@ -49,12 +48,13 @@
 #include <orn/zel/task.hpp>
 
 #include "idTable.hpp"
+#include "plainText.hpp"
 #include "wordPipe.hpp"
 
 namespace orn::zel::task {
 
 // The end of a task's line in the listing and on the monitor.
-void print_state(std::ostream& line, ControllerImpl const& task);
+void print_state(detail::PlainText& line, ControllerImpl const& task);
 
 // A queue in one block of memory, which it keeps, so that nothing is allocated in the long run.
 template <class T>
@@ -112,7 +112,7 @@ public:
     id_t start(Spec const& spec);
     void remove(id_t id);
     void schedule(id_t id);
-    void list(std::ostream& text);
+    void list(detail::PlainText& text);
 
     // On the thread that runs the loop, also inside a slice.
     void handle(fd::Event* event);

@@ -10,13 +10,12 @@
 
 #include <unistd.h>
 
-#include <boost/make_shared.hpp>
-
 #include <orn/cancel.hpp>
 #include <orn/log.h>
 
 #include "fixedLine.hpp"
 #include "readiness.hpp"
+#include "shared.hpp"
 #include "threadMonitor.hpp"
 #include "threadRegistry.hpp"
 
@@ -417,7 +416,7 @@ void Exit() {
 
 void NewThreadGroup() {
     // Made before the old group is left, so that a failure changes nothing.
-    boost::shared_ptr<thread::Group> const made = boost::make_shared<thread::Group>();
+    boost::shared_ptr<thread::Group> const made = detail::make_shared<thread::Group>();
     thread::Registry::associate(thread::Registry::claim(), made);
 }
 

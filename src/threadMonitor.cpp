@@ -22,10 +22,10 @@ namespace {
 
 std::atomic<bool> extended_logging(false);
 
-void list_pollset(std::ostream& os, pollfd const* fds, unsigned long nfds, short pollfd::*bits) {
+void list_pollset(detail::PlainText& text, pollfd const* fds, unsigned long nfds, short pollfd::*bits) {
     for (unsigned long i = 0; i < nfds; ++i)
-        os << fds[i].fd << '/' << fds[i].*bits << ' ';
-    os << '}';
+        text << fds[i].fd << '/' << fds[i].*bits << ' ';
+    text << '}';
 }
 
 } // namespace
@@ -50,7 +50,7 @@ bool reports_polls() {
 
 void report_poll_in(pollfd const* fds, unsigned long nfds, int timeoutMs) {
     log_pollset("zel_poll IN", fds, nfds);
-    detail::poll_observer.report([&](std::ostream& line) {
+    detail::poll_observer.report([&](detail::PlainText& line) {
         line << "poll in  group=" << GroupId() << " timeout=" << timeoutMs << " fd/event={ ";
         list_pollset(line, fds, nfds, &pollfd::events);
     });
@@ -58,7 +58,7 @@ void report_poll_in(pollfd const* fds, unsigned long nfds, int timeoutMs) {
 
 void report_poll_out(pollfd const* fds, unsigned long nfds, int status) {
     int const error = errno;
-    detail::poll_observer.report([&](std::ostream& line) {
+    detail::poll_observer.report([&](detail::PlainText& line) {
         line << "poll out group=" << GroupId() << " status=" << status << " fd/revent={ ";
         list_pollset(line, fds, nfds, &pollfd::revents);
     });
@@ -67,14 +67,14 @@ void report_poll_out(pollfd const* fds, unsigned long nfds, int status) {
 }
 
 void report_left(int fd, int tid) {
-    detail::poll_observer.report([&](std::ostream& line) {
+    detail::poll_observer.report([&](detail::PlainText& line) {
         line << "fd=" << fd << " from tid=" << tid << ": fdMgr no longer in group";
     });
 }
 
 void display_dispatch(pollfd& pfd) {
     detail::poll_observer.report(
-        [&](std::ostream& line) { line << "dispatching fd=" << pfd.fd << " revents=" << pfd.revents; });
+        [&](detail::PlainText& line) { line << "dispatching fd=" << pfd.fd << " revents=" << pfd.revents; });
 }
 
 int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs) {
@@ -87,7 +87,7 @@ int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs) {
 // ---- Reports of threads, and the listing ----------------------------------------------------------------
 
 void display_thread_op(std::string const& op) {
-    detail::thread_observer.report([&](std::ostream& line) { line << "thread " << op; });
+    detail::thread_observer.report([&](detail::PlainText& line) { line << "thread " << op; });
 }
 
 void ListThreads(std::string const&, int) {

@@ -12,11 +12,10 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include <boost/make_shared.hpp>
-
 #include "fixedLine.hpp"
 #include "fork.hpp"
 #include "immortal.hpp"
+#include "shared.hpp"
 #include "shutdown.hpp"
 
 namespace orn::zel {
@@ -138,7 +137,7 @@ boost::shared_ptr<Group> Registry::group(RecordOf const& record) {
             return found.group_;
     }
     // The lock must not be held here: making a group opens descriptors and writes to the log.
-    boost::shared_ptr<Group> made = boost::make_shared<Group>();
+    boost::shared_ptr<Group> made = detail::make_shared<Group>();
     {
         AutoLock const guard(lock());
         Associations& found = record.get();
@@ -161,7 +160,7 @@ boost::shared_ptr<fd::Manager> Registry::fd_manager(RecordOf const& record) {
             return found.fd_manager_;
     }
     // The lock must not be held here: making a manager writes to the log.
-    boost::shared_ptr<fd::Manager> const made = boost::make_shared<fd::Manager>();
+    boost::shared_ptr<fd::Manager> const made = detail::make_shared<fd::Manager>();
     AutoLock const guard(lock());
     Associations& found = record.get();
     if (!found.fd_manager_)
@@ -263,7 +262,7 @@ void Associations::Associate(boost::shared_ptr<Group> group) {
 
 void Associations::NewGroup() {
     // Made before the old group is left, so that a failure changes nothing.
-    Registry::associate(*this, boost::make_shared<Group>());
+    Registry::associate(*this, detail::make_shared<Group>());
 }
 
 Map::Map() : ThreadMap<Associations, Associations&>(Registry::lock()) {}

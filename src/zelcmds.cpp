@@ -8,7 +8,6 @@
 
 #include <dlfcn.h>
 
-#include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include <orn/zel/alarm.hpp>
@@ -21,6 +20,7 @@
 
 #include "immortal.hpp"
 #include "loaded.hpp"
+#include "shared.hpp"
 #include "shutdown.hpp"
 
 namespace orn::zel::zelcmds {
@@ -134,7 +134,7 @@ void ProcessCommand(std::string const& args, int resp_fd) {
 }
 
 void zel_zelcmds_load() {
-    boost::shared_ptr<Builtin> const made = boost::make_shared<Builtin>();
+    boost::shared_ptr<Builtin> const made = detail::make_shared<Builtin>();
     made->subcommands["tasks"] = task::ListTasks;
     made->subcommands["threads"] = thread::ListThreads;
     made->subcommands["monitor"] = Monitor;

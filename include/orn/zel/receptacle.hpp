@@ -22,6 +22,7 @@
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -245,7 +246,7 @@ public:
     unsigned count() const override {
         MutexGuard const guard(*this);
         long total = static_cast<long>(handlers_.size());
-        for (boost::shared_ptr<list_op> const& op : cached_ops_)
+        for (std::unique_ptr<list_op> const& op : cached_ops_)
             total += op->tally();
         return total > 0 ? static_cast<unsigned>(total) : 0;
     }
@@ -303,7 +304,7 @@ public:
             on_first_handler_(this); // the mutex is not held: the hook may use this list
         MutexGuard const guard(*this);
         if (dispatching_)
-            cached_ops_.push_back(boost::make_shared<add_op>(this, entry.first, entry.second));
+            cached_ops_.push_back(std::make_unique<add_op>(this, entry.first, entry.second));
         else
             handlers_.emplace(entry.first, boost::make_shared<receptor_type>(entry.second));
         return true;
@@ -316,7 +317,7 @@ public:
             MutexGuard const guard(*this);
             bool const had_handlers = !handlers_.empty();
             if (dispatching_) {
-                cached_ops_.push_back(boost::make_shared<remove_op>(this, handle));
+                cached_ops_.push_back(std::make_unique<remove_op>(this, handle));
             } else {
                 auto const it = handlers_.find(handle);
                 if (it != handlers_.end()) {
@@ -333,9 +334,9 @@ public:
     // Replays the kept operations in order and forgets them. The caller holds the mutex, if there is one.
     void apply_cached_ops() {
         // Taken out first, because an operation may run a hook, and the hook may change the list.
-        std::vector<boost::shared_ptr<list_op>> ops;
+        std::vector<std::unique_ptr<list_op>> ops;
         ops.swap(cached_ops_);
-        for (boost::shared_ptr<list_op> const& op : ops)
+        for (std::unique_ptr<list_op> const& op : ops)
             op->apply();
     }
 
@@ -391,7 +392,7 @@ protected:
         MutexGuard const guard(*this);
         if (handlers_.count(handle) != 0)
             return true;
-        for (boost::shared_ptr<list_op> const& op : cached_ops_) {
+        for (std::unique_ptr<list_op> const& op : cached_ops_) {
             // Only an add_op adds.
             if (op->tally() > 0 && static_cast<add_op const&>(*op).handle() == handle)
                 return true;
@@ -421,7 +422,7 @@ private:
     }
 
     entries_type handlers_;
-    std::vector<boost::shared_ptr<list_op>> cached_ops_;
+    std::vector<std::unique_ptr<list_op>> cached_ops_;
     bool dispatching_;
     boost::shared_ptr<Mutex> mutex_;
     hook_type on_first_handler_;
