@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The order in which the subsystems come up and go down, and the libraries of ZEL_PRELOAD. onLoad.cpp calls
-// both functions when the shared library is loaded and unloaded.
+// The order in which the subsystems come up and go down, and the libraries of ZEL_PRELOAD, and
+// the channel that ZEL_CHANNEL opens. onLoad.cpp calls both functions when the shared library is loaded and
+// unloaded.
 #include <orn/zel/load.hpp>
 
 #include <string>
@@ -56,6 +57,9 @@ void ZEL_load__() {
         if (loader->load(name) && needs_this_library(name))
             detail::Shutdown::put_off_until_exit();
     }
+    // Last, because a client may send commands at once.
+    if (std::string(os::EnvVar("ZEL_CHANNEL")) == "1")
+        cmd::InstallCommandChannel();
 }
 
 void ZEL_unload__() {
