@@ -20,6 +20,8 @@
 #include <orn/zel/threadGroup.hpp>
 #include <orn/zel/zelcmds.hpp>
 
+#include "inspect.hpp"
+#include "load.hpp"
 #include "shutdown.hpp"
 
 namespace orn::zel {
@@ -27,6 +29,7 @@ namespace orn::zel {
 namespace {
 
 LibLoader* loader = nullptr;
+std::vector<std::string> preloaded; // changed while no command can be running
 
 // Whether the library has been linked with this one: it then finds one of this one's names.
 bool needs_this_library(std::string const& name) {
@@ -40,6 +43,10 @@ bool needs_this_library(std::string const& name) {
 
 } // namespace
 
+std::vector<std::string> detail::preloaded_modules() {
+    return preloaded;
+}
+
 void ZEL_load__() {
     thread::zel_thread_load();
     signal::zel_signal_load();
@@ -47,6 +54,7 @@ void ZEL_load__() {
     task::zel_task_load();
     cmd::zel_cmd_load();
     zelcmds::zel_zelcmds_load();
+    detail::zel_inspect_load();
 
     std::vector<std::string> names;
     split(std::string(os::EnvVar("ZEL_PRELOAD")), " :,;", names);
@@ -54,7 +62,10 @@ void ZEL_load__() {
     for (std::string const& name : names) {
         // Such a library keeps this one loaded after the host has closed it. exit() then closes that library
         // from here, which would unmap this code if nothing else kept it.
-        if (loader->load(name) && needs_this_library(name))
+        if (!loader->load(name))
+            continue;
+        preloaded.push_back(name);
+        if (needs_this_library(name))
             detail::Shutdown::put_off_until_exit();
     }
     // Last, because a client may send commands at once.
@@ -71,8 +82,10 @@ void ZEL_unload__() {
     if (no_command_runs) {
         delete loader;
         loader = nullptr;
+        preloaded.clear();
     }
 
+    detail::zel_inspect_unload();
     zelcmds::zel_zelcmds_unload();
     cmd::zel_cmd_unload();
     task::zel_task_unload();
