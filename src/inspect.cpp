@@ -20,7 +20,8 @@ struct Thing {
     void (*tell)(Answer&);
 };
 
-Thing const things[] = {{"process", tell_process}, {"threads", tell_threads}};
+Thing const things[] = {
+    {"process", tell_process}, {"threads", tell_threads}, {"signals", signal::tell_signals}};
 
 void refuse(Answer& answer) {
     Json& object = answer.begin();

@@ -42,4 +42,10 @@ void tell_threads(Answer& answer);
 
 } // namespace orn::zel::detail
 
+namespace orn::zel::signal {
+
+void tell_signals(detail::Answer& answer);
+
+} // namespace orn::zel::signal
+
 #endif
