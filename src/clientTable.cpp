@@ -67,6 +67,12 @@ void ClientTable::remember(int pid, int fd) {
     next_look_ = all_.size() + std::max<std::size_t>(all_.size() / 64, 8);
 }
 
+int ClientTable::at(int fd) const {
+    auto const it =
+        std::find_if(all_.begin(), all_.end(), [fd](Client const& client) { return client.fd == fd; });
+    return it == all_.end() ? 0 : it->pid;
+}
+
 int ClientTable::of(int pid) const {
     auto const it = by_pid_.find(pid);
     return it == by_pid_.end() ? -1 : it->second;

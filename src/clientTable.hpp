@@ -27,6 +27,9 @@ public:
     // Where to answer a process; -1 when it has never connected.
     int of(int pid) const;
 
+    // The process whose answers go to the descriptor; 0 when it is nobody's.
+    int at(int fd) const;
+
     // Switches off the monitors that write to the descriptors, and closes all of them.
     void forget();
 

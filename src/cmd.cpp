@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdlib>
 #include <map>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -24,11 +25,25 @@ namespace cmd {
 
 namespace {
 
-using Words = std::map<std::string, Handler>;
+struct Word {
+    Handler handler;
+    void const* registrar; // where in the code it was registered
+};
+
+using Words = std::map<std::string, Word>;
 
 // The lock is a leaf and guards the map as well. It is never held while a handler runs or is destroyed.
 detail::Loaded<Words>& words() {
     return detail::immortal<detail::Loaded<Words>, Words>();
+}
+
+void set_word(std::string const& word, Handler& handler, void const* registrar) {
+    AutoLock const guard(words().lock);
+    if (!words().state)
+        return;
+    Word& entry = (*words().state)[word];
+    entry.handler.swap(handler); // the caller destroys the one before, with the lock released
+    entry.registrar = registrar;
 }
 
 void echo(std::string const& command, int fd);
@@ -47,9 +62,7 @@ boost::shared_ptr<void> unload_words() {
 }
 
 void Register(std::string const& word, Handler handler) {
-    AutoLock const guard(words().lock);
-    if (words().state)
-        (*words().state)[word].swap(handler); // the one before is destroyed with the lock released
+    set_word(word, handler, __builtin_return_address(0));
 }
 
 void Unregister(std::string const& word) {
@@ -57,6 +70,16 @@ void Unregister(std::string const& word) {
     AutoLock const guard(words().lock);
     if (words().state)
         removed = words().state->extract(word);
+}
+
+std::vector<std::pair<std::string, void const*>> words_and_registrars() {
+    std::vector<std::pair<std::string, void const*>> all;
+    AutoLock const guard(words().lock);
+    if (words().state) {
+        for (auto const& item : *words().state)
+            all.emplace_back(item.first, item.second.registrar);
+    }
+    return all;
 }
 
 std::pair<std::string, std::string> GetFirstWord(std::string const& command) {
@@ -78,7 +101,7 @@ void ProcessCommand(std::string const& command, int resp_fd) {
         if (words().state) {
             auto const it = words().state->find(split.first);
             if (it != words().state->end())
-                handler = it->second;
+                handler = it->second.handler;
         }
     }
     // No lock is held here: a handler may register words and load modules that do.
@@ -90,11 +113,8 @@ void ProcessCommand(std::string const& command, int resp_fd) {
 
 // ---- The answer to a word that nobody has ---------------------------------------------------------------
 
-namespace {
-
-// How much text the descriptor takes now without cutting a line. A pipe has its free room in whole pages, and
-// does not always fill a page that it has begun, so two pages are left out. Up to PIPE_BUF bytes are written
-// whole or not at all.
+// A pipe has its free room in whole pages, and does not always fill a page that it has begun, so two pages
+// are left out. Up to PIPE_BUF bytes are written whole or not at all.
 std::size_t room(int fd) {
     int const size = fcntl(fd, F_GETPIPE_SZ);
     int used = 0;
@@ -103,6 +123,8 @@ std::size_t room(int fd) {
     int const begun = 2 * 4096;
     return static_cast<std::size_t>(std::max({size - used - begun, std::min(size - used, PIPE_BUF), 0}));
 }
+
+namespace {
 
 void echo(std::string const& command, int fd) {
     long lines = 1;
@@ -129,7 +151,7 @@ void echo(std::string const& command, int fd) {
 } // namespace cmd
 
 void RegisterCommandModule(std::string const& word, cmd::Handler handler) {
-    cmd::Register(word, handler);
+    cmd::set_word(word, handler, __builtin_return_address(0));
 }
 
 void UnregisterCommandModule(std::string const& word) {

@@ -304,6 +304,18 @@ void zel_cmd_load() {
 
 // ---- Unload ---------------------------------------------------------------------------------------------
 
+int client_at(int fd) {
+    boost::shared_ptr<Server> const state = server().current();
+    if (!state)
+        return 0;
+    {
+        AutoLock const guard(server().lock);
+        if (!state->runner_group || state->runner_tid != thread::self())
+            return 0;
+    }
+    return state->clients.at(fd);
+}
+
 bool stopping() {
     boost::shared_ptr<Server> const state = server().current();
     return !state || state->stop;

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The order in which the subsystems come up and go down, and the libraries of ZEL_PRELOAD. onLoad.cpp calls
-// both functions when the shared library is loaded and unloaded.
+// The order in which the subsystems come up and go down, and the libraries of ZEL_PRELOAD, and
+// the channel that ZEL_CHANNEL opens. onLoad.cpp calls both functions when the shared library is loaded and
+// unloaded.
 #include <orn/zel/load.hpp>
 
 #include <string>
@@ -19,6 +20,8 @@
 #include <orn/zel/threadGroup.hpp>
 #include <orn/zel/zelcmds.hpp>
 
+#include "inspect.hpp"
+#include "load.hpp"
 #include "shutdown.hpp"
 
 namespace orn::zel {
@@ -26,6 +29,7 @@ namespace orn::zel {
 namespace {
 
 LibLoader* loader = nullptr;
+std::vector<std::string> preloaded; // changed while no command can be running
 
 // Whether the library has been linked with this one: it then finds one of this one's names.
 bool needs_this_library(std::string const& name) {
@@ -39,6 +43,10 @@ bool needs_this_library(std::string const& name) {
 
 } // namespace
 
+std::vector<std::string> detail::preloaded_modules() {
+    return preloaded;
+}
+
 void ZEL_load__() {
     thread::zel_thread_load();
     signal::zel_signal_load();
@@ -46,6 +54,7 @@ void ZEL_load__() {
     task::zel_task_load();
     cmd::zel_cmd_load();
     zelcmds::zel_zelcmds_load();
+    detail::zel_inspect_load();
 
     std::vector<std::string> names;
     split(std::string(os::EnvVar("ZEL_PRELOAD")), " :,;", names);
@@ -53,9 +62,15 @@ void ZEL_load__() {
     for (std::string const& name : names) {
         // Such a library keeps this one loaded after the host has closed it. exit() then closes that library
         // from here, which would unmap this code if nothing else kept it.
-        if (loader->load(name) && needs_this_library(name))
+        if (!loader->load(name))
+            continue;
+        preloaded.push_back(name);
+        if (needs_this_library(name))
             detail::Shutdown::put_off_until_exit();
     }
+    // Last, because a client may send commands at once.
+    if (std::string(os::EnvVar("ZEL_CHANNEL")) == "1")
+        cmd::InstallCommandChannel();
 }
 
 void ZEL_unload__() {
@@ -67,8 +82,10 @@ void ZEL_unload__() {
     if (no_command_runs) {
         delete loader;
         loader = nullptr;
+        preloaded.clear();
     }
 
+    detail::zel_inspect_unload();
     zelcmds::zel_zelcmds_unload();
     cmd::zel_cmd_unload();
     task::zel_task_unload();

@@ -34,6 +34,8 @@ public:
     // blocks, so watch() and forget() have always got the lock, and no write is under way when they change
     // fd_.
     bool is(int fd) const { return fd_.load(std::memory_order_acquire) == fd; }
+    // Where it writes to; -1 when it is off. Another thread may change that at any time.
+    int fd() const { return fd_.load(std::memory_order_relaxed); }
     // Switches the monitor off if it writes to fd, and only then.
     void forget(int fd);
 

@@ -4,19 +4,13 @@
 // library only; what is done then is load.cpp's. One static object does both, because static destructors and
 // destructor functions run in different orders in exit() and in dlclose().
 #include <atomic>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <string>
+#include <vector>
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
-
-#include <boost/shared_ptr.hpp>
 
 #include <orn/cancel.hpp>
 #include <orn/forkHandlers.hpp>
@@ -25,6 +19,7 @@
 #include <orn/zel/signal.hpp>
 
 #include "fork.hpp"
+#include "procFile.hpp"
 #include "shutdown.hpp"
 
 namespace orn::zel {
@@ -43,15 +38,8 @@ long long run_time(int tid) {
 
 // A thread that sleeps is in a system call, and so not in this library's code.
 bool sleeps(int tid) {
-    char status[512] = "";
-    int const fd = open(("/proc/self/task/" + std::to_string(tid) + "/stat").c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd == -1)
-        return errno == ENOENT;
-    ssize_t const length = read(fd, status, sizeof status - 1);
-    close(fd);
-    // The name in parentheses may hold anything. The state follows it.
-    char const* const name_end = length > 0 ? std::strrchr(status, ')') : nullptr;
-    return !name_end || name_end[1] != ' ' || name_end[2] == 'S';
+    std::vector<std::string> const fields = detail::stat_fields("task/" + std::to_string(tid) + "/stat");
+    return fields.empty() || fields[0] == "S"; // there are none when it has ended
 }
 
 // Waits until the thread has left the place where it stood: it sleeps, or has run for a thousand times as
@@ -71,15 +59,10 @@ void let_get_on(int tid, int& left_ms) {
 // cannot be counted yet, or behind the last one that is counted. Returns when the other threads sleep or have
 // got on, after a second at most.
 void let_threads_get_on() {
-    boost::shared_ptr<DIR> const tasks(opendir("/proc/self/task"), [](DIR* opened) {
-        if (opened)
-            closedir(opened);
-    });
     int const self = static_cast<int>(syscall(SYS_gettid));
     int left_ms = 1000; // a host must not wait for ever for a thread that gets no processor
-    while (dirent const* const entry = tasks ? readdir(tasks.get()) : nullptr) {
-        int const tid = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
-        if (tid > 0 && tid != self)
+    for (int const tid : detail::thread_ids()) {
+        if (tid != self)
             let_get_on(tid, left_ms);
     }
 }

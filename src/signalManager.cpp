@@ -5,9 +5,12 @@
 // signal.cpp.
 #include <orn/zel/signal.hpp>
 
+#include <cstring>
+
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
+#include "inspect.hpp"
 #include "perThread.hpp"
 #include "plainText.hpp"
 #include "shared.hpp"
@@ -35,6 +38,13 @@ struct Arrival {
     unsigned born;
 };
 
+// As in "SIGUSR1" and "SIGRTMIN+21".
+std::string name_of(int signo) {
+    if (char const* const name = sigabbrev_np(signo))
+        return std::string("SIG") + name;
+    return "SIGRTMIN+" + std::to_string(signo - SIGRTMIN);
+}
+
 } // namespace
 
 // What a manager keeps for a signal that it watches. It shares the source, whose list must outlive the
@@ -43,11 +53,13 @@ struct Manager::SignalBundle {
     SignalBundle(int signo, boost::shared_ptr<os::Pipe> const& pipe,
                  boost::shared_ptr<HandlerList<int>> const& users)
         : source(sigHandler(signo)),
-          registration(source->handlers(), Arrival{pipe, detail::SignalGate::lineage()}), list(users) {}
+          registration(source->handlers(), Arrival{pipe, detail::SignalGate::lineage()}), list(users),
+          arrivals(0) {}
 
     boost::shared_ptr<SignalHandler> source;
     orn::zel::AutoReceptor<int> registration;
     boost::shared_ptr<HandlerList<int>> list;
+    unsigned long arrivals; // that the loop has read from the pipe
 };
 
 struct Manager::Watch {
@@ -55,8 +67,11 @@ struct Manager::Watch {
     boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<os::Pipe> const& pipe, bool rearm);
     void drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe);
     std::vector<int> signals();
+    void tell(int tid, detail::Answer& answer);
 
 private:
+    boost::shared_ptr<HandlerList<int>> arrived(int signo, boost::shared_ptr<os::Pipe> const& pipe);
+
     // The thread that watches and the one that runs the loop may be two. A bundle is made under the lock: a
     // thread that came second would otherwise replace a list that has handlers by an empty one, or have each
     // arrival written twice. Nobody comes for this lock with another one held.
@@ -78,7 +93,9 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
         } else {
             users = detail::make_shared<HandlerList<int>>(detail::make_shared<RecursiveThreadMutex>());
         }
-        SignalBundle const fresh(signo, pipe, users);
+        SignalBundle fresh(signo, pipe, users);
+        if (found != bundles_.end())
+            fresh.arrivals = found->second.arrivals;
         replaced = bundles_.extract(signo);
         bundles_.emplace(signo, fresh);
     }
@@ -87,12 +104,26 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
     return users;
 }
 
+// The handlers of a signal that has come through the pipe.
+boost::shared_ptr<HandlerList<int>> Manager::Watch::arrived(int signo,
+                                                            boost::shared_ptr<os::Pipe> const& pipe) {
+    {
+        AutoLock const guard(lock_);
+        auto const found = bundles_.find(signo);
+        if (found != bundles_.end()) {
+            ++found->second.arrivals;
+            return found->second.list;
+        }
+    }
+    return list(signo, pipe, false);
+}
+
 void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe) {
     detail::QueuedWords queued(*event);
     std::uint32_t word;
     while (queued.next(word)) {
         int const signo = static_cast<int>(word);
-        boost::shared_ptr<HandlerList<int>> const users = list(signo, pipe, false);
+        boost::shared_ptr<HandlerList<int>> const users = arrived(signo, pipe);
         // No lock may be held here: the handlers may change this list, and run a nested loop.
         Dispatch(*users, signo);
     }
@@ -104,6 +135,26 @@ std::vector<int> Manager::Watch::signals() {
     for (auto const& item : bundles_)
         numbers.push_back(item.first);
     return numbers;
+}
+
+void Manager::Watch::tell(int tid, detail::Answer& answer) {
+    struct Watched {
+        int signo;
+        boost::shared_ptr<HandlerList<int>> list;
+        unsigned long arrivals;
+    };
+    std::vector<Watched> all;
+    {
+        AutoLock const guard(lock_);
+        for (auto const& item : bundles_)
+            all.push_back(Watched{item.first, item.second.list, item.second.arrivals});
+    }
+    for (Watched const& each : all) {
+        detail::Json& object = answer.begin();
+        object.field("signal", each.signo).field("name", name_of(each.signo)).field("thread", tid);
+        object.field("handlers", each.list->count()).field("arrivals", each.arrivals);
+        answer.end();
+    }
 }
 
 Manager::Manager()
@@ -128,6 +179,10 @@ void Manager::fd_handler(fd::Event* event) {
 
 int Manager::signal_fd() const {
     return pipe_->ReadFD();
+}
+
+void Manager::tell(int tid, detail::Answer& answer) const {
+    watch_->tell(tid, answer);
 }
 
 std::vector<int> Manager::signals() const {
@@ -155,6 +210,14 @@ void ListSignals(std::string const&, int fd) {
         text << signo << ' ';
     text << '}';
     cmd::Write(fd, text.str());
+}
+
+void tell_signals(detail::Answer& answer) {
+    std::map<id_t, int> const threads = thread::Registry::threads_by_manager();
+    for (auto const& item : managers.all()) {
+        auto const thread = threads.find(item.first);
+        item.second->tell(thread == threads.end() ? 0 : thread->second, answer);
+    }
 }
 
 void release_managers() {

@@ -246,6 +246,15 @@ std::vector<Registry::Entry> Registry::entries() {
     return all;
 }
 
+std::map<id_t, int> Registry::threads_by_manager() {
+    std::map<id_t, int> threads;
+    for (Entry const& entry : entries()) {
+        if (entry.fd_manager)
+            threads[entry.fd_manager->id().value()] = entry.tid;
+    }
+    return threads;
+}
+
 // ---- Public functions -----------------------------------------------------------------------------------
 
 boost::shared_ptr<Group> Associations::GetGroup() {

@@ -64,6 +64,9 @@ public:
     // All records, in ascending order of the thread ids.
     static std::vector<Entry> entries();
 
+    // The threads by the identifiers of their fd managers, by which alarms, signals and tasks are kept.
+    static std::map<id_t, int> threads_by_manager();
+
 private:
     static void make_claim(int tid);
 

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <utility>
+#include <vector>
 
 #include <dlfcn.h>
 
@@ -22,6 +23,7 @@
 #include "loaded.hpp"
 #include "shared.hpp"
 #include "shutdown.hpp"
+#include "zelcmds.hpp"
 
 namespace orn::zel::zelcmds {
 
@@ -29,7 +31,10 @@ namespace {
 
 struct Builtin {
     std::map<std::string, cmd::Handler> subcommands; // not changed after load
-    std::map<std::string, void*> libraries; // by the name that loaded them; only the command thread uses them
+    // By the name that loaded them. The lock is not held while a library is loaded or unloaded: two threads
+    // at a time may look, but one alone may change them.
+    std::map<std::string, void*> libraries;
+    ThreadMutex libraries_lock;
 };
 
 detail::Loaded<Builtin>& builtin() {
@@ -74,6 +79,7 @@ std::string load_library(Builtin& state, std::string const& name) {
     void* const handle = dlopen(name.c_str(), RTLD_LAZY | RTLD_GLOBAL);
     if (!handle)
         return std::string(dlerror()) + '\n';
+    AutoLock const guard(state.libraries_lock);
     state.libraries.insert(std::make_pair(name, handle)); // loaded again: the handle is the same
     return name + ": loaded\n";
 }
@@ -84,6 +90,7 @@ std::string unload_library(Builtin& state, std::string const& name) {
         return name + ": not found\n";
     if (dlclose(it->second) != 0)
         return std::string(dlerror()) + '\n';
+    AutoLock const guard(state.libraries_lock);
     state.libraries.erase(name);
     return name + ": unloaded\n";
 }
@@ -118,6 +125,16 @@ void Load(std::string const& args, int fd) {
 
 void Unload(std::string const& args, int fd) {
     change_libraries(args, fd, unload_library);
+}
+
+std::vector<std::string> loaded_modules() {
+    std::vector<std::string> names;
+    if (boost::shared_ptr<Builtin> const held = builtin().current()) {
+        AutoLock const guard(held->libraries_lock);
+        for (auto const& item : held->libraries)
+            names.push_back(item.first);
+    }
+    return names;
 }
 
 void ProcessCommand(std::string const& args, int resp_fd) {

@@ -22,8 +22,9 @@ std::string const all_monitors = "zel monitor poll thread task alarm";
 // Started, and ready to be signalled.
 class Target : public Program {
 public:
-    explicit Target(Words const& options = {}, int standard_input = -1)
-        : Program(joined({TARGET}, options), {}, standard_input) {
+    explicit Target(Words const& options = {}, int standard_input = -1,
+                    std::map<std::string, std::string> const& environment = {})
+        : Program(joined({TARGET}, options), environment, standard_input) {
         EXPECT_EQ("ready", line());
     }
 
@@ -87,6 +88,15 @@ TEST(Channel, a_process_that_merely_turns_its_loop_is_steered_from_outside) {
     expected.push_back("1/1 last");
     EXPECT_EQ(expected, second.ask("last"));
     second.send("quit 5");
+    EXPECT_EQ("exit 5", target.end());
+}
+
+TEST(Channel, that_is_open_from_the_start_answers_for_a_process_that_turns_no_loop) {
+    Target target({"stuck"}, -1, {{"ZEL_CHANNEL", "1"}});
+    EXPECT_TRUE(wait_until([&] { return support::threads_named(target.pid(), "zel-command") == 1; }));
+    Client client(target.pid());
+    EXPECT_EQ("FdMgrs:", client.ask("zel fds").at(0));
+    client.send("quit 5");
     EXPECT_EQ("exit 5", target.end());
 }
 

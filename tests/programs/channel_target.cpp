@@ -4,6 +4,7 @@
 // Each of its arguments adds something:
 //
 //     busy             endless tasks, alarms and threads in loops
+//     stuck            never turns its loop
 //     ignored-sigpipe  ignores SIGPIPE
 //     secret           may not be traced by its own user
 #include <atomic>
@@ -111,10 +112,13 @@ void be_busy() {
 int main(int argc, char** argv) {
     signal::AutoReceptor const watched(SIGUSR1, [](int) {});
     register_words();
+    bool stuck = false;
     for (int i = 1; i < argc; ++i) {
         std::string const option = argv[i];
         if (option == "busy")
             be_busy();
+        else if (option == "stuck")
+            stuck = true;
         else if (option == "ignored-sigpipe")
             std::signal(SIGPIPE, SIG_IGN);
         else if (option == "secret")
@@ -125,6 +129,8 @@ int main(int argc, char** argv) {
     poll(nullptr, 0, 0);
     std::puts("ready");
     std::fflush(stdout);
+    while (stuck && quit < 0)
+        poll(nullptr, 0, 10);
     while (quit < 0)
         RunOnce(10); // where another member runs the loop, this only sleeps
     exit(quit);

@@ -30,7 +30,7 @@
 // The server side of a process:
 //
 //     Loaded       Words can be registered. The thread that loaded the library watches signal 55.
-//      |  that thread's group dispatches signal 55: InstallCommandChannel()
+//      |  that thread's group dispatches signal 55, or somebody else calls InstallCommandChannel()
 //      v
 //     Installed    The command thread runs a group of its own and serves the queue "cmd.<pid>".
 //      |  the library is taken down
@@ -84,6 +84,13 @@ ORN_API std::pair<std::string, std::string> GetFirstWord(std::string const& comm
 // with the command itself: once, or as many times as the number that the command begins with, as far as a
 // pipe takes them. resp_fd stays the caller's.
 ORN_API void ProcessCommand(std::string const& command, int resp_fd);
+
+// Opens the channel unless it is open: starts the command thread, which opens the queue. That is what signal
+// 55 does once the loop of the thread that loaded the library turns. A program whose loop may be late or
+// stuck calls this when it starts, and clients reach it whatever its loops do; ZEL_CHANNEL=1 in the
+// environment does the same when the library is loaded. Costs a thread and its descriptors, and returns
+// before the queue is open. Failures are logged, and the next signal tries again. Any thread.
+ORN_API void InstallCommandChannel();
 
 class ChannelImpl;
 
@@ -141,8 +148,6 @@ using MsgQueue = o_msg_queue_t;
 // What a message of the queue is for: its type. See docs/protocol.md.
 enum MessageType { message_connect = 1, message_command = 2 };
 
-// Starts the command thread unless it runs already. The handler of signal 55.
-ORN_API void InstallCommandChannel();
 // The command thread: serves the queue until the channel is stopped.
 ORN_API void CommandChannelRunner();
 // Takes one message from the queue and does what it says.

@@ -53,6 +53,12 @@ namespace orn::zel {
 // install handler for signal <n>: errno=<e> (<text>)" when the system refuses the signal.
 ORN_API boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo);
 
+namespace detail {
+
+class Answer;
+
+} // namespace detail
+
 namespace signal {
 
 // Calls the handler on the calling thread's group for each arrival of a signal, for as long as this lives.
@@ -176,6 +182,8 @@ public:
     int signal_fd() const;
     // The numbers watched, in ascending order. The manager's own thread only.
     std::vector<int> signals() const;
+    // Internal to the library, for the word "inspect": an object for each signal of this thread. Any thread.
+    void tell(int tid, detail::Answer& answer) const;
 
 private:
     struct SignalBundle;

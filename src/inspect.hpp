@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+//
+// What the word "inspect" answers with, and who tells what. Internal. Each subsystem tells of its own things
+// in its own source, the word itself is in inspect.cpp.
+//
+// Whoever tells of something may be looking into a process whose loops are all stuck in handlers. So it takes
+// no lock that a handler may hold, and waits for nobody.
+#ifndef ZEL_SRC_INSPECT_HPP
+#define ZEL_SRC_INSPECT_HPP
+
+#include <cstddef>
+#include <string>
+
+#include "json.hpp"
+
+namespace orn::zel::detail {
+
+// Lines of one JSON object each, which are written at once when all are there.
+class Answer {
+public:
+    explicit Answer(std::string const& what) : what_(what) {}
+
+    // The next object, which begins with the word that was asked for. Close it with end().
+    Json& begin();
+    void end();
+
+    // Writes the objects as far as the descriptor has room for whole lines now, and then how many there were
+    // and how many were lost. Never waits.
+    void write(int fd);
+
+private:
+    std::string what_;
+    Json lines_;
+    std::size_t objects_ = 0;
+};
+
+void zel_inspect_load();
+void zel_inspect_unload();
+
+void tell_process(Answer& answer);
+void tell_threads(Answer& answer);
+
+} // namespace orn::zel::detail
+
+namespace orn::zel::signal {
+
+void tell_signals(detail::Answer& answer);
+
+} // namespace orn::zel::signal
+
+#endif

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: MIT
+//
+// Reads what the kernel tells of this process in /proc. Internal. Without /proc everything is empty.
+#ifndef ZEL_SRC_PROCFILE_HPP
+#define ZEL_SRC_PROCFILE_HPP
+
+#include <string>
+#include <vector>
+
+namespace orn::zel::detail {
+
+// The path goes on from "/proc/self/". Empty when the file cannot be read.
+std::string read_proc(std::string const& path);
+
+// What a symbolic link there points to. Empty when there is none.
+std::string link_in_proc(std::string const& path);
+
+// All threads, in ascending order.
+std::vector<int> thread_ids();
+
+// The fields of a thread's or the process's "stat" from the third one on, which is the state. The name before
+// it may hold anything, and is not there.
+std::vector<std::string> stat_fields(std::string const& path);
+
+} // namespace orn::zel::detail
+
+#endif
