@@ -3,38 +3,11 @@
 // The command-line client, as a script sees it: output, exit status, and what it never does.
 #include <algorithm>
 
-#include "support/Programs.hpp"
+#include "support/Zelctl.hpp"
 
 namespace {
 
-using support::Program;
-using support::wait_until;
-using support::Words;
-
-struct Result {
-    explicit Result(Program& program)
-        : output(program.rest()), errors(program.errors()), end(program.end()) {}
-
-    std::string output;
-    std::string errors;
-    std::string end;
-};
-
-bool holds(std::string const& text, std::string const& part) {
-    return text.find(part) != std::string::npos;
-}
-
-// Whether the tool has ended like this with such an error.
-::testing::AssertionResult fails(Result const& result, std::string const& end, std::string const& error) {
-    if (result.end == end && holds(result.errors, error) && result.errors.compare(0, 8, "zelctl: ") == 0)
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << result.end << ": " << result.errors;
-}
-
-Result zelctl(Words const& words) {
-    Program program(support::joined({ZELCTL}, words));
-    return Result(program);
-}
+using namespace support;
 
 // As a shell starts it, with what runs programs for another processor before it.
 std::string tool() {
@@ -47,12 +20,12 @@ class Zelctl : public ::testing::Test {
 protected:
     Zelctl() { EXPECT_EQ("ready", target.line()); }
 
-    Result ask(Words const& words) const { return zelctl(support::joined({pid}, words)); }
+    Result ask(Words const& words) const { return zelctl(joined({pid}, words)); }
 
     // One that follows the monitors, and has had a first line unless it must not wait for that.
     std::unique_ptr<Program> follow(Words const& monitors, bool waits = true) const {
         std::unique_ptr<Program> following(
-            new Program(support::joined({ZELCTL, pid, "--follow", "0", "zel", "monitor"}, monitors)));
+            new Program(joined({ZELCTL, pid, "--follow", "0", "zel", "monitor"}, monitors)));
         EXPECT_TRUE(!waits || following->line().substr(0, 4) == "tid=");
         return following;
     }
@@ -72,7 +45,7 @@ protected:
         return count;
     }
 
-    support::TempFile const log;
+    TempFile const log;
     Program target{{TARGET, "busy"}, {{"LOG_SINK", log.path()}}};
     std::string const pid = std::to_string(target.pid());
 };
@@ -197,15 +170,14 @@ TEST_F(Zelctl, says_so_when_the_process_ends_instead_of_answering) {
 TEST_F(Zelctl, reports_at_once_that_the_process_has_ended) {
     target.stop(); // its queue is not there yet, so connecting waits for its loop
     Program connecting({ZELCTL, pid, "--timeout", "1000", "foo"});
-    ASSERT_TRUE(
-        wait_until([&] { return support::in_mask(support::proc(target.pid(), "status"), "ShdPnd", 55); }));
+    ASSERT_TRUE(wait_until([&] { return in_mask(proc(target.pid(), "status"), "ShdPnd", 55); }));
     target.signal(SIGKILL); // and stays a zombie
     EXPECT_TRUE(fails(Result(connecting), "exit 4", "process " + pid + " has ended"));
     EXPECT_TRUE(fails(ask({"foo"}), "exit 4", "a zombie"));
 }
 
 TEST_F(Zelctl, fails_when_its_output_cannot_be_written) {
-    support::TempFile const own; // which must not become the standard output
+    TempFile const own; // which must not become the standard output
     setenv("LOG_SINK", own.path().c_str(), 1);
     for (std::string const closed : {">/dev/full", ">&-"})
         EXPECT_TRUE(fails(shell("zel fds " + closed), "exit 1", "zelctl: standard output")) << closed;
@@ -221,7 +193,7 @@ TEST_F(Zelctl, ends_by_the_signal_that_comes_while_its_last_lines_wait_for_a_rea
         Program waiting({"/bin/sh", "-c", "exec " + tool() + ' ' + pid + ' ' + words + " >&0"}, {}, full[1]);
         // Beyond the moment at which it catches signals, and beyond the list.
         ASSERT_TRUE(wait_until([&] {
-            return support::in_mask(support::proc(waiting.pid(), "status"), "SigCgt", SIGTERM) &&
+            return in_mask(proc(waiting.pid(), "status"), "SigCgt", SIGTERM) &&
                    (words == "--help" || times_served("zel threads") > 0);
         }));
         ASSERT_TRUE(waiting.sleeping());
@@ -265,7 +237,7 @@ TEST(ZelctlRefusal, of_a_wrong_command_line_is_one_line_with_a_status_of_its_own
 }
 
 TEST_F(Zelctl, says_which_process_a_thread_is_of) {
-    std::string const thread = std::to_string(support::threads(target.pid()).rbegin()->first);
+    std::string const thread = std::to_string(threads(target.pid()).rbegin()->first);
     EXPECT_TRUE(fails(zelctl({thread, "foo"}), "exit 4", "is a thread of process " + pid));
 }
 
@@ -278,7 +250,7 @@ TEST(ZelctlRefusal, says_that_a_process_lives_in_another_namespace_and_how_to_as
 
     Program outer({"/usr/bin/unshare", "--pid", "--fork", "--kill-child", TARGET});
     ASSERT_EQ("ready", outer.line());
-    std::string child = support::proc(outer.pid(), "task/" + std::to_string(outer.pid()) + "/children");
+    std::string child = proc(outer.pid(), "task/" + std::to_string(outer.pid()) + "/children");
     child = child.substr(0, child.find(' '));
     Result const result = zelctl({child, "foo"});
     EXPECT_TRUE(fails(result, "exit 4", "another pid namespace"));

@@ -72,27 +72,31 @@ int inner_id(std::string const& ids, std::string const& its) {
     return inner;
 }
 
-// The 22nd field of /proc/PID/stat. The second one, the name, may hold anything, blanks and brackets
-// included.
-unsigned long long start_of(int pid) {
-    std::ifstream file(entry(pid, "stat"));
-    std::string line;
-    std::getline(file, line);
-    std::string::size_type const end = line.rfind(')');
-    std::istringstream fields(end == std::string::npos ? "" : line.substr(end + 1));
-    std::string skipped;
-    for (int i = 3; i < 22; ++i)
-        fields >> skipped;
-    unsigned long long start = 0;
-    fields >> start;
-    return start;
-}
-
 long age_of(unsigned long long start) {
     timespec now = {};
     clock_gettime(CLOCK_BOOTTIME, &now);
     unsigned long long const per_second = static_cast<unsigned long long>(sysconf(_SC_CLK_TCK));
     return now.tv_sec * 1000 + now.tv_nsec / 1000000 - static_cast<long>(start * 1000 / per_second);
+}
+
+// Reads the numbers of /proc/PID/stat that nothing else tells: the 9th field, where a bit says that the
+// process has not called exec() since it was forked, and the 22nd. The second one, the name, may hold
+// anything, blanks and brackets included.
+void read_stat(Process& process) {
+    std::ifstream file(entry(process.pid, "stat"));
+    std::string line;
+    std::getline(file, line);
+    std::string::size_type const end = line.rfind(')');
+    std::istringstream fields(end == std::string::npos ? "" : line.substr(end + 1));
+    std::string field;
+    for (int i = 3; fields >> field; ++i) {
+        unsigned long const forked_without_exec = 0x40;
+        if (i == 9)
+            process.forked = (std::strtoul(field.c_str(), nullptr, 10) & forked_without_exec) != 0;
+        if (i == 22)
+            process.start = std::strtoull(field.c_str(), nullptr, 10);
+    }
+    process.age_ms = age_of(process.start);
 }
 
 // The kernel keeps 15 bytes of a name. The program file's name is the whole one if it begins like that.
@@ -176,12 +180,16 @@ std::string process_name(int pid) {
     return "process " + std::to_string(pid);
 }
 
+// The order counts. exec() takes the old memory away, then marks the process, and then takes the handlers
+// away. So in a process that is marked and has the library mapped, the handler is the new program's.
 std::optional<Process> describe(int pid) {
+    Process process;
+    process.pid = pid;
+    read_stat(process);
+    look_for_library(process);
     std::map<std::string, std::string> fields = status_of(std::to_string(pid));
     if (fields.empty())
         return std::nullopt;
-    Process process;
-    process.pid = pid;
     process.owner = number(fields["Tgid"]);
     process.inner_pid = inner_id(status_of("self")["NSpid"], fields["NSpid"]);
     process.tracer = number(fields["TracerPid"]);
@@ -189,15 +197,12 @@ std::optional<Process> describe(int pid) {
     std::istringstream(fields["Uid"]) >> process.user >> process.user; // real, effective, ...
     process.name = whole_name(pid, fields["Name"]);
     process.state = fields["State"];
-    process.start = start_of(pid);
-    process.age_ms = age_of(process.start);
     process.catches = has_channel_signal(fields["SigCgt"]);
     process.ignores = has_channel_signal(fields["SigIgn"]);
     process.blocks = has_channel_signal(fields["SigBlk"]);
     // The kernel gives the files in /proc to root when the process's own user may not trace it.
     struct stat owner = {};
     process.dumpable = stat(entry(pid, "status").c_str(), &owner) == 0 && owner.st_uid == process.user;
-    look_for_library(process);
     process.channel_open = has_open_queue(pid, process.inner_pid);
     return process;
 }
@@ -235,13 +240,15 @@ std::optional<Failure> lacks_zel(Process const& process) {
 }
 
 // fork() copies the handlers and exec() takes them away, so the signal ends a process that comes to exec()
-// just then. Nothing in /proc tells that this is about to happen; but it happens early.
+// just then. One that has not called it within this time as a rule never does.
 bool starting(Process const& process) {
-    long const settled_ms = 250;
-    long const longest_link_ms = 500; // until the library is mapped, on a busy machine
-    long const longest_start_ms = 2000;
-    long const longest = process.library == Process::Library::mapped ? longest_start_ms : longest_link_ms;
-    return process.age_ms < settled_ms || (process.age_ms < longest && lacks_zel(process));
+    long const until_exec_ms = 2000;
+    long const until_mapped_ms = 500; // on a busy machine
+    long const until_loaded_ms = 2000;
+    bool const known = process.library == Process::Library::mapped;
+    long const longest = known ? until_loaded_ms : until_mapped_ms;
+    return ((process.forked || !known) && process.catches && process.age_ms < until_exec_ms) ||
+           (process.age_ms < longest && lacks_zel(process));
 }
 
 std::vector<Process> processes_with_zel(std::size_t& hidden) {

@@ -29,6 +29,7 @@ struct Process {
     unsigned long long start =
         0; // in ticks since the machine was started; tells two processes of one id apart
     long age_ms = 0;
+    bool forked = false;  // and has not called exec() since
     bool catches = false; // signal 55, which opens the channel
     bool ignores = false;
     bool blocks = false; // its main thread
@@ -51,7 +52,7 @@ std::optional<Process> describe(int pid);
 std::optional<Failure> obstacle(Process const& process);
 std::optional<Failure> lacks_zel(Process const& process);
 
-// Whether it may just be on its way to exec(), or through the dynamic linker.
+// Whether it may just be on its way from fork() to exec(), or through the dynamic linker.
 bool starting(Process const& process);
 
 // All but this one that have the library mapped, or an open channel, in the order of their ids. hidden: how

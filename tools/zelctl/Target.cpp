@@ -133,6 +133,8 @@ std::string Target::why_silent(bool connected, int error) const {
                "see the thread zel-command in " +
                proc + "/task";
     }
+    if (now && starting(*now))
+        return "it is being started, and signal 55 might end it: try again in two seconds";
     if (error == EAGAIN)
         return "its queue is full: it is behind with its commands";
     if (now && now->blocks)

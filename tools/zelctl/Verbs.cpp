@@ -176,20 +176,34 @@ ExitStatus send(Context& context, std::string const& command) {
 
 } // namespace
 
-ExitStatus run(Context& context, std::string const& command) {
-    Words const words = words_of(command);
-    ExitStatus status = ok;
-    auto const verb = std::find_if(verbs().begin(), verbs().end(),
-                                   [&](Verb const& one) { return !words.empty() && words[0] == one.word; });
-    if (verb == verbs().end() || context.options.raw) {
-        status = send(context, command);
-    } else {
-        Context own{context.session, context.output, options_of(context.options, words)};
-        status = verb->run(own, verb->word, Words(own.options.words.begin() + 1, own.options.words.end()));
-    }
+namespace {
+
+Verb const* verb_of(Context const& context, Words const& words) {
+    auto const found = std::find_if(verbs().begin(), verbs().end(),
+                                    [&](Verb const& one) { return !words.empty() && words[0] == one.word; });
+    return context.options.raw || found == verbs().end() ? nullptr : &*found;
+}
+
+ExitStatus printed(Context& context, ExitStatus status) {
     context.output.flush();
     context.output.check();
     return status;
+}
+
+} // namespace
+
+ExitStatus run(Context& context, Words const& words) {
+    Verb const* const verb = verb_of(context, words);
+    return printed(context, verb ? verb->run(context, verb->word, Words(words.begin() + 1, words.end()))
+                                 : send(context, joined(words)));
+}
+
+ExitStatus run(Context& context, std::string const& command) {
+    Words const words = words_of(command);
+    if (!verb_of(context, words))
+        return printed(context, send(context, command));
+    Context own{context.session, context.output, options_of(context.options, words)};
+    return run(own, own.options.words);
 }
 
 } // namespace zelctl

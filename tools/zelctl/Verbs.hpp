@@ -33,7 +33,9 @@ struct Verb {
 
 std::vector<Verb> const& verbs();
 
-// Carries one command out. Throws Failure and Interrupted.
+// Carries one command out. Throws Failure and Interrupted. In words, its options have been taken already; a
+// text may hold some.
+ExitStatus run(Context& context, Words const& words);
 ExitStatus run(Context& context, std::string const& command);
 
 // A line for each verb, for --help and for the prompt.

@@ -90,7 +90,7 @@ ExitStatus carry_out_lines(Context& context) {
 ExitStatus carry_out_all(Context& context) {
     Options const& options = context.options;
     if (!options.words.empty())
-        return run(context, joined(options.words));
+        return run(context, options.words);
     if (options.commands.empty() && isatty(STDIN_FILENO) != 0) {
         return prompt(
             context, [&](std::string const& command) { return carry_out(context, command); },
