@@ -19,9 +19,9 @@ protected:
         if (pid_ == 0) {
             setenv("TERM", "xterm", 1);
             setenv("ZELCTL_HISTORY", history.path().c_str(), 1);
-            // The shell has jobs, so that Ctrl-Z stops the client.
-            std::string const command =
-                "set -m; " ZELCTL " " + std::to_string(target.pid()) + "; echo status=$?";
+            // The shell has jobs, so Ctrl-Z stops the client, and the shell lets it go on.
+            std::string const command = "set -m; " ZELCTL " " + std::to_string(target.pid()) +
+                                        "; s=$?; while [ $s -eq 148 ]; do fg; s=$?; done; echo status=$s";
             execl("/bin/bash", "bash", "--norc", "-c", command.c_str(), nullptr);
             _exit(127);
         }
@@ -73,6 +73,10 @@ TEST_F(ZelctlPrompt, completes_words_remembers_lines_and_only_detaches) {
     EXPECT_TRUE(holds(history.text(), "tail\\040one")) << history.text();
     type("nobody-has-this\n");
     EXPECT_TRUE(shows("has no word"));
+    type("thr\x1a");
+    ASSERT_TRUE(shows("> "));
+    type("\x15thr\t\n"); // the keys are the prompt's again
+    EXPECT_TRUE(shows("\x1b[1m"));
     type("help\n");
     EXPECT_TRUE(shows("unload LIBRARY..."));
     type("\x04");

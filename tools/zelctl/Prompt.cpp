@@ -77,6 +77,7 @@ Prompt::Prompt(Context& context)
     el_set(edit_.get(), EL_CLIENTDATA, this);
     el_set(edit_.get(), EL_PROMPT, text);
     el_set(edit_.get(), EL_EDITOR, "emacs");
+    el_set(edit_.get(), EL_SIGNAL, 1); // Ctrl-Z gives the terminal back, and coming back takes it again
     el_set(edit_.get(), EL_HIST, ::history, history_.get());
     el_set(edit_.get(), EL_GETCFN, get_key);
     el_set(edit_.get(), EL_ADDFN, "complete-word", "Completes a word", complete);
