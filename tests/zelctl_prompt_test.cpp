@@ -2,6 +2,7 @@
 //
 // The command-line client on a terminal: its prompt, keys, and how it leaves.
 #include <pty.h>
+#include <termios.h>
 
 #include "support/Zelctl.hpp"
 
@@ -49,6 +50,12 @@ protected:
         return ::testing::AssertionSuccess();
     }
 
+    // Whether keys go to the prompt one by one, not in lines.
+    bool takes_keys() const {
+        termios now = {};
+        return tcgetattr(terminal_, &now) == 0 && (now.c_lflag & ICANON) == 0;
+    }
+
     TempFile const history;
     Program target{{TARGET, "busy"}};
 
@@ -73,9 +80,11 @@ TEST_F(ZelctlPrompt, completes_words_remembers_lines_and_only_detaches) {
     EXPECT_TRUE(holds(history.text(), "tail\\040one")) << history.text();
     type("nobody-has-this\n");
     EXPECT_TRUE(shows("has no word"));
-    type("thr\x1a");
     ASSERT_TRUE(shows("> "));
-    type("\x15thr\t\n"); // the keys are the prompt's again
+    type("\x1a");
+    EXPECT_TRUE(shows("zelctl " + std::to_string(target.pid()))) << "fg names what goes on";
+    EXPECT_TRUE(wait_until([&] { return takes_keys(); }));
+    type("thr\t\n");
     EXPECT_TRUE(shows("\x1b[1m"));
     type("help\n");
     EXPECT_TRUE(shows("unload LIBRARY..."));

@@ -111,7 +111,7 @@ private:
 Options options_of(int argc, char** argv) {
     std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
     std::reverse(arguments.begin(), arguments.end());
-    Options const options = Parser(Options(), true).parse(arguments);
+    Options options = Parser(Options(), true).parse(arguments);
     if (!options.words.empty() && !options.commands.empty())
         throw Failure(misused, "a command stands either behind the process or behind -c");
     return options;

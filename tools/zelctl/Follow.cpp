@@ -9,6 +9,7 @@
 #include "Table.hpp"
 #include "Target.hpp"
 #include "Verbs.hpp"
+#include "Views.hpp"
 
 namespace zelctl {
 
@@ -31,13 +32,12 @@ std::string stamp(bool whole) {
 // "tid=18666 ALARM: id=43": the thread, and what the rest begins with.
 Json object_of(std::string const& line) {
     Json object = {{"time", stamp(true)}};
-    int tid = 0;
-    int end = 0;
-    if (std::sscanf(line.c_str(), "tid=%d %n", &tid, &end) == 1 && end > 0) {
-        std::string const text = line.substr(static_cast<std::size_t>(end));
+    std::string::size_type const blank = line.find(' ');
+    if (line.compare(0, 4, "tid=") == 0 && blank != std::string::npos) {
+        std::string const text = line.substr(blank + 1);
         std::string const word = text.substr(0, text.find_first_of(" :"));
         object["monitor"] = word == "ALARM" ? "alarm" : word == "dispatching" ? "poll" : word;
-        object["tid"] = tid;
+        object["tid"] = number_after(line, "tid=").value_or(0);
         object["text"] = text;
     } else {
         object["text"] = line;

@@ -4,7 +4,7 @@
 #include "Views.hpp"
 
 #include <algorithm>
-#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -28,21 +28,22 @@ std::string state_of(std::string const& thread) {
     return end == std::string::npos ? "" : line.substr(end + 2, 1);
 }
 
-// "thread: 13339 group=5 fdMgr=1", where none stands for a number that is not there.
+// none stands for a number that is not there.
+Json id_after(std::string const& line, std::string const& key) {
+    std::optional<long> const id = number_after(line, key);
+    return id ? Json(*id) : Json();
+}
+
+// "thread: 13339 group=5 fdMgr=1"
 bool read_thread(std::string const& line, std::string const& proc, std::vector<Json>& objects) {
-    int tid = 0;
-    char group[16] = "";
-    char manager[16] = "";
-    if (std::sscanf(line.c_str(), "thread: %d group=%15s fdMgr=%15s", &tid, group, manager) != 3)
+    std::optional<long> const tid = number_after(line, "thread: ");
+    if (!tid)
         return false;
-    auto const id = [](std::string const& text) {
-        return text == "none" ? Json() : Json(std::atol(text.c_str()));
-    };
-    std::string const thread = proc + "/task/" + std::to_string(tid);
-    objects.push_back({{"tid", tid},
+    std::string const thread = proc + "/task/" + std::to_string(*tid);
+    objects.push_back({{"tid", *tid},
                        {"name", first_line(thread + "/comm")},
-                       {"group", id(group)},
-                       {"fd_manager", id(manager)},
+                       {"group", id_after(line, " group=")},
+                       {"fd_manager", id_after(line, " fdMgr=")},
                        {"state", state_of(thread)}});
     return true;
 }
@@ -55,6 +56,7 @@ std::vector<Json> groups_of(std::vector<Json> const& threads) {
         group["members"].push_back(thread["tid"]);
     }
     std::vector<Json> objects;
+    objects.reserve(groups.size());
     for (auto const& item : groups)
         objects.push_back(item.second);
     std::stable_sort(objects.begin(), objects.end(),
@@ -64,26 +66,33 @@ std::vector<Json> groups_of(std::vector<Json> const& threads) {
 
 // "[1] thread=18666 group=5 fds={ 0 3 7 }": an object for each descriptor.
 bool read_fds(std::string const& line, std::string const& proc, std::vector<Json>& objects) {
-    long manager = 0;
-    long thread = 0;
-    long group = 0;
-    int end = 0;
-    if (std::sscanf(line.c_str(), "[%ld] thread=%ld group=%ld fds={%n", &manager, &thread, &group, &end) !=
-            3 ||
-        end == 0)
+    std::string const opening = " fds={";
+    std::string::size_type const list = line.find(opening);
+    if (list == std::string::npos)
         return false;
-    std::istringstream numbers(line.substr(static_cast<std::size_t>(end)));
+    std::istringstream numbers(line.substr(list + opening.size()));
     for (int fd = 0; numbers >> fd;) {
         std::error_code error;
         std::string const path =
             std::filesystem::read_symlink(proc + "/fd/" + std::to_string(fd), error).string();
-        objects.push_back(
-            {{"fd", fd}, {"path", path}, {"thread", thread}, {"group", group}, {"manager", manager}});
+        objects.push_back({{"fd", fd},
+                           {"path", path},
+                           {"thread", id_after(line, " thread=")},
+                           {"group", id_after(line, " group=")},
+                           {"manager", id_after(line, "[")}});
     }
     return true;
 }
 
 } // namespace
+
+std::optional<long> number_after(std::string const& line, std::string const& key) {
+    std::string::size_type const at = line.find(key);
+    char const* const begin = line.c_str() + (at == std::string::npos ? line.size() : at + key.size());
+    char* end = nullptr;
+    long const number = std::strtol(begin, &end, 10);
+    return end == begin ? std::optional<long>() : number;
+}
 
 std::vector<Json> objects_of_listing(std::string const& what, std::vector<std::string> const& lines,
                                      std::string const& proc) {

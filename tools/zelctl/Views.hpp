@@ -29,6 +29,9 @@ std::optional<View> inspect(Session& session, std::string const& what);
 std::vector<Json> objects_of_listing(std::string const& what, std::vector<std::string> const& lines,
                                      std::string const& proc);
 
+// The number that stands right behind the key in a line; nothing when there is none.
+std::optional<long> number_after(std::string const& line, std::string const& key);
+
 } // namespace zelctl
 
 #endif
