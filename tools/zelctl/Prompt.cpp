@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
 #include <exception>
 #include <memory>
 
@@ -40,7 +41,7 @@ private:
     static Prompt& of(EditLine* edit);
     static char* text(EditLine* edit);
     static int get_key(EditLine* edit, wchar_t* key);
-    static unsigned char complete(EditLine* edit, int key);
+    static unsigned char complete(EditLine* edit, wint_t key);
     bool wait_for_key();
     Words completions(std::string const& begun, bool first);
 
@@ -80,7 +81,7 @@ Prompt::Prompt(Context& context)
     el_set(edit_.get(), EL_SIGNAL, 1); // Ctrl-Z gives the terminal back, and coming back takes it again
     el_set(edit_.get(), EL_HIST, ::history, history_.get());
     el_set(edit_.get(), EL_GETCFN, get_key);
-    el_set(edit_.get(), EL_ADDFN, "complete-word", "Completes a word", complete);
+    el_wset(edit_.get(), EL_ADDFN, L"complete-word", L"Completes a word", complete); // el_set() leaks copies
     el_set(edit_.get(), EL_BIND, "^I", "complete-word", nullptr);
     el_set(edit_.get(), EL_BIND, "^R", "em-inc-search-prev", nullptr);
     el_source(edit_.get(), nullptr); // the user's own ~/.editrc
@@ -156,7 +157,7 @@ Words Prompt::completions(std::string const& begun, bool first) {
     return candidates;
 }
 
-unsigned char Prompt::complete(EditLine* edit, int) {
+unsigned char Prompt::complete(EditLine* edit, wint_t) {
     Prompt& self = of(edit);
     LineInfo const* const line = el_line(edit);
     std::string const before(line->buffer, line->cursor);
