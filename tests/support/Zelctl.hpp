@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <deque>
+#include <set>
 #include <sstream>
 
 #include <nlohmann/json.hpp>

@@ -53,6 +53,12 @@ Failure no_such(int pid) {
                    process_name(pid) + ": " + strerror(ESRCH) + ": zelctl ps lists those with zel");
 }
 
+// errno says why.
+Failure forbidden(int pid) {
+    return Failure(not_permitted,
+                   process_name(pid) + ": " + strerror(errno) + "; ask as root or as the user who runs it");
+}
+
 } // namespace
 
 // The descriptor comes first: what is read after it is opened is about the process that it holds, as long as
@@ -66,10 +72,8 @@ Target::Target(int pid) : pid_(pid), descriptor_(open_process(pid)) {
         std::optional<Failure> const why = obstacle(process_);
         if (why)
             throw *why;
-        if (kill(pid, 0) != 0) {
-            throw Failure(not_permitted,
-                          name() + ": " + strerror(errno) + "; ask as root or as the user who runs it");
-        }
+        if (kill(pid, 0) != 0)
+            throw errno == ESRCH ? no_such(pid) : forbidden(pid);
     } catch (...) {
         close(descriptor_);
         throw;
@@ -111,10 +115,9 @@ bool Target::raise_signal() const {
         throw *why;
     make_sure_it_is_the_same();
     // An open channel needs no signal, and its process may not catch one any more.
-    if (now.catches && send_signal(pid_, descriptor_, orn::zel::cmd::channel_signal) != 0 && errno != ESRCH) {
-        throw Failure(not_permitted, name() + ": signal 55: " + strerror(errno) +
-                                         "; ask as root or as the user who runs it");
-    }
+    bool const raised = !now.catches || send_signal(pid_, descriptor_, orn::zel::cmd::channel_signal) == 0;
+    if (!raised && errno != ESRCH)
+        throw forbidden(pid_);
     return true;
 }
 
