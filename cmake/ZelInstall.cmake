@@ -19,6 +19,10 @@ if(TARGET zelctl)
     file(RELATIVE_PATH zel_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
     set_target_properties(zelctl PROPERTIES INSTALL_RPATH "$ORIGIN/${zel_libraries}")
     install(TARGETS zelctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+    install(FILES ${PROJECT_SOURCE_DIR}/docs/zelctl.1
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
+    install(FILES ${PROJECT_SOURCE_DIR}/tools/zelctl/zelctl.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME zelctl COMPONENT runtime)
 endif()
 
 foreach(dir include platform/include platform/os/include platform/std/include platform/log/include)

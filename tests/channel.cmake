@@ -44,8 +44,13 @@ zel_test_starts(channel_test TARGET=channel_target CLIENT=channel_client)
 zel_add_test(fork_test SOURCES fork_test.cpp support/Client.cpp ${programs} LIBRARIES zel)
 
 if(TARGET zelctl)
-    zel_add_test(zelctl_test SOURCES zelctl_test.cpp ${programs})
-    zel_test_starts(zelctl_test TARGET=channel_target ZELCTL=zelctl)
+    zel_add_test_program(brood zel)
+    zel_add_test_program(inspect_target zel)
+    foreach(name zelctl_test zelctl_attach_test zelctl_words_test zelctl_prompt_test)
+        zel_add_test(${name} SOURCES ${name}.cpp ${programs} LIBRARIES nlohmann_json::nlohmann_json)
+        zel_test_starts(${name} TARGET=channel_target ZELCTL=zelctl BROOD=brood INSPECT_TARGET=inspect_target
+            MODULE=hello)
+    endforeach()
 endif()
 
 zel_add_test(load_test SOURCES load_test.cpp ${programs} LIBRARIES ${CMAKE_DL_LIBS} TIMEOUT 120)

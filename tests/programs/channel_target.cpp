@@ -7,6 +7,7 @@
 //     stuck            never turns its loop
 //     ignored-sigpipe  ignores SIGPIPE
 //     secret           may not be traced by its own user
+//     default-55       has given up the handler of the signal that opens the channel
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -121,6 +122,8 @@ int main(int argc, char** argv) {
             stuck = true;
         else if (option == "ignored-sigpipe")
             std::signal(SIGPIPE, SIG_IGN);
+        else if (option == "default-55")
+            std::signal(cmd::channel_signal, SIG_DFL);
         else if (option == "secret")
             prctl(PR_SET_DUMPABLE, 0);
     }

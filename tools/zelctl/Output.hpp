@@ -18,6 +18,15 @@ public:
     // a process must not steer the terminal of whoever looks into it. Elsewhere the bytes stay as they are.
     void line(std::string const& text);
 
+    // Keeps a line of this tool's own, which may steer the terminal.
+    void own_line(std::string const& text) { kept_ += text + '\n'; }
+
+    // Forgets what is kept.
+    void discard() { kept_.clear(); }
+
+    // Whether a person reads it.
+    bool terminal() const { return terminal_; }
+
     // How many bytes are kept.
     std::size_t waiting() const { return kept_.size(); }
 

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: MIT
 //
-// One conversation of zelctl with a process: connecting, commands and their answers, following monitors, and
-// switching them off however it ends. Internal to the tool. The command line is main.cpp's.
+// One conversation of zelctl with a process: attaching, commands and where their answers end, waiting.
+// Internal to the tool. What the commands are is left to Verbs, monitors are Monitors'.
 //
 // Everything that a session waits for is an event of one loop: answers, the end of the process, the time
 // limit. Only signals are a flag, because they may come while a slow reader holds up the output.
 #ifndef ZELCTL_SESSION_HPP
 #define ZELCTL_SESSION_HPP
 
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -15,59 +16,86 @@
 
 #include <orn/zel.hpp>
 
-#include "Notices.hpp"
+#include "Channel.hpp"
 
 namespace zelctl {
 
 class Output;
 class Target;
 
+// The words of a command, read as the process reads it.
+std::vector<std::string> words_of(std::string const& command);
+
+// What is worth knowing about an answer besides its lines.
+struct Answer {
+    unsigned long lines = 0;
+    std::string first;   // line
+    bool lost = false;   // some of its lines may not have come
+    bool echoed = false; // the process has only sent the command back: nobody there has its word
+};
+
 class Session {
 public:
+    using Sink = std::function<void(std::string const& line)>;
+
+    // seconds: how long connecting, and then each answer, may take.
     Session(Target const& target, Output& output, double seconds);
-    // Switches off the monitors that this one has switched on.
     ~Session();
     Session(Session const&) = delete;
     Session& operator=(Session const&) = delete;
 
-    // All of these throw Failure, and Interrupted once a signal has come. All but follow() throw Failure also
-    // when the seconds are over.
+    // These throw Failure, also when the seconds are over, and Interrupted once a signal has come.
 
     void connect();
 
-    // Sends the command and prints the answer. keep_monitors: the monitors that it switches on will be
-    // followed.
-    void run(std::string const& command, bool keep_monitors);
+    // Sends the command, and returns when the sink has had the whole answer.
+    Answer ask(std::string const& command, Sink const& sink);
+    // The same for several that are sent together, without waiting in between.
+    Answer ask(std::vector<std::string> const& commands, Sink const& sink);
 
-    // Prints what comes, mostly lines of monitors, for that long; 0: until the process has ended.
-    void follow(unsigned long ms);
+    // Sends a command for whose answer nobody waits, even if the process has gone.
+    void tell(std::string const& command);
 
-    // Whether some of what should have been printed may not have come.
-    bool lines_lost() const;
-    // Whether the process has only sent the command back, which means that nobody there has its word.
-    bool echoed() const { return lines_ == 1 && first_line_ == "1/1 " + command_; }
-    // The monitors that are switched on from here.
-    std::set<std::string> const& monitors() const { return monitors_; }
+    // While one lives, the process has the seconds for all that is asked together.
+    class Limit {
+    public:
+        explicit Limit(Session& session);
+        ~Limit();
+        Limit(Limit const&) = delete;
+        Limit& operator=(Limit const&) = delete;
+
+    private:
+        Session& session_;
+    };
+
+    // One turn of the loop, which ends after that time at the latest.
+    void turn(long ms = -1);
+    // The same while lines go on coming: what the reader of the output does not take is kept, because a slow
+    // one must not keep the loop from the end of the process.
+    void follow_turn(long ms = -1);
+    void pause(unsigned long ms);
+    // Takes what the process has written before it ended.
+    void drain();
+
+    // Where lines go that come while nobody asks. Nowhere, unless this has been called.
+    void follow(Sink const& sink) { stream_ = sink; }
+
+    // The process has ended, or takes no more commands.
+    bool ended() const { return ended_ || (channel_.connected() && channel_.closed()); }
+    bool lost_since(unsigned long overflows) const { return channel_.overflows() != overflows; }
+    unsigned long overflows() const { return channel_.overflows(); }
+    // Adds to what is said when the time is over.
+    void explain_silence(std::string const& reason) { reason_ = reason; }
+
+    Target const& target() const { return target_; }
+    Output& output() const { return output_; }
 
 private:
-    void turn(long ms = -1);
-    void look_around();
-    void take_monitors(std::set<std::string> const& kinds, bool keep);
-    bool open_notices();
-    void ask_for_place(std::string const& kind);
-    void look_for_place(std::string const& kind);
-    void monitor_again(std::string const& kind);
-    void drain();
-    void pause(unsigned long ms);
+    void check();
+    std::string silence() const;
     void send(std::string const& command);
     void wait_for_answer();
-    void ask(std::string const& command);
-    void list_threads();
-    bool list_once();
     void take_line(std::string const& line);
-    void take_answer(std::string const& line);
-    void take_listing(std::string const& line);
-    void take_notice(std::string const& kind, Notice notice);
 
     Target const& target_;
     Output& output_;
@@ -77,33 +105,23 @@ private:
     // ended.
     std::string const mark_; // what every mark begins with
     unsigned long marks_ = 0;
-    std::string end_;       // the echo of the latest mark
-    bool complete_ = false; // that echo has come
-
-    // The answer.
-    std::string command_;
+    std::string end_;                   // the echo of the latest mark
+    bool complete_ = true;              // that echo has come
+    bool stale_ = false;                // what comes belongs to an answer that nobody waits for any more
+    std::string begin_;                 // the echo that begins the answer
     std::multiset<std::string> echoes_; // of commands, still to come; they are no part of answers
-    unsigned long lines_ = 0;
-    std::string first_line_;
-    unsigned long overflows_ = 0; // of the channel, before the answer
-    bool cut_ = false;            // the process, or this tool, has left lines out
+    Sink sink_;
+    Sink stream_;
 
-    // The list of threads.
-    std::vector<std::string> listing_;
-    bool listing_over_ = false;
-    unsigned failed_listings_ = 0;
-    bool wants_listing_ = false;
-
-    bool ended_ = false;     // the process has ended
+    bool ended_ = false;
+    bool noted_ = false;     // that it takes long
     bool timed_out_ = false; // the seconds are over
-    bool keeps_monitors_ = false;
-    bool following_ = false;
-    int send_error_ = 0;          // errno of the last attempt
-    unsigned requests_left_ = 50; // to leave a place, before this tool does without the notices
-    std::set<std::string> monitors_;
-    Notices notices_;
-    std::unique_ptr<orn::zel::cmd::Channel> channel_;
+    unsigned limits_ = 0;    // that live
+    int send_error_ = 0;     // errno of the last attempt
+    std::string reason_;
+    Channel channel_;
     std::unique_ptr<orn::zel::fd::AutoReceptor> end_receptor_;
+    std::unique_ptr<orn::zel::Alarm> note_;
     std::unique_ptr<orn::zel::Alarm> limit_;
     std::unique_ptr<orn::zel::Alarm> tick_;
 };

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: MIT
+//
+// Finding processes and attaching to them: which are found, which are left alone, and that none is harmed.
+#include "support/Zelctl.hpp"
+
+namespace {
+
+using namespace support;
+
+TEST(ZelctlAttach, ends_no_process_that_starts_or_ends_meanwhile) {
+    char const* const more = std::getenv("ZELCTL_TEST_RACES");
+    Program brood({BROOD, more ? more : "50"});
+    std::deque<std::unique_ptr<Program>> asking;
+    std::map<std::string, int> ends;
+    auto const collect = [&] {
+        Result const result(*asking.front());
+        bool const expected =
+            std::set<std::string>{"exit 3", "exit 4", "exit 6", "exit 7", "exit 8"}.count(result.end) != 0;
+        EXPECT_TRUE(expected) << result.end << ": " << result.errors;
+        ++ends[result.end];
+        asking.pop_front();
+    };
+    std::string line = brood.line();
+    for (; !line.empty() && line[0] != 'k'; line = brood.line()) {
+        asking.emplace_back(new Program({ZELCTL, line, "--timeout", "2", "foo"}));
+        if (asking.size() == 8)
+            collect();
+    }
+    while (!asking.empty())
+        collect();
+    EXPECT_EQ("killed 0", line);
+    EXPECT_GT(ends["exit 8"], 0) << "none was reached";
+}
+
+TEST(ZelctlAttach, finds_processes_and_tells_how_to_reach_them) {
+    std::string const names = "zt" + std::to_string(getpid()); // of no other process
+    Program target({INSPECT_TARGET, "listings", names + "-one"});
+    Program other({INSPECT_TARGET, "listings", names + "-two"});
+    ASSERT_EQ("ready", target.line());
+    ASSERT_EQ("ready", other.line());
+    std::string const pid = std::to_string(target.pid());
+    Words const ask = {"-c", "zel fds"};
+    EXPECT_EQ("exit 0", zelctl(joined({names + "-o"}, ask)).end);
+
+    Result const listed = zelctl({"ps", names, "--json"});
+    std::map<int, Json> processes;
+    for (Json const& process : objects(listed.output))
+        processes[process["pid"]] = process;
+    ASSERT_EQ(2u, processes.size()) << listed.output;
+    Json const& one = processes[target.pid()];
+    EXPECT_EQ(names + "-one", one["name"]);
+    EXPECT_EQ("caught open yes", one["signal"].get<std::string>() + ' ' + one["channel"].get<std::string>() +
+                                     ' ' + one["attach"].get<std::string>());
+    EXPECT_EQ(threads(target.pid()).size(), one["threads"]);
+    EXPECT_EQ("closed", processes[other.pid()]["channel"]);
+
+    Result const several = zelctl(joined({names}, ask));
+    EXPECT_TRUE(fails(several, "exit 3", "several processes"));
+    EXPECT_TRUE(fails(several, "exit 3", pid + " (" + names + "-one)"));
+    EXPECT_TRUE(fails(zelctl(joined({"no such name"}, ask)), "exit 3", "no process with zel"));
+    EXPECT_EQ("exit 3", zelctl({"ps", "no such name"}).end);
+    EXPECT_EQ("exit 3", zelctl(joined({"999999999"}, ask)).end);
+}
+
+TEST(ZelctlAttach, leaves_the_handler_of_an_open_channel_alone_and_refuses_without_one) {
+    Program target({TARGET, "default-55"});
+    ASSERT_EQ("ready", target.line());
+    std::string const pid = std::to_string(target.pid());
+    EXPECT_TRUE(fails(zelctl({pid, "foo"}), "exit 4", "does not catch signal 55"));
+    EXPECT_TRUE(target.alive());
+}
+
+} // namespace

@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: MIT
+//
+// The words of the command-line client's own: views, monitors, libraries, and several commands at once.
+#include <fstream>
+
+#include <elf.h>
+
+#include "support/Zelctl.hpp"
+
+namespace {
+
+using namespace support;
+
+class ZelctlWords : public ::testing::Test {
+protected:
+    // Commands behind -c, so that words are read as they are where blanks stand in them.
+    Result ask(Program const& program, Words const& commands, Words words = {}) const {
+        words.insert(words.begin(), {std::to_string(program.pid())});
+        for (std::string const& command : commands)
+            words.insert(words.end(), {"-c", command});
+        return zelctl(words);
+    }
+    Result ask(Words const& commands) const { return ask(target, commands); }
+    std::string first_line(std::string const& text) const { return text.substr(0, text.find('\n')); }
+
+    Program target{{INSPECT_TARGET, "objects"}};
+    Program const plain{{INSPECT_TARGET, "listings"}};
+    std::string const ready = target.line();
+};
+
+TEST_F(ZelctlWords, show_the_objects_that_the_process_tells) {
+    EXPECT_EQ("ALARM\tTHREAD\tDUE IN MS\tPERIOD MS\tFIRED\n7\t12345\t40\t-\t-\n123\t9\t1\t-\t3\n",
+              ask({"alarms"}).output);
+    EXPECT_EQ("ALARM  THREAD  DUE IN MS  PERIOD MS  FIRED\n"
+              "    7   12345         40          -      -\n"
+              "  123       9          1          -      3\n",
+              ask(target, {"alarms"}, {"--table"}).output);
+    Result result = ask({"tasks"});
+    EXPECT_EQ("TASK\tNAME\n1\ta\\x09b\\x1b[2J\n", result.output) << "cells stay cells";
+    EXPECT_TRUE(fails(result, "exit 1", "lines were lost"));
+    EXPECT_EQ("a\tb\x1b[2J", objects(ask(target, {"tasks"}, {"--json"}).output).at(0)["name"]);
+    EXPECT_EQ("WORD\tLIBRARY\nstation\tlibx.so\n", ask({"words"}).output);
+    EXPECT_TRUE(fails(ask({"fds"}), "exit 1", "no such thing to inspect, it knows: alarms"));
+    EXPECT_TRUE(fails(ask({"statoin 1"}), "exit 8", "did you mean: station"));
+    EXPECT_TRUE(fails(ask({"fds 1"}), "exit 2", "no words behind it"));
+}
+
+TEST_F(ZelctlWords, show_listings_where_the_process_tells_no_objects) {
+    for (Json const& thread : objects(ask(plain, {"threads"}, {"--json"}).output)) {
+        if (thread["tid"] == plain.pid()) {
+            EXPECT_EQ("inspect_target", thread["name"]);
+            EXPECT_EQ("S", thread["state"]);
+        }
+    }
+    std::vector<Json> const groups = objects(ask(plain, {"groups"}, {"--json"}).output);
+    ASSERT_EQ(2u, groups.size()) << "the loop's and the command thread's";
+    EXPECT_EQ(Json({plain.pid()}), groups[0]["members"]);
+    std::vector<Json> const fds = objects(ask(plain, {"fds"}, {"--json"}).output);
+    ASSERT_FALSE(fds.empty());
+    EXPECT_EQ("pipe:", fds[0]["path"].get<std::string>().substr(0, 5));
+    EXPECT_EQ("[", ask(plain, {"signals"}).output.substr(0, 1));
+    EXPECT_TRUE(fails(ask(plain, {"alarms"}), "exit 1", "cannot list its alarms"));
+}
+
+TEST_F(ZelctlWords, come_several_at_once_and_the_first_failure_decides) {
+    Result const result = ask({"zel fds", "no-such-word", "monitor nothing", "a-b"});
+    EXPECT_EQ("exit 8", result.end);
+    EXPECT_TRUE(holds(result.output, "FdMgrs:") && holds(result.output, "1/1 a-b")) << result.output;
+    EXPECT_TRUE(holds(result.errors, "monitor takes any of")) << result.errors;
+    Program lines(
+        {"/bin/sh", "-c", "printf 'zel fds\\n\\nzel sing\\n' | " ZELCTL " " + std::to_string(target.pid())});
+    EXPECT_TRUE(fails(Result(lines), "exit 8", "zel has no word \"sing\""));
+    EXPECT_EQ("1/1 threads\n", ask(target, {"threads"}, {"--raw"}).output);
+}
+
+TEST_F(ZelctlWords, print_what_happens_until_it_is_enough) {
+    Program busy({TARGET, "busy"});
+    ASSERT_EQ("ready", busy.line());
+    Result result = ask(busy, {"monitor alarm --limit 3"});
+    EXPECT_EQ("exit 0", result.end) << result.errors;
+    EXPECT_EQ(3, std::count(result.output.begin(), result.output.end(), '\n')) << result.output;
+    EXPECT_EQ(" tid=", result.output.substr(15, 5)) << "12:34:56.123456 tid=...";
+    result = ask(busy, {"monitor thread alarm --for 100ms --json"});
+    EXPECT_EQ("exit 0", result.end) << result.errors;
+    Json const line = objects(result.output).at(0);
+    EXPECT_EQ("alarm", line["monitor"]);
+    EXPECT_EQ("ALARM: id=", line["text"].get<std::string>().substr(0, 10));
+    EXPECT_TRUE(threads(busy.pid()).count(line["tid"])) << line;
+
+    Program following({ZELCTL, std::to_string(busy.pid()), "monitor", "alarm"});
+    EXPECT_TRUE(holds(following.line(), "ALARM: id="));
+    EXPECT_EQ("exit 0", ask(busy, {"zel unmonitor alarm"}).end);
+    EXPECT_TRUE(fails(Result(following), "exit 1", "switched off the alarm monitor"));
+    Program until_its_end({ZELCTL, std::to_string(busy.pid()), "monitor", "alarm"});
+    EXPECT_TRUE(holds(until_its_end.line(), "ALARM: id="));
+    busy.signal(SIGKILL);
+    EXPECT_TRUE(fails(Result(until_its_end), "exit 7", "has ended"));
+}
+
+TEST_F(ZelctlWords, load_only_what_the_process_can_take) {
+    TempFile const text;
+    std::ofstream(text.path()) << "no library";
+    TempFile const foreign; // the same but for its byte order and machine
+    std::string head = text_of(MODULE).substr(0, EI_NIDENT + 4);
+    head[EI_DATA] = head[EI_DATA] == ELFDATA2LSB ? ELFDATA2MSB : ELFDATA2LSB;
+    std::swap(head[EI_NIDENT], head[EI_NIDENT + 1]);
+    std::ofstream(foreign.path()) << head;
+    EXPECT_TRUE(fails(ask({"load /no/such/file"}), "exit 1", "No such file"));
+    EXPECT_TRUE(fails(ask({"load " + text.path()}), "exit 1", "is no shared library"));
+    EXPECT_TRUE(fails(ask({"load " + foreign.path()}), "exit 1", "is for"));
+    EXPECT_TRUE(fails(ask({"load libno-such.so"}), "exit 1", "libno-such.so: cannot open"));
+    EXPECT_TRUE(fails(zelctl({std::to_string(target.pid()), "load", "a b"}), "exit 2", "holds a blank"));
+
+    std::string const module = MODULE;
+    EXPECT_EQ(module + ": loaded\n", ask({"load /./" + module.substr(1)}).output) << "made plain";
+    EXPECT_TRUE(holds(ask({"hello you"}).output, "hello you, from process"));
+    EXPECT_EQ(module + ": unloaded\n", ask({"unload " + module}).output);
+    EXPECT_TRUE(fails(ask({"unload " + module}), "exit 1", "not found"));
+}
+
+TEST_F(ZelctlWords, leave_the_process_as_it_was_when_the_client_is_killed_or_stopped) {
+    Program busy({TARGET, "busy"});
+    ASSERT_EQ("ready", busy.line());
+    EXPECT_EQ("exit 0", ask(busy, {"zel fds"}).end);
+    std::size_t const before = threads(busy.pid()).size();
+    std::size_t const descriptors = support::descriptors(busy.pid()).size();
+    for (int i = 0; i < 5; ++i) {
+        Program client({ZELCTL, std::to_string(busy.pid()), "monitor", "alarm", "task"});
+        EXPECT_TRUE(holds(client.line(), "tid="));
+        client.signal(SIGKILL);
+        EXPECT_EQ("signal 9", client.end());
+    }
+    Program stopped({ZELCTL, std::to_string(busy.pid()), "monitor", "task", "--for", "100ms"});
+    EXPECT_TRUE(holds(stopped.line(), "tid="));
+    stopped.stop();
+    EXPECT_EQ("exit 0", ask(busy, {"zel fds"}).end); // the pipe of the stopped one is full by now, or soon
+    std::string slices = ask(busy, {"slices"}).output;
+    EXPECT_TRUE(wait_until([&] { return ask(busy, {"slices"}).output != slices; })) << "the target waits";
+    stopped.signal(SIGCONT);
+    EXPECT_EQ("exit", Result(stopped).end.substr(0, 4));
+    EXPECT_EQ(before, threads(busy.pid()).size());
+    EXPECT_LE(support::descriptors(busy.pid()).size(), descriptors + 64) << "only those of clients that have gone";
+}
+
+} // namespace

@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: MIT
+//
+// Widths, headings and cells of tables.
+#include "Table.hpp"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+
+#include "CommandLine.hpp"
+#include "Output.hpp"
+
+namespace zelctl {
+
+namespace {
+
+// How many columns of a terminal the text takes: bytes that go on a character take none.
+std::size_t width_of(std::string const& text) {
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0xc0) != 0x80; }));
+}
+
+std::string heading_of(std::string const& key) {
+    std::string text = key;
+    std::transform(text.begin(), text.end(), text.begin(), [](char letter) {
+        return letter == '_' ? ' ' : static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
+    });
+    return text;
+}
+
+struct Column {
+    std::string key;
+    std::size_t width;
+    bool numbers; // which stand to the right
+};
+
+std::vector<Column> columns_of(std::vector<Json> const& objects) {
+    std::vector<Column> columns;
+    for (Json const& object : objects) {
+        for (auto const& item : object.items()) {
+            auto it = std::find_if(columns.begin(), columns.end(),
+                                   [&](Column const& column) { return column.key == item.key(); });
+            if (it == columns.end())
+                it = columns.insert(it, {item.key(), width_of(heading_of(item.key())), true});
+            it->width = std::max(it->width, width_of(cell(item.value())));
+            it->numbers = it->numbers && (item.value().is_number() || item.value().is_null());
+        }
+    }
+    return columns;
+}
+
+std::string aligned(std::string const& text, Column const& column, bool last) {
+    std::string const gap(column.width - std::min(column.width, width_of(text)), ' ');
+    return column.numbers ? gap + text : last ? text : text + gap;
+}
+
+} // namespace
+
+std::string cell(Json const& value) {
+    std::string text;
+    if (value.is_null())
+        return "-";
+    if (value.is_string()) {
+        text = value.get<std::string>();
+    } else if (value.is_boolean()) {
+        text = value.get<bool>() ? "yes" : "no";
+    } else if (value.is_structured()) {
+        for (auto const& item : value.items()) {
+            text += text.empty() ? "" : ",";
+            text += (value.is_object() ? item.key() + '=' : "") + cell(item.value());
+        }
+    } else {
+        return json_line(value);
+    }
+    // A cell must stay one, also for what takes the columns apart.
+    std::string shown;
+    for (char const letter : text)
+        shown += letter == '\t' ? "\\x09" : letter == '\n' ? "\\x0a" : std::string(1, letter);
+    return shown.empty() ? "-" : printable(shown);
+}
+
+std::string json_line(Json const& value) {
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+std::string heading(Output const& output, std::string const& text) {
+    char const* const no_color = std::getenv("NO_COLOR");
+    bool const plain = !output.terminal() || (no_color && *no_color != '\0');
+    return plain ? text : "\x1b[1m" + text + "\x1b[0m";
+}
+
+void print_table(Output& output, Options const& options, std::vector<Json> const& objects) {
+    if (options.json) {
+        for (Json const& object : objects)
+            output.line(json_line(object));
+        return;
+    }
+    std::vector<Column> const columns = columns_of(objects);
+    if (columns.empty())
+        return;
+    bool const align = output.terminal() || options.table;
+    auto const row = [&](auto const& text_of) {
+        std::string line;
+        for (Column const& column : columns) {
+            bool const last = &column == &columns.back();
+            line += align ? aligned(text_of(column), column, last) : text_of(column);
+            line += last ? "" : align ? "  " : "\t";
+        }
+        return line;
+    };
+    bool const lines = columns.size() == 1 && columns[0].key == "line"; // which need no heading
+    if (!lines)
+        output.own_line(heading(output, row([](Column const& column) { return heading_of(column.key); })));
+    for (Json const& object : objects) {
+        output.own_line(row([&](Column const& column) {
+            auto const it = object.find(column.key);
+            return it == object.end() ? std::string("-") : cell(*it);
+        }));
+    }
+}
+
+} // namespace zelctl

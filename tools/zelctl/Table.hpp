@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: MIT
+//
+// Objects shown as a table: aligned on a terminal, columns between tabs elsewhere, or one JSON object a line.
+// Internal to the tool.
+#ifndef ZELCTL_TABLE_HPP
+#define ZELCTL_TABLE_HPP
+
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace zelctl {
+
+class Output;
+struct Options;
+
+using Json = nlohmann::ordered_json; // keys stay in the order in which the process tells them
+
+// As the options say, else aligned where a person reads it. The columns are the keys, in the order in which
+// they first come. What an object lacks is a dash.
+void print_table(Output& output, Options const& options, std::vector<Json> const& objects);
+
+// A value as a cell shows it: lists with commas between, members of objects as key=value.
+std::string cell(Json const& value);
+
+// As one line of JSON, whatever bytes the strings hold.
+std::string json_line(Json const& value);
+
+// Headings in bold. Not where nobody sees it, nor where the environment says NO_COLOR.
+std::string heading(Output const& output, std::string const& text);
+
+} // namespace zelctl
+
+#endif
