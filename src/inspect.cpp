@@ -20,8 +20,10 @@ struct Thing {
     void (*tell)(Answer&);
 };
 
-Thing const things[] = {
-    {"process", tell_process}, {"threads", tell_threads}, {"signals", signal::tell_signals}};
+Thing const things[] = {{"process", tell_process},
+                        {"threads", tell_threads},
+                        {"tasks", task::tell_tasks},
+                        {"signals", signal::tell_signals}};
 
 void refuse(Answer& answer) {
     Json& object = answer.begin();

@@ -48,4 +48,10 @@ void tell_signals(detail::Answer& answer);
 
 } // namespace orn::zel::signal
 
+namespace orn::zel::task {
+
+void tell_tasks(detail::Answer& answer);
+
+} // namespace orn::zel::task
+
 #endif

@@ -81,6 +81,17 @@ public:
         return known;
     }
 
+    // Calls the function with each manager and the thread whose it is, 0 for one that has ended. The lock is
+    // not held during the call.
+    template <class Function>
+    void each(Function function) {
+        std::map<id_t, int> const threads = thread::Registry::threads_by_manager();
+        for (auto const& item : all()) {
+            auto const thread = threads.find(item.first);
+            function(*item.second, thread == threads.end() ? 0 : thread->second);
+        }
+    }
+
     // A leaf. Good before load and after unload as well, since threads that exit() leaves running still come
     // for it.
     static ThreadMutex& lock() { return immortal<ThreadMutex, PerThread>(); }

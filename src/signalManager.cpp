@@ -213,11 +213,7 @@ void ListSignals(std::string const&, int fd) {
 }
 
 void tell_signals(detail::Answer& answer) {
-    std::map<id_t, int> const threads = thread::Registry::threads_by_manager();
-    for (auto const& item : managers.all()) {
-        auto const thread = threads.find(item.first);
-        item.second->tell(thread == threads.end() ? 0 : thread->second, answer);
-    }
+    managers.each([&](Manager& manager, int tid) { manager.tell(tid, answer); });
 }
 
 void release_managers() {

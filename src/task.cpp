@@ -166,6 +166,10 @@ void ListTasks(std::string const&, int fd) {
     cmd::Write(fd, text.str());
 }
 
+void tell_tasks(detail::Answer& answer) {
+    managers.each([&](Manager& manager, int tid) { manager.core()->tell(tid, answer); });
+}
+
 void Monitor(std::string const&, int fd) {
     detail::task_observer.watch(fd);
 }

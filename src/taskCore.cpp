@@ -189,6 +189,28 @@ void Core::list(detail::PlainText& text) {
     }
 }
 
+void Core::tell(int tid, detail::Answer& answer) {
+    struct Copy {
+        id_t id;
+        std::string name;
+        unsigned slices;
+        bool sleeping;
+    };
+    std::vector<Copy> copies; // so that the loop does not wait for the lock while the text is composed
+    {
+        AutoLock const guard(lock_);
+        copies.reserve(tasks_.size());
+        for (ControllerImpl const* const task : tasks_.ascending())
+            copies.push_back(Copy{task->id_, task->spec_.name, task->runCount(), task->sleeping()});
+    }
+    for (Copy const& task : copies) {
+        detail::Json& object = answer.begin();
+        object.field("task", task.id).field("name", task.name).field("thread", tid);
+        object.field("slices", task.slices).field("state", task.sleeping ? "sleeping" : "scheduled");
+        answer.end();
+    }
+}
+
 // ---- From the pipe into the queue -----------------------------------------------------------------------
 
 void Core::schedule(id_t id) {

@@ -48,6 +48,7 @@
 #include <orn/zel/task.hpp>
 
 #include "idTable.hpp"
+#include "inspect.hpp"
 #include "plainText.hpp"
 #include "wordPipe.hpp"
 
@@ -113,6 +114,8 @@ public:
     void remove(id_t id);
     void schedule(id_t id);
     void list(detail::PlainText& text);
+    // An object for each task, for the word "inspect".
+    void tell(int tid, detail::Answer& answer);
 
     // On the thread that runs the loop, also inside a slice.
     void handle(fd::Event* event);
