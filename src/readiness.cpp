@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <orn/cancel.hpp>
@@ -33,6 +34,14 @@ unsigned const questions_to_cool = 16;
 std::size_t const most_hot = 16;
 
 Readiness* newest = nullptr; // the fork barrier guards it
+
+// Some files forget what they have told once: /proc/mounts, pressure triggers, perf events and whatever a
+// device's driver does. Asked by the epoll set first, they would have nothing left to tell poll(). Pipes and
+// sockets tell the same until it is not true any more.
+bool tells_twice(int fd) {
+    struct stat file;
+    return fstat(fd, &file) == 0 && (S_ISFIFO(file.st_mode) || S_ISSOCK(file.st_mode));
+}
 
 } // namespace
 
@@ -114,7 +123,7 @@ void Readiness::enter(int fd, Slot& slot) {
     forget_polled(fd, slot);
     if (epoll_ == -1 || refused_)
         return; // entered when the set is made
-    if ((slot.events & ~common_events) != 0) {
+    if ((slot.events & ~common_events) != 0 || !tells_twice(fd)) {
         poll_always(fd, slot);
         return;
     }
@@ -123,7 +132,7 @@ void Readiness::enter(int fd, Slot& slot) {
         error = control(EPOLL_CTL_MOD, fd, slot);
     if (error == ENOSPC || error == ENOMEM)
         refused_ = true; // closed later: the caller holds locks
-    else if (error != 0) // a regular file, a descriptor that is closed, epoll sets that are nested too deep
+    else if (error != 0)
         poll_always(fd, slot);
 }
 
@@ -197,6 +206,10 @@ void Readiness::drop(int fd) {
 // ---- Questions ------------------------------------------------------------------------------------------
 
 std::optional<int> Readiness::ask(std::vector<pollfd>& named) {
+    audits_ = false;
+    // For so many that poll() is asked about in any case, its answer about all costs less.
+    if (polled_.size() > most_hot && readiness_crowd * polled_.size() >= size_)
+        return std::nullopt;
     if ((epoll_ == -1 || refused_) && !renew())
         return std::nullopt;
     audits_ = asked_ >= std::max(questions_per_entry * size_, fewest_questions);
@@ -288,7 +301,7 @@ void Readiness::confirm(int fd) {
     // With a serial of its own, so that the file that had the number before is found out.
     Slot fresh = slot;
     fresh.serial = next_serial();
-    int const error = control(EPOLL_CTL_ADD, fd, fresh);
+    int const error = tells_twice(fd) ? control(EPOLL_CTL_ADD, fd, fresh) : EPERM;
     if (error == 0)
         slot.serial = fresh.serial;
     else if (error != EEXIST)

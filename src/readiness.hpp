@@ -84,7 +84,7 @@ private:
         std::uint32_t round;  // of begin(), in which it was set
         int owner;
         short events;
-        bool polled; // not in the epoll set, so poll() is always asked about it: it is refused there, or hot
+        bool polled; // not in the epoll set, so poll() is always asked about it: unfit for it, or hot
         bool hot;
         unsigned latest; // question that had a result
         unsigned streak; // of questions with results

@@ -4,8 +4,10 @@
 // other tests of the loop run a second time with it, whatever the size of their sets.
 #include <random>
 
-#include <sys/eventfd.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
 #include "../src/readiness.hpp"
 #include "support/Support.hpp"
@@ -17,7 +19,7 @@ using orn::zel::detail::Readiness;
 namespace {
 
 int idle_descriptor() {
-    return eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    return socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
 }
 
 // ---- The epoll set by itself ----------------------------------------------------------------------------
@@ -177,6 +179,32 @@ TEST_F(LargeGroup, costs_a_descriptor_while_it_is_large_and_sees_what_was_closed
     receptors.clear();
     settle();
     EXPECT_EQ(small + count + 2, descriptors().size());
+}
+
+// /proc/mounts has POLLPRI once for each change, for whoever asks first.
+TEST_F(LargeGroup, tells_of_what_is_told_but_once) {
+    int const refused = 77;
+    std::string const outcome = in_child([this] {
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+            return refused;
+        int const mounts = open("/proc/self/mounts", O_RDONLY | O_CLOEXEC);
+        watch_idle(40);
+        WatchedPipe busy;
+        short seen = 0;
+        auto const monitor = Fd(mounts);
+        monitor->events(POLLPRI);
+        monitor->insert([&](fd::Event* event) { seen = event->revents(); });
+        for (int turn = 0; turn < 105 && seen == 0; ++turn) { // the loop is busy by the hundredth
+            if (turn == 100 && mount("none", "/tmp", "tmpfs", 0, nullptr) != 0)
+                return refused;
+            busy.feed();
+            RunOnce(-1);
+        }
+        return seen == (POLLPRI | POLLERR) ? 0 : 1;
+    });
+    if (outcome == "exit 77")
+        GTEST_SKIP() << "no mount namespace of its own is allowed here";
+    EXPECT_EQ("exit 0", outcome);
 }
 
 // ---- The same by either way -----------------------------------------------------------------------------
