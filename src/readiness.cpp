@@ -33,6 +33,10 @@ unsigned const questions_to_heat = 4;
 unsigned const questions_to_cool = 16;
 std::size_t const most_hot = 16;
 
+// The largest number that a slot is kept for: the kernel's own limit, as long as nobody has raised it. A
+// number that nobody has opened must not cost gigabytes.
+int const numbers_kept = 1 << 20;
+
 Readiness* newest = nullptr; // the fork barrier guards it
 
 // Some files forget what they have told once: /proc/mounts, pressure triggers, perf events and whatever a
@@ -92,7 +96,8 @@ void Readiness::forked() {
 }
 
 bool Readiness::renew() {
-    close();
+    if (epoll_ != -1)
+        close();
     if (refused_)
         return false;
     open();
@@ -174,6 +179,10 @@ void Readiness::end() {
 void Readiness::set(Watch const& watch) {
     if (watch.fd < 0)
         return; // poll() has no result for it
+    if (watch.fd >= numbers_kept) {
+        refused_ = true;
+        return;
+    }
     std::size_t const at = static_cast<std::size_t>(watch.fd);
     if (at >= slots_.size())
         slots_.resize(at + 1);

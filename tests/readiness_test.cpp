@@ -134,6 +134,10 @@ TEST_F(ReadinessSet, is_not_in_a_child_and_goes_without_when_there_is_no_descrip
     poor.set({one.ReadFD(), POLLIN, 1, 1});
     poor.end();
     EXPECT_EQ(1, poor.ask(named));
+    // A number that nobody can have costs no memory, and is left to poll() with all others.
+    watch(1 << 30, 2);
+    EXPECT_EQ("all", ask());
+    EXPECT_EQ(1u, set.size());
 }
 
 // ---- A large group --------------------------------------------------------------------------------------
