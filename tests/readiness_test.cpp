@@ -185,6 +185,23 @@ TEST_F(LargeGroup, costs_a_descriptor_while_it_is_large_and_sees_what_was_closed
     EXPECT_EQ(small + count + 2, descriptors().size());
 }
 
+// Another member may register a descriptor while the epoll set is being made, and so between the two looks at
+// the registrations.
+TEST_F(LargeGroup, counts_a_descriptor_that_two_members_watch_twice) {
+    watch_idle(40);
+    WatchedPipe busy;
+    settle();
+    thread::ThisGroup()->insert(1 << 30);
+    auto const second = fd::Fd(busy.ReadFD(), thread::FdMgr(1 << 30));
+    settle();
+    second->insert([](fd::Event*) {});
+    thread::ThisGroup()->setup_pollset();
+    busy.feed(); // the second handler takes nothing
+    for (int turn = 0; turn < 100; ++turn)
+        RunOnce(-1);
+    EXPECT_EQ(2, RunOnce(-1));
+}
+
 // /proc/mounts has POLLPRI once for each change, for whoever asks first.
 TEST_F(LargeGroup, tells_of_what_is_told_but_once) {
     int const refused = 77;
