@@ -289,7 +289,7 @@ void Readiness::note(pollfd const& entry) {
         if (!slot.polled)
             confirm(entry.fd); // it was named for nothing
         else if (slot.hot && question_ - slot.latest > questions_to_cool)
-            enter(entry.fd, slot);
+            cool(entry.fd, slot);
         return;
     }
     slot.streak = slot.latest + 1 == question_ ? slot.streak + 1 : 1;
@@ -300,6 +300,12 @@ void Readiness::note(pollfd const& entry) {
     poll_always(entry.fd, slot);
     slot.hot = true;
     ++hot_;
+}
+
+// With a serial of its own: when the number stands for another file than before, that one was not taken out.
+void Readiness::cool(int fd, Slot& slot) {
+    slot.serial = next_serial();
+    enter(fd, slot);
 }
 
 void Readiness::confirm(int fd) {

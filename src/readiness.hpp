@@ -104,6 +104,7 @@ private:
     int poll_hot_first(std::vector<pollfd>& named);
     bool tell(std::vector<pollfd>& named);
     void note(pollfd const& entry);
+    void cool(int fd, Slot& slot);
 
     std::atomic<int> epoll_; // -1 when there is none; a child of fork() finds it closed
     bool refused_;           // it is not to be used until begin()

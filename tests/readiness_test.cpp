@@ -108,6 +108,25 @@ TEST_F(ReadinessSet, an_audit_finds_a_number_that_stands_for_another_file) {
     EXPECT_EQ(1u, set.size());
 }
 
+TEST_F(ReadinessSet, names_no_descriptor_twice) {
+    int const number = dup(one.ReadFD());
+    watch(number, 1);
+    EXPECT_EQ("", ask());
+    ASSERT_EQ(number, dup2(two.ReadFD(), number)); // the first file lives on in the pipe
+    put(one.WriteFD(), "x");
+    put(two.WriteFD(), "x");
+    for (int question = 0; question < 4; ++question) // known to be busy by the last one
+        ASSERT_EQ(ready(number), ask());
+    take(one.ReadFD());
+    take(two.ReadFD());
+    for (int question = 0; question < 20; ++question) // and known to be idle
+        ask();
+    put(one.WriteFD(), "x");
+    put(two.WriteFD(), "x");
+    EXPECT_EQ(ready(number), ask());
+    close(number);
+}
+
 TEST_F(ReadinessSet, is_not_in_a_child_and_goes_without_when_there_is_no_descriptor) {
     watch(one.ReadFD(), 1);
     put(one.WriteFD(), "x");
