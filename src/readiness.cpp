@@ -186,6 +186,7 @@ void Readiness::set(Watch const& watch) {
     std::size_t const at = static_cast<std::size_t>(watch.fd);
     if (at >= slots_.size())
         slots_.resize(at + 1);
+    polled_.reserve(slots_.capacity()); // here alone, so that a change cannot fail halfway
     Slot& slot = slots_[at];
     slot.round = round_;
     bool const known = slot.serial != 0;

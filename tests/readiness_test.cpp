@@ -18,6 +18,20 @@ using orn::zel::detail::Readiness;
 
 namespace {
 
+int allocations_left = -1; // before one fails; any number when negative
+
+} // namespace
+
+#ifndef __SANITIZE_ADDRESS__ // which looks after new and delete itself
+void* operator new(std::size_t size) {
+    void* const memory = allocations_left == 0 ? nullptr : std::malloc(size);
+    allocations_left -= allocations_left >= 0 ? 1 : 0;
+    return memory ? memory : throw std::bad_alloc();
+}
+#endif
+
+namespace {
+
 int idle_descriptor() {
     return socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
 }
@@ -157,6 +171,33 @@ TEST_F(ReadinessSet, is_not_in_a_child_and_goes_without_when_there_is_no_descrip
     watch(1 << 30, 2);
     EXPECT_EQ("all", ask());
     EXPECT_EQ(1u, set.size());
+}
+
+TEST_F(ReadinessSet, is_told_again_what_it_had_no_memory_for) {
+    TempFile const file;
+    int const regular = open(file.path().c_str(), O_RDONLY | O_CLOEXEC);
+    bool failed = true;
+    for (int allocations = 0; failed && allocations < 10; ++allocations) {
+        Readiness poor;
+        std::vector<pollfd> named;
+        poor.set({one.ReadFD(), POLLIN, 1, 1});
+        EXPECT_EQ(0, poor.ask(named)); // makes the epoll set
+        allocations_left = allocations;
+        try {
+            poor.set({regular, POLLIN, 1, 1});
+            failed = false;
+        } catch (std::bad_alloc const&) {
+        }
+        allocations_left = -1;
+        poor.set({regular, POLLIN, 1, 1});
+        EXPECT_EQ(1, poor.ask(named)) << allocations;
+        poor.ask(named);
+        poor.set({regular, POLLIN, 1, 2});
+        poor.drop(regular);
+        EXPECT_EQ(0, poor.ask(named)) << allocations;
+    }
+    EXPECT_FALSE(failed);
+    close(regular);
 }
 
 // ---- A large group --------------------------------------------------------------------------------------
