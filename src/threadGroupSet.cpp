@@ -254,8 +254,9 @@ void Group::fit_readiness() {
 bool Group::ask_readiness(int& ready, bool& asked) {
     ready = 0;
     asked = false;
-    if (!readiness_ || crowded_ || reports_polls())
-        return false; // a report shows all entries
+    // A report shows all entries, and of two for one descriptor the epoll set knows one.
+    if (!readiness_ || doubled_ || crowded_ || reports_polls())
+        return false;
     asked = !probe_.due();
     if (asked)
         return false;

@@ -310,6 +310,10 @@ void TimerService::stop(bool unmapped) {
     if (!started_ || pthread_equal(thread_, pthread_self()) != 0)
         return; // a callback has called exit(), and the thread cannot wait for itself
     started_ = false;
+    // A caller of wake() that sets the clock after this takes the expiry back. It then finds that its
+    // deadline is not the one that is wanted, and sets this one, which is past.
+    if (sleeps_until_ != 0)
+        sleeps_until_ = 1;
     clock_.expire();
     bool const joinable = unmapped || left_in_time(lock);
     lock.unlock();
