@@ -10,9 +10,6 @@
 
 #include <sys/time.h>
 
-#include <boost/bind/bind.hpp>
-#include <boost/make_shared.hpp>
-
 #include <orn/log.h>
 #include <orn/zel/threadGroup.hpp>
 
@@ -57,12 +54,16 @@ namespace {
 
 // An alarm with its timer and a small handler in one piece of memory.
 struct Entry : TimerBlob {
+    Entry(Handler&& called, bool once) : TimerBlob{std::nullopt, std::move(called), once} {}
+
     std::atomic<unsigned> users{1}; // the table, and each dispatch in which the handler runs
 };
 
 struct Release {
     void operator()(Entry* entry) const {
-        if (entry->users.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        // Nobody can join a last user, who therefore needs no locked instruction.
+        if (entry->users.load(std::memory_order_acquire) == 1 ||
+            entry->users.fetch_sub(1, std::memory_order_acq_rel) == 1)
             delete entry;
     }
 };
@@ -111,9 +112,7 @@ void Manager::note_caller(char const* function, id_t id) const {
 id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handler handler) {
     if (handler.empty())
         throw Exception("NULL handler");
-    EntryUse made(new Entry);
-    made->handler.swap(handler);
-    made->one_shot = recurringMs == 0;
+    EntryUse made(new Entry(std::move(handler), recurringMs == 0));
     id_t id;
     {
         AutoLock const guard(table_->lock);
@@ -122,7 +121,7 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
             id = detail::draw_id();
         while (!table_->alarms.insert(id, *made));
         try {
-            made->timer.emplace(boost::bind(process_to_fd, id, table_->pipe.WriteFD()));
+            made->timer.emplace([id, fd = table_->pipe.WriteFD()](os::Timer*) { process_to_fd(id, fd); });
             made->timer->Set(initialMs, recurringMs);
         } catch (...) {
             table_->alarms.erase(id);
