@@ -59,11 +59,12 @@ function(zel_small target)
     if(NOT CMAKE_CXX_FLAGS MATCHES "-O[0-9a-z]")
         set(release "$<CONFIG:Release,RelWithDebInfo>")
         target_compile_options(${target} PRIVATE $<${release}:-Os>)
-        # Alignment takes 4 KiB, a second part of a function with an unwinding entry of its own 8 KiB, and vectors one.
-        # None of them makes a difference that can be measured.
-        set(hot -O2 -fno-align-functions -fno-align-jumps -fno-align-loops -fno-align-labels -fno-tree-vectorize)
+        set(hot -O2)
         if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-            list(APPEND hot -fno-reorder-blocks-and-partition)
+            # Alignment takes 4 KiB, a second part of a function with an unwinding entry of its own 8 KiB, and vectors
+            # one. None of them makes a difference that can be measured.
+            list(APPEND hot -fno-align-functions -fno-align-jumps -fno-align-loops -fno-align-labels
+                -fno-reorder-blocks-and-partition -fno-tree-vectorize)
         endif()
         set_property(SOURCE ${arg_HOT} APPEND PROPERTY COMPILE_OPTIONS $<${release}:${hot}>)
     endif()
