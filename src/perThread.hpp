@@ -54,13 +54,9 @@ public:
             refusal_ ? thread::Registry::fd_manager_if_any(thread::self()) : thread::FdMgr();
         if (!caller)
             check_loaded();
-        else if (boost::shared_ptr<Manager> const found = keep(caller->id().value(), nullptr))
+        else if (boost::shared_ptr<Manager> const found = find(caller->id().value()))
             return found;
-        // The lock must not be held here: the new manager registers with the group. Only this thread has this
-        // key, but making a group may run the hook of a child of fork(), which may come back here. What it
-        // has made then stays.
-        boost::shared_ptr<Manager> const made = make_shared<Manager>();
-        return keep(thread::FdMgr()->id().value(), made);
+        return make();
     }
 
     void check_loaded() {
@@ -86,8 +82,18 @@ public:
     static ThreadMutex& lock() { return immortal<ThreadMutex, PerThread>(); }
 
 private:
-    // The manager under the key: the one that is there, or else this one, which may be null.
-    boost::shared_ptr<Manager> keep(id_t key, boost::shared_ptr<Manager> const& made) {
+    boost::shared_ptr<Manager> find(id_t key) {
+        AutoLock const guard(lock());
+        auto const found = map().find(key);
+        return found != map().end() ? found->second : boost::shared_ptr<Manager>();
+    }
+
+    [[gnu::cold]] boost::shared_ptr<Manager> make() {
+        // The lock must not be held here: the new manager registers with the group. Only this thread has this
+        // key, but making a group may run the hook of a child of fork(), which may come back here. What it
+        // has made then stays.
+        boost::shared_ptr<Manager> const made = make_shared<Manager>();
+        id_t const key = thread::FdMgr()->id().value();
         AutoLock const guard(lock());
         boost::shared_ptr<Manager>& kept = map()[key];
         if (!kept)
