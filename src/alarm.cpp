@@ -33,7 +33,7 @@ using Managers = detail::PerThread<Manager>;
 
 Managers managers(managerMap);
 
-void report_deleted(id_t id) {
+[[gnu::cold]] void report_deleted(id_t id) {
     detail::alarm_observer.report([id](detail::PlainText& line) { line << "alarm deleted: id=" << id; });
 }
 
@@ -44,7 +44,7 @@ void process_to_fd(unsigned long id, int fd) {
     detail::write_word(fd, static_cast<std::uint32_t>(id));
 }
 
-os::Timer* CreateTimer(boost::function<void(os::Timer*)> callback) {
+[[gnu::cold]] os::Timer* CreateTimer(boost::function<void(os::Timer*)> callback) {
     return new os::Timer(callback);
 }
 
@@ -87,7 +87,7 @@ struct Manager::Table {
     detail::IdTable<Entry> alarms ZEL_GUARDED_BY(lock);
 };
 
-Manager::Manager()
+[[gnu::cold]] Manager::Manager()
     : id_(detail::draw_id()), tid_(thread::self()), pid_(detail::process_id()),
       table_(detail::make_shared<Table>()), monitor_(Fd(table_->pipe.ReadFD())),
       receptor_(*monitor_, [table = table_](fd::Event* event) { drain(*table, event); }) {}
@@ -195,7 +195,7 @@ void Manager::drain(Table& table, fd::Event* event) {
     }
 }
 
-unsigned long Manager::size() const {
+[[gnu::cold]] unsigned long Manager::size() const {
     AutoLock const guard(table_->lock);
     return table_->alarms.size();
 }
@@ -204,21 +204,21 @@ boost::shared_ptr<Manager> manager() {
     return managers.get();
 }
 
-void Monitor(std::string const&, int fd) {
+[[gnu::cold]] void Monitor(std::string const&, int fd) {
     detail::alarm_observer.watch(fd);
 }
 
-void Unmonitor(std::string const&, int) {
+[[gnu::cold]] void Unmonitor(std::string const&, int) {
     detail::alarm_observer.unwatch();
 }
 
-void zel_alarm_load() {
+[[gnu::cold]] void zel_alarm_load() {
     managers.load();
     AutoLock const guard(Managers::lock());
     managerMutex = &Managers::lock();
 }
 
-void zel_alarm_unload() {
+[[gnu::cold]] void zel_alarm_unload() {
     managers.unload();
     // Read under the lock, because a thread that asks for its manager meanwhile brings the map back.
     AutoLock const guard(Managers::lock());
@@ -280,13 +280,13 @@ void SetAlarm(unsigned long ms, alarm::Handler handler) {
     alarm::manager()->AddAlarm(ms, 0, std::move(handler));
 }
 
-unsigned OutstandingAlarmCount() {
+[[gnu::cold]] unsigned OutstandingAlarmCount() {
     return static_cast<unsigned>(alarm::manager()->size());
 }
 
 } // namespace orn::zel
 
-unsigned msec_alarm(unsigned long ms) {
+[[gnu::cold]] unsigned msec_alarm(unsigned long ms) {
     itimerval next = {};
     next.it_value.tv_sec = static_cast<time_t>(ms / 1000);
     next.it_value.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);

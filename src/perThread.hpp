@@ -52,13 +52,9 @@ public:
         id_t const caller = key();
         if (caller == 0)
             check_loaded();
-        else if (boost::shared_ptr<Manager> found = keep(caller, nullptr))
+        else if (boost::shared_ptr<Manager> const found = find(caller))
             return found;
-        // The lock must not be held here: the new manager registers with the group. Only this thread has this
-        // key, but making a group may run the hook of a child of fork(), which may come back here. What it
-        // has made then stays.
-        boost::shared_ptr<Manager> const made = make_shared<Manager>();
-        return keep(thread::Registry::fd_manager_id(), made);
+        return make();
     }
 
     void check_loaded() {
@@ -95,8 +91,18 @@ private:
         return found ? found->id().value() : 0;
     }
 
-    // The manager under the key: the one that is there, or else this one, which may be null.
-    boost::shared_ptr<Manager> keep(id_t key, boost::shared_ptr<Manager> const& made) {
+    boost::shared_ptr<Manager> find(id_t key) {
+        AutoLock const guard(lock());
+        auto const found = map().find(key);
+        return found != map().end() ? found->second : boost::shared_ptr<Manager>();
+    }
+
+    [[gnu::cold]] boost::shared_ptr<Manager> make() {
+        // The lock must not be held here: the new manager registers with the group. Only this thread has this
+        // key, but making a group may run the hook of a child of fork(), which may come back here. What it
+        // has made then stays.
+        boost::shared_ptr<Manager> const made = make_shared<Manager>();
+        id_t const key = thread::Registry::fd_manager_id();
         AutoLock const guard(lock());
         boost::shared_ptr<Manager>& kept = map()[key];
         if (!kept)

@@ -53,7 +53,7 @@ bool tells_twice(int fd) {
 std::size_t readiness_threshold = 8;
 std::size_t readiness_crowd = 4;
 
-Readiness::Readiness()
+[[gnu::cold]] Readiness::Readiness()
     : epoll_(-1), refused_(false), dead_(false), quiet_(false), audits_(false), asked_(0), question_(0),
       size_(0), hot_(0), serials_(0), round_(0), events_(64), previous_(nullptr), next_(nullptr) {
     ForkBarrier const barrier;
@@ -63,7 +63,7 @@ Readiness::Readiness()
     newest = this;
 }
 
-Readiness::~Readiness() {
+[[gnu::cold]] Readiness::~Readiness() {
     close();
     ForkBarrier const barrier;
     (previous_ ? previous_->next_ : newest) = next_;
@@ -74,29 +74,29 @@ Readiness::~Readiness() {
 // ---- The epoll set --------------------------------------------------------------------------------------
 
 // The barrier keeps a child from being forked in between, which would inherit what it does not know of.
-void Readiness::open() {
+[[gnu::cold]] void Readiness::open() {
     ForkBarrier const barrier;
     epoll_ = epoll_create1(EPOLL_CLOEXEC);
 }
 
-void Readiness::close() {
+[[gnu::cold]] void Readiness::close() {
     internal::CancelShield const shield; // close() is a cancellation point
     ForkBarrier const barrier;
     shut();
 }
 
-void Readiness::shut() {
+[[gnu::cold]] void Readiness::shut() {
     int const fd = epoll_.exchange(-1);
     if (fd != -1)
         ::close(fd);
 }
 
-void Readiness::forked() {
+[[gnu::cold]] void Readiness::forked() {
     for (Readiness* each = newest; each; each = each->next_)
         each->shut();
 }
 
-bool Readiness::renew() {
+[[gnu::cold]] bool Readiness::renew() {
     if (epoll_ != -1)
         close();
     if (refused_)

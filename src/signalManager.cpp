@@ -52,11 +52,14 @@ struct Manager::SignalBundle {
 
 struct Manager::Watch {
     // The handlers of the signal. With rearm, a bundle whose source an unload has retired is made anew.
-    boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<os::Pipe> const& pipe, bool rearm);
+    [[gnu::cold]] boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<os::Pipe> const& pipe,
+                                                           bool rearm);
     void drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe);
     std::vector<int> signals();
 
 private:
+    boost::shared_ptr<HandlerList<int>> known(int signo);
+
     // The thread that watches and the one that runs the loop may be two. A bundle is made under the lock: a
     // thread that came second would otherwise replace a list that has handlers by an empty one, or have each
     // arrival written twice. Nobody comes for this lock with another one held.
@@ -87,18 +90,26 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
     return users;
 }
 
+boost::shared_ptr<HandlerList<int>> Manager::Watch::known(int signo) {
+    AutoLock const guard(lock_);
+    auto const found = bundles_.find(signo);
+    return found != bundles_.end() ? found->second.list : boost::shared_ptr<HandlerList<int>>();
+}
+
 void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe) {
     detail::QueuedWords queued(*event);
     std::uint32_t word;
     while (queued.next(word)) {
         int const signo = static_cast<int>(word);
-        boost::shared_ptr<HandlerList<int>> const users = list(signo, pipe, false);
+        boost::shared_ptr<HandlerList<int>> users = known(signo);
+        if (!users)
+            users = list(signo, pipe, false);
         // No lock may be held here: the handlers may change this list, and run a nested loop.
         Dispatch(*users, signo);
     }
 }
 
-std::vector<int> Manager::Watch::signals() {
+[[gnu::cold]] std::vector<int> Manager::Watch::signals() {
     std::vector<int> numbers;
     AutoLock const guard(lock_);
     for (auto const& item : bundles_)
@@ -106,7 +117,7 @@ std::vector<int> Manager::Watch::signals() {
     return numbers;
 }
 
-Manager::Manager()
+[[gnu::cold]] Manager::Manager()
     : id_(detail::draw_id()), pipe_(detail::make_shared<os::Pipe>(false)),
       watch_(detail::make_shared<Watch>()),
       receptor_(pipe_->ReadFD(),
@@ -114,7 +125,7 @@ Manager::Manager()
 
 Manager::~Manager() = default;
 
-boost::shared_ptr<Receptacle<int, unsigned long>> Manager::monitor(int signo) {
+[[gnu::cold]] boost::shared_ptr<Receptacle<int, unsigned long>> Manager::monitor(int signo) {
     return watch_->list(signo, pipe_, true);
 }
 
@@ -130,7 +141,7 @@ int Manager::signal_fd() const {
     return pipe_->ReadFD();
 }
 
-std::vector<int> Manager::signals() const {
+[[gnu::cold]] std::vector<int> Manager::signals() const {
     return watch_->signals();
 }
 
@@ -138,12 +149,12 @@ boost::shared_ptr<Manager> manager() {
     return managers.get();
 }
 
-AutoReceptor::AutoReceptor(int signo, boost::function<void(int)> handler)
+[[gnu::cold]] AutoReceptor::AutoReceptor(int signo, boost::function<void(int)> handler)
     : list_(Signal(signo)), receptor_(*list_, handler) {}
 
 AutoReceptor::~AutoReceptor() = default;
 
-void ListSignals(std::string const&, int fd) {
+[[gnu::cold]] void ListSignals(std::string const&, int fd) {
     detail::PlainText text = detail::PlainText::of_this_thread();
     text << "SignalMgrs:\n";
     for (auto const& item : managers.all()) {
@@ -157,13 +168,13 @@ void ListSignals(std::string const&, int fd) {
     cmd::Write(fd, text.str());
 }
 
-void release_managers() {
+[[gnu::cold]] void release_managers() {
     managers.unload();
 }
 
 } // namespace signal
 
-boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo) {
+[[gnu::cold]] boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo) {
     return signal::manager()->monitor(signo);
 }
 

@@ -136,15 +136,15 @@ private:
     class PublishedList : public HandlerList<int> {
     public:
         explicit PublishedList(SignalHandlerImpl& owner) : owner_(owner) {}
-        bool insert_handler(std::pair<const unsigned long, receptor_type> entry) override;
-        void remove_handler(id_t handle) override;
-        void withdraw();
+        ORN_LOCAL bool insert_handler(std::pair<const unsigned long, receptor_type> entry) override;
+        ORN_LOCAL void remove_handler(id_t handle) override;
+        ORN_LOCAL void withdraw();
 
     protected:
-        bool knows(unsigned long handle) const override;
+        ORN_LOCAL bool knows(unsigned long handle) const override;
 
     private:
-        void publish();
+        ORN_LOCAL void publish();
         SignalHandlerImpl& owner_;
         mutable RecursiveThreadMutex lock_; // threads come and go; never taken in signal context
     };
@@ -178,8 +178,8 @@ public:
     std::vector<int> signals() const;
 
 private:
-    struct SignalBundle;
-    struct Watch;
+    struct ORN_LOCAL SignalBundle;
+    struct ORN_LOCAL Watch;
 
     basic_Id<unsigned long> id_;
     // The handler on the pipe shares the pipe and what is watched, so that a call which is under way in

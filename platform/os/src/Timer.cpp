@@ -177,7 +177,7 @@ void TimerService::free_heap() {
     room_ = 0;
 }
 
-void TimerService::make_room() {
+[[gnu::cold]] void TimerService::make_room() {
     if (size_ < room_)
         return;
     std::size_t const room = room_ == 0 ? 64 : room_ * 2;
@@ -210,7 +210,7 @@ void TimerService::disarm(Timer& timer) {
         sift_down(index, last);
 }
 
-void TimerService::disarm_all() {
+[[gnu::cold]] void TimerService::disarm_all() {
     size_ = 0;
     generation_ += first_generation;
     if (generation_ == 0)
@@ -278,7 +278,7 @@ void TimerService::end(Timer& timer) {
 
 // Also called in a child of fork(), where a thread that no longer exists may have been waiting on the
 // condition. Nobody else may be waiting on it.
-void TimerService::make_condition() {
+[[gnu::cold]] void TimerService::make_condition() {
     pthread_condattr_t attributes;
     pthread_condattr_init(&attributes);
     pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
@@ -293,7 +293,7 @@ void TimerService::make_condition() {
 // busy process it took three switches an alarm instead of two, and 4 ms at worst instead of 0.3. A fixed
 // real-time policy needs a privilege, and callbacks would run before threads to which the application has
 // given precedence.
-void TimerService::start() {
+[[gnu::cold]] void TimerService::start() {
     if (started_)
         return;
     make_condition();
@@ -315,7 +315,7 @@ void TimerService::start() {
 }
 
 // Threads that still run while the process exits may go on using timers, which do nothing from here on.
-void TimerService::stop(bool unmapped) {
+[[gnu::cold]] void TimerService::stop(bool unmapped) {
     std::unique_lock<std::mutex> lock(mutex_);
     stopped_ = true;
     disarm_all();
@@ -338,7 +338,7 @@ void TimerService::stop(bool unmapped) {
         clock_.unmake();
 }
 
-bool TimerService::left_in_time(std::unique_lock<std::mutex>& lock) {
+[[gnu::cold]] bool TimerService::left_in_time(std::unique_lock<std::mutex>& lock) {
     timespec const until = timespec_of(after(now_ns(), longest_callback_ns));
     int error = 0;
     while (!left_ && error == 0)
@@ -347,7 +347,7 @@ bool TimerService::left_in_time(std::unique_lock<std::mutex>& lock) {
 }
 
 // A child of fork() has only the forking thread, and its parent's timers are not its own.
-void TimerService::after_fork_in_child() {
+[[gnu::cold]] void TimerService::after_fork_in_child() {
     disarm_all();
     waiting_ = 0;
     make_condition();
@@ -410,7 +410,7 @@ void TimerService::sleep(std::unique_lock<std::mutex>& lock) {
 // For a callback that has forked, whose child gives up its parent's clock, and for a program that has closed
 // a descriptor which is not its own. While there is no descriptor to be had, timers are looked at every
 // millisecond.
-void TimerService::renew_clock(std::unique_lock<std::mutex>& lock) {
+[[gnu::cold]] void TimerService::renew_clock(std::unique_lock<std::mutex>& lock) {
     if (clock_.make())
         return;
     lock.unlock();
