@@ -10,9 +10,6 @@
 
 #include <sys/time.h>
 
-#include <boost/bind/bind.hpp>
-#include <boost/make_shared.hpp>
-
 #include <orn/log.h>
 #include <orn/zel/threadGroup.hpp>
 
@@ -36,7 +33,7 @@ using Managers = detail::PerThread<Manager>;
 
 Managers managers(managerMap);
 
-void report_deleted(id_t id) {
+[[gnu::cold]] void report_deleted(id_t id) {
     detail::alarm_observer.report([id](detail::PlainText& line) { line << "alarm deleted: id=" << id; });
 }
 
@@ -47,7 +44,7 @@ void process_to_fd(unsigned long id, int fd) {
     detail::write_word(fd, static_cast<std::uint32_t>(id));
 }
 
-os::Timer* CreateTimer(boost::function<void(os::Timer*)> callback) {
+[[gnu::cold]] os::Timer* CreateTimer(boost::function<void(os::Timer*)> callback) {
     return new os::Timer(callback);
 }
 
@@ -57,12 +54,16 @@ namespace {
 
 // An alarm with its timer and a small handler in one piece of memory.
 struct Entry : TimerBlob {
+    Entry(Handler&& called, bool once) : TimerBlob{std::nullopt, std::move(called), once} {}
+
     std::atomic<unsigned> users{1}; // the table, and each dispatch in which the handler runs
 };
 
 struct Release {
     void operator()(Entry* entry) const {
-        if (entry->users.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        // Nobody can join a last user, who therefore needs no locked instruction.
+        if (entry->users.load(std::memory_order_acquire) == 1 ||
+            entry->users.fetch_sub(1, std::memory_order_acq_rel) == 1)
             delete entry;
     }
 };
@@ -86,7 +87,7 @@ struct Manager::Table {
     detail::IdTable<Entry> alarms ZEL_GUARDED_BY(lock);
 };
 
-Manager::Manager()
+[[gnu::cold]] Manager::Manager()
     : id_(detail::draw_id()), tid_(thread::self()), pid_(detail::process_id()),
       table_(detail::make_shared<Table>()), monitor_(Fd(table_->pipe.ReadFD())),
       receptor_(*monitor_, [table = table_](fd::Event* event) { drain(*table, event); }) {}
@@ -111,9 +112,7 @@ void Manager::note_caller(char const* function, id_t id) const {
 id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handler handler) {
     if (handler.empty())
         throw Exception("NULL handler");
-    EntryUse made(new Entry);
-    made->handler.swap(handler);
-    made->one_shot = recurringMs == 0;
+    EntryUse made(new Entry(std::move(handler), recurringMs == 0));
     id_t id;
     {
         AutoLock const guard(table_->lock);
@@ -122,7 +121,7 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
             id = detail::draw_id();
         while (!table_->alarms.insert(id, *made));
         try {
-            made->timer.emplace(boost::bind(process_to_fd, id, table_->pipe.WriteFD()));
+            made->timer.emplace([id, fd = table_->pipe.WriteFD()](os::Timer*) { process_to_fd(id, fd); });
             made->timer->Set(initialMs, recurringMs);
         } catch (...) {
             table_->alarms.erase(id);
@@ -196,7 +195,7 @@ void Manager::drain(Table& table, fd::Event* event) {
     }
 }
 
-unsigned long Manager::size() const {
+[[gnu::cold]] unsigned long Manager::size() const {
     AutoLock const guard(table_->lock);
     return table_->alarms.size();
 }
@@ -205,21 +204,21 @@ boost::shared_ptr<Manager> manager() {
     return managers.get();
 }
 
-void Monitor(std::string const&, int fd) {
+[[gnu::cold]] void Monitor(std::string const&, int fd) {
     detail::alarm_observer.watch(fd);
 }
 
-void Unmonitor(std::string const&, int) {
+[[gnu::cold]] void Unmonitor(std::string const&, int) {
     detail::alarm_observer.unwatch();
 }
 
-void zel_alarm_load() {
+[[gnu::cold]] void zel_alarm_load() {
     managers.load();
     AutoLock const guard(Managers::lock());
     managerMutex = &Managers::lock();
 }
 
-void zel_alarm_unload() {
+[[gnu::cold]] void zel_alarm_unload() {
     managers.unload();
     // Read under the lock, because a thread that asks for its manager meanwhile brings the map back.
     AutoLock const guard(Managers::lock());
@@ -281,13 +280,13 @@ void SetAlarm(unsigned long ms, alarm::Handler handler) {
     alarm::manager()->AddAlarm(ms, 0, std::move(handler));
 }
 
-unsigned OutstandingAlarmCount() {
+[[gnu::cold]] unsigned OutstandingAlarmCount() {
     return static_cast<unsigned>(alarm::manager()->size());
 }
 
 } // namespace orn::zel
 
-unsigned msec_alarm(unsigned long ms) {
+[[gnu::cold]] unsigned msec_alarm(unsigned long ms) {
     itimerval next = {};
     next.it_value.tv_sec = static_cast<time_t>(ms / 1000);
     next.it_value.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);

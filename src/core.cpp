@@ -87,8 +87,8 @@ void detail::continue_identifiers_at(std::uint32_t id) {
 
 namespace {
 
-void split_at_most(std::string const& text, std::string const& separators, std::vector<std::string>& out,
-                   unsigned long cuts) {
+[[gnu::cold]] void split_at_most(std::string const& text, std::string const& separators,
+                                 std::vector<std::string>& out, unsigned long cuts) {
     std::vector<std::string> fields; // not out itself, which may hold both texts and moves as it grows
     std::string::size_type begin = 0;
     for (; cuts > 0; --cuts) {
@@ -116,7 +116,7 @@ void split(std::string const& text, std::string const& separators, std::vector<s
 
 namespace detail {
 
-void assertion_failed(char const* expression, char const* file, int line) noexcept {
+[[gnu::cold]] void assertion_failed(char const* expression, char const* file, int line) noexcept {
     char text[512];
     int const length =
         std::snprintf(text, sizeof text, "%s:%d: Assertion `%s' failed.\n", file, line, expression);

@@ -127,7 +127,7 @@ short MonitorImpl::events() const {
     return events_;
 }
 
-void MonitorImpl::expired(short errors) {
+[[gnu::cold]] void MonitorImpl::expired(short errors) {
     expired_ = errors;
     outdate_manager();
 }
@@ -170,7 +170,7 @@ std::set<id_t>& live_ids() {
     return detail::immortal<std::set<id_t>, LiveIds>();
 }
 
-id_t draw_live_id() {
+[[gnu::cold]] id_t draw_live_id() {
     AutoLock const guard(live_ids_lock());
     id_t id;
     do
@@ -181,12 +181,13 @@ id_t draw_live_id() {
 
 } // namespace
 
-Manager::Manager() : id_(draw_live_id()), registrations_(0), change_count_(0), changed_{}, outdated_(false) {
+[[gnu::cold]] Manager::Manager()
+    : id_(draw_live_id()), registrations_(0), change_count_(0), changed_{}, outdated_(false) {
     Log_SpecEntry(logSpecForceInfo, "src/fd", detail::line_of_manager_made, "%s",
                   "orn::zel::fd::Manager::Manager()");
 }
 
-Manager::~Manager() {
+[[gnu::cold]] Manager::~Manager() {
     AutoLock const guard(live_ids_lock());
     live_ids().erase(id_.value());
 }
@@ -295,7 +296,7 @@ AutoReceptor::AutoReceptor(int fd, boost::function<void(Event*)> handler)
 
 AutoReceptor::~AutoReceptor() = default;
 
-std::ostream& operator<<(std::ostream& os, Events const& events) {
+[[gnu::cold]] std::ostream& operator<<(std::ostream& os, Events const& events) {
     static struct {
         short bit;
         char const* name;
@@ -314,7 +315,7 @@ std::ostream& operator<<(std::ostream& os, Events const& events) {
     return os << text + '}';
 }
 
-void ListFds(std::string const&, int responseFd) {
+[[gnu::cold]] void ListFds(std::string const&, int responseFd) {
     detail::PlainText text;
     text << "FdMgrs:\n";
     for (thread::Registry::Entry const& entry : thread::Registry::entries()) {

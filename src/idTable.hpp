@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <iterator>
 #include <vector>
 
@@ -69,12 +70,17 @@ public:
     }
 
     // All objects, in ascending order of their identifiers.
-    std::vector<T*> ascending() const {
+    [[gnu::cold]] std::vector<T*> ascending() const {
         std::vector<Cell> taken;
         taken.reserve(size_);
         std::copy_if(cells_.begin(), cells_.end(), std::back_inserter(taken),
                      [](Cell const& cell) { return cell.object != nullptr; });
-        std::sort(taken.begin(), taken.end(), [](Cell const& a, Cell const& b) { return a.id < b.id; });
+        // Not std::sort(), which makes a kilobyte of code of its own for these.
+        std::qsort(taken.data(), taken.size(), sizeof(Cell), [](void const* left, void const* right) {
+            id_t const first = static_cast<Cell const*>(left)->id;
+            id_t const second = static_cast<Cell const*>(right)->id;
+            return static_cast<int>(first > second) - static_cast<int>(first < second);
+        });
         std::vector<T*> objects;
         objects.reserve(size_);
         for (Cell const& cell : taken)

@@ -43,12 +43,8 @@ public:
     // because it may take others. Keeps errno.
     template <class Compose>
     void report(Compose compose) {
-        if (fd_.load(std::memory_order_relaxed) == -1)
-            return;
-        PlainText line = PlainText::of_this_thread();
-        compose(line);
-        line << '\n';
-        write(line.str());
+        if (fd_.load(std::memory_order_relaxed) != -1)
+            write_line(compose);
     }
 
     // For a child of fork(), which has not got the thread that held the lock, if any.
@@ -59,6 +55,14 @@ public:
     void write(std::string const& text);
 
 private:
+    template <class Compose>
+    [[gnu::cold]] void write_line(Compose& compose) {
+        PlainText line = PlainText::of_this_thread();
+        compose(line);
+        line << '\n';
+        write(line.str());
+    }
+
     // An application may have set a descriptor that blocks, and whose reader does not read. Whoever switches
     // the monitor off must not wait for that reader: it may be the command thread, and taking the library
     // down waits for that one.

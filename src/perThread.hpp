@@ -49,18 +49,12 @@ public:
 
     // The calling thread's, made on first use. Throws orn::zel::Exception with the refusal's text.
     boost::shared_ptr<Manager> get() {
-        // A refusal must leave no trace of the thread, so its fd manager is only looked up there.
-        boost::shared_ptr<fd::Manager> const caller =
-            refusal_ ? thread::Registry::fd_manager_if_any(thread::self()) : thread::FdMgr();
-        if (!caller)
+        id_t const caller = key();
+        if (caller == 0)
             check_loaded();
-        else if (boost::shared_ptr<Manager> const found = keep(caller->id().value(), nullptr))
+        else if (boost::shared_ptr<Manager> const found = find(caller))
             return found;
-        // The lock must not be held here: the new manager registers with the group. Only this thread has this
-        // key, but making a group may run the hook of a child of fork(), which may come back here. What it
-        // has made then stays.
-        boost::shared_ptr<Manager> const made = make_shared<Manager>();
-        return keep(thread::FdMgr()->id().value(), made);
+        return make();
     }
 
     void check_loaded() {
@@ -97,8 +91,29 @@ public:
     static ThreadMutex& lock() { return immortal<ThreadMutex, PerThread>(); }
 
 private:
-    // The manager under the key: the one that is there, or else this one, which may be null.
-    boost::shared_ptr<Manager> keep(id_t key, boost::shared_ptr<Manager> const& made) {
+    // The calling thread's. A refusal must leave no trace of the thread, so its fd manager is only looked up
+    // there, and the key is 0 when it has none.
+    id_t key() const {
+        if (!refusal_)
+            return thread::Registry::fd_manager_id();
+        if (id_t const known = thread::Registry::remembered_fd_manager_id())
+            return known;
+        boost::shared_ptr<fd::Manager> const found = thread::Registry::fd_manager_if_any(thread::self());
+        return found ? found->id().value() : 0;
+    }
+
+    boost::shared_ptr<Manager> find(id_t key) {
+        AutoLock const guard(lock());
+        auto const found = map().find(key);
+        return found != map().end() ? found->second : boost::shared_ptr<Manager>();
+    }
+
+    [[gnu::cold]] boost::shared_ptr<Manager> make() {
+        // The lock must not be held here: the new manager registers with the group. Only this thread has this
+        // key, but making a group may run the hook of a child of fork(), which may come back here. What it
+        // has made then stays.
+        boost::shared_ptr<Manager> const made = make_shared<Manager>();
+        id_t const key = thread::Registry::fd_manager_id();
         AutoLock const guard(lock());
         boost::shared_ptr<Manager>& kept = map()[key];
         if (!kept)

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -33,14 +34,26 @@ unsigned const questions_to_heat = 4;
 unsigned const questions_to_cool = 16;
 std::size_t const most_hot = 16;
 
+// The largest number that a slot is kept for: the kernel's own limit, as long as nobody has raised it. A
+// number that nobody has opened must not cost gigabytes.
+int const numbers_kept = 1 << 20;
+
 Readiness* newest = nullptr; // the fork barrier guards it
+
+// Some files forget what they have told once: /proc/mounts, pressure triggers, perf events and whatever a
+// device's driver does. Asked by the epoll set first, they would have nothing left to tell poll(). Pipes and
+// sockets tell the same until it is not true any more.
+bool tells_twice(int fd) {
+    struct stat file;
+    return fstat(fd, &file) == 0 && (S_ISFIFO(file.st_mode) || S_ISSOCK(file.st_mode));
+}
 
 } // namespace
 
 std::size_t readiness_threshold = 8;
 std::size_t readiness_crowd = 4;
 
-Readiness::Readiness()
+[[gnu::cold]] Readiness::Readiness()
     : epoll_(-1), refused_(false), dead_(false), quiet_(false), audits_(false), asked_(0), question_(0),
       size_(0), hot_(0), serials_(0), round_(0), events_(64), previous_(nullptr), next_(nullptr) {
     ForkBarrier const barrier;
@@ -50,7 +63,7 @@ Readiness::Readiness()
     newest = this;
 }
 
-Readiness::~Readiness() {
+[[gnu::cold]] Readiness::~Readiness() {
     close();
     ForkBarrier const barrier;
     (previous_ ? previous_->next_ : newest) = next_;
@@ -61,30 +74,31 @@ Readiness::~Readiness() {
 // ---- The epoll set --------------------------------------------------------------------------------------
 
 // The barrier keeps a child from being forked in between, which would inherit what it does not know of.
-void Readiness::open() {
+[[gnu::cold]] void Readiness::open() {
     ForkBarrier const barrier;
     epoll_ = epoll_create1(EPOLL_CLOEXEC);
 }
 
-void Readiness::close() {
+[[gnu::cold]] void Readiness::close() {
     internal::CancelShield const shield; // close() is a cancellation point
     ForkBarrier const barrier;
     shut();
 }
 
-void Readiness::shut() {
+[[gnu::cold]] void Readiness::shut() {
     int const fd = epoll_.exchange(-1);
     if (fd != -1)
         ::close(fd);
 }
 
-void Readiness::forked() {
+[[gnu::cold]] void Readiness::forked() {
     for (Readiness* each = newest; each; each = each->next_)
         each->shut();
 }
 
-bool Readiness::renew() {
-    close();
+[[gnu::cold]] bool Readiness::renew() {
+    if (epoll_ != -1)
+        close();
     if (refused_)
         return false;
     open();
@@ -118,7 +132,7 @@ void Readiness::enter(int fd, Slot& slot) {
     forget_polled(fd, slot);
     if (epoll_ == -1 || refused_)
         return; // entered when the set is made
-    if ((slot.events & ~common_events) != 0) {
+    if ((slot.events & ~common_events) != 0 || !tells_twice(fd)) {
         poll_always(fd, slot);
         return;
     }
@@ -127,7 +141,7 @@ void Readiness::enter(int fd, Slot& slot) {
         error = control(EPOLL_CTL_MOD, fd, slot);
     if (error == ENOSPC || error == ENOMEM)
         refused_ = true; // closed later: the caller holds locks
-    else if (error != 0) // a regular file, a descriptor that is closed, epoll sets that are nested too deep
+    else if (error != 0)
         poll_always(fd, slot);
 }
 
@@ -169,9 +183,14 @@ void Readiness::end() {
 void Readiness::set(Watch const& watch) {
     if (watch.fd < 0)
         return; // poll() has no result for it
+    if (watch.fd >= numbers_kept) {
+        refused_ = true;
+        return;
+    }
     std::size_t const at = static_cast<std::size_t>(watch.fd);
     if (at >= slots_.size())
         slots_.resize(at + 1);
+    polled_.reserve(slots_.capacity()); // here alone, so that a change cannot fail halfway
     Slot& slot = slots_[at];
     slot.round = round_;
     bool const known = slot.serial != 0;
@@ -201,6 +220,10 @@ void Readiness::drop(int fd) {
 // ---- Questions ------------------------------------------------------------------------------------------
 
 std::optional<int> Readiness::ask(std::vector<pollfd>& named) {
+    audits_ = false;
+    // For so many that poll() is asked about in any case, its answer about all costs less.
+    if (polled_.size() > most_hot && readiness_crowd * polled_.size() >= size_)
+        return std::nullopt;
     if ((epoll_ == -1 || refused_) && !renew())
         return std::nullopt;
     audits_ = asked_ >= std::max(questions_per_entry * size_, fewest_questions);
@@ -271,7 +294,7 @@ void Readiness::note(pollfd const& entry) {
         if (!slot.polled)
             confirm(entry.fd); // it was named for nothing
         else if (slot.hot && question_ - slot.latest > questions_to_cool)
-            enter(entry.fd, slot);
+            cool(entry.fd, slot);
         return;
     }
     slot.streak = slot.latest + 1 == question_ ? slot.streak + 1 : 1;
@@ -284,6 +307,12 @@ void Readiness::note(pollfd const& entry) {
     ++hot_;
 }
 
+// With a serial of its own: when the number stands for another file than before, that one was not taken out.
+void Readiness::cool(int fd, Slot& slot) {
+    slot.serial = next_serial();
+    enter(fd, slot);
+}
+
 void Readiness::confirm(int fd) {
     Slot* const known = slot_of(fd);
     if (!known || known->polled || epoll_ == -1)
@@ -292,7 +321,7 @@ void Readiness::confirm(int fd) {
     // With a serial of its own, so that the file that had the number before is found out.
     Slot fresh = slot;
     fresh.serial = next_serial();
-    int const error = control(EPOLL_CTL_ADD, fd, fresh);
+    int const error = tells_twice(fd) ? control(EPOLL_CTL_ADD, fd, fresh) : EPERM;
     if (error == 0)
         slot.serial = fresh.serial;
     else if (error != EEXIST)

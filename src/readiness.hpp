@@ -84,7 +84,7 @@ private:
         std::uint32_t round;  // of begin(), in which it was set
         int owner;
         short events;
-        bool polled; // not in the epoll set, so poll() is always asked about it: it is refused there, or hot
+        bool polled; // not in the epoll set, so poll() is always asked about it: unfit for it, or hot
         bool hot;
         unsigned latest; // question that had a result
         unsigned streak; // of questions with results
@@ -104,6 +104,7 @@ private:
     int poll_hot_first(std::vector<pollfd>& named);
     bool tell(std::vector<pollfd>& named);
     void note(pollfd const& entry);
+    void cool(int fd, Slot& slot);
 
     std::atomic<int> epoll_; // -1 when there is none; a child of fork() finds it closed
     bool refused_;           // it is not to be used until begin()

@@ -72,7 +72,7 @@ void call(Snapshot const* snapshot, int signo) {
 // Calls the functions for the arrivals that have been missed. deliver() comes here after it has counted one,
 // and publish() after it has published the functions, so at least one of the two sees both. The exchange
 // gives each arrival to only one of them.
-void make_up(int signo) {
+[[gnu::cold]] void make_up(int signo) {
     Snapshot const* const now = published[signo].load();
     if (now == awaited())
         return;
@@ -80,7 +80,7 @@ void make_up(int signo) {
         call(now, signo);
 }
 
-void replace(int signo, Snapshot* next) {
+[[gnu::cold]] void replace(int signo, Snapshot* next) {
     AutoLock const guard(writer_lock());
     Snapshot* const before = published[signo].exchange(next);
     if (before && before != awaited()) {
@@ -100,17 +100,17 @@ void SignalGate::deliver(int signo) {
     make_up(signo);
 }
 
-void SignalGate::await(int signo) {
+[[gnu::cold]] void SignalGate::await(int signo) {
     replace(signo, awaited());
 }
 
-void SignalGate::publish(int signo, functions_type const& functions) {
+[[gnu::cold]] void SignalGate::publish(int signo, functions_type const& functions) {
     replace(signo, functions.empty() ? nullptr : new Snapshot{functions, nullptr});
     Inside const scope;
     make_up(signo);
 }
 
-void SignalGate::reclaim() {
+[[gnu::cold]] void SignalGate::reclaim() {
     Snapshot* doomed = nullptr;
     {
         AutoLock const guard(writer_lock());
@@ -126,7 +126,7 @@ void SignalGate::reclaim() {
     }
 }
 
-void SignalGate::drain() {
+[[gnu::cold]] void SignalGate::drain() {
     // A signal handler takes microseconds. One that is still inside after this time never leaves, because
     // something has jumped out of it or sits on top of it. Leak what it may come back to, rather than free
     // it.
@@ -137,7 +137,7 @@ void SignalGate::drain() {
     reclaim();
 }
 
-void SignalGate::forked() {
+[[gnu::cold]] void SignalGate::forked() {
     ++forks;
     inside = 0;
 }

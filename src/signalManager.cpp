@@ -64,13 +64,14 @@ struct Manager::SignalBundle {
 
 struct Manager::Watch {
     // The handlers of the signal. With rearm, a bundle whose source an unload has retired is made anew.
-    boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<os::Pipe> const& pipe, bool rearm);
+    [[gnu::cold]] boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<os::Pipe> const& pipe,
+                                                           bool rearm);
     void drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe);
     std::vector<int> signals();
     void tell(int tid, detail::Answer& answer);
 
 private:
-    boost::shared_ptr<HandlerList<int>> arrived(int signo, boost::shared_ptr<os::Pipe> const& pipe);
+    boost::shared_ptr<HandlerList<int>> arrived(int signo);
 
     // The thread that watches and the one that runs the loop may be two. A bundle is made under the lock: a
     // thread that came second would otherwise replace a list that has handlers by an empty one, or have each
@@ -104,18 +105,14 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
     return users;
 }
 
-// The handlers of a signal that has come through the pipe.
-boost::shared_ptr<HandlerList<int>> Manager::Watch::arrived(int signo,
-                                                            boost::shared_ptr<os::Pipe> const& pipe) {
-    {
-        AutoLock const guard(lock_);
-        auto const found = bundles_.find(signo);
-        if (found != bundles_.end()) {
-            ++found->second.arrivals;
-            return found->second.list;
-        }
-    }
-    return list(signo, pipe, false);
+// The handlers of a signal that has come through the pipe; empty when it was not watched in this process.
+boost::shared_ptr<HandlerList<int>> Manager::Watch::arrived(int signo) {
+    AutoLock const guard(lock_);
+    auto const found = bundles_.find(signo);
+    if (found == bundles_.end())
+        return boost::shared_ptr<HandlerList<int>>();
+    ++found->second.arrivals;
+    return found->second.list;
 }
 
 void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe) {
@@ -123,13 +120,15 @@ void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& 
     std::uint32_t word;
     while (queued.next(word)) {
         int const signo = static_cast<int>(word);
-        boost::shared_ptr<HandlerList<int>> const users = arrived(signo, pipe);
+        boost::shared_ptr<HandlerList<int>> users = arrived(signo);
+        if (!users)
+            users = list(signo, pipe, false);
         // No lock may be held here: the handlers may change this list, and run a nested loop.
         Dispatch(*users, signo);
     }
 }
 
-std::vector<int> Manager::Watch::signals() {
+[[gnu::cold]] std::vector<int> Manager::Watch::signals() {
     std::vector<int> numbers;
     AutoLock const guard(lock_);
     for (auto const& item : bundles_)
@@ -137,7 +136,7 @@ std::vector<int> Manager::Watch::signals() {
     return numbers;
 }
 
-void Manager::Watch::tell(int tid, detail::Answer& answer) {
+[[gnu::cold]] void Manager::Watch::tell(int tid, detail::Answer& answer) {
     struct Watched {
         int signo;
         boost::shared_ptr<HandlerList<int>> list;
@@ -157,7 +156,7 @@ void Manager::Watch::tell(int tid, detail::Answer& answer) {
     }
 }
 
-Manager::Manager()
+[[gnu::cold]] Manager::Manager()
     : id_(detail::draw_id()), pipe_(detail::make_shared<os::Pipe>(false)),
       watch_(detail::make_shared<Watch>()),
       receptor_(pipe_->ReadFD(),
@@ -165,7 +164,7 @@ Manager::Manager()
 
 Manager::~Manager() = default;
 
-boost::shared_ptr<Receptacle<int, unsigned long>> Manager::monitor(int signo) {
+[[gnu::cold]] boost::shared_ptr<Receptacle<int, unsigned long>> Manager::monitor(int signo) {
     return watch_->list(signo, pipe_, true);
 }
 
@@ -185,7 +184,7 @@ void Manager::tell(int tid, detail::Answer& answer) const {
     watch_->tell(tid, answer);
 }
 
-std::vector<int> Manager::signals() const {
+[[gnu::cold]] std::vector<int> Manager::signals() const {
     return watch_->signals();
 }
 
@@ -193,12 +192,12 @@ boost::shared_ptr<Manager> manager() {
     return managers.get();
 }
 
-AutoReceptor::AutoReceptor(int signo, boost::function<void(int)> handler)
+[[gnu::cold]] AutoReceptor::AutoReceptor(int signo, boost::function<void(int)> handler)
     : list_(Signal(signo)), receptor_(*list_, handler) {}
 
 AutoReceptor::~AutoReceptor() = default;
 
-void ListSignals(std::string const&, int fd) {
+[[gnu::cold]] void ListSignals(std::string const&, int fd) {
     detail::PlainText text = detail::PlainText::of_this_thread();
     text << "SignalMgrs:\n";
     for (auto const& item : managers.all()) {
@@ -212,17 +211,17 @@ void ListSignals(std::string const&, int fd) {
     cmd::Write(fd, text.str());
 }
 
-void tell_signals(detail::Answer& answer) {
+[[gnu::cold]] void tell_signals(detail::Answer& answer) {
     managers.each([&](Manager& manager, int tid) { manager.tell(tid, answer); });
 }
 
-void release_managers() {
+[[gnu::cold]] void release_managers() {
     managers.unload();
 }
 
 } // namespace signal
 
-boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo) {
+[[gnu::cold]] boost::shared_ptr<Receptacle<int, unsigned long>> Signal(int signo) {
     return signal::manager()->monitor(signo);
 }
 

@@ -72,7 +72,7 @@ private:
 
 thread_local Core::Round* Core::Round::innermost = nullptr;
 
-void print_state(detail::PlainText& line, ControllerImpl const& task) {
+[[gnu::cold]] void print_state(detail::PlainText& line, ControllerImpl const& task) {
     line << " runCount=" << task.runCount();
     if (task.complete())
         line << " complete";
@@ -80,11 +80,11 @@ void print_state(detail::PlainText& line, ControllerImpl const& task) {
         line << " sleeping";
 }
 
-Core::Core()
+[[gnu::cold]] Core::Core()
     : pipe_(false), process_(detail::process_id()), set_aside_(0), kept_count_(0), rounds_(0), nudged_(false),
       flushed_(false), any_overdue_(false) {}
 
-Core::~Core() {
+[[gnu::cold]] Core::~Core() {
     // All functions go before the first object: what they hold may still steer another of these tasks.
     for (auto const& task : all_) {
         Functions functions;
@@ -104,7 +104,7 @@ ControllerImpl* Core::vacant() {
     return all_.back().get();
 }
 
-ControllerImpl& Core::open(Spec const& spec) {
+[[gnu::cold]] ControllerImpl& Core::open(Spec const& spec) {
     Spec copy(spec);
     Functions none;
     AutoLock const guard(lock_);
@@ -118,7 +118,9 @@ ControllerImpl& Core::open(Spec const& spec) {
         retire(task, none);
         throw;
     }
-    std::swap(task.spec_, copy);
+    task.spec_.name.swap(copy.name);
+    task.spec_.fn.swap(copy.fn);
+    task.spec_.done.swap(copy.done);
     task.complete_ = false;
     task.sleeping_ = false;
     task.run_count_ = 0;
@@ -180,7 +182,7 @@ void Core::retire(ControllerImpl& task, Functions& functions) {
     retired_.push(&task);
 }
 
-void Core::list(detail::PlainText& text) {
+[[gnu::cold]] void Core::list(detail::PlainText& text) {
     AutoLock const guard(lock_);
     for (ControllerImpl const* const task : tasks_.ascending()) {
         text << '[' << task->id_ << "] \"" << task->spec_.name << '"';
@@ -237,7 +239,7 @@ void Core::schedule(id_t id) {
 
 // For when the pipe is full. A task is marked once, however often it is scheduled: a loop that does not turn
 // costs no memory beyond the pipe's own. False when it is over.
-bool Core::mark_overdue(std::uint32_t word) {
+[[gnu::cold]] bool Core::mark_overdue(std::uint32_t word) {
     ControllerImpl* const task = tasks_.find(word);
     if (!task)
         return false;
@@ -389,13 +391,13 @@ ControllerImpl* Core::Round::begin_slice() {
     return task_;
 }
 
-void Core::Round::set_aside() {
+[[gnu::cold]] void Core::Round::set_aside() {
     aside_.swap(core_.queue_);
     core_.set_aside_ += aside_.size();
 }
 
 // The queue may have been left with words by a round inside, which an exception has ended. Those come first.
-void Core::Round::take_back() {
+[[gnu::cold]] void Core::Round::take_back() {
     if (aside_.empty())
         return;
     core_.set_aside_ -= aside_.size();

@@ -36,7 +36,7 @@ int clamp_timeout(long timeoutMs) {
 
 // ---- Life and members -----------------------------------------------------------------------------------
 
-Group::Group()
+[[gnu::cold]] Group::Group()
     : id_(detail::draw_id()), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
       runner_depth_(0), membership_(0), rebuilds_(0), polls_(0), undispatched_(0), built_membership_(0),
       doubled_(false), crowded_(false), sparse_(false) {
@@ -66,16 +66,16 @@ unsigned long Group::size() const {
     return tsize();
 }
 
-std::set<int> Group::Threads() const {
+[[gnu::cold]] std::set<int> Group::Threads() const {
     AutoLock const guard(mutex_);
     return threads_;
 }
 
-void Group::insert(int tid) {
+[[gnu::cold]] void Group::insert(int tid) {
     admit(tid, false);
 }
 
-void Group::admit(int tid, bool watches) {
+[[gnu::cold]] void Group::admit(int tid, bool watches) {
     {
         AutoLock const guard(mutex_);
         threads_.insert(tid);
@@ -88,7 +88,7 @@ void Group::admit(int tid, bool watches) {
     WakeUp('i');
 }
 
-void Group::erase(int tid) {
+[[gnu::cold]] void Group::erase(int tid) {
     {
         AutoLock const guard(mutex_);
         threads_.erase(tid);
@@ -140,7 +140,7 @@ void Group::ctrl_eater(pollfd pfd) {
     }
 }
 
-void Group::display() {
+[[gnu::cold]] void Group::display() {
     AutoLock const guard(mutex_);
     for (int const tid : threads_) {
         boost::shared_ptr<fd::Manager> const manager = Registry::fd_manager_if_any(tid);
@@ -410,17 +410,17 @@ short RunUntilEventOnFd(int fd, short events, long timeoutMs) {
     return thread::ThisGroup()->RunUntilEventOnFd(fd, events, timeoutMs);
 }
 
-void Exit() {
+[[gnu::cold]] void Exit() {
     thread::ThisGroup()->WakeUp('x');
 }
 
-void NewThreadGroup() {
+[[gnu::cold]] void NewThreadGroup() {
     // Made before the old group is left, so that a failure changes nothing.
     boost::shared_ptr<thread::Group> const made = detail::make_shared<thread::Group>();
     thread::Registry::associate(thread::Registry::claim(), made);
 }
 
-id_t GroupId() {
+[[gnu::cold]] id_t GroupId() {
     return thread::ThisGroup()->id().value();
 }
 

@@ -54,7 +54,7 @@ std::uint64_t stamp_of(fd::Manager const& manager, fd::MonitorImpl const& monito
 
 // ---- Built anew -----------------------------------------------------------------------------------------
 
-void Group::setup_pollset() {
+[[gnu::cold]] void Group::setup_pollset() {
     built_version_ = 0; // in case that what follows throws
     dispatchset_.clear();
     pollset_.clear();
@@ -81,7 +81,7 @@ void Group::setup_pollset() {
     built_version_.store(poll_version_.load());
 }
 
-void Group::add_monitors(Watcher& watcher) {
+[[gnu::cold]] void Group::add_monitors(Watcher& watcher) {
     fd::Manager& manager = *watcher.manager;
     AutoLock const guard(manager.monitors());
     std::vector<int> all_are_looked_at;
@@ -95,7 +95,7 @@ void Group::add_monitors(Watcher& watcher) {
     }
 }
 
-void Group::add_entry(int fd, DispatchInfo const& info, std::uint64_t stamp) {
+[[gnu::cold]] void Group::add_entry(int fd, DispatchInfo const& info, std::uint64_t stamp) {
     std::size_t const before = dispatchset_.size();
     DispatchInfo& stored = dispatchset_[fd];
     doubled_ = doubled_ || dispatchset_.size() == before;
@@ -254,8 +254,9 @@ void Group::fit_readiness() {
 bool Group::ask_readiness(int& ready, bool& asked) {
     ready = 0;
     asked = false;
-    if (!readiness_ || crowded_ || reports_polls())
-        return false; // a report shows all entries
+    // A report shows all entries, and of two for one descriptor the epoll set knows one.
+    if (!readiness_ || doubled_ || crowded_ || reports_polls())
+        return false;
     asked = !probe_.due();
     if (asked)
         return false;

@@ -22,7 +22,8 @@ namespace {
 
 std::atomic<bool> extended_logging(false);
 
-void list_pollset(detail::PlainText& text, pollfd const* fds, unsigned long nfds, short pollfd::*bits) {
+[[gnu::cold]] void list_pollset(detail::PlainText& text, pollfd const* fds, unsigned long nfds,
+                                short pollfd::*bits) {
     for (unsigned long i = 0; i < nfds; ++i)
         text << fds[i].fd << '/' << fds[i].*bits << ' ';
     text << '}';
@@ -32,7 +33,7 @@ void list_pollset(detail::PlainText& text, pollfd const* fds, unsigned long nfds
 
 // ---- Reports of the loop --------------------------------------------------------------------------------
 
-void log_pollset(char const* label, pollfd const* fds, unsigned long nfds) {
+[[gnu::cold]] void log_pollset(char const* label, pollfd const* fds, unsigned long nfds) {
     if (!extended_logging)
         return;
     detail::PlainText text;
@@ -48,7 +49,7 @@ bool reports_polls() {
     return extended_logging || !detail::poll_observer.is(-1);
 }
 
-void report_poll_in(pollfd const* fds, unsigned long nfds, int timeoutMs) {
+[[gnu::cold]] void report_poll_in(pollfd const* fds, unsigned long nfds, int timeoutMs) {
     log_pollset("zel_poll IN", fds, nfds);
     detail::poll_observer.report([&](detail::PlainText& line) {
         line << "poll in  group=" << GroupId() << " timeout=" << timeoutMs << " fd/event={ ";
@@ -56,7 +57,7 @@ void report_poll_in(pollfd const* fds, unsigned long nfds, int timeoutMs) {
     });
 }
 
-void report_poll_out(pollfd const* fds, unsigned long nfds, int status) {
+[[gnu::cold]] void report_poll_out(pollfd const* fds, unsigned long nfds, int status) {
     int const error = errno;
     detail::poll_observer.report([&](detail::PlainText& line) {
         line << "poll out group=" << GroupId() << " status=" << status << " fd/revent={ ";
@@ -66,7 +67,7 @@ void report_poll_out(pollfd const* fds, unsigned long nfds, int status) {
     errno = error;
 }
 
-void report_left(int fd, int tid) {
+[[gnu::cold]] void report_left(int fd, int tid) {
     detail::poll_observer.report([&](detail::PlainText& line) {
         line << "fd=" << fd << " from tid=" << tid << ": fdMgr no longer in group";
     });
@@ -86,11 +87,11 @@ int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs) {
 
 // ---- Reports of threads, and the listing ----------------------------------------------------------------
 
-void display_thread_op(std::string const& op) {
+[[gnu::cold]] void display_thread_op(std::string const& op) {
     detail::thread_observer.report([&](detail::PlainText& line) { line << "thread " << op; });
 }
 
-void ListThreads(std::string const&, int) {
+[[gnu::cold]] void ListThreads(std::string const&, int) {
     detail::PlainText text;
     text << "Threads:\n";
     for (Registry::Entry const& entry : Registry::entries()) {
@@ -111,23 +112,23 @@ void ListThreads(std::string const&, int) {
 
 // ---- The switches ---------------------------------------------------------------------------------------
 
-void MonitorThread(std::string const&, int fd) {
+[[gnu::cold]] void MonitorThread(std::string const&, int fd) {
     detail::thread_observer.watch(fd);
 }
 
-void UnmonitorThread(std::string const&, int) {
+[[gnu::cold]] void UnmonitorThread(std::string const&, int) {
     detail::thread_observer.unwatch();
 }
 
-void MonitorPoll(std::string const&, int fd) {
+[[gnu::cold]] void MonitorPoll(std::string const&, int fd) {
     detail::poll_observer.watch(fd);
 }
 
-void UnmonitorPoll(std::string const&, int) {
+[[gnu::cold]] void UnmonitorPoll(std::string const&, int) {
     detail::poll_observer.unwatch();
 }
 
-void enableExtendedLogging() {
+[[gnu::cold]] void enableExtendedLogging() {
     extended_logging = true;
 }
 

@@ -64,6 +64,22 @@ void delete_end_key(int key) {
         sched_yield();
 }
 
+// ---- What a thread remembers of its record --------------------------------------------------------------
+
+// Counts the ends of records, and the changes that a program makes to them. Whatever it says to a thread
+// about its own record, that thread has brought about itself.
+std::atomic<unsigned> era(1);
+
+// Neither constructed nor destroyed: a destructor of a thread's own object would keep the library mapped. A
+// child of fork() has another thread id.
+struct Remembered {
+    int tid;
+    unsigned era;
+    id_t fd_manager;
+};
+
+thread_local Remembered remembered;
+
 void* as_value(int tid) {
     return reinterpret_cast<void*>(static_cast<std::intptr_t>(tid));
 }
@@ -119,6 +135,7 @@ void Registry::unload() {
         AutoLock const guard(lock());
         doomed.reset(the_stuff);
         the_stuff = nullptr;
+        ++era;
         key = end_key.exchange(no_key);
     }
     delete_end_key(key);
@@ -200,6 +217,22 @@ boost::shared_ptr<fd::Manager> Registry::fd_manager_if_any(int tid) {
     return found ? found->fd_manager_ : boost::shared_ptr<fd::Manager>();
 }
 
+id_t Registry::remembered_fd_manager_id() {
+    int const tid = self();
+    Remembered const& known = remembered;
+    return known.tid == tid && known.era == era ? known.fd_manager : 0;
+}
+
+id_t Registry::fd_manager_id() {
+    if (id_t const known = remembered_fd_manager_id())
+        return known;
+    int const tid = claim();
+    unsigned const before = era; // a change that happens meanwhile makes this be asked again
+    id_t const id = fd_manager(tid)->id().value();
+    remembered = {tid, before, id};
+    return id;
+}
+
 int Registry::claim() {
     int const tid = self();
     int const key = end_key;
@@ -256,6 +289,17 @@ std::map<id_t, int> Registry::threads_by_manager() {
 }
 
 // ---- Public functions -----------------------------------------------------------------------------------
+
+Associations& Associations::operator=(Associations const& other) {
+    group_ = other.group_;
+    ++era; // comes first, because what the old manager held may use the library when it is destroyed
+    fd_manager_ = other.fd_manager_;
+    return *this;
+}
+
+Associations::~Associations() {
+    ++era;
+}
 
 boost::shared_ptr<Group> Associations::GetGroup() {
     return Registry::group(*this);

@@ -50,6 +50,12 @@ public:
     static boost::shared_ptr<Group> group_if_any();
     static boost::shared_ptr<fd::Manager> fd_manager_if_any(int tid);
 
+    // The identifier of the calling thread's fd manager, which is made when it is missing. Takes no lock when
+    // the thread has asked before. The other one looks at nothing but what was said then, and otherwise
+    // returns 0.
+    static id_t fd_manager_id();
+    static id_t remembered_fd_manager_id();
+
     // For the calling thread, before it uses its own record: has the record dropped when the thread ends,
     // whoever made the thread. Returns the thread's id.
     static int claim();

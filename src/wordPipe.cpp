@@ -19,7 +19,7 @@ namespace {
 // What /proc/sys/fs/pipe-max-size says, read when a pipe is full for the first time. It holds for a
 // privileged process as well, which could go beyond: a loop that does not turn must not take all the memory
 // there is.
-int pipe_limit() {
+[[gnu::cold]] int pipe_limit() {
     static std::atomic<int> known(0);
     int limit = known.load(std::memory_order_relaxed);
     if (limit != 0)
@@ -42,7 +42,7 @@ int pipe_limit() {
 }
 
 // False when the pipe cannot hold more than it did when its size was read.
-bool grow(int fd) {
+[[gnu::cold]] bool grow(int fd) {
     int const size = fcntl(fd, F_GETPIPE_SZ);
     if (size < 0 || size >= pipe_limit())
         return false;

@@ -2,10 +2,12 @@
 //
 // Alarms on a clock that the tests turn by hand.
 #include <climits>
+#include <thread>
 
 #include <orn/log.h>
 
 #include "../src/fork.hpp"
+#include "../src/threadRegistry.hpp"
 #include "../src/uniqueId.hpp"
 #include "support/FakeTimer.hpp"
 #include "support/Faults.hpp"
@@ -242,6 +244,21 @@ TEST_F(Alarms, may_be_unloaded_while_another_thread_asks_for_them) {
         alarm::zel_alarm_load();
     }
     over = true;
+}
+
+TEST_F(Alarms, of_a_thread_whose_record_was_replaced_fire_on_its_new_loop) {
+    std::thread([&] {
+        for (void (*const replace)() :
+             {+[] { TheThreadMap()->Erase(); }, +[] { thread::This() = thread::Associations(); },
+              +[] { thread::Registry::drop(); }, +[] { thread::Registry::unload(); }}) {
+            auto const before = alarm::manager();
+            EXPECT_EQ(before, alarm::manager());
+            replace();
+            SetAlarm(1, say("x"));
+            EXPECT_NE(before, alarm::manager());
+            EXPECT_EQ("x", after(1));
+        }
+    }).join();
 }
 
 int hooked = 0;

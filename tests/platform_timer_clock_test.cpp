@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <random>
 #include <system_error>
@@ -161,6 +162,31 @@ TEST(TimerThread, is_anew_in_a_child_of_fork_without_the_timers_of_the_parent) {
               }));
     hold = false;
     EXPECT_TRUE(parents.reaches(1));
+}
+
+// Each call sets the clock, so that one in some thirty exits meets a thread that is about to.
+void set_earlier_and_earlier(std::atomic<int>& calls) {
+    Timer timer([](Timer*) {});
+    for (unsigned long ms = 3600000;; --ms) {
+        timer.Set(ms, 0);
+        ++calls;
+    }
+}
+
+TEST(TimerThread, ends_at_once_when_the_process_exits_while_its_clock_is_set) {
+    if (support::has_thread_sanitizer)
+        GTEST_SKIP() << "ThreadSanitizer starts no thread in the child of a process that has threads";
+    for (int child = 0; child < 100; ++child) {
+        auto const exit_among_setters = [child]() -> int {
+            static std::atomic<int> calls(0);
+            for (int setter = 0; setter < 3; ++setter)
+                std::thread(set_earlier_and_earlier, std::ref(calls)).detach();
+            while (calls < 1000 + 10 * child)
+                std::this_thread::yield();
+            exit(7);
+        };
+        ASSERT_EQ("exit 7", support::in_child(exit_among_setters, 900)) << "exit() waits for a second";
+    }
 }
 
 TEST(TimerThread, sleeps_on_a_clock_of_its_own_in_a_child_and_when_its_own_was_closed) {

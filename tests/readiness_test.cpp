@@ -4,8 +4,10 @@
 // other tests of the loop run a second time with it, whatever the size of their sets.
 #include <random>
 
-#include <sys/eventfd.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
 #include "../src/readiness.hpp"
 #include "support/Support.hpp"
@@ -16,8 +18,22 @@ using orn::zel::detail::Readiness;
 
 namespace {
 
+int allocations_left = -1; // before one fails; any number when negative
+
+} // namespace
+
+#ifndef __SANITIZE_ADDRESS__ // which looks after new and delete itself
+void* operator new(std::size_t size) {
+    void* const memory = allocations_left == 0 ? nullptr : std::malloc(size);
+    allocations_left -= allocations_left >= 0 ? 1 : 0;
+    return memory ? memory : throw std::bad_alloc();
+}
+#endif
+
+namespace {
+
 int idle_descriptor() {
-    return eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    return socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
 }
 
 // ---- The epoll set by itself ----------------------------------------------------------------------------
@@ -106,6 +122,25 @@ TEST_F(ReadinessSet, an_audit_finds_a_number_that_stands_for_another_file) {
     EXPECT_EQ(1u, set.size());
 }
 
+TEST_F(ReadinessSet, names_no_descriptor_twice) {
+    int const number = dup(one.ReadFD());
+    watch(number, 1);
+    EXPECT_EQ("", ask());
+    ASSERT_EQ(number, dup2(two.ReadFD(), number)); // the first file lives on in the pipe
+    put(one.WriteFD(), "x");
+    put(two.WriteFD(), "x");
+    for (int question = 0; question < 4; ++question) // known to be busy by the last one
+        ASSERT_EQ(ready(number), ask());
+    take(one.ReadFD());
+    take(two.ReadFD());
+    for (int question = 0; question < 20; ++question) // and known to be idle
+        ask();
+    put(one.WriteFD(), "x");
+    put(two.WriteFD(), "x");
+    EXPECT_EQ(ready(number), ask());
+    close(number);
+}
+
 TEST_F(ReadinessSet, is_not_in_a_child_and_goes_without_when_there_is_no_descriptor) {
     watch(one.ReadFD(), 1);
     put(one.WriteFD(), "x");
@@ -132,6 +167,37 @@ TEST_F(ReadinessSet, is_not_in_a_child_and_goes_without_when_there_is_no_descrip
     poor.set({one.ReadFD(), POLLIN, 1, 1});
     poor.end();
     EXPECT_EQ(1, poor.ask(named));
+    // A number that nobody can have costs no memory, and is left to poll() with all others.
+    watch(1 << 30, 2);
+    EXPECT_EQ("all", ask());
+    EXPECT_EQ(1u, set.size());
+}
+
+TEST_F(ReadinessSet, is_told_again_what_it_had_no_memory_for) {
+    TempFile const file;
+    int const regular = open(file.path().c_str(), O_RDONLY | O_CLOEXEC);
+    bool failed = true;
+    for (int allocations = 0; failed && allocations < 10; ++allocations) {
+        Readiness poor;
+        std::vector<pollfd> named;
+        poor.set({one.ReadFD(), POLLIN, 1, 1});
+        EXPECT_EQ(0, poor.ask(named)); // makes the epoll set
+        allocations_left = allocations;
+        try {
+            poor.set({regular, POLLIN, 1, 1});
+            failed = false;
+        } catch (std::bad_alloc const&) {
+        }
+        allocations_left = -1;
+        poor.set({regular, POLLIN, 1, 1});
+        EXPECT_EQ(1, poor.ask(named)) << allocations;
+        poor.ask(named);
+        poor.set({regular, POLLIN, 1, 2});
+        poor.drop(regular);
+        EXPECT_EQ(0, poor.ask(named)) << allocations;
+    }
+    EXPECT_FALSE(failed);
+    close(regular);
 }
 
 // ---- A large group --------------------------------------------------------------------------------------
@@ -177,6 +243,49 @@ TEST_F(LargeGroup, costs_a_descriptor_while_it_is_large_and_sees_what_was_closed
     receptors.clear();
     settle();
     EXPECT_EQ(small + count + 2, descriptors().size());
+}
+
+// Another member may register a descriptor while the epoll set is being made, and so between the two looks at
+// the registrations.
+TEST_F(LargeGroup, counts_a_descriptor_that_two_members_watch_twice) {
+    watch_idle(40);
+    WatchedPipe busy;
+    settle();
+    thread::ThisGroup()->insert(1 << 30);
+    auto const second = fd::Fd(busy.ReadFD(), thread::FdMgr(1 << 30));
+    settle();
+    second->insert([](fd::Event*) {});
+    thread::ThisGroup()->setup_pollset();
+    busy.feed(); // the second handler takes nothing
+    for (int turn = 0; turn < 100; ++turn)
+        RunOnce(-1);
+    EXPECT_EQ(2, RunOnce(-1));
+}
+
+// /proc/mounts has POLLPRI once for each change, for whoever asks first.
+TEST_F(LargeGroup, tells_of_what_is_told_but_once) {
+    int const refused = 77;
+    std::string const outcome = in_child([this] {
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+            return refused;
+        int const mounts = open("/proc/self/mounts", O_RDONLY | O_CLOEXEC);
+        watch_idle(40);
+        WatchedPipe busy;
+        short seen = 0;
+        auto const monitor = Fd(mounts);
+        monitor->events(POLLPRI);
+        monitor->insert([&](fd::Event* event) { seen = event->revents(); });
+        for (int turn = 0; turn < 105 && seen == 0; ++turn) { // the loop is busy by the hundredth
+            if (turn == 100 && mount("none", "/tmp", "tmpfs", 0, nullptr) != 0)
+                return refused;
+            busy.feed();
+            RunOnce(-1);
+        }
+        return seen == (POLLPRI | POLLERR) ? 0 : 1;
+    });
+    if (outcome == "exit 77")
+        GTEST_SKIP() << "no mount namespace of its own is allowed here";
+    EXPECT_EQ("exit 0", outcome);
 }
 
 // ---- The same by either way -----------------------------------------------------------------------------

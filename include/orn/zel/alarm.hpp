@@ -128,12 +128,12 @@ public:
 private:
     // The pipe and the alarms. The handler on the pipe shares it, so that a dispatch which is under way in
     // another thread when the process exits still finds them.
-    struct Table;
+    struct ORN_LOCAL Table;
 
-    static void drain(Table& table, fd::Event* event);
+    ORN_LOCAL static void drain(Table& table, fd::Event* event);
 
     // Logs a call from a thread of another group than the one that serves this manager.
-    void note_caller(char const* function, id_t id) const;
+    ORN_LOCAL void note_caller(char const* function, id_t id) const;
 
     basic_Id<unsigned long> id_;
     int const tid_;   // whose alarms these are

@@ -170,7 +170,7 @@ public:
 private:
     // The handler on the pipe shares it with the channel, so that the user's function may give the channel
     // up.
-    struct Reader;
+    struct ORN_LOCAL Reader;
 
     std::string queue_name_;
     os::Pipe response_;

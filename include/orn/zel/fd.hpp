@@ -192,8 +192,8 @@ private:
     friend class Manager;
     using HeldHandler = boost::shared_ptr<boost::function<void(Event*)>>;
 
-    HeldHandler take_handler(unsigned long id);
-    void outdate_manager();
+    ORN_LOCAL HeldHandler take_handler(unsigned long id);
+    ORN_LOCAL void outdate_manager();
 
     basic_Id<unsigned long> id_;
     SingleReceptacle<Event*> receptacle_; // guarded by the manager's lock, when there is a manager
@@ -271,7 +271,7 @@ private:
     static unsigned long const any_registration = 0;
     static std::uint64_t const changes_kept = 64;
 
-    void note_change(int fd) ZEL_REQUIRES(monitors_);
+    ORN_LOCAL void note_change(int fd) ZEL_REQUIRES(monitors_);
 
     basic_Id<unsigned long> id_;
     MonitorMap monitors_;

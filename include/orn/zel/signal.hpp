@@ -142,15 +142,15 @@ private:
     class PublishedList : public HandlerList<int> {
     public:
         explicit PublishedList(SignalHandlerImpl& owner) : owner_(owner) {}
-        bool insert_handler(std::pair<const unsigned long, receptor_type> entry) override;
-        void remove_handler(id_t handle) override;
-        void withdraw();
+        ORN_LOCAL bool insert_handler(std::pair<const unsigned long, receptor_type> entry) override;
+        ORN_LOCAL void remove_handler(id_t handle) override;
+        ORN_LOCAL void withdraw();
 
     protected:
-        bool knows(unsigned long handle) const override;
+        ORN_LOCAL bool knows(unsigned long handle) const override;
 
     private:
-        void publish();
+        ORN_LOCAL void publish();
         SignalHandlerImpl& owner_;
         mutable RecursiveThreadMutex lock_; // threads come and go; never taken in signal context
     };
@@ -183,11 +183,11 @@ public:
     // The numbers watched, in ascending order. The manager's own thread only.
     std::vector<int> signals() const;
     // Internal to the library, for the word "inspect": an object for each signal of this thread. Any thread.
-    void tell(int tid, detail::Answer& answer) const;
+    ORN_LOCAL void tell(int tid, detail::Answer& answer) const;
 
 private:
-    struct SignalBundle;
-    struct Watch;
+    struct ORN_LOCAL SignalBundle;
+    struct ORN_LOCAL Watch;
 
     basic_Id<unsigned long> id_;
     // The handler on the pipe shares the pipe and what is watched, so that a call which is under way in

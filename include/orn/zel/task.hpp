@@ -163,7 +163,7 @@ public:
 private:
     friend class Core;
 
-    explicit ControllerImpl(Core* core);
+    ORN_LOCAL explicit ControllerImpl(Core* core);
 
     // Changed under the core's lock, except for run_count_, which only the thread that runs the slice
     // changes. id_ and spec_ do not change while the task is pinned, and are read without the lock then.
@@ -234,7 +234,7 @@ public:
     bool cancelOnDestroy;
 
 private:
-    void withdraw();
+    ORN_LOCAL void withdraw();
 
     boost::weak_ptr<Core> home_; // where the task runs, whichever thread cancels it
 };

@@ -199,8 +199,8 @@ private:
     friend class Registry;
 
     // Like insert(). watches: the thread has an fd manager, so the poll set is out of date, too.
-    void admit(int tid, bool watches);
-    void advance_version() ZEL_REQUIRES(mutex_);
+    ORN_LOCAL void admit(int tid, bool watches);
+    ORN_LOCAL void advance_version() ZEL_REQUIRES(mutex_);
 
     // A member whose descriptors are in the poll set.
     struct Watcher {
@@ -209,45 +209,45 @@ private:
         std::uint64_t seen; // of the manager's changes
         std::size_t begin;  // where its entries begin in pollset_; they end where the next one's begin
     };
-    struct Wait;
+    struct ORN_LOCAL Wait;
 
     // Steps of a turn.
-    void leftovers();
-    void rebuild();
-    int poll_own(int timeoutMs);
-    int poll_wait(Wait& wait, int timeoutMs);
-    int poll_whole(std::vector<pollfd>& set, int timeoutMs, bool asked);
+    ORN_LOCAL void leftovers();
+    ORN_LOCAL void rebuild();
+    ORN_LOCAL int poll_own(int timeoutMs);
+    ORN_LOCAL int poll_wait(Wait& wait, int timeoutMs);
+    ORN_LOCAL int poll_whole(std::vector<pollfd>& set, int timeoutMs, bool asked);
     // Serves the group's entries of a combined set, which are those before base. Returns how many of the
     // caller's are ready.
-    int dispatch_combined(std::vector<pollfd>& combined, unsigned long base, int ready);
-    std::size_t next_result(std::size_t i) const;
+    ORN_LOCAL int dispatch_combined(std::vector<pollfd>& combined, unsigned long base, int ready);
+    ORN_LOCAL std::size_t next_result(std::size_t i) const;
 
     // The poll set, built anew or changed in place.
-    static unsigned long combine(std::vector<pollfd>& own, pollfd* fds, unsigned long nfds,
-                                 std::vector<pollfd>& out);
-    void add_monitors(Watcher& watcher);
-    void add_entry(int fd, DispatchInfo const& info, std::uint64_t stamp);
-    bool refresh();
-    bool same_watchers() const ZEL_REQUIRES(mutex_);
-    bool refresh_entries(Watcher& watcher);
-    bool refresh_entry(Watcher const& watcher, int fd, fd::MonitorImpl const* monitor);
-    void insert_entry(Watcher const& watcher, int fd, DispatchInfo const& info);
-    void erase_entry(Watcher const& watcher, int fd);
-    void move_behind(Watcher const& watcher, int by);
-    std::size_t place_of(Watcher const& watcher, int fd) const;
+    ORN_LOCAL static unsigned long combine(std::vector<pollfd>& own, pollfd* fds, unsigned long nfds,
+                                           std::vector<pollfd>& out);
+    ORN_LOCAL void add_monitors(Watcher& watcher);
+    ORN_LOCAL void add_entry(int fd, DispatchInfo const& info, std::uint64_t stamp);
+    ORN_LOCAL bool refresh();
+    ORN_LOCAL bool same_watchers() const ZEL_REQUIRES(mutex_);
+    ORN_LOCAL bool refresh_entries(Watcher& watcher);
+    ORN_LOCAL bool refresh_entry(Watcher const& watcher, int fd, fd::MonitorImpl const* monitor);
+    ORN_LOCAL void insert_entry(Watcher const& watcher, int fd, DispatchInfo const& info);
+    ORN_LOCAL void erase_entry(Watcher const& watcher, int fd);
+    ORN_LOCAL void move_behind(Watcher const& watcher, int by);
+    ORN_LOCAL std::size_t place_of(Watcher const& watcher, int fd) const;
 
     // A large set asks which entries are worth asking poll() about.
-    void fit_readiness();
-    static bool is_crowded(int ready, std::size_t entries);
-    bool ask_readiness(int& ready, bool& asked);
-    void probed(int ready);
-    void take_results();
-    int combine_results(Wait& wait);
-    void audit(std::vector<pollfd> const& set);
-    std::size_t place_of(int fd) const;
+    ORN_LOCAL void fit_readiness();
+    ORN_LOCAL static bool is_crowded(int ready, std::size_t entries);
+    ORN_LOCAL bool ask_readiness(int& ready, bool& asked);
+    ORN_LOCAL void probed(int ready);
+    ORN_LOCAL void take_results();
+    ORN_LOCAL int combine_results(Wait& wait);
+    ORN_LOCAL void audit(std::vector<pollfd> const& set);
+    ORN_LOCAL std::size_t place_of(int fd) const;
 
-    DispatchInfo const& dispatch_info(pollfd const& pfd) const;
-    bool left_group(int tid) const;
+    ORN_LOCAL DispatchInfo const& dispatch_info(pollfd const& pfd) const;
+    ORN_LOCAL bool left_group(int tid) const;
 
     basic_Id<unsigned long> id_;
     int const creator_;

@@ -44,6 +44,11 @@ ORN_API Associations& This();
 // concerns the calling thread: use it on that thread's own record.
 class ORN_API Associations {
 public:
+    Associations() = default;
+    Associations(Associations const&) = default;
+    Associations& operator=(Associations const& other);
+    ~Associations();
+
     // Both make what is missing.
     boost::shared_ptr<Group> GetGroup();
     boost::shared_ptr<fd::Manager> GetFdMgr();

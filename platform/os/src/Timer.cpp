@@ -7,6 +7,7 @@
 // another thread. Only its thread ends; see Lifetime.
 #include <orn/os/Timer.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -36,6 +37,9 @@ constexpr std::uint64_t never = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t ns_per_ms = 1000000;
 constexpr std::uint64_t ns_per_second = 1000000000;
 constexpr std::size_t heap_width = 4;
+// So many places before the heap are left free, so that siblings lie in one line of the cache.
+constexpr std::size_t heap_offset = heap_width - 1;
+constexpr std::size_t cache_line = 64;
 // exit() waits this long for a callback that is running. A callback that takes longer usually waits for the
 // thread that is in exit(), so both would wait for ever.
 constexpr std::uint64_t longest_callback_ns = ns_per_second;
@@ -96,6 +100,7 @@ private:
     void arm(Timer& timer);
     void disarm(Timer& timer);
     void disarm_all();
+    void free_heap();
     void make_room();
     static void* thread_start(void* service);
     void make_condition();
@@ -103,7 +108,7 @@ private:
     void renew_clock(std::unique_lock<std::mutex>& lock);
     bool wake(std::unique_lock<std::mutex>& lock, std::uint64_t deadline, bool at_once);
     void serve();
-    void fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::uint64_t now);
+    void fire(std::unique_lock<std::mutex>& lock, Timer& timer);
     void sleep(std::unique_lock<std::mutex>& lock);
     bool left_in_time(std::unique_lock<std::mutex>& lock);
 
@@ -165,14 +170,24 @@ void TimerService::sift_down(std::size_t index, Entry entry) {
     place(index, entry);
 }
 
-void TimerService::make_room() {
+void TimerService::free_heap() {
+    if (heap_)
+        std::free(heap_ - heap_offset);
+    heap_ = nullptr;
+    room_ = 0;
+}
+
+[[gnu::cold]] void TimerService::make_room() {
     if (size_ < room_)
         return;
     std::size_t const room = room_ == 0 ? 64 : room_ * 2;
-    void* const grown = std::realloc(static_cast<void*>(heap_), room * sizeof(Entry));
-    if (!grown)
+    void* grown = nullptr;
+    if (posix_memalign(&grown, cache_line, (heap_offset + room) * sizeof(Entry)) != 0)
         throw std::bad_alloc();
-    heap_ = static_cast<Entry*>(grown);
+    Entry* const moved = static_cast<Entry*>(grown) + heap_offset;
+    std::copy(heap_, heap_ + size_, moved);
+    free_heap();
+    heap_ = moved;
     room_ = room;
 }
 
@@ -195,7 +210,7 @@ void TimerService::disarm(Timer& timer) {
         sift_down(index, last);
 }
 
-void TimerService::disarm_all() {
+[[gnu::cold]] void TimerService::disarm_all() {
     size_ = 0;
     generation_ += first_generation;
     if (generation_ == 0)
@@ -263,7 +278,7 @@ void TimerService::end(Timer& timer) {
 
 // Also called in a child of fork(), where a thread that no longer exists may have been waiting on the
 // condition. Nobody else may be waiting on it.
-void TimerService::make_condition() {
+[[gnu::cold]] void TimerService::make_condition() {
     pthread_condattr_t attributes;
     pthread_condattr_init(&attributes);
     pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
@@ -278,7 +293,7 @@ void TimerService::make_condition() {
 // busy process it took three switches an alarm instead of two, and 4 ms at worst instead of 0.3. A fixed
 // real-time policy needs a privilege, and callbacks would run before threads to which the application has
 // given precedence.
-void TimerService::start() {
+[[gnu::cold]] void TimerService::start() {
     if (started_)
         return;
     make_condition();
@@ -300,16 +315,18 @@ void TimerService::start() {
 }
 
 // Threads that still run while the process exits may go on using timers, which do nothing from here on.
-void TimerService::stop(bool unmapped) {
+[[gnu::cold]] void TimerService::stop(bool unmapped) {
     std::unique_lock<std::mutex> lock(mutex_);
     stopped_ = true;
     disarm_all();
-    std::free(heap_);
-    heap_ = nullptr;
-    room_ = 0;
+    free_heap();
     if (!started_ || pthread_equal(thread_, pthread_self()) != 0)
         return; // a callback has called exit(), and the thread cannot wait for itself
     started_ = false;
+    // A caller of wake() that sets the clock after this takes the expiry back. It then finds that its
+    // deadline is not the one that is wanted, and sets this one, which is past.
+    if (sleeps_until_ != 0)
+        sleeps_until_ = 1;
     clock_.expire();
     bool const joinable = unmapped || left_in_time(lock);
     lock.unlock();
@@ -321,7 +338,7 @@ void TimerService::stop(bool unmapped) {
         clock_.unmake();
 }
 
-bool TimerService::left_in_time(std::unique_lock<std::mutex>& lock) {
+[[gnu::cold]] bool TimerService::left_in_time(std::unique_lock<std::mutex>& lock) {
     timespec const until = timespec_of(after(now_ns(), longest_callback_ns));
     int error = 0;
     while (!left_ && error == 0)
@@ -330,7 +347,7 @@ bool TimerService::left_in_time(std::unique_lock<std::mutex>& lock) {
 }
 
 // A child of fork() has only the forking thread, and its parent's timers are not its own.
-void TimerService::after_fork_in_child() {
+[[gnu::cold]] void TimerService::after_fork_in_child() {
     disarm_all();
     waiting_ = 0;
     make_condition();
@@ -361,10 +378,12 @@ void* TimerService::thread_start(void* service) {
 
 void TimerService::serve() {
     std::unique_lock<std::mutex> lock(mutex_);
+    std::uint64_t now = 0; // some time before: what was due then still is
     while (!stopped_) {
-        std::uint64_t const now = now_ns();
+        if (size_ > 0 && heap_[0].deadline > now)
+            now = now_ns();
         if (size_ > 0 && heap_[0].deadline <= now)
-            fire(lock, *heap_[0].timer, now);
+            fire(lock, *heap_[0].timer);
         else
             sleep(lock);
     }
@@ -391,7 +410,7 @@ void TimerService::sleep(std::unique_lock<std::mutex>& lock) {
 // For a callback that has forked, whose child gives up its parent's clock, and for a program that has closed
 // a descriptor which is not its own. While there is no descriptor to be had, timers are looked at every
 // millisecond.
-void TimerService::renew_clock(std::unique_lock<std::mutex>& lock) {
+[[gnu::cold]] void TimerService::renew_clock(std::unique_lock<std::mutex>& lock) {
     if (clock_.make())
         return;
     lock.unlock();
@@ -403,13 +422,13 @@ void TimerService::renew_clock(std::unique_lock<std::mutex>& lock) {
 // afterwards. Both happen under the mutex, so that a child of fork() finds the callback in one of the two
 // places. The mutex is released while the callback runs, since the callback may set, create and destroy
 // timers.
-void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer, std::uint64_t now) {
+void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer) {
     boost::function<void(Timer*)> function(std::move(timer.callback_));
     change(timer, state(timer) | calling);
     if (timer.period_ns_ == 0) {
         disarm(timer);
     } else {
-        timer.deadline_ns_ = next_in_phase(timer.deadline_ns_, timer.period_ns_, now);
+        timer.deadline_ns_ = next_in_phase(timer.deadline_ns_, timer.period_ns_, now_ns());
         sift_down(0, {timer.deadline_ns_, &timer});
     }
     running_ = &timer;
