@@ -48,9 +48,14 @@ public:
         std::lock_guard<std::mutex> const guard(mutex_);
         queue_.erase(timer);
     }
+    // Forgets those that have been told of and not taken, too.
     void clear() {
         std::lock_guard<std::mutex> const guard(mutex_);
         queue_.clear();
+        char words[4096];
+        pollfd told = {due_.read_end(), POLLIN, 0};
+        while (poll(&told, 1, 0) == 1 && read(told.fd, words, sizeof words) > 0) {
+        }
     }
     int read_end() const { return due_.read_end(); }
 
