@@ -15,6 +15,7 @@
 
 #include "fork.hpp"
 #include "idTable.hpp"
+#include "loopRecord.hpp"
 #include "observer.hpp"
 #include "perThread.hpp"
 #include "shared.hpp"
@@ -168,6 +169,7 @@ void Manager::fd_handler(fd::Event* event) {
 
 void Manager::drain(Table& table, fd::Event* event) {
     detail::QueuedWords queued(*event);
+    detail::LoopRecord* const record = detail::LoopRecord::current();
     std::uint32_t word;
     while (queued.next(word)) {
         id_t const id = word;
@@ -191,6 +193,7 @@ void Manager::drain(Table& table, fd::Event* event) {
         if (last)
             due->timer.reset();
         // No lock may be held here: a handler may add, reset and delete alarms, its own included.
+        detail::LoopRecord::Callback const callback(record, detail::Doing::alarm, word);
         due->handler();
     }
 }

@@ -4,7 +4,9 @@
 // descriptors is in threadGroup.cpp.
 #include <orn/zel/fd.hpp>
 
+#include <chrono>
 #include <set>
+#include <vector>
 
 #include <boost/make_shared.hpp>
 
@@ -14,7 +16,9 @@
 
 #include "fixedLine.hpp"
 #include "immortal.hpp"
+#include "inspect.hpp"
 #include "plainText.hpp"
+#include "procFile.hpp"
 #include "threadRegistry.hpp"
 
 namespace orn::zel {
@@ -69,7 +73,8 @@ void ManagerAssociation::dissociate() {
 MonitorImpl::MonitorImpl() : MonitorImpl(-1, 0) {}
 
 MonitorImpl::MonitorImpl(int fd, short events)
-    : id_(detail::draw_id()), fd_(fd), events_(events), expired_(0), registration_(0), association_(this) {}
+    : id_(detail::draw_id()), fd_(fd), events_(events), expired_(0), registration_(0), dispatches_(0),
+      association_(this) {}
 
 MonitorImpl::~MonitorImpl() = default;
 
@@ -147,11 +152,16 @@ MonitorMap::~MonitorMap() = default;
 
 // The analysis cannot see that mutex_ stands for the whole map.
 void MonitorMap::Lock() ZEL_NO_ANALYSIS {
-    mutex_.Lock();
+    mutex_.lock();
 }
 
 void MonitorMap::Unlock() ZEL_NO_ANALYSIS {
-    mutex_.Unlock();
+    mutex_.unlock();
+}
+
+bool MonitorMap::TryLock(unsigned ms) ZEL_NO_ANALYSIS {
+    // By the wall clock, because ThreadSanitizer does not know a mutex that waits by another.
+    return mutex_.try_lock_until(std::chrono::system_clock::now() + std::chrono::milliseconds(ms));
 }
 
 namespace {
@@ -238,6 +248,8 @@ bool Manager::dispatch(pollfd const& p, unsigned long registration) {
             monitor->expired_ = errors;
             note_change(p.fd);
         }
+        // The lock is held, so that no instruction needs to lock the bus.
+        monitor->dispatches_.store(monitor->dispatches() + 1, std::memory_order_relaxed);
         handler = monitor->receptacle_.handler();
     }
     if (errors != 0)
@@ -296,23 +308,31 @@ AutoReceptor::AutoReceptor(int fd, boost::function<void(Event*)> handler)
 
 AutoReceptor::~AutoReceptor() = default;
 
-[[gnu::cold]] std::ostream& operator<<(std::ostream& os, Events const& events) {
+namespace {
+
+std::string names_of(short events) {
     static struct {
         short bit;
         char const* name;
     } const names[] = {{POLLIN, "IN"},   {POLLPRI, "PRI"}, {POLLOUT, "OUT"},
                        {POLLERR, "ERR"}, {POLLHUP, "HUP"}, {POLLNVAL, "NVAL"}};
-    // Composed as a string, because the stream may be writing in another base.
-    std::string text = '{' + std::to_string(events.value()) + ':';
+    std::string text;
     char const* separator = "";
     for (auto const& item : names) {
-        if (events.value() & item.bit) {
+        if (events & item.bit) {
             text += separator;
             text += item.name;
             separator = ",";
         }
     }
-    return os << text + '}';
+    return text;
+}
+
+} // namespace
+
+std::ostream& operator<<(std::ostream& os, Events const& events) {
+    // Composed as a string, because the stream may be writing in another base.
+    return os << '{' + std::to_string(events.value()) + ':' + names_of(events.value()) + '}';
 }
 
 [[gnu::cold]] void ListFds(std::string const&, int responseFd) {
@@ -330,6 +350,55 @@ AutoReceptor::~AutoReceptor() = default;
         text << "}\n";
     }
     cmd::Write(responseFd, text.str());
+}
+
+namespace {
+
+// What is told of a monitor, which may be gone when the lock of its manager is released.
+struct Watched {
+    int fd;
+    short events;
+    short expired;
+    unsigned long dispatches;
+};
+
+// False when a handler has the lock. The analysis cannot follow a lock that is adopted.
+bool look_at(MonitorMap& monitors, std::vector<Watched>& all) ZEL_NO_ANALYSIS {
+    unsigned const longest_wait_ms = 50;
+    if (!monitors.TryLock(longest_wait_ms))
+        return false;
+    struct Held {
+        ~Held() ZEL_NO_ANALYSIS { monitors.Unlock(); }
+        MonitorMap& monitors;
+    } const held{monitors};
+    for (auto const& item : monitors.entries()) {
+        if (MonitorImpl const* const monitor = item.second)
+            all.push_back({item.first, monitor->events(), monitor->expired(), monitor->dispatches()});
+    }
+    return true;
+}
+
+} // namespace
+
+void tell_fds(detail::Answer& answer) {
+    for (thread::Registry::Entry const& entry : thread::Registry::entries()) {
+        if (!entry.fd_manager)
+            continue;
+        id_t const manager = entry.fd_manager->id().value();
+        std::vector<Watched> all;
+        if (!look_at(entry.fd_manager->monitors(), all)) {
+            answer.begin().field("thread", entry.tid).field("manager", manager).field("busy", true);
+            answer.end();
+        }
+        for (Watched const& each : all) {
+            detail::Json& object = answer.begin();
+            object.field("fd", each.fd).field("path", detail::link_in_proc("fd/" + std::to_string(each.fd)));
+            object.field("thread", entry.tid).field("manager", manager);
+            object.field("events", each.events).field("event_names", names_of(each.events));
+            object.field("dispatches", each.dispatches).field("expired", each.expired != 0);
+            answer.end();
+        }
+    }
 }
 
 } // namespace fd

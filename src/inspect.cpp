@@ -21,7 +21,9 @@ struct Thing {
 };
 
 Thing const things[] = {{"process", tell_process},
+                        {"groups", thread::tell_groups},
                         {"threads", tell_threads},
+                        {"fds", fd::tell_fds},
                         {"tasks", task::tell_tasks},
                         {"signals", signal::tell_signals}};
 
@@ -35,8 +37,9 @@ void refuse(Answer& answer) {
 }
 
 void inspect(std::string const& args, int fd) {
-    std::string const what = cmd::GetFirstWord(args).first;
-    Answer answer(what);
+    std::pair<std::string, std::string> const words = cmd::GetFirstWord(args);
+    std::string const& what = words.first;
+    Answer answer(what, words.second, fd);
     Thing const* const end = std::end(things);
     Thing const* const thing =
         std::find_if(things, end, [&](Thing const& candidate) { return what == candidate.name; });
@@ -44,7 +47,7 @@ void inspect(std::string const& args, int fd) {
         refuse(answer);
     else
         thing->tell(answer);
-    answer.write(fd);
+    answer.write();
 }
 
 } // namespace
@@ -58,10 +61,10 @@ void Answer::end() {
     ++objects_;
 }
 
-void Answer::write(int fd) {
+void Answer::write() {
     std::string text = lines_.text();
     std::size_t const end_line = 64 + what_.size() * 6; // more than the last line needs, escapes included
-    std::size_t const room = cmd::room(fd);
+    std::size_t const room = cmd::room(fd_);
     std::size_t lost = 0;
     if (text.size() + end_line > room) {
         std::size_t const most = room > end_line ? room - end_line : 0;
@@ -74,7 +77,7 @@ void Answer::write(int fd) {
     Json last;
     last.open().field("inspect", what_).field("end", true).field("objects", objects_).field("lost", lost);
     last.close().end_line();
-    cmd::Write(fd, text + last.text());
+    cmd::Write(fd_, text + last.text());
 }
 
 void zel_inspect_load() {

@@ -18,7 +18,12 @@ namespace orn::zel::detail {
 // Lines of one JSON object each, which are written at once when all are there.
 class Answer {
 public:
-    explicit Answer(std::string const& what) : what_(what) {}
+    // To a question: what is asked for, what comes behind it, and where the answer goes.
+    Answer(std::string const& what, std::string const& arguments, int fd)
+        : what_(what), arguments_(arguments), fd_(fd) {}
+
+    std::string const& arguments() const { return arguments_; }
+    int fd() const { return fd_; }
 
     // The next object, which begins with the word that was asked for. Close it with end().
     Json& begin();
@@ -26,10 +31,12 @@ public:
 
     // Writes the objects as far as the descriptor has room for whole lines now, and then how many there were
     // and how many were lost. Never waits.
-    void write(int fd);
+    void write();
 
 private:
     std::string what_;
+    std::string arguments_;
+    int fd_;
     Json lines_;
     std::size_t objects_ = 0;
 };
@@ -42,6 +49,12 @@ void tell_threads(Answer& answer);
 
 } // namespace orn::zel::detail
 
+namespace orn::zel::fd {
+
+void tell_fds(detail::Answer& answer);
+
+} // namespace orn::zel::fd
+
 namespace orn::zel::signal {
 
 void tell_signals(detail::Answer& answer);
@@ -53,5 +66,11 @@ namespace orn::zel::task {
 void tell_tasks(detail::Answer& answer);
 
 } // namespace orn::zel::task
+
+namespace orn::zel::thread {
+
+void tell_groups(detail::Answer& answer);
+
+} // namespace orn::zel::thread
 
 #endif

@@ -11,6 +11,7 @@
 #include <orn/zel/threadGroup.hpp>
 
 #include "inspect.hpp"
+#include "loopRecord.hpp"
 #include "perThread.hpp"
 #include "plainText.hpp"
 #include "shared.hpp"
@@ -117,6 +118,7 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::arrived(int signo) {
 
 void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe) {
     detail::QueuedWords queued(*event);
+    detail::LoopRecord* const record = detail::LoopRecord::current();
     std::uint32_t word;
     while (queued.next(word)) {
         int const signo = static_cast<int>(word);
@@ -124,6 +126,7 @@ void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& 
         if (!users)
             users = list(signo, pipe, false);
         // No lock may be held here: the handlers may change this list, and run a nested loop.
+        detail::LoopRecord::Callback const callback(record, detail::Doing::signal, word);
         Dispatch(*users, signo);
     }
 }

@@ -11,6 +11,7 @@
 #include <orn/log.h>
 
 #include "fork.hpp"
+#include "loopRecord.hpp"
 
 namespace orn::zel::task {
 
@@ -416,9 +417,12 @@ void Core::handle(fd::Event* event) {
 
 void Core::run_queue() {
     Round round(*this);
+    detail::LoopRecord::Callback callback(detail::LoopRecord::current(), detail::Doing::task);
     bool again = false;
-    while (ControllerImpl* const task = round.next(again))
+    while (ControllerImpl* const task = round.next(again)) {
+        callback.next(static_cast<std::uint32_t>(task->id_));
         again = slice(*task);
+    }
 }
 
 void Core::run(id_t id) {

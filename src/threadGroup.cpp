@@ -14,6 +14,7 @@
 #include <orn/log.h>
 
 #include "fixedLine.hpp"
+#include "loopRecord.hpp"
 #include "readiness.hpp"
 #include "shared.hpp"
 #include "threadMonitor.hpp"
@@ -32,14 +33,22 @@ int clamp_timeout(long timeoutMs) {
     return static_cast<int>(std::min<long>(std::max<long>(timeoutMs, INT_MIN), INT_MAX));
 }
 
+// poll(), noted in the record as a sleep when it may wait.
+int poll_and_note(detail::LoopRecord& record, std::vector<pollfd>& set, int timeoutMs) {
+    if (timeoutMs == 0)
+        return poll(set.data(), set.size(), 0);
+    detail::LoopRecord::Sleep const sleep(record);
+    return poll(set.data(), set.size(), timeoutMs);
+}
+
 } // namespace
 
 // ---- Life and members -----------------------------------------------------------------------------------
 
 [[gnu::cold]] Group::Group()
     : id_(detail::draw_id()), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
-      runner_depth_(0), membership_(0), rebuilds_(0), polls_(0), undispatched_(0), built_membership_(0),
-      doubled_(false), crowded_(false), sparse_(false) {
+      runner_depth_(0), membership_(0), record_(std::make_shared<detail::LoopRecord>()), rebuilds_(0),
+      polls_(0), undispatched_(0), built_membership_(0), doubled_(false), crowded_(false), sparse_(false) {
     Log_SpecEntry(logSpecForceInfo, "src/threadGroup", detail::line_of_group_made,
                   "%s: group %lu: ctrl pipe rd fd=%d", "orn::zel::thread::Group::Group()", id_.value(),
                   ctrl_.ReadFD());
@@ -210,6 +219,9 @@ void Group::dispatch(pollfd& pfd) {
     // A copy, because a nested turn may rebuild the set, and so destroy the entry, before the handler
     // returns.
     boost::function<void(pollfd&)> const handler = info.handler;
+    record_->count_dispatch();
+    detail::LoopRecord::Callback const callback(record_.get(), detail::Doing::fd,
+                                                static_cast<std::uint32_t>(result.fd));
     // No lock is held here: the handler may run a nested turn, change any registration or leave the group.
     if (handler)
         handler(result);
@@ -269,6 +281,7 @@ void Group::rebuild() {
     if (!refresh())
         setup_pollset();
     fit_readiness();
+    record_->count_rebuild(pollset_.size() - 1); // all but the control pipe
 }
 
 int Group::poll_own(int timeoutMs) {
@@ -297,7 +310,7 @@ int Group::poll_whole(std::vector<pollfd>& set, int timeoutMs, bool asked) {
             probe_.missed();
     }
     if (ready == 0)
-        ready = poll(set.data(), set.size(), timeoutMs);
+        ready = poll_and_note(*record_, set, timeoutMs);
     report_poll_out(set.data(), set.size(), ready);
     crowded_ = is_crowded(ready, set.size());
     if (readiness_ && readiness_->audits() && ready >= 0)
@@ -330,6 +343,7 @@ int Group::RunOnce(long timeoutMs) {
     RunReservation const reservation(*this); // 1. reserve; its destructor is 6. release
     if (!IsRunner(reservation.tid()))
         return zel_poll(nullptr, 0, timeout);
+    detail::LoopRecord::Turn const turn(*record_, reservation.tid());
     leftovers();                         // 2.
     rebuild();                           // 3.
     int const ready = poll_own(timeout); // 4.
@@ -346,6 +360,7 @@ int Group::RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs)
     log_pollset("RunFdSet in set", fds, nfds);
     if (!IsRunner(reservation.tid()))
         return zel_poll(fds, nfds, timeout);
+    detail::LoopRecord::Turn turn(*record_, reservation.tid());
     leftovers();
     rebuild();
     Wait wait = {fds, nfds, {}, 0, 0};
@@ -356,6 +371,7 @@ int Group::RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs)
             ready = left;
             break;
         }
+        turn.again();
         rebuild();
     }
     std::copy(wait.set.begin() + static_cast<std::ptrdiff_t>(wait.base), wait.set.end(), fds);

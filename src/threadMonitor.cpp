@@ -5,13 +5,17 @@
 
 #include <atomic>
 #include <cerrno>
+#include <map>
 #include <string>
+#include <vector>
 
 #include <orn/log.h>
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
 #include "fixedLine.hpp"
+#include "inspect.hpp"
+#include "loopRecord.hpp"
 #include "observer.hpp"
 #include "plainText.hpp"
 #include "threadRegistry.hpp"
@@ -91,6 +95,26 @@ int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs) {
     detail::thread_observer.report([&](detail::PlainText& line) { line << "thread " << op; });
 }
 
+namespace {
+
+// Where nobody has the runner's role, a callback is that of a call from outside of the loop.
+void tell_loop(detail::Json& object, detail::LoopRecord::Look const& look, bool runs) {
+    bool const called = look.doing != detail::Doing::nothing;
+    object.field("turns", look.turns).field("dispatches", look.dispatches);
+    object.field("rebuilds", look.rebuilds).field("descriptors", look.descriptors);
+    if (look.turn_began_ns != 0)
+        object.field("turn_began_ns", look.turn_began_ns);
+    else
+        object.null("turn_began_ns");
+    object.field("state", look.sleeping ? "sleeping" : called ? "callback" : runs ? "turning" : "idle");
+    if (called) {
+        object.open("in").field("kind", name_of(look.doing)).field("id", look.id);
+        object.field("since_ns", look.since_ns).close();
+    }
+}
+
+} // namespace
+
 [[gnu::cold]] void ListThreads(std::string const&, int) {
     detail::PlainText text;
     text << "Threads:\n";
@@ -108,6 +132,30 @@ int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs) {
         text << '\n';
     }
     detail::poll_observer.write(text.str());
+}
+
+void tell_groups(detail::Answer& answer) {
+    std::map<id_t, std::vector<int>> members;
+    std::map<id_t, boost::shared_ptr<Group>> groups;
+    for (Registry::Entry const& entry : Registry::entries()) {
+        if (!entry.group)
+            continue;
+        id_t const id = entry.group->id().value();
+        groups[id] = entry.group;
+        members[id].push_back(entry.tid);
+    }
+    for (auto const& item : groups) {
+        Group const& group = *item.second;
+        int const runner = group.runner_.load(std::memory_order_relaxed);
+        detail::Json& object = answer.begin();
+        object.field("group", item.first).field("creator", group.creator_).open_list("members");
+        for (int const tid : members[item.first])
+            object.item(tid);
+        object.close_list().field("runner", runner);
+        object.field("depth", runner == 0 ? 0 : group.runner_depth_.load(std::memory_order_relaxed));
+        tell_loop(object, group.record()->look(), runner != 0);
+        answer.end();
+    }
 }
 
 // ---- The switches ---------------------------------------------------------------------------------------

@@ -17,6 +17,7 @@
 #define ZEL_REQUIRES(...) ZEL_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define ZEL_EXCLUDES(...) ZEL_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define ZEL_ACQUIRE(...) ZEL_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define ZEL_TRY_ACQUIRE(...) ZEL_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define ZEL_RELEASE(...) ZEL_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define ZEL_NO_ANALYSIS ZEL_ATTRIBUTE(no_thread_safety_analysis)
 

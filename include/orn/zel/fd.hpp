@@ -28,6 +28,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -186,6 +187,8 @@ public:
     // The error bits that ended the polling, 0 before; never goes back to 0.
     short expired() const { return expired_; }
     void expired(short errors);
+    // How many results were delivered. Any thread.
+    unsigned long dispatches() const { return dispatches_; }
     void Associate(boost::shared_ptr<Manager> manager);
 
 private:
@@ -201,6 +204,7 @@ private:
     std::atomic<short> events_;
     std::atomic<short> expired_;
     unsigned long registration_; // set by the manager, under its lock
+    std::atomic<unsigned long> dispatches_;
     ManagerAssociation association_;
 };
 
@@ -213,11 +217,13 @@ public:
     ~MonitorMap() override;
     void Lock() override ZEL_ACQUIRE();
     void Unlock() override ZEL_RELEASE();
+    // For a caller who must not wait for a handler that has the lock. False: it was not free for so long.
+    bool TryLock(unsigned ms) ZEL_TRY_ACQUIRE(true);
 
     map_type& entries() ZEL_REQUIRES(this) { return entries_; }
 
 private:
-    ThreadMutex mutex_;
+    std::timed_mutex mutex_;
     map_type entries_;
 };
 

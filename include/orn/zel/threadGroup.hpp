@@ -67,6 +67,8 @@ namespace orn::zel {
 
 namespace detail {
 
+class Answer;
+class LoopRecord;
 class Readiness;
 
 } // namespace detail
@@ -195,8 +197,12 @@ public:
     // Goes through the group under its locks as a listing would; shows nothing.
     void display();
 
+    // What the loop is doing and has done. Any thread.
+    std::shared_ptr<detail::LoopRecord> const& record() const { return record_; }
+
 private:
     friend class Registry;
+    friend void tell_groups(detail::Answer& answer);
 
     // Like insert(). watches: the thread has an fd manager, so the poll set is out of date, too.
     ORN_LOCAL void admit(int tid, bool watches);
@@ -261,6 +267,7 @@ private:
     std::atomic<int> runner_;
     std::atomic<unsigned long> runner_depth_; // changed by the runner only
     std::atomic<unsigned long> membership_;   // counts insert() and erase(), by any thread
+    std::shared_ptr<detail::LoopRecord> const record_;
 
     // The rest is the runner's.
     std::vector<DispatchInfo const*> order_; // by position in pollset_: what dispatchset_ has for it

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: MIT
+//
+// Looking at a record while its runner goes on, and the spans of a traced one.
+#include "loopRecord.hpp"
+
+#include <algorithm>
+
+#include "fork.hpp"
+
+namespace orn::zel::detail {
+
+char const* name_of(Doing doing) {
+    static char const* const names[] = {"nothing", "turn", "sleep", "fd", "alarm", "signal", "task"};
+    return names[static_cast<std::size_t>(doing)];
+}
+
+// ---- The ring -------------------------------------------------------------------------------------------
+
+void SpanRing::push(Span const& span) {
+    unsigned long const head = head_.load(std::memory_order_relaxed);
+    if (head - tail_.load(std::memory_order_acquire) >= size) {
+        lost_.store(lost() + 1, std::memory_order_relaxed);
+        return;
+    }
+    spans_[head % size] = span;
+    head_.store(head + 1, std::memory_order_release);
+}
+
+std::size_t SpanRing::take(Span* out, std::size_t most) {
+    unsigned long const tail = tail_.load(std::memory_order_relaxed);
+    std::size_t const there = head_.load(std::memory_order_acquire) - tail;
+    std::size_t const taken = std::min({there, most, static_cast<std::size_t>(size)});
+    for (std::size_t i = 0; i < taken; ++i)
+        out[i] = spans_[(tail + i) % size];
+    tail_.store(tail + taken, std::memory_order_release);
+    return taken;
+}
+
+void SpanRing::begin() {
+    process_.store(process_id(), std::memory_order_relaxed);
+    tail_.store(head_.load(std::memory_order_acquire), std::memory_order_release);
+}
+
+// ---- The record -----------------------------------------------------------------------------------------
+
+namespace {
+
+// A time in whole ms that was read at most 49 days ago.
+std::uint64_t as_ns(unsigned long ms) {
+    std::uint64_t const now = now_ns() / 1000000;
+    unsigned long const ago = static_cast<unsigned long>(now) - ms;
+    return (now - ago) * 1000000;
+}
+
+} // namespace
+
+LoopRecord::Look LoopRecord::look() const {
+    Look look = {};
+    look.turns = get(turns_);
+    look.dispatches = get(dispatches_);
+    look.rebuilds = get(rebuilds_);
+    look.descriptors = get(descriptors_);
+    if (look.turns != 0)
+        look.turn_began_ns = as_ns(get(turn_began_ms_));
+    look.sleeping = get(sleeping_);
+    // A loop whose callbacks change in the midst of each of these looks is stuck in none.
+    for (int tries = 0; tries < 100; ++tries) {
+        std::uint32_t const before = sequence_.load(std::memory_order_acquire);
+        Doing const doing = doing_.load(std::memory_order_acquire);
+        std::uint32_t const id = id_.load(std::memory_order_acquire);
+        unsigned long const since = since_ms_.load(std::memory_order_acquire);
+        if (before % 2 != 0 || get(sequence_) != before)
+            continue;
+        look.doing = doing;
+        look.id = id;
+        look.since_ns = as_ns(since);
+        break;
+    }
+    return look;
+}
+
+SpanRing& LoopRecord::trace() {
+    if (!owned_)
+        owned_ = std::make_unique<SpanRing>();
+    if (!traced() || owned_->process() != process_id()) {
+        owned_->begin();
+        ring_.store(owned_.get(), std::memory_order_release);
+    }
+    return *owned_;
+}
+
+void LoopRecord::end_span(std::uint64_t begin_ns, Doing doing, std::uint32_t id) {
+    SpanRing* const ring = ring_.load(std::memory_order_acquire);
+    if (!ring)
+        return;
+    if (ring->process() != process_id()) { // a child of fork(), where nobody has asked for this
+        stop_tracing();
+        return;
+    }
+    ring->push(Span{begin_ns, now_ns(), id, get(tid_), doing});
+}
+
+} // namespace orn::zel::detail
