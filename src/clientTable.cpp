@@ -15,6 +15,7 @@
 
 #include "observer.hpp"
 #include "shutdown.hpp"
+#include "trace.hpp"
 
 namespace orn::zel::detail {
 
@@ -101,6 +102,8 @@ void ClientTable::give_back(std::size_t most_unused) {
         }
         if (of(client.pid) == client.fd)
             by_pid_.erase(client.pid);
+        if (Trace* const trace = Trace::current())
+            trace->forget(client.fd);
         close(client.fd);
     }
     all_.swap(kept);

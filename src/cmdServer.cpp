@@ -32,6 +32,7 @@
 #include "shared.hpp"
 #include "shutdown.hpp"
 #include "signalFork.hpp"
+#include "trace.hpp"
 
 namespace orn::zel::cmd {
 
@@ -165,11 +166,13 @@ void serve(Server& state) {
     survive_sigpipe();
     fd::AutoReceptor const receptor(o_msg_queue_fd(queue.get()),
                                     boost::bind(CmdQueueHandler, boost::placeholders::_1, queue.get()));
+    detail::Trace trace;
     int ready = 1;
-    while (ready != 0 && !state.stop) {
+    while ((ready != 0 || trace.wait_ms() != -1) && !state.stop) {
         // A command that fails must not keep the next one from being served.
         try {
-            ready = RunOnce(-1);
+            ready = RunOnce(trace.wait_ms());
+            trace.serve();
         } catch (abi::__forced_unwind&) { // the thread is being ended
             throw;
         } catch (std::exception const& error) {

@@ -25,7 +25,9 @@ Thing const things[] = {{"process", tell_process},
                         {"threads", tell_threads},
                         {"fds", fd::tell_fds},
                         {"tasks", task::tell_tasks},
-                        {"signals", signal::tell_signals}};
+                        {"signals", signal::tell_signals},
+                        {"trace", tell_trace},
+                        {"timing", tell_timing}};
 
 void refuse(Answer& answer) {
     Json& object = answer.begin();

@@ -46,6 +46,8 @@ void zel_inspect_unload();
 
 void tell_process(Answer& answer);
 void tell_threads(Answer& answer);
+void tell_timing(Answer& answer);
+void tell_trace(Answer& answer);
 
 } // namespace orn::zel::detail
 

@@ -20,6 +20,7 @@
 #include "observer.hpp"
 #include "procFile.hpp"
 #include "threadRegistry.hpp"
+#include "trace.hpp"
 #include "zelcmds.hpp"
 
 namespace orn::zel::detail {
@@ -110,6 +111,8 @@ void list_observers(Json& object) {
             object.field("client", client);
         object.close();
     }
+    if (Trace const* const trace = Trace::current())
+        trace->list(object);
     object.close_list();
 }
 

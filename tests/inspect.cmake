@@ -2,8 +2,10 @@
 
 find_package(nlohmann_json QUIET)
 if(TARGET nlohmann_json::nlohmann_json)
-    zel_add_test(inspect_test SOURCES inspect_test.cpp support/Support.cpp
-        LIBRARIES zel_static nlohmann_json::nlohmann_json)
+    foreach(name inspect_test inspectLoop_test)
+        zel_add_test(${name} SOURCES ${name}.cpp support/Support.cpp
+            LIBRARIES zel_static nlohmann_json::nlohmann_json)
+    endforeach()
 else()
     message(STATUS "nlohmann-json is missing: no tests of the word inspect")
 endif()
