@@ -13,8 +13,10 @@
 #include <orn/log.h>
 #include <orn/zel/threadGroup.hpp>
 
+#include "clock.hpp"
 #include "fork.hpp"
 #include "idTable.hpp"
+#include "inspect.hpp"
 #include "loopRecord.hpp"
 #include "observer.hpp"
 #include "perThread.hpp"
@@ -57,7 +59,25 @@ namespace {
 struct Entry : TimerBlob {
     Entry(Handler&& called, bool once) : TimerBlob{std::nullopt, std::move(called), once} {}
 
+    void armed(unsigned long initialMs, unsigned long recurringMs) {
+        due_ms = detail::coarse_ms() + initialMs;
+        if (due_ms < initialMs)
+            due_ms = UINT64_MAX;
+        period_ms = recurringMs;
+    }
+
+    std::uint64_t left_ms(std::uint64_t now_ms) const {
+        if (due_ms > now_ms)
+            return due_ms - now_ms;
+        return period_ms > 0 ? period_ms - (now_ms - due_ms) % period_ms : 0;
+    }
+
     std::atomic<unsigned> users{1}; // the table, and each dispatch in which the handler runs
+
+    // For those who look. The timer has the exact time.
+    std::uint64_t due_ms = 0; // for the first time
+    unsigned long period_ms = 0;
+    unsigned long fired = 0;
 };
 
 struct Release {
@@ -123,6 +143,7 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
         while (!table_->alarms.insert(id, *made));
         try {
             made->timer.emplace([id, fd = table_->pipe.WriteFD()](os::Timer*) { process_to_fd(id, fd); });
+            made->armed(initialMs, recurringMs);
             made->timer->Set(initialMs, recurringMs);
         } catch (...) {
             table_->alarms.erase(id);
@@ -144,6 +165,7 @@ void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
         if (!found)
             return;
         found->one_shot = true;
+        found->armed(timeoutMs, 0);
         found->timer->Set(timeoutMs, 0);
     }
     detail::alarm_observer.report(
@@ -188,6 +210,7 @@ void Manager::drain(Table& table, fd::Event* event) {
                 table.alarms.erase(word);
             else
                 ++due->users;
+            ++due->fired;
         }
         detail::alarm_observer.report([id](detail::PlainText& line) { line << "ALARM: id=" << id; });
         if (last)
@@ -196,6 +219,34 @@ void Manager::drain(Table& table, fd::Event* event) {
         detail::LoopRecord::Callback const callback(record, detail::Doing::alarm, word);
         due->handler();
     }
+}
+
+[[gnu::cold]] void Manager::tell(detail::Answer& answer) const {
+    struct Copy {
+        id_t id;
+        std::uint64_t left_ms;
+        unsigned long period_ms;
+        unsigned long fired;
+    };
+    std::vector<Copy> copies; // so that the loop does not wait for the lock while the text is composed
+    {
+        std::uint64_t const now_ms = detail::coarse_ms();
+        AutoLock const guard(table_->lock);
+        copies.reserve(table_->alarms.size());
+        table_->alarms.each([&](id_t id, Entry const& alarm) {
+            copies.push_back(Copy{id, alarm.left_ms(now_ms), alarm.period_ms, alarm.fired});
+        });
+    }
+    for (Copy const& alarm : copies) {
+        detail::Json& object = answer.begin();
+        object.field("alarm", alarm.id).field("thread", tid_).field("due_in_ms", alarm.left_ms);
+        object.field("period_ms", alarm.period_ms).field("fired", alarm.fired);
+        answer.end();
+    }
+}
+
+[[gnu::cold]] void tell_alarms(detail::Answer& answer) {
+    managers.each([&](Manager const& manager, int) { manager.tell(answer); });
 }
 
 [[gnu::cold]] unsigned long Manager::size() const {

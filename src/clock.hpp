@@ -17,6 +17,14 @@ inline std::uint64_t now_ns() {
     return static_cast<std::uint64_t>(now.tv_sec) * 1000000000U + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
+// The same clock in milliseconds as of the kernel's latest tick, which is some milliseconds old. Costs a few
+// nanoseconds.
+inline std::uint64_t coarse_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1000 + static_cast<std::uint64_t>(now.tv_nsec) / 1000000;
+}
+
 } // namespace orn::zel::detail
 
 #endif

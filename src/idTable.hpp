@@ -69,6 +69,15 @@ public:
         }
     }
 
+    // Calls the function with each identifier and its object, in no order.
+    template <class Function>
+    void each(Function function) const {
+        for (Cell const& cell : cells_) {
+            if (cell.object)
+                function(cell.id, *cell.object);
+        }
+    }
+
     // All objects, in ascending order of their identifiers.
     [[gnu::cold]] std::vector<T*> ascending() const {
         std::vector<Cell> taken;

@@ -57,6 +57,12 @@ void tell_fds(detail::Answer& answer);
 
 } // namespace orn::zel::fd
 
+namespace orn::zel::alarm {
+
+void tell_alarms(detail::Answer& answer);
+
+} // namespace orn::zel::alarm
+
 namespace orn::zel::signal {
 
 void tell_signals(detail::Answer& answer);

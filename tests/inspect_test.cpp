@@ -86,7 +86,9 @@ TEST_F(Inspect, tells_of_the_process_its_threads_and_who_brought_a_word) {
     EXPECT_EQ("process", refusal["known"].at(0));
 }
 
-TEST_F(Inspect, tells_of_tasks_and_signals_of_every_thread) {
+TEST_F(Inspect, tells_of_alarms_tasks_and_signals_of_every_thread) {
+    Alarm const once(60000, [] {});
+    Alarm const again(0, 50000, [] {});
     int slices = 0;
     Task sleeper([&](task::Controller* task) {
         ++slices;
@@ -96,14 +98,25 @@ TEST_F(Inspect, tells_of_tasks_and_signals_of_every_thread) {
     sleeper.Run();
     signal::AutoReceptor const watched(SIGUSR1, [](int) {});
     raise(SIGUSR1);
+    EXPECT_TRUE(run_until([&] { return !find("alarms", "fired", 1).empty(); }));
     settle();
     std::vector<Json> tasks;
+    std::vector<Json> alarms;
     Json signal;
     std::thread([&] { // any thread may ask
         tasks = ask("tasks");
+        alarms = ask("alarms");
         signal = find("signals", "signal", SIGUSR1);
     })
         .join();
+    ASSERT_EQ(2u, alarms.size());
+    if (alarms[0]["period_ms"] != 0)
+        alarms[0].swap(alarms[1]);
+    EXPECT_EQ((Json{0, 50000, 0, 1}),
+              (Json{alarms[0]["period_ms"], alarms[1]["period_ms"], alarms[0]["fired"], alarms[1]["fired"]}));
+    EXPECT_NEAR(60000, alarms[0]["due_in_ms"].get<int>(), 5000);
+    EXPECT_NEAR(50000, alarms[1]["due_in_ms"].get<int>(), 5000);
+    EXPECT_EQ(thread::self(), alarms[0]["thread"]);
     ASSERT_EQ(1u, tasks.size());
     tasks[0].erase("task");
     EXPECT_EQ((Json{{"inspect", "tasks"},

@@ -46,6 +46,12 @@
 
 namespace orn::zel {
 
+namespace detail {
+
+class Answer;
+
+} // namespace detail
+
 namespace alarm {
 
 using Handler = boost::function<void()>;
@@ -123,6 +129,8 @@ public:
     void fd_handler(fd::Event* event);
 
     unsigned long size() const;
+    // Internal to the library, for the word "inspect": an object for each alarm. Any thread.
+    ORN_LOCAL void tell(detail::Answer& answer) const;
     basic_Id<unsigned long> const& id() const { return id_; }
 
 private:
