@@ -46,7 +46,8 @@ zel_add_test(fork_test SOURCES fork_test.cpp support/Client.cpp ${programs} LIBR
 if(TARGET zelctl)
     zel_add_test_program(brood zel)
     zel_add_test_program(inspect_target zel)
-    foreach(name zelctl_test zelctl_attach_test zelctl_words_test zelctl_prompt_test)
+    foreach(name zelctl_test zelctl_attach_test zelctl_words_test zelctl_prompt_test
+            zelctl_trace_test)
         zel_add_test(${name} SOURCES ${name}.cpp ${programs} LIBRARIES nlohmann_json::nlohmann_json)
         zel_test_starts(${name} TARGET=channel_target ZELCTL=zelctl BROOD=brood INSPECT_TARGET=inspect_target
             MODULE=hello)

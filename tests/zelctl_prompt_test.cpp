@@ -1,68 +1,22 @@
 // SPDX-License-Identifier: MIT
 //
 // The command-line client on a terminal: its prompt, keys, and how it leaves.
-#include <pty.h>
-#include <termios.h>
-
-#include "support/Zelctl.hpp"
+#include "support/Terminal.hpp"
 
 namespace {
 
 using namespace support;
 
-// The client on a terminal of its own, where somebody types.
 class ZelctlPrompt : public ::testing::Test {
 protected:
-    ZelctlPrompt() {
-        EXPECT_EQ("ready", target.line());
-        winsize const size = {24, 200, 0, 0};
-        pid_ = forkpty(&terminal_, nullptr, nullptr, &size);
-        if (pid_ == 0) {
-            setenv("TERM", "xterm", 1);
-            setenv("ZELCTL_HISTORY", history.path().c_str(), 1);
-            // The shell has jobs, so Ctrl-Z stops the client, and the shell lets it go on.
-            std::string const command = "set -m; " ZELCTL " " + std::to_string(target.pid()) +
-                                        "; s=$?; while [ $s -eq 148 ]; do fg; s=$?; done; echo status=$s";
-            execl("/bin/bash", "bash", "--norc", "-c", command.c_str(), nullptr);
-            _exit(127);
-        }
-    }
-    ~ZelctlPrompt() override {
-        close(terminal_); // hangs up
-        if (pid_ > 0)
-            waitpid(pid_, nullptr, 0);
-    }
+    ZelctlPrompt() { EXPECT_EQ("ready", target.line()); }
 
-    void type(std::string const& keys) const {
-        EXPECT_EQ(static_cast<ssize_t>(keys.size()), write(terminal_, keys.data(), keys.size()));
-    }
-
-    // Whether the text comes, behind what has been looked at already.
-    ::testing::AssertionResult shows(std::string const& text) {
-        while (!holds(shown_, text)) {
-            char bytes[4096];
-            ssize_t const got = is_ready(terminal_, POLLIN, 10000) ? read(terminal_, bytes, sizeof bytes) : 0;
-            if (got < 1)
-                return ::testing::AssertionFailure() << "'" << text << "' has not come: " << shown_;
-            shown_.append(bytes, static_cast<std::size_t>(got));
-        }
-        shown_.erase(0, shown_.find(text) + text.size());
-        return ::testing::AssertionSuccess();
-    }
-
-    // Whether keys go to the prompt one by one, not in lines.
-    bool takes_keys() const {
-        termios now = {};
-        return tcgetattr(terminal_, &now) == 0 && (now.c_lflag & ICANON) == 0;
-    }
+    void type(std::string const& keys) const { terminal.type(keys); }
+    ::testing::AssertionResult shows(std::string const& text) { return terminal.shows(text); }
 
     TempFile const history;
     Program target{{TARGET, "busy"}};
-
-private:
-    int terminal_ = -1;
-    pid_t pid_ = -1;
-    std::string shown_;
+    Terminal terminal{std::to_string(target.pid()), history.path()};
 };
 
 TEST_F(ZelctlPrompt, completes_words_remembers_lines_and_only_detaches) {
@@ -83,7 +37,7 @@ TEST_F(ZelctlPrompt, completes_words_remembers_lines_and_only_detaches) {
     ASSERT_TRUE(shows("> "));
     type("\x1a");
     EXPECT_TRUE(shows("zelctl " + std::to_string(target.pid()))) << "fg names what goes on";
-    EXPECT_TRUE(wait_until([&] { return takes_keys(); }));
+    EXPECT_TRUE(wait_until([&] { return terminal.takes_keys(); }));
     type("threa\t\n");
     EXPECT_TRUE(shows("\x1b[1m"));
     type("help\n");

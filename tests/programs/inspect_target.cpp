@@ -5,11 +5,20 @@
 //
 //     listings   its library has no word inspect
 //     objects    inspect answers with objects made up for the occasion
+//     works      as it is; the loop does what the word "work" says, see Worker
+#include <atomic>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
+#include <poll.h>
 #include <pthread.h>
+#include <unistd.h>
+
+#include <orn/os/Pipe.hpp>
 
 #include <orn/zel.hpp>
 
@@ -37,11 +46,64 @@ void made_up(std::string const& what, int fd) {
     cmd::Write(fd, text);
 }
 
+// "work N": N slices of a task with a name, an alarm and a signal, and "worked" when all have been. "work 0":
+// stays in a handler until the word comes again.
+class Worker {
+public:
+    Worker()
+        : pipe_(false), wake_(pipe_.ReadFD(), [this](fd::Event*) { serve(); }),
+          signal_(SIGUSR1, [this](int) { done(); }) {
+        RegisterCommandModule("work", [this](std::string const& slices, int) {
+            slices_ = std::atoi(slices.c_str());
+            static_cast<void>(!write(pipe_.WriteFD(), "w", 1));
+        });
+    }
+
+private:
+    void serve() {
+        char byte;
+        static_cast<void>(!read(pipe_.ReadFD(), &byte, 1));
+        if (slices_ == 0) {
+            pollfd next = {pipe_.ReadFD(), POLLIN, 0};
+            poll(&next, 1, -1);
+            return;
+        }
+        left_ = 3;
+        alarm_.reset(new orn::zel::Alarm(1, [this] { done(); }));
+        raise(SIGUSR1);
+        task_.reset(new Task([this](task::Controller* self) {
+            if (--slices_ == 0) {
+                self->Complete();
+                done();
+            }
+        }));
+        task_->Name("work");
+        task_->Run();
+    }
+    void done() {
+        if (--left_ > 0)
+            return;
+        std::puts("worked");
+        std::fflush(stdout);
+    }
+
+    orn::os::Pipe const pipe_;
+    fd::AutoReceptor const wake_;
+    signal::AutoReceptor const signal_;
+    std::unique_ptr<orn::zel::Alarm> alarm_;
+    std::unique_ptr<Task> task_;
+    std::atomic<int> slices_{0};
+    int left_ = 0;
+};
+
 } // namespace
 
 int main(int argc, char** argv) {
+    std::unique_ptr<Worker> worker;
     if (argc > 1 && std::strcmp(argv[1], "objects") == 0)
         RegisterCommandModule("inspect", made_up);
+    else if (argc > 1 && std::strcmp(argv[1], "works") == 0)
+        worker.reset(new Worker);
     else
         UnregisterCommandModule("inspect");
     if (argc > 2)

@@ -23,6 +23,8 @@ char const* const examples =
     "  zelctl 1234 threads                      by its id,\n"
     "  zelctl station fds --json                by its name or a part of it\n"
     "  zelctl station monitor task --for 10s    what happens there, as it happens\n"
+    "  zelctl station top                       what its loops spend their time on\n"
+    "  zelctl station trace -o out.json --for 5s   a record for ui.perfetto.dev\n"
     "  zelctl station -c threads -c fds         several commands; also from standard input\n"
     "  zelctl station                           a prompt\n"
     "  zelctl station hello visitor             any other word goes to the process\n";
@@ -67,8 +69,10 @@ public:
             app_.set_help_flag();
         }
         app_.add_option("words", words_, "The command, for example: threads");
-        app_.add_option("--for", for_, "Monitor for so long");
-        app_.add_option("--limit", options_.limit, "Monitor for so many lines");
+        app_.add_option("--for", for_, "monitor, top, trace: for so long");
+        app_.add_option("--limit", options_.limit, "The same: for so many lines, tables, spans");
+        app_.add_option("--interval", interval_, "top: how often (1s)");
+        app_.add_option("-o,--output", options_.file, "trace: the file");
         app_.add_flag("--table", options_.table, "Align tables, although this is no terminal");
         app_.add_flag("--json", options_.json, "Print objects of JSON, one a line");
         app_.footer("Words:\n" + list_of_verbs() + '\n' + footer);
@@ -94,6 +98,8 @@ public:
             options_.follow = seconds_in("--follow", follow_, 0);
         if (!for_.empty())
             options_.duration = seconds_in("--for", for_, 0.001);
+        if (!interval_.empty())
+            options_.interval = seconds_in("--interval", interval_, 0.05);
         return options_;
     }
 
@@ -104,6 +110,7 @@ private:
     std::string timeout_;
     std::string follow_;
     std::string for_;
+    std::string interval_;
 };
 
 } // namespace

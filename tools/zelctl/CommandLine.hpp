@@ -16,7 +16,9 @@ struct Options {
     double timeout = 5;                // seconds
     double follow = -1;                // seconds, 0 for ever; below 0: not at all
     double duration = 0;               // of --for, in seconds; 0: no end
+    double interval = 1;               // of --interval, in seconds
     unsigned long limit = 0;           // of --limit; 0: no end
+    std::string file;                  // of -o
     bool json = false;
     bool table = false; // aligned, whoever reads it
     bool raw = false;   // zelctl's own words go to the process as well

@@ -18,8 +18,9 @@ public:
     // a process must not steer the terminal of whoever looks into it. Elsewhere the bytes stay as they are.
     void line(std::string const& text);
 
-    // Keeps a line of this tool's own, which may steer the terminal.
-    void own_line(std::string const& text) { kept_ += text + '\n'; }
+    // Keeps a line, or a text, of this tool's own, which may steer the terminal.
+    void own_line(std::string const& text) { own_text(text + '\n'); }
+    void own_text(std::string const& text) { kept_ += text; }
 
     // Forgets what is kept.
     void discard() { kept_.clear(); }

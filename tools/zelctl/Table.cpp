@@ -83,22 +83,28 @@ std::string json_line(Json const& value) {
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-std::string heading(Output const& output, std::string const& text) {
+namespace {
+
+std::string styled(Output const& output, char const* style, std::string const& text) {
     char const* const no_color = std::getenv("NO_COLOR");
     bool const plain = !output.terminal() || (no_color && *no_color != '\0');
-    return plain ? text : "\x1b[1m" + text + "\x1b[0m";
+    return plain ? text : style + text + "\x1b[0m";
 }
 
-void print_table(Output& output, Options const& options, std::vector<Json> const& objects) {
-    if (options.json) {
-        for (Json const& object : objects)
-            output.line(json_line(object));
-        return;
-    }
+} // namespace
+
+std::string heading(Output const& output, std::string const& text) {
+    return styled(output, "\x1b[1m", text);
+}
+
+std::string alarming(Output const& output, std::string const& text) {
+    return styled(output, "\x1b[1;31m", text);
+}
+
+std::vector<std::string> table_lines(std::vector<Json> const& objects, bool align) {
     std::vector<Column> const columns = columns_of(objects);
     if (columns.empty())
-        return;
-    bool const align = output.terminal() || options.table;
+        return {};
     auto const row = [&](auto const& text_of) {
         std::string line;
         for (Column const& column : columns) {
@@ -108,14 +114,28 @@ void print_table(Output& output, Options const& options, std::vector<Json> const
         }
         return line;
     };
-    bool const lines = columns.size() == 1 && columns[0].key == "line"; // which need no heading
-    if (!lines)
-        output.own_line(heading(output, row([](Column const& column) { return heading_of(column.key); })));
+    std::vector<std::string> lines = {row([](Column const& column) { return heading_of(column.key); })};
     for (Json const& object : objects) {
-        output.own_line(row([&](Column const& column) {
+        lines.push_back(row([&](Column const& column) {
             auto const it = object.find(column.key);
             return it == object.end() ? std::string("-") : cell(*it);
         }));
+    }
+    return lines;
+}
+
+void print_table(Output& output, Options const& options, std::vector<Json> const& objects) {
+    if (options.json) {
+        for (Json const& object : objects)
+            output.line(json_line(object));
+        return;
+    }
+    std::vector<std::string> const lines = table_lines(objects, output.terminal() || options.table);
+    bool const plain = !lines.empty() && lines[0] == "LINE"; // what a process has said needs no heading
+    for (std::string const& line : lines) {
+        bool const first = &line == lines.data();
+        if (!first || !plain)
+            output.own_line(first ? heading(output, line) : line);
     }
 }
 

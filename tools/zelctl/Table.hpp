@@ -21,14 +21,18 @@ using Json = nlohmann::ordered_json; // keys stay in the order in which the proc
 // they first come. What an object lacks is a dash.
 void print_table(Output& output, Options const& options, std::vector<Json> const& objects);
 
+// The same as lines, of which the first is the heading.
+std::vector<std::string> table_lines(std::vector<Json> const& objects, bool align);
+
 // A value as a cell shows it: lists with commas between, members of objects as key=value.
 std::string cell(Json const& value);
 
 // As one line of JSON, whatever bytes the strings hold.
 std::string json_line(Json const& value);
 
-// Headings in bold. Not where nobody sees it, nor where the environment says NO_COLOR.
+// Headings in bold, alarming texts in red. Not where nobody sees it, nor where the environment says NO_COLOR.
 std::string heading(Output const& output, std::string const& text);
+std::string alarming(Output const& output, std::string const& text);
 
 } // namespace zelctl
 

@@ -47,6 +47,8 @@ Words command_words(Context& context);
 // What verbs run, each in the file that its idea has.
 ExitStatus show(Context& context, std::string const& what, Words const& arguments);    // Views.cpp
 ExitStatus monitor(Context& context, std::string const& word, Words const& kinds);     // Follow.cpp
+ExitStatus top(Context& context, std::string const& word, Words const& arguments);     // Top.cpp
+ExitStatus trace(Context& context, std::string const& word, Words const& arguments);   // Trace.cpp
 ExitStatus steer(Context& context, std::string const& change, Words const& libraries); // Steer.cpp
 
 // Prints what comes for that long; 0: until the process has ended. Follow.cpp

@@ -17,7 +17,8 @@ std::optional<View> inspect(Session& session, std::string const& what) {
     bool whole = false;
     view.answer = session.ask("inspect " + what, [&](std::string const& line) {
         Json object = Json::parse(line, nullptr, false);
-        if (!object.is_object())
+        // Answers to what was told before may still come, and streams go on meanwhile.
+        if (!object.is_object() || (object.contains("inspect") && object["inspect"] != what))
             return;
         if (object.contains("end")) {
             whole = true;
