@@ -6,7 +6,7 @@ _zelctl_processes() {
 }
 
 _zelctl_words() { # _zelctl_words TARGET
-    echo "process groups threads fds alarms tasks signals words monitor load unload zel"
+    echo "process groups threads fds alarms tasks signals words monitor top trace load unload zel"
     if zelctl ps 2>/dev/null | awk -F '\t' -v target="$1" \
         '($1 == target || $3 == target) && $6 == "open" { found = 1 } END { exit !found }'; then
         zelctl --timeout 1s "$1" words 2>/dev/null | awk -F '\t' 'NR > 1 { print $1 }'
@@ -17,18 +17,22 @@ _zelctl() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} target='' verb='' i
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
-        -c | --timeout | --for | --follow | --limit) ((++i)) ;;
+        -c | --timeout | --for | --follow | --limit | --interval | -o | --output) ((++i)) ;;
         -*) ;;
         *) if [ -z "$target" ]; then target=${COMP_WORDS[i]}; elif [ -z "$verb" ]; then verb=${COMP_WORDS[i]}; fi ;;
         esac
     done
     COMPREPLY=()
     case $before in
-    --timeout | --for | --follow | --limit) return ;;
+    --timeout | --for | --follow | --limit | --interval) return ;;
+    -o | --output)
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        return
+        ;;
     esac
     local choices=''
     case $word in
-    -*) choices='-c --for --limit --timeout --follow --json --table --raw --help --version' ;;
+    -*) choices='-c -o --for --limit --interval --timeout --follow --json --table --raw --help --version' ;;
     *)
         case $target:$verb in
         :) choices="ps $(_zelctl_processes)" ;;
