@@ -10,10 +10,12 @@ emulator=${ZEL_EMULATOR:-} # for a build for another processor
 scale=${ZEL_TEST_SCALE:-1}
 
 seconds=13
+tables=2
 short=''
 if [ "${1-}" = --short ]; then
     seconds=1
     short=yes
+    tables=1
 fi
 modules=$build/examples/modules
 zelctl=$build/tools/zelctl/zelctl
@@ -180,6 +182,19 @@ step_look() {
     answered 1 'signals={ '
 }
 
+step_times() {
+    steerable || return 0
+    explain "What the loops spend their time on: each group with its turns, dispatches and slices a second, then the" \
+        "callbacks that take most of it. On a terminal this is a live screen."
+    ask top --limit "$tables"
+    answered 1 '^task  *[0-9]'
+    answered 1 '^alarm  *[0-9]'
+    explain "The same as a record, for a viewer of Chrome traces such as ui.perfetto.dev:"
+    (cd "$work" && ask trace -o trace.json --for 1s)
+    answered 1 'trace.json '
+    grep -q '"ph":"f","name":"alarm' "$work/trace.json" || failed "the trace shows no alarm"
+}
+
 # Prints how many slices the station's task has had.
 slices() {
     timeout $((30 * scale)) "$zelctl" "$station" station >"$work/station" || failed "zelctl ended with $?"
@@ -321,7 +336,7 @@ conclude() { # conclude INPUT
     tail -n 1 "$work/$1.log" | sed "s/^/    $1: /"
 }
 
-for step in start clients input reload figures find look progress monitors modules mistakes served end other_inputs; do
+for step in start clients input reload figures find look times progress monitors modules mistakes served end other_inputs; do
     "step_$step"
 done
 explain "All as expected."
