@@ -166,8 +166,9 @@ void Session::send(std::string const& command) {
             turn(0);
             continue;
         }
-        // A process that ends closes its queue a moment before the kernel says that it has ended.
-        bool const gone = send_error_ == ECONNREFUSED;
+        // A process that ends closes its queue a moment before the kernel says that it has ended. A message
+        // that was on its way then finds a broken pipe.
+        bool const gone = send_error_ == ECONNREFUSED || send_error_ == EPIPE || send_error_ == ECONNRESET;
         std::string const why = gone && target_.ended(100) ? " has ended"
                                 : gone                     ? " takes no more commands: it has unloaded zel"
                                        : std::string(" does not take the command: ") + strerror(send_error_);
