@@ -139,7 +139,8 @@ TEST_F(ZelctlWords, leave_the_process_as_it_was_when_the_client_is_killed_or_sto
     stopped.signal(SIGCONT);
     EXPECT_EQ("exit", Result(stopped).end.substr(0, 4));
     EXPECT_EQ(before, threads(busy.pid()).size());
-    EXPECT_LE(support::descriptors(busy.pid()).size(), descriptors + 64) << "only those of clients that have gone";
+    EXPECT_LE(support::descriptors(busy.pid()).size(), descriptors + 64)
+        << "only those of clients that have gone";
 }
 
 } // namespace

@@ -38,9 +38,10 @@ Screen::Screen(Output& output, std::function<void(char)> on_key, std::function<v
     : output_(output), on_key_(std::move(on_key)), redraw_(std::move(redraw)),
       keys_(tcgetattr(STDIN_FILENO, &before_) == 0), stopped_(SIGTSTP, [this](int) { stop(); }),
       resized_(SIGWINCH, [this](int) { redraw_(); }) {
-    if (keys_)
+    if (keys_) {
         receptor_.reset(
             new orn::zel::fd::AutoReceptor(STDIN_FILENO, [this](orn::zel::fd::Event*) { read_keys(); }));
+    }
     enter();
 }
 

@@ -41,11 +41,12 @@ Sample take_sample(Session& session) {
     if (groups)
         sample.groups = groups->objects;
     for (Json const& object : timing ? timing->objects : std::vector<Json>()) {
-        if (object.contains("kind"))
+        if (object.contains("kind")) {
             sample.calls[{number_in(object, "group"), text_in(object, "kind"), number_in(object, "id")}] =
                 object;
-        else
+        } else {
             sample.lost = std::max(sample.lost, number_in(object, "lost"));
+        }
     }
     return sample;
 }

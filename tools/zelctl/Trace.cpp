@@ -101,9 +101,10 @@ ExitStatus trace(Context& context, std::string const&, Words const& arguments) {
         std::rethrow_exception(interrupted);
     }
     print_table(context.output, options, {object});
-    if (context.session.ended())
+    if (context.session.ended()) {
         throw Failure(connection_lost, target.name() + " has ended; " + printable(options.file) +
                                            " holds what came until then");
+    }
     return ok;
 }
 

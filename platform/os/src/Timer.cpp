@@ -35,7 +35,6 @@ namespace {
 
 constexpr std::uint64_t never = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t ns_per_ms = 1000000;
-constexpr std::uint64_t ns_per_second = 1000000000;
 constexpr std::size_t heap_width = 4;
 // So many places before the heap are left free, so that siblings lie in one line of the cache.
 constexpr std::size_t heap_offset = heap_width - 1;
@@ -49,12 +48,6 @@ constexpr unsigned calling = 1; // its callback runs
 constexpr unsigned dying = 2;   // its destructor waits for the callback, which must not arm it any more
 constexpr unsigned first_generation = 4;
 constexpr unsigned phases = calling | dying;
-
-std::uint64_t now_ns() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::uint64_t>(now.tv_sec) * ns_per_second + static_cast<std::uint64_t>(now.tv_nsec);
-}
 
 std::uint64_t ns_of(unsigned long ms) {
     return ms < never / ns_per_ms ? ms * ns_per_ms : never;

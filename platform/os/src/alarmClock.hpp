@@ -19,10 +19,18 @@
 
 namespace orn::os {
 
-// A time of CLOCK_MONOTONIC.
+constexpr std::uint64_t ns_per_second = 1000000000;
+
+// CLOCK_MONOTONIC in nanoseconds.
+inline std::uint64_t now_ns() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * ns_per_second + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+// A time of that clock.
 inline timespec timespec_of(std::uint64_t ns) {
     // Cut to what a time_t of 32 bits holds. Waking too early once in decades does no harm.
-    std::uint64_t const ns_per_second = 1000000000;
     std::uint64_t const seconds = ns / ns_per_second;
     std::uint64_t const limit = std::numeric_limits<std::int32_t>::max();
     timespec time = {};
