@@ -52,7 +52,7 @@ public:
         id_t const caller = key();
         if (caller == 0)
             check_loaded();
-        else if (boost::shared_ptr<Manager> const found = find(caller))
+        else if (boost::shared_ptr<Manager> found = find(caller))
             return found;
         return make();
     }

@@ -97,9 +97,9 @@ void Screen::draw(std::vector<Line> const& lines) {
     for (std::size_t i = 0; i < std::min(rows, lines.size()); ++i) {
         std::string const line = cut(lines[i].text, columns);
         text += i > 0 ? "\r\n" : "";
-        text += lines[i].style == Line::bold       ? heading(output_, line)
-                : lines[i].style == Line::alarming ? alarming(output_, line)
-                                                   : line;
+        text += lines[i].style == Line::bold  ? heading(output_, line)
+                : lines[i].style == Line::red ? alarming(output_, line)
+                                              : line;
         text += line.size() < columns ? "\x1b[K" : "";
     }
     output_.discard(); // a picture that a slow terminal has not taken is out of date

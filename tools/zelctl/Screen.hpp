@@ -21,7 +21,7 @@ class Screen {
 public:
     struct Line {
         std::string text; // without what steers the terminal
-        enum { plain, bold, alarming } style = plain;
+        enum { plain, bold, red } style = plain;
     };
 
     // The loop calls on_key for each key, and redraw when the size has changed or the terminal has come back.

@@ -224,7 +224,7 @@ void Top::draw(Screen& screen) const {
     std::vector<std::string> const groups = table_lines(rates.groups(stuck), true);
     for (std::size_t i = 0; i < groups.size(); ++i) {
         lines.push_back({groups[i], i == 0         ? Screen::Line::bold
-                                    : stuck[i - 1] ? Screen::Line::alarming
+                                    : stuck[i - 1] ? Screen::Line::red
                                                    : Screen::Line::plain});
     }
     lines.push_back({});
