@@ -80,6 +80,9 @@ public:
 
     // All objects, in ascending order of their identifiers.
     [[gnu::cold]] std::vector<T*> ascending() const {
+        std::vector<T*> objects;
+        if (size_ == 0)
+            return objects; // qsort() takes no null pointer
         std::vector<Cell> taken;
         taken.reserve(size_);
         std::copy_if(cells_.begin(), cells_.end(), std::back_inserter(taken),
@@ -90,7 +93,6 @@ public:
             id_t const second = static_cast<Cell const*>(right)->id;
             return static_cast<int>(first > second) - static_cast<int>(first < second);
         });
-        std::vector<T*> objects;
         objects.reserve(size_);
         for (Cell const& cell : taken)
             objects.push_back(cell.object);
