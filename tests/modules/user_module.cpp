@@ -43,9 +43,8 @@ struct User {
             thread::ThisGroup()->WakeUp('x');
         });
         cmd::InstallCommandChannel();
-        bool answered = false;
-        client.reset(new cmd::Channel(
-            Connect(getpid(), [&](std::string const& line) { answered = answered || line == "1/1 foo"; })));
+        client.reset(new cmd::Channel(Connect(
+            getpid(), [this](std::string const& line) { answered = answered || line == "1/1 foo"; })));
         client->Command("zel monitor poll thread task alarm");
         client->Command("foo");
         while (!arrived || !ticked || !done || !answered)
@@ -72,6 +71,7 @@ struct User {
 
     bool arrived = false;
     bool ticked = false;
+    bool answered = false;
     std::atomic<bool> done{false};
     signal::AutoReceptor arrivals{SIGUSR1, [this](int) { arrived = true; }};
     Alarm ticks{0, 10, [this] { ticked = true; }};
