@@ -29,7 +29,9 @@ namespace orn::zel {
 namespace {
 
 LibLoader* loader = nullptr;
-std::vector<std::string> preloaded; // changed while no command can be running
+// Changed while no command can be running. It has no destructor, because while exit() runs in one thread
+// another one's dlopen() may have the loader construct it again.
+std::vector<std::string>* preloaded = nullptr;
 
 // Whether the library has been linked with this one: it then finds one of this one's names.
 bool needs_this_library(std::string const& name) {
@@ -44,7 +46,7 @@ bool needs_this_library(std::string const& name) {
 } // namespace
 
 std::vector<std::string> detail::preloaded_modules() {
-    return preloaded;
+    return preloaded ? *preloaded : std::vector<std::string>();
 }
 
 void ZEL_load__() {
@@ -59,12 +61,13 @@ void ZEL_load__() {
     std::vector<std::string> names;
     split(std::string(os::EnvVar("ZEL_PRELOAD")), " :,;", names);
     loader = new LibLoader;
+    preloaded = new std::vector<std::string>;
     for (std::string const& name : names) {
         // Such a library keeps this one loaded after the host has closed it. exit() then closes that library
         // from here, which would unmap this code if nothing else kept it.
         if (!loader->load(name))
             continue;
-        preloaded.push_back(name);
+        preloaded->push_back(name);
         if (needs_this_library(name))
             detail::Shutdown::put_off_until_exit();
     }
@@ -82,7 +85,8 @@ void ZEL_unload__() {
     if (no_command_runs) {
         delete loader;
         loader = nullptr;
-        preloaded.clear();
+        delete preloaded;
+        preloaded = nullptr;
     }
 
     detail::zel_inspect_unload();
