@@ -10,10 +10,10 @@
 
 #include <sys/time.h>
 
+#include <orn/clock.hpp>
 #include <orn/log.h>
 #include <orn/zel/threadGroup.hpp>
 
-#include "clock.hpp"
 #include "fork.hpp"
 #include "idTable.hpp"
 #include "inspect.hpp"
@@ -60,7 +60,7 @@ struct Entry : TimerBlob {
     Entry(Handler&& called, bool once) : TimerBlob{std::nullopt, std::move(called), once} {}
 
     void armed(unsigned long initialMs, unsigned long recurringMs) {
-        due_ms = detail::coarse_ms() + initialMs;
+        due_ms = internal::coarse_ms() + initialMs;
         if (due_ms < initialMs)
             due_ms = UINT64_MAX;
         period_ms = recurringMs;
@@ -230,7 +230,7 @@ void Manager::drain(Table& table, fd::Event* event) {
     };
     std::vector<Copy> copies; // so that the loop does not wait for the lock while the text is composed
     {
-        std::uint64_t const now_ms = detail::coarse_ms();
+        std::uint64_t const now_ms = internal::coarse_ms();
         AutoLock const guard(table_->lock);
         copies.reserve(table_->alarms.size());
         table_->alarms.each([&](id_t id, Entry const& alarm) {

@@ -12,7 +12,8 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "clock.hpp"
+#include <orn/clock.hpp>
+
 #include "cmd.hpp"
 #include "fork.hpp"
 #include "inspect.hpp"
@@ -129,7 +130,9 @@ void tell_process(Answer& answer) {
     uname(&machine);
     Json& object = answer.begin();
     object.field("pid", process_id()).field("name", without_newline(read_proc("comm")));
-    object.field("program", link_in_proc("exe")).field("start_ns", start_ns()).field("now_ns", now_ns());
+    object.field("program", link_in_proc("exe"))
+        .field("start_ns", start_ns())
+        .field("now_ns", internal::now_ns());
     object.field("version", ZEL_VERSION).field("machine", machine.machine);
     object.field("byte_order", little_endian() ? "little" : "big").field("width", sizeof(void*) * 8);
     object.open_list("modules");

@@ -47,7 +47,7 @@ namespace {
 
 // A time in whole ms that was read at most 49 days ago.
 std::uint64_t as_ns(unsigned long ms) {
-    std::uint64_t const now = now_ns() / 1000000;
+    std::uint64_t const now = internal::now_ns() / 1000000;
     unsigned long const ago = static_cast<unsigned long>(now) - ms;
     return (now - ago) * 1000000;
 }
@@ -97,7 +97,7 @@ void LoopRecord::end_span(std::uint64_t begin_ns, Doing doing, std::uint32_t id)
         stop_tracing();
         return;
     }
-    ring->push(Span{begin_ns, now_ns(), id, get(tid_), doing});
+    ring->push(Span{begin_ns, internal::now_ns(), id, get(tid_), doing});
 }
 
 } // namespace orn::zel::detail

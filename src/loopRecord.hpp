@@ -14,10 +14,8 @@
 #include <cstdint>
 #include <memory>
 
+#include <orn/clock.hpp>
 #include <sys/types.h>
-#include <time.h>
-
-#include "clock.hpp"
 
 namespace orn::zel::detail {
 
@@ -112,15 +110,10 @@ private:
 
     // CLOCK_MONOTONIC in ms, exact to a tick of the kernel. One word, so that it can be read at any time on
     // 32-bit machines, too, where it wraps after 49 days.
-    static unsigned long coarse_ms() {
-        timespec now = {};
-        clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-        return static_cast<unsigned long>(now.tv_sec) * 1000 +
-               static_cast<unsigned long>(now.tv_nsec) / 1000000;
-    }
+    static unsigned long coarse_ms() { return static_cast<unsigned long>(internal::coarse_ms()); }
 
     // The time of a span's beginning. 0: nobody traces.
-    std::uint64_t begin_span() const { return traced() ? now_ns() : 0; }
+    std::uint64_t begin_span() const { return traced() ? internal::now_ns() : 0; }
     void end_span(std::uint64_t begin_ns, Doing doing, std::uint32_t id);
 
     // Kind, number and time belong together. A reader that finds the sequence odd, or changed, reads again.

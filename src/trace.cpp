@@ -149,7 +149,7 @@ bool Trace::wished(Topic topic) const {
 }
 
 void Trace::wish(Topic topic, int fd) {
-    std::uint64_t const until = now_ns() + trace_wish_ns;
+    std::uint64_t const until = internal::now_ns() + trace_wish_ns;
     if (Wish const* const known = find(topic, fd))
         wishes_[static_cast<std::size_t>(known - wishes_.data())].until_ns = until;
     else
@@ -170,7 +170,7 @@ void Trace::forget(int fd) {
 }
 
 void Trace::end_wishes() {
-    std::uint64_t const now = now_ns();
+    std::uint64_t const now = internal::now_ns();
     auto const over = [now](Wish const& wish) {
         pollfd entry = {wish.fd, 0, 0}; // an error without being asked: the pipe has no reader any more
         return now >= wish.until_ns || poll(&entry, 1, 0) != 0;

@@ -8,12 +8,12 @@
 #include <climits>
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 
 #include <sys/ioctl.h>
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <orn/clock.hpp>
 #include <orn/zel/fd.hpp>
 
 namespace orn::zel::detail {
@@ -68,13 +68,7 @@ public:
 private:
     static constexpr std::uint32_t most_ms = 20;
 
-    // This clock is exact to a tick of the kernel, which is some milliseconds, and costs no system call.
-    static std::uint32_t now_ms() {
-        timespec now = {};
-        clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-        return static_cast<std::uint32_t>(now.tv_sec) * 1000 +
-               static_cast<std::uint32_t>(now.tv_nsec / 1000000);
-    }
+    static std::uint32_t now_ms() { return static_cast<std::uint32_t>(internal::coarse_ms()); }
 
     unsigned long queued() const {
         int bytes = 0;

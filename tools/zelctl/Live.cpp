@@ -3,8 +3,6 @@
 // Wishes and names.
 #include "Live.hpp"
 
-#include <ctime>
-
 #include "Failure.hpp"
 #include "Target.hpp"
 #include "Views.hpp"
@@ -19,12 +17,6 @@ std::uint64_t number_in(Json const& object, char const* key) {
 std::string text_in(Json const& object, char const* key) {
     auto const found = object.find(key);
     return found != object.end() && found->is_string() ? found->get<std::string>() : "";
-}
-
-std::uint64_t now_ns() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::uint64_t>(now.tv_sec) * 1000000000u + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
 // ---- Wishes ---------------------------------------------------------------------------------------------

@@ -11,6 +11,8 @@
 #include <string>
 #include <utility>
 
+#include <orn/clock.hpp>
+
 #include "Session.hpp"
 #include "Table.hpp"
 
@@ -20,8 +22,7 @@ namespace zelctl {
 std::uint64_t number_in(Json const& object, char const* key);
 std::string text_in(Json const& object, char const* key);
 
-// CLOCK_MONOTONIC, which processes share.
-std::uint64_t now_ns();
+using orn::internal::now_ns; // processes share this clock
 
 // The wish for "trace" or "timing". The process forgets it after ten seconds, so it is renewed while this
 // lives, and withdrawn at the end.

@@ -15,20 +15,15 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <orn/clock.hpp>
 #include <orn/descriptor.hpp>
 
 namespace orn::os {
 
-constexpr std::uint64_t ns_per_second = 1000000000;
+using internal::now_ns;
+using internal::ns_per_second;
 
-// CLOCK_MONOTONIC in nanoseconds.
-inline std::uint64_t now_ns() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::uint64_t>(now.tv_sec) * ns_per_second + static_cast<std::uint64_t>(now.tv_nsec);
-}
-
-// A time of that clock.
+// A time of CLOCK_MONOTONIC.
 inline timespec timespec_of(std::uint64_t ns) {
     // Cut to what a time_t of 32 bits holds. Waking too early once in decades does no harm.
     std::uint64_t const seconds = ns / ns_per_second;
