@@ -4,7 +4,6 @@
 // descriptors is in threadGroup.cpp.
 #include <orn/zel/fd.hpp>
 
-#include <chrono>
 #include <set>
 #include <vector>
 
@@ -160,8 +159,13 @@ void MonitorMap::Unlock() ZEL_NO_ANALYSIS {
 }
 
 bool MonitorMap::TryLock(unsigned ms) ZEL_NO_ANALYSIS {
-    // By the wall clock, because ThreadSanitizer does not know a mutex that waits by another.
-    return mutex_.try_lock_until(std::chrono::system_clock::now() + std::chrono::milliseconds(ms));
+    // Waiting for the mutex itself would go by the wall clock, which may be set back meanwhile.
+    while (!mutex_.try_lock()) {
+        if (ms-- == 0)
+            return false;
+        poll(nullptr, 0, 1);
+    }
+    return true;
 }
 
 namespace {

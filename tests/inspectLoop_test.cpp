@@ -160,6 +160,18 @@ protected:
     Worker worker;
 };
 
+// What a list holds while it destroys handlers that were removed during a dispatch.
+struct ListLock {
+    explicit ListLock(Receptacle<int, unsigned long>& users) : list(dynamic_cast<HandlerList<int>&>(users)) {
+        list.lock_mutex();
+    }
+    ~ListLock() { list.unlock_mutex(); }
+    ListLock(ListLock const&) = delete;
+    ListLock& operator=(ListLock const&) = delete;
+
+    HandlerList<int> const& list;
+};
+
 TEST_F(InspectLoop, a_stuck_loop_is_seen_in_each_kind_of_callback) {
     std::unique_ptr<WatchedPipe> pipe;
     std::unique_ptr<signal::AutoReceptor> watched;
@@ -189,6 +201,11 @@ TEST_F(InspectLoop, a_stuck_loop_is_seen_in_each_kind_of_callback) {
                  handler();
              });
          }}};
+    boost::shared_ptr<Receptacle<int, unsigned long>> users;
+    worker.run([&] {
+        users = Signal(SIGUSR1);
+        users->insert([](int) {});
+    });
     for (auto const& scene : scenes) {
         SCOPED_TRACE(scene.kind);
         Count entered;
@@ -198,6 +215,8 @@ TEST_F(InspectLoop, a_stuck_loop_is_seen_in_each_kind_of_callback) {
                 // No lock of the library's that a handler may have keeps anybody from being told of it.
                 AutoLock const group(*thread::ThisGroup());
                 AutoLock const monitors(thread::FdMgr()->monitors());
+                AutoLock const alarms(*alarm::managerMutex);
+                ListLock const handlers(*users);
                 entered.up();
                 released.reaches(1);
                 if (scene.kind == "task")
@@ -219,6 +238,9 @@ TEST_F(InspectLoop, a_stuck_loop_is_seen_in_each_kind_of_callback) {
         EXPECT_EQ(worker.tid, stuck["runner"]);
         EXPECT_EQ(Json::array({worker.tid}), stuck["members"]);
         EXPECT_EQ(true, viewer.find("fds", "thread", worker.tid)["busy"]);
+        for (char const* const what : {"process", "threads", "alarms", "tasks"})
+            viewer.ask(what);
+        EXPECT_EQ(1, viewer.find("signals", "signal", SIGUSR1)["handlers"]);
         released.up();
         worker.end();
         EXPECT_EQ("idle", look()["state"]);
