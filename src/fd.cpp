@@ -385,6 +385,7 @@ bool look_at(MonitorMap& monitors, std::vector<Watched>& all) ZEL_NO_ANALYSIS {
 } // namespace
 
 void tell_fds(detail::Answer& answer) {
+    std::string const descriptors = detail::shared_in_proc("fd/");
     for (thread::Registry::Entry const& entry : thread::Registry::entries()) {
         if (!entry.fd_manager)
             continue;
@@ -396,7 +397,8 @@ void tell_fds(detail::Answer& answer) {
         }
         for (Watched const& each : all) {
             detail::Json& object = answer.begin();
-            object.field("fd", each.fd).field("path", detail::link_in_proc("fd/" + std::to_string(each.fd)));
+            object.field("fd", each.fd);
+            object.field("path", detail::link_in_proc(descriptors + std::to_string(each.fd)));
             object.field("thread", entry.tid).field("manager", manager);
             object.field("events", each.events).field("event_names", names_of(each.events));
             object.field("dispatches", each.dispatches).field("expired", each.expired != 0);
