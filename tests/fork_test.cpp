@@ -173,6 +173,14 @@ TEST(Fork, a_daemon_whose_first_act_is_to_watch_a_signal_is_steered_and_served) 
 
 // The parent has a command thread, a client and everything else that a child does not get.
 TEST(Fork, a_daemon_that_brings_the_library_up_anew_is_steered_under_its_own_id) {
+TEST(Fork, a_daemon_whose_first_act_is_to_open_its_channel_is_steered_and_served) {
+    expect_daemon(daemon_that([] {
+                      orn::zel::cmd::InstallCommandChannel();
+                      watch(SIGTERM, handled);
+                  }),
+                  SIGTERM);
+}
+
     if (support::is_sanitized)
         GTEST_SKIP() << sanitizers_do_not;
     orn::zel::cmd::InstallCommandChannel();
