@@ -386,7 +386,7 @@ bool look_at(MonitorMap& monitors, std::vector<Watched>& all) ZEL_NO_ANALYSIS {
 
 void tell_fds(detail::Answer& answer) {
     std::string const descriptors = detail::shared_in_proc("fd/");
-    for (thread::Registry::Entry const& entry : thread::Registry::entries()) {
+    for (thread::Registry::Entry const& entry : thread::Registry::living()) {
         if (!entry.fd_manager)
             continue;
         id_t const manager = entry.fd_manager->id().value();

@@ -94,6 +94,8 @@ TEST_F(Inspect, tells_of_alarms_tasks_and_signals_of_every_thread) {
     });
     sleeper.Name("tab\t\"");
     sleeper.Run();
+    std::unique_ptr<Alarm> left;
+    std::thread([&] { left = std::make_unique<Alarm>(60000, [] {}); }).join();
     signal::AutoReceptor const watched(SIGUSR1, [](int) {});
     raise(SIGUSR1);
     EXPECT_TRUE(run_until([&] { return !find("alarms", "fired", 1).empty(); }));
@@ -107,7 +109,8 @@ TEST_F(Inspect, tells_of_alarms_tasks_and_signals_of_every_thread) {
         signal = find("signals", "signal", SIGUSR1);
     })
         .join();
-    ASSERT_EQ(2u, alarms.size());
+    ASSERT_EQ(3u, alarms.size());
+    EXPECT_EQ(0, alarms[2]["thread"]) << "that thread has ended";
     if (alarms[0]["period_ms"] != 0)
         alarms[0].swap(alarms[1]);
     EXPECT_EQ((Json{0, 50000, 0, 1}),
