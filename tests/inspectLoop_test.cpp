@@ -328,8 +328,21 @@ TEST_F(InspectLoop, a_trace_nests_and_agrees_with_the_counters_and_the_times) {
     Json const before = look();
     EXPECT_EQ("on", viewer.ask("trace on").at(0)["trace"]);
     EXPECT_EQ("on", viewer.ask("timing on").at(0)["timing"]);
-    worker.run([] { make_spans(100); });
+    std::unique_ptr<Task> sleeper;
+    worker.run([&] {
+        make_spans(100);
+        sleeper = std::make_unique<Task>([](task::Controller* self) { self->Sleep(); });
+        sleeper->Run();
+        settle();
+    });
     Objects const times = viewer.ask("timing");
+    Json const task = viewer.find("tasks", "thread", worker.tid);
+    auto const timed_task = std::find_if(times.begin(), times.end(), [&](Json const& entry) {
+        return entry.value("kind", "") == "task" && entry["id"] == task["task"];
+    });
+    ASSERT_NE(times.end(), timed_task);
+    EXPECT_EQ((*timed_task)["longest_ns"], task["longest_ns"]);
+    worker.run([&] { sleeper.reset(); });
     EXPECT_EQ("off", viewer.ask("trace off").at(0)["trace"]);
     EXPECT_EQ(0, viewer.lost[worker.group]);
     Json const after = look();
@@ -353,7 +366,7 @@ TEST_F(InspectLoop, a_trace_nests_and_agrees_with_the_counters_and_the_times) {
     }
     EXPECT_EQ(after["turns"].get<int>() - before["turns"].get<int>(), count["turn"]);
     EXPECT_EQ(after["dispatches"].get<int>() - before["dispatches"].get<int>(), count["fd"]);
-    EXPECT_EQ(100, count["task"]);
+    EXPECT_EQ(101, count["task"]);
     EXPECT_LE(10, count["signal"]);
     EXPECT_LE(1, count["alarm"]);
 
