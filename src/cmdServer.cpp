@@ -175,11 +175,12 @@ void serve(Server& state) {
     fd::AutoReceptor const receptor(o_msg_queue_fd(queue.get()),
                                     boost::bind(CmdQueueHandler, boost::placeholders::_1, queue.get()));
     detail::Trace trace;
-    int ready = 1;
-    while ((ready != 0 || trace.wait_ms() != -1) && !state.stop) {
+    bool over = false;
+    while (!over && !state.stop) {
         // A command that fails must not keep the next one from being served.
         try {
-            ready = RunOnce(trace.wait_ms());
+            int const wait_ms = trace.wait_ms(); // serve() may end the wish that it is for
+            over = RunOnce(wait_ms) == 0 && wait_ms == -1;
             trace.serve();
         } catch (abi::__forced_unwind&) { // the thread is being ended
             throw;

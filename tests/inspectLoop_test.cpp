@@ -442,6 +442,7 @@ TEST_F(InspectLoop, a_wish_ends_when_it_is_not_renewed_or_its_client_goes_or_in_
         viewer.ask("trace on");
         EXPECT_TRUE(wait_until([&] { return !group->record()->traced(); }));
     }
+    EXPECT_FALSE(viewer.observed("trace")) << "and everything else goes on";
     {
         Viewer second; // of this process, so answers go to it from here on
         second.ask("timing on");
