@@ -221,7 +221,7 @@ void Manager::drain(Table& table, fd::Event* event) {
     }
 }
 
-[[gnu::cold]] void Manager::tell(detail::Answer& answer) const {
+[[gnu::cold]] void Manager::tell(int tid, detail::Answer& answer) const {
     struct Copy {
         id_t id;
         std::uint64_t left_ms;
@@ -239,14 +239,14 @@ void Manager::drain(Table& table, fd::Event* event) {
     }
     for (Copy const& alarm : copies) {
         detail::Json& object = answer.begin();
-        object.field("alarm", alarm.id).field("thread", tid_).field("due_in_ms", alarm.left_ms);
+        object.field("alarm", alarm.id).field("thread", tid).field("due_in_ms", alarm.left_ms);
         object.field("period_ms", alarm.period_ms).field("fired", alarm.fired);
         answer.end();
     }
 }
 
 [[gnu::cold]] void tell_alarms(detail::Answer& answer) {
-    managers.each([&](Manager const& manager, int) { manager.tell(answer); });
+    managers.each([&](Manager const& manager, int tid) { manager.tell(tid, answer); });
 }
 
 [[gnu::cold]] unsigned long Manager::size() const {

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "observer.hpp"
+#include "procFile.hpp"
 #include "shutdown.hpp"
 #include "trace.hpp"
 
@@ -30,7 +31,8 @@ int open_anew(int fd, std::string& why) {
         why = "it is no pipe";
         return -1;
     }
-    int const own = open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    std::string const path = "/proc/self/" + shared_in_proc("fd/" + std::to_string(fd));
+    int const own = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     if (own == -1)
         why = strerror(errno);
     return own;

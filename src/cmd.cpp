@@ -12,6 +12,7 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <orn/log.h>
 
@@ -113,15 +114,16 @@ void ProcessCommand(std::string const& command, int resp_fd) {
 
 // ---- The answer to a word that nobody has ---------------------------------------------------------------
 
-// A pipe has its free room in whole pages, and does not always fill a page that it has begun, so two pages
-// are left out. Up to PIPE_BUF bytes are written whole or not at all.
+// A pipe has its free room in whole pages, and begins a new one for a text that does not fit behind the one
+// before. So up to half of the pages in use is lost, and the first and the last of them. Up to PIPE_BUF bytes
+// are written whole or not at all.
 std::size_t room(int fd) {
     int const size = fcntl(fd, F_GETPIPE_SZ);
     int used = 0;
     if (size <= 0 || ioctl(fd, FIONREAD, &used) != 0)
         return 65536; // fd is no pipe: assume what a pipe usually takes
-    int const begun = 2 * 4096;
-    return static_cast<std::size_t>(std::max({size - used - begun, std::min(size - used, PIPE_BUF), 0}));
+    int const begun = 2 * static_cast<int>(sysconf(_SC_PAGESIZE));
+    return static_cast<std::size_t>(std::max({size - 2 * used - begun, std::min(size - used, PIPE_BUF), 0}));
 }
 
 namespace {

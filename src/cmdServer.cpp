@@ -72,9 +72,7 @@ boost::shared_ptr<os::Thread> take_runner(Server& state) ZEL_REQUIRES(server().l
     return runner;
 }
 
-} // namespace
-
-void InstallCommandChannel() {
+void install() {
     boost::shared_ptr<os::Thread> before; // joined with the lock released
     AutoLock const guard(server().lock);
     boost::shared_ptr<Server> const state = server().state;
@@ -88,8 +86,18 @@ void InstallCommandChannel() {
     state->ended = false;
     state->runner_process = detail::process_id();
     detail::SignalShield const shield; // the new thread takes no signal that is meant for the application's
+    state->runner = detail::make_shared<os::Thread>(CommandChannelRunner);
+}
+
+} // namespace
+
+void InstallCommandChannel() {
     try {
-        state->runner = detail::make_shared<os::Thread>(CommandChannelRunner);
+        // Making a thread needs the calling one's group. To make that in a child of fork() runs the child
+        // hook, which takes the lock.
+        if (detail::in_unused_child())
+            thread::ThisGroup();
+        install();
     } catch (std::exception const& error) {
         // The client waits and may try again. The loop that this runs in is the application's, and must not
         // be ended for a client.
@@ -167,11 +175,12 @@ void serve(Server& state) {
     fd::AutoReceptor const receptor(o_msg_queue_fd(queue.get()),
                                     boost::bind(CmdQueueHandler, boost::placeholders::_1, queue.get()));
     detail::Trace trace;
-    int ready = 1;
-    while ((ready != 0 || trace.wait_ms() != -1) && !state.stop) {
+    bool over = false;
+    while (!over && !state.stop) {
         // A command that fails must not keep the next one from being served.
         try {
-            ready = RunOnce(trace.wait_ms());
+            int const wait_ms = trace.wait_ms(); // serve() may end the wish that it is for
+            over = RunOnce(wait_ms) == 0 && wait_ms == -1;
             trace.serve();
         } catch (abi::__forced_unwind&) { // the thread is being ended
             throw;

@@ -4,7 +4,6 @@
 // descriptors is in threadGroup.cpp.
 #include <orn/zel/fd.hpp>
 
-#include <chrono>
 #include <set>
 #include <vector>
 
@@ -160,8 +159,13 @@ void MonitorMap::Unlock() ZEL_NO_ANALYSIS {
 }
 
 bool MonitorMap::TryLock(unsigned ms) ZEL_NO_ANALYSIS {
-    // By the wall clock, because ThreadSanitizer does not know a mutex that waits by another.
-    return mutex_.try_lock_until(std::chrono::system_clock::now() + std::chrono::milliseconds(ms));
+    // Waiting for the mutex itself would go by the wall clock, which may be set back meanwhile.
+    while (!mutex_.try_lock()) {
+        if (ms-- == 0)
+            return false;
+        poll(nullptr, 0, 1);
+    }
+    return true;
 }
 
 namespace {
@@ -381,7 +385,8 @@ bool look_at(MonitorMap& monitors, std::vector<Watched>& all) ZEL_NO_ANALYSIS {
 } // namespace
 
 void tell_fds(detail::Answer& answer) {
-    for (thread::Registry::Entry const& entry : thread::Registry::entries()) {
+    std::string const descriptors = detail::shared_in_proc("fd/");
+    for (thread::Registry::Entry const& entry : thread::Registry::living()) {
         if (!entry.fd_manager)
             continue;
         id_t const manager = entry.fd_manager->id().value();
@@ -392,7 +397,8 @@ void tell_fds(detail::Answer& answer) {
         }
         for (Watched const& each : all) {
             detail::Json& object = answer.begin();
-            object.field("fd", each.fd).field("path", detail::link_in_proc("fd/" + std::to_string(each.fd)));
+            object.field("fd", each.fd);
+            object.field("path", detail::link_in_proc(descriptors + std::to_string(each.fd)));
             object.field("thread", entry.tid).field("manager", manager);
             object.field("events", each.events).field("event_names", names_of(each.events));
             object.field("dispatches", each.dispatches).field("expired", each.expired != 0);

@@ -17,9 +17,11 @@ namespace orn::zel::detail {
 namespace {
 
 std::atomic<pid_t> current(0);
+std::atomic<bool> is_child(false);
 
 void in_child() {
     current = getpid();
+    is_child = true;
     renew_observers();
     Readiness::forked();
 }
@@ -30,6 +32,10 @@ std::atomic<void (*)()> child_hook(nullptr);
 std::atomic<pid_t> hooked(0); // the process in which the hook was set or has last run
 
 } // namespace
+
+bool forked() {
+    return is_child;
+}
 
 void set_child_hook(void (*hook)()) {
     child_hook = hook;

@@ -12,6 +12,9 @@ namespace orn::zel::detail {
 // Like getpid(), without the system call: a child of fork() must not act in its parent's name. Signal-safe.
 pid_t process_id();
 
+// Whether this process is a child of fork() that has not called exec().
+bool forked();
+
 // The child hook is for a child of fork() that goes on to use the library instead of calling exec(). It runs
 // once in each, on the thread that first uses the library there. The command channel sets it: it has to watch
 // its signal anew (cmdServer.cpp). The thread registry runs it when it has made a thread's group, with no

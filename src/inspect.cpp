@@ -5,6 +5,7 @@
 #include "inspect.hpp"
 
 #include <algorithm>
+#include <climits>
 #include <utility>
 
 #include <orn/zel/cmd.hpp>
@@ -41,7 +42,8 @@ void refuse(Answer& answer) {
 
 void inspect(std::string const& args, int fd) {
     std::pair<std::string, std::string> const words = cmd::GetFirstWord(args);
-    std::string const& what = words.first;
+    // Longer than all that there is, and short enough to be said again in each line.
+    std::string const what = words.first.substr(0, 64);
     Answer answer(what, words.second, fd);
     Thing const* const end = std::end(things);
     Thing const* const thing =
@@ -50,37 +52,42 @@ void inspect(std::string const& args, int fd) {
         refuse(answer);
     else
         thing->tell(answer);
-    answer.write();
+    answer.finish();
 }
 
 } // namespace
 
 Json& Answer::begin() {
-    return lines_.open().field("inspect", what_);
+    return object_.open().field("inspect", what_);
 }
 
 void Answer::end() {
-    lines_.close().end_line();
+    // Room is left in the last page of the pipe for the line that tells what was lost.
+    std::size_t const longest_end = 512;
+    object_.close().end_line();
+    std::string const line = object_.take();
+    if (lines_.size() + line.size() > PIPE_BUF - longest_end)
+        write_lines();
+    lines_ += line;
     ++objects_;
 }
 
-void Answer::write() {
-    std::string text = lines_.text();
-    std::size_t const end_line = 64 + what_.size() * 6; // more than the last line needs, escapes included
-    std::size_t const room = cmd::room(fd_);
-    std::size_t lost = 0;
-    if (text.size() + end_line > room) {
-        std::size_t const most = room > end_line ? room - end_line : 0;
-        std::size_t const cut = most > 0 ? text.rfind('\n', most - 1) : std::string::npos;
-        std::size_t const kept = cut == std::string::npos ? 0 : cut + 1;
-        lost = static_cast<std::size_t>(
-            std::count(text.begin() + static_cast<std::ptrdiff_t>(kept), text.end(), '\n'));
-        text.resize(kept);
-    }
-    Json last;
-    last.open().field("inspect", what_).field("end", true).field("objects", objects_).field("lost", lost);
-    last.close().end_line();
-    cmd::Write(fd_, text + last.text());
+void Answer::write_lines() {
+    if (lines_.empty())
+        return;
+    // A single line may be longer than what a pipe takes whole.
+    bool const fits = lines_.size() <= PIPE_BUF || lines_.size() <= cmd::room(fd_);
+    if (!fits || cmd::Write(fd_, lines_) != static_cast<ssize_t>(lines_.size()))
+        lost_ += objects_ - written_;
+    written_ = objects_;
+    lines_.clear();
+}
+
+void Answer::finish() {
+    write_lines();
+    object_.open().field("inspect", what_).field("end", true);
+    object_.field("objects", objects_).field("lost", lost_).close().end_line();
+    cmd::Write(fd_, object_.take());
 }
 
 void zel_inspect_load() {

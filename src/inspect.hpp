@@ -15,7 +15,8 @@
 
 namespace orn::zel::detail {
 
-// Lines of one JSON object each, which are written at once when all are there.
+// Lines of one JSON object each. They go out some at a time, in pieces that a pipe takes whole or not at all,
+// so that neither a large answer nor a full pipe cuts a line or costs memory. Never waits.
 class Answer {
 public:
     // To a question: what is asked for, what comes behind it, and where the answer goes.
@@ -29,16 +30,20 @@ public:
     Json& begin();
     void end();
 
-    // Writes the objects as far as the descriptor has room for whole lines now, and then how many there were
-    // and how many were lost. Never waits.
-    void write();
+    // After the last object: says how many there were, and how many the descriptor had no room for.
+    void finish();
 
 private:
+    void write_lines();
+
     std::string what_;
     std::string arguments_;
     int fd_;
-    Json lines_;
+    Json object_;
+    std::string lines_; // that have not been written yet
     std::size_t objects_ = 0;
+    std::size_t written_ = 0; // objects whose lines are out
+    std::size_t lost_ = 0;
 };
 
 void zel_inspect_load();

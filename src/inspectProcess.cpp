@@ -34,7 +34,7 @@ class Mappings {
 public:
     Mappings() {
         std::vector<std::string> lines;
-        split(read_proc("maps"), "\n", lines);
+        split(read_proc(shared_in_proc("maps")), "\n", lines);
         for (std::string const& line : lines) {
             std::string::size_type const path = line.find('/');
             if (path != std::string::npos)
@@ -130,7 +130,7 @@ void tell_process(Answer& answer) {
     uname(&machine);
     Json& object = answer.begin();
     object.field("pid", process_id()).field("name", without_newline(read_proc("comm")));
-    object.field("program", link_in_proc("exe"))
+    object.field("program", link_in_proc(shared_in_proc("exe")))
         .field("start_ns", start_ns())
         .field("now_ns", internal::now_ns());
     object.field("version", ZEL_VERSION).field("machine", machine.machine);

@@ -6,6 +6,7 @@
 
 #include <string>
 #include <type_traits>
+#include <utility>
 
 namespace orn::zel::detail {
 
@@ -37,7 +38,8 @@ public:
     }
 
     void end_line() { text_ += '\n'; }
-    std::string const& text() const { return text_; }
+    // The text so far, which begins anew.
+    std::string take() { return std::exchange(text_, std::string()); }
 
 private:
     void key(char const* name);

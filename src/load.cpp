@@ -5,6 +5,8 @@
 // unloaded.
 #include <orn/zel/load.hpp>
 
+#include <atomic>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -29,9 +31,10 @@ namespace orn::zel {
 namespace {
 
 LibLoader* loader = nullptr;
-// Changed while no command can be running. It has no destructor, because while exit() runs in one thread
-// another one's dlopen() may have the loader construct it again.
-std::vector<std::string>* preloaded = nullptr;
+// Null until all have been loaded: one of them may open the channel, and a client may ask. It has no
+// destructor, because while exit() runs in one thread another one's dlopen() may have the loader construct it
+// again.
+std::atomic<std::vector<std::string>*> preloaded(nullptr);
 
 // Whether the library has been linked with this one: it then finds one of this one's names.
 bool needs_this_library(std::string const& name) {
@@ -46,7 +49,8 @@ bool needs_this_library(std::string const& name) {
 } // namespace
 
 std::vector<std::string> detail::preloaded_modules() {
-    return preloaded ? *preloaded : std::vector<std::string>();
+    std::vector<std::string> const* const names = preloaded;
+    return names ? *names : std::vector<std::string>();
 }
 
 void ZEL_load__() {
@@ -61,16 +65,17 @@ void ZEL_load__() {
     std::vector<std::string> names;
     split(std::string(os::EnvVar("ZEL_PRELOAD")), " :,;", names);
     loader = new LibLoader;
-    preloaded = new std::vector<std::string>;
+    auto found = std::make_unique<std::vector<std::string>>();
     for (std::string const& name : names) {
         // Such a library keeps this one loaded after the host has closed it. exit() then closes that library
         // from here, which would unmap this code if nothing else kept it.
         if (!loader->load(name))
             continue;
-        preloaded->push_back(name);
+        found->push_back(name);
         if (needs_this_library(name))
             detail::Shutdown::put_off_until_exit();
     }
+    preloaded = found.release();
     // Last, because a client may send commands at once.
     if (std::string(os::EnvVar("ZEL_CHANNEL")) == "1")
         cmd::InstallCommandChannel();
@@ -85,8 +90,7 @@ void ZEL_unload__() {
     if (no_command_runs) {
         delete loader;
         loader = nullptr;
-        delete preloaded;
-        preloaded = nullptr;
+        delete preloaded.exchange(nullptr);
     }
 
     detail::zel_inspect_unload();

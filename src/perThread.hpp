@@ -8,8 +8,10 @@
 
 #include <map>
 #include <memory>
+#include <vector>
 
 #include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
 
 #include <orn/zel/core.hpp>
 #include <orn/zel/threadGroup.hpp>
@@ -20,6 +22,30 @@
 #include "threadRegistry.hpp"
 
 namespace orn::zel::detail {
+
+// Managers as those see them who look into the process. The map will not do, because a handler may have its
+// lock: that of the alarms is alarm::managerMutex.
+class ShownManagers {
+public:
+    void add(id_t key, boost::shared_ptr<void> const& manager);
+    void clear();
+
+    struct Item {
+        id_t key;
+        int tid; // 0: the thread has ended
+        boost::shared_ptr<void> manager;
+    };
+    std::vector<Item> all();
+
+private:
+    struct Entry {
+        id_t key;
+        boost::weak_ptr<void> manager;
+    };
+
+    ThreadMutex lock_; // a leaf
+    std::vector<Entry> entries_ ZEL_GUARDED_BY(lock_);
+};
 
 template <class Manager>
 class PerThread {
@@ -45,6 +71,7 @@ public:
         AutoLock const guard(lock());
         doomed.reset(map_);
         map_ = nullptr;
+        shown().clear();
     }
 
     // The calling thread's, made on first use. Throws orn::zel::Exception with the refusal's text.
@@ -75,15 +102,12 @@ public:
         return known;
     }
 
-    // Calls the function with each manager and the thread whose it is, 0 for one that has ended. The lock is
-    // not held during the call.
+    // Calls the function with each manager and the thread whose it is, 0 for one that has ended. Waits for no
+    // handler, and holds no lock during the call.
     template <class Function>
     void each(Function function) {
-        std::map<id_t, int> const threads = thread::Registry::threads_by_manager();
-        for (auto const& item : all()) {
-            auto const thread = threads.find(item.first);
-            function(*item.second, thread == threads.end() ? 0 : thread->second);
-        }
+        for (ShownManagers::Item const& item : shown().all())
+            function(*static_cast<Manager*>(item.manager.get()), item.tid);
     }
 
     // A leaf. Good before load and after unload as well, since threads that exit() leaves running still come
@@ -91,6 +115,8 @@ public:
     static ThreadMutex& lock() { return immortal<ThreadMutex, PerThread>(); }
 
 private:
+    static ShownManagers& shown() { return immortal<ShownManagers, PerThread>(); }
+
     // The calling thread's. A refusal must leave no trace of the thread, so its fd manager is only looked up
     // there, and the key is 0 when it has none.
     id_t key() const {
@@ -116,8 +142,10 @@ private:
         id_t const key = thread::Registry::fd_manager_id();
         AutoLock const guard(lock());
         boost::shared_ptr<Manager>& kept = map()[key];
-        if (!kept)
+        if (!kept) {
             kept = made;
+            shown().add(key, made);
+        }
         return kept;
     }
 

@@ -9,6 +9,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <boost/shared_ptr.hpp>
@@ -34,6 +35,12 @@ std::string read_proc(std::string const& path) {
         text.append(block, static_cast<std::size_t>(got));
     close(fd);
     return text;
+}
+
+std::string shared_in_proc(std::string const& path) {
+    if (!link_in_proc("exe").empty())
+        return path;
+    return "task/" + std::to_string(syscall(SYS_gettid)) + '/' + path;
 }
 
 std::string link_in_proc(std::string const& path) {

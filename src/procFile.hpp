@@ -12,6 +12,10 @@ namespace orn::zel::detail {
 // The path goes on from "/proc/self/". Empty when the file cannot be read.
 std::string read_proc(std::string const& path);
 
+// Where to look for what all threads share: the mappings, the program, the descriptors. The kernel shows them
+// for the process only for as long as its main thread lives, and for each other thread after that.
+std::string shared_in_proc(std::string const& path);
+
 // What a symbolic link there points to. Empty when there is none.
 std::string link_in_proc(std::string const& path);
 

@@ -5,6 +5,7 @@
 // signal.cpp.
 #include <orn/zel/signal.hpp>
 
+#include <atomic>
 #include <cstring>
 
 #include <orn/zel/response.hpp>
@@ -39,6 +40,34 @@ struct Arrival {
     unsigned born;
 };
 
+// Tells how many handlers there are without the list's mutex, which is held while a removed handler is
+// destroyed, and which a handler may take.
+class CountedList : public HandlerList<int> {
+public:
+    CountedList() : HandlerList<int>(detail::make_shared<RecursiveThreadMutex>()), counted_(0) {}
+
+    bool insert_handler(std::pair<const unsigned long, receptor_type> entry) override {
+        bool const inserted = HandlerList<int>::insert_handler(entry);
+        recount();
+        return inserted;
+    }
+    void remove_handler(id_t handle) override {
+        HandlerList<int>::remove_handler(handle);
+        recount();
+    }
+
+    unsigned counted() const { return counted_; }
+
+private:
+    void recount() {
+        lock_mutex();
+        counted_ = count();
+        unlock_mutex();
+    }
+
+    std::atomic<unsigned> counted_;
+};
+
 // As in "SIGUSR1" and "SIGRTMIN+21".
 std::string name_of(int signo) {
     if (char const* const name = sigabbrev_np(signo))
@@ -52,14 +81,14 @@ std::string name_of(int signo) {
 // registration in it even when an unload has retired the source.
 struct Manager::SignalBundle {
     SignalBundle(int signo, boost::shared_ptr<os::Pipe> const& pipe,
-                 boost::shared_ptr<HandlerList<int>> const& users)
+                 boost::shared_ptr<CountedList> const& users)
         : source(sigHandler(signo)),
           registration(source->handlers(), Arrival{pipe, detail::SignalGate::lineage()}), list(users),
           arrivals(0) {}
 
     boost::shared_ptr<SignalHandler> source;
     orn::zel::AutoReceptor<int> registration;
-    boost::shared_ptr<HandlerList<int>> list;
+    boost::shared_ptr<CountedList> list;
     unsigned long arrivals; // that the loop has read from the pipe
 };
 
@@ -84,7 +113,7 @@ private:
 boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::shared_ptr<os::Pipe> const& pipe,
                                                          bool rearm) {
     std::map<int, SignalBundle>::node_type replaced; // outlives the lock, since it withdraws its registration
-    boost::shared_ptr<HandlerList<int>> users;
+    boost::shared_ptr<CountedList> users;
     {
         AutoLock const guard(lock_);
         auto const found = bundles_.find(signo);
@@ -93,7 +122,7 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
             if (!rearm || found->second.source->impl().installed())
                 return users;
         } else {
-            users = detail::make_shared<HandlerList<int>>(detail::make_shared<RecursiveThreadMutex>());
+            users = detail::make_shared<CountedList>();
         }
         SignalBundle fresh(signo, pipe, users);
         if (found != bundles_.end())
@@ -142,19 +171,19 @@ void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& 
 [[gnu::cold]] void Manager::Watch::tell(int tid, detail::Answer& answer) {
     struct Watched {
         int signo;
-        boost::shared_ptr<HandlerList<int>> list;
+        unsigned handlers;
         unsigned long arrivals;
     };
     std::vector<Watched> all;
     {
         AutoLock const guard(lock_);
         for (auto const& item : bundles_)
-            all.push_back(Watched{item.first, item.second.list, item.second.arrivals});
+            all.push_back(Watched{item.first, item.second.list->counted(), item.second.arrivals});
     }
     for (Watched const& each : all) {
         detail::Json& object = answer.begin();
         object.field("signal", each.signo).field("name", name_of(each.signo)).field("thread", tid);
-        object.field("handlers", each.list->count()).field("arrivals", each.arrivals);
+        object.field("handlers", each.handlers).field("arrivals", each.arrivals);
         answer.end();
     }
 }

@@ -12,6 +12,7 @@
 #include "plainText.hpp"
 #include "shared.hpp"
 #include "taskCore.hpp"
+#include "trace.hpp"
 
 namespace orn::zel {
 namespace task {
@@ -167,6 +168,8 @@ void ListTasks(std::string const&, int fd) {
 }
 
 void tell_tasks(detail::Answer& answer) {
+    if (detail::Trace* const trace = detail::Trace::current())
+        trace->serve(); // so that the times are up to date
     managers.each([&](Manager& manager, int tid) { manager.core()->tell(tid, answer); });
 }
 

@@ -12,6 +12,7 @@
 
 #include "fork.hpp"
 #include "loopRecord.hpp"
+#include "trace.hpp"
 
 namespace orn::zel::task {
 
@@ -206,10 +207,15 @@ void Core::tell(int tid, detail::Answer& answer) {
         for (ControllerImpl const* const task : tasks_.ascending())
             copies.push_back(Copy{task->id_, task->spec_.name, task->runCount(), task->sleeping()});
     }
+    detail::Trace const* const trace = detail::Trace::current();
     for (Copy const& task : copies) {
         detail::Json& object = answer.begin();
         object.field("task", task.id).field("name", task.name).field("thread", tid);
         object.field("slices", task.slices).field("state", task.sleeping ? "sleeping" : "scheduled");
+        std::uint64_t const longest_ns =
+            trace ? trace->timing().longest_ns(detail::Doing::task, static_cast<std::uint32_t>(task.id)) : 0;
+        if (longest_ns != 0)
+            object.field("longest_ns", longest_ns);
         answer.end();
     }
 }

@@ -137,7 +137,7 @@ void tell_loop(detail::Json& object, detail::LoopRecord::Look const& look, bool 
 void tell_groups(detail::Answer& answer) {
     std::map<id_t, std::vector<int>> members;
     std::map<id_t, boost::shared_ptr<Group>> groups;
-    for (Registry::Entry const& entry : Registry::entries()) {
+    for (Registry::Entry const& entry : Registry::living()) {
         if (!entry.group)
             continue;
         id_t const id = entry.group->id().value();

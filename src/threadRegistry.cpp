@@ -4,12 +4,15 @@
 // taken down.
 #include "threadRegistry.hpp"
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 
 #include <pthread.h>
 #include <sched.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "fixedLine.hpp"
@@ -279,9 +282,19 @@ std::vector<Registry::Entry> Registry::entries() {
     return all;
 }
 
+[[gnu::cold]] std::vector<Registry::Entry> Registry::living() {
+    std::vector<Entry> all = entries();
+    auto const gone = [](Entry const& entry) {
+        return syscall(SYS_tgkill, detail::process_id(), entry.tid, 0) == -1 && errno == ESRCH;
+    };
+    if (detail::forked())
+        all.erase(std::remove_if(all.begin(), all.end(), gone), all.end());
+    return all;
+}
+
 std::map<id_t, int> Registry::threads_by_manager() {
     std::map<id_t, int> threads;
-    for (Entry const& entry : entries()) {
+    for (Entry const& entry : living()) {
         if (entry.fd_manager)
             threads[entry.fd_manager->id().value()] = entry.tid;
     }

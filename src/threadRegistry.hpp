@@ -69,6 +69,8 @@ public:
     };
     // All records, in ascending order of the thread ids.
     static std::vector<Entry> entries();
+    // Those whose threads this process has: a child of fork() has the records of its parent's threads, too.
+    static std::vector<Entry> living();
 
     // The threads by the identifiers of their fd managers, by which alarms, signals and tasks are kept.
     static std::map<id_t, int> threads_by_manager();

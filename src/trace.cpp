@@ -67,7 +67,7 @@ char const* name_of(Trace::Topic topic) {
 // ---- Times of callbacks ---------------------------------------------------------------------------------
 
 void TimingTable::add(id_t group, Span const& span) {
-    Key const key(group, span.doing, span.id);
+    Key const key(span.doing, span.id, group);
     auto const found = by_key_.find(key);
     if (found != by_key_.end()) {
         entries_.splice(entries_.end(), entries_, found->second);
@@ -95,8 +95,8 @@ void TimingTable::tell(Answer& answer) const {
     for (auto const& item : by_key_) {
         Entry const& entry = *item.second;
         Json& object = answer.begin();
-        object.field("group", std::get<0>(entry.key)).field("kind", detail::name_of(std::get<1>(entry.key)));
-        object.field("id", std::get<2>(entry.key)).field("thread", entry.tid).field("count", entry.count);
+        object.field("group", std::get<2>(entry.key)).field("kind", detail::name_of(std::get<0>(entry.key)));
+        object.field("id", std::get<1>(entry.key)).field("thread", entry.tid).field("count", entry.count);
         object.field("total_ns", entry.total_ns).field("longest_ns", entry.longest_ns);
         object.open_list("histogram");
         std::size_t used = powers;
@@ -107,6 +107,14 @@ void TimingTable::tell(Answer& answer) const {
         object.close_list();
         answer.end();
     }
+}
+
+std::uint64_t TimingTable::longest_ns(Doing doing, std::uint32_t id) const {
+    std::uint64_t longest = 0;
+    auto const end = by_key_.upper_bound(Key(doing, id, ~id_t(0)));
+    for (auto it = by_key_.lower_bound(Key(doing, id, 0)); it != end; ++it)
+        longest = std::max(longest, it->second->longest_ns);
+    return longest;
 }
 
 // ---- Wishes ---------------------------------------------------------------------------------------------

@@ -91,13 +91,20 @@ TEST(Channel, a_process_that_merely_turns_its_loop_is_steered_from_outside) {
     EXPECT_EQ("exit 5", target.end());
 }
 
-TEST(Channel, that_is_open_from_the_start_answers_for_a_process_that_turns_no_loop) {
-    Target target({"stuck"}, -1, {{"ZEL_CHANNEL", "1"}});
-    EXPECT_TRUE(wait_until([&] { return support::threads_named(target.pid(), "zel-command") == 1; }));
-    Client client(target.pid());
-    EXPECT_EQ("FdMgrs:", client.ask("zel fds").at(0));
-    client.send("quit 5");
-    EXPECT_EQ("exit 5", target.end());
+TEST(Channel,
+     that_is_open_from_the_start_answers_for_a_process_whose_main_thread_turns_no_loop_or_has_ended) {
+    for (std::string const how : {"stuck", "left"}) {
+        Target target({how}, -1, {{"ZEL_CHANNEL", "1"}});
+        EXPECT_TRUE(wait_until([&] { return support::threads_named(target.pid(), "zel-command") == 1; }));
+        Client client(target.pid());
+        EXPECT_EQ("FdMgrs:", client.ask("zel fds").at(0));
+        std::string const process = client.ask("inspect process").at(0);
+        EXPECT_NE(std::string::npos, process.find(R"("program":"/)")) << process;
+        EXPECT_NE(std::string::npos, process.find(R"({"word":"zel","library":"/)")) << process;
+        EXPECT_NE(std::string::npos, client.ask("inspect fds").at(0).find(R"("path":"pipe:)"));
+        client.send("exit 5");
+        EXPECT_EQ("exit 5", target.end());
+    }
 }
 
 TEST(Channel, a_burst_of_signals_and_many_clients_make_one_thread_which_takes_none_of_the_applications) {

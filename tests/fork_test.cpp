@@ -157,6 +157,8 @@ pid_t daemon_that(std::function<void()> const& begins) {
 void expect_daemon(pid_t child, int signo) {
     Client client(child);
     EXPECT_EQ("0", client.ask_one("seen"));
+    for (std::string const& group : client.ask("inspect groups"))
+        EXPECT_EQ(std::string::npos, group.find(":[" + std::to_string(getpid()) + ']')) << group;
     kill(child, signo);
     EXPECT_TRUE(support::wait_until([&] { return client.ask_one("seen") == "1"; }));
     client.send("exit 3");
@@ -167,6 +169,14 @@ TEST(Fork, a_daemon_whose_first_act_is_to_watch_a_signal_is_steered_and_served) 
     expect_daemon(daemon_that([] {
                       watch(SIGTERM, handled);
                       poll(nullptr, 0, 0); // as in channel_target
+                  }),
+                  SIGTERM);
+}
+
+TEST(Fork, a_daemon_whose_first_act_is_to_open_its_channel_is_steered_and_served) {
+    expect_daemon(daemon_that([] {
+                      orn::zel::cmd::InstallCommandChannel();
+                      watch(SIGTERM, handled);
                   }),
                   SIGTERM);
 }

@@ -160,6 +160,18 @@ protected:
     Worker worker;
 };
 
+// What a list holds while it destroys handlers that were removed during a dispatch.
+struct ListLock {
+    explicit ListLock(Receptacle<int, unsigned long>& users) : list(dynamic_cast<HandlerList<int>&>(users)) {
+        list.lock_mutex();
+    }
+    ~ListLock() { list.unlock_mutex(); }
+    ListLock(ListLock const&) = delete;
+    ListLock& operator=(ListLock const&) = delete;
+
+    HandlerList<int> const& list;
+};
+
 TEST_F(InspectLoop, a_stuck_loop_is_seen_in_each_kind_of_callback) {
     std::unique_ptr<WatchedPipe> pipe;
     std::unique_ptr<signal::AutoReceptor> watched;
@@ -189,6 +201,11 @@ TEST_F(InspectLoop, a_stuck_loop_is_seen_in_each_kind_of_callback) {
                  handler();
              });
          }}};
+    boost::shared_ptr<Receptacle<int, unsigned long>> users;
+    worker.run([&] {
+        users = Signal(SIGUSR1);
+        users->insert([](int) {});
+    });
     for (auto const& scene : scenes) {
         SCOPED_TRACE(scene.kind);
         Count entered;
@@ -198,6 +215,8 @@ TEST_F(InspectLoop, a_stuck_loop_is_seen_in_each_kind_of_callback) {
                 // No lock of the library's that a handler may have keeps anybody from being told of it.
                 AutoLock const group(*thread::ThisGroup());
                 AutoLock const monitors(thread::FdMgr()->monitors());
+                AutoLock const alarms(*alarm::managerMutex);
+                ListLock const handlers(*users);
                 entered.up();
                 released.reaches(1);
                 if (scene.kind == "task")
@@ -219,6 +238,9 @@ TEST_F(InspectLoop, a_stuck_loop_is_seen_in_each_kind_of_callback) {
         EXPECT_EQ(worker.tid, stuck["runner"]);
         EXPECT_EQ(Json::array({worker.tid}), stuck["members"]);
         EXPECT_EQ(true, viewer.find("fds", "thread", worker.tid)["busy"]);
+        for (char const* const what : {"process", "threads", "alarms", "tasks"})
+            viewer.ask(what);
+        EXPECT_EQ(1, viewer.find("signals", "signal", SIGUSR1)["handlers"]);
         released.up();
         worker.end();
         EXPECT_EQ("idle", look()["state"]);
@@ -306,8 +328,21 @@ TEST_F(InspectLoop, a_trace_nests_and_agrees_with_the_counters_and_the_times) {
     Json const before = look();
     EXPECT_EQ("on", viewer.ask("trace on").at(0)["trace"]);
     EXPECT_EQ("on", viewer.ask("timing on").at(0)["timing"]);
-    worker.run([] { make_spans(100); });
+    std::unique_ptr<Task> sleeper;
+    worker.run([&] {
+        make_spans(100);
+        sleeper = std::make_unique<Task>([](task::Controller* self) { self->Sleep(); });
+        sleeper->Run();
+        settle();
+    });
     Objects const times = viewer.ask("timing");
+    Json const task = viewer.find("tasks", "thread", worker.tid);
+    auto const timed_task = std::find_if(times.begin(), times.end(), [&](Json const& entry) {
+        return entry.value("kind", "") == "task" && entry["id"] == task["task"];
+    });
+    ASSERT_NE(times.end(), timed_task);
+    EXPECT_EQ((*timed_task)["longest_ns"], task["longest_ns"]);
+    worker.run([&] { sleeper.reset(); });
     EXPECT_EQ("off", viewer.ask("trace off").at(0)["trace"]);
     EXPECT_EQ(0, viewer.lost[worker.group]);
     Json const after = look();
@@ -331,7 +366,7 @@ TEST_F(InspectLoop, a_trace_nests_and_agrees_with_the_counters_and_the_times) {
     }
     EXPECT_EQ(after["turns"].get<int>() - before["turns"].get<int>(), count["turn"]);
     EXPECT_EQ(after["dispatches"].get<int>() - before["dispatches"].get<int>(), count["fd"]);
-    EXPECT_EQ(100, count["task"]);
+    EXPECT_EQ(101, count["task"]);
     EXPECT_LE(10, count["signal"]);
     EXPECT_LE(1, count["alarm"]);
 
@@ -407,6 +442,7 @@ TEST_F(InspectLoop, a_wish_ends_when_it_is_not_renewed_or_its_client_goes_or_in_
         viewer.ask("trace on");
         EXPECT_TRUE(wait_until([&] { return !group->record()->traced(); }));
     }
+    EXPECT_FALSE(viewer.observed("trace")) << "and everything else goes on";
     {
         Viewer second; // of this process, so answers go to it from here on
         second.ask("timing on");

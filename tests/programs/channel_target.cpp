@@ -5,6 +5,7 @@
 //
 //     busy             endless tasks, alarms and threads in loops
 //     stuck            never turns its loop
+//     left             its main thread ends
 //     ignored-sigpipe  ignores SIGPIPE
 //     secret           may not be traced by its own user
 //     default-55       has given up the handler of the signal that opens the channel
@@ -16,6 +17,7 @@
 #include <string>
 
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -114,12 +116,15 @@ int main(int argc, char** argv) {
     signal::AutoReceptor const watched(SIGUSR1, [](int) {});
     register_words();
     bool stuck = false;
+    bool left = false;
     for (int i = 1; i < argc; ++i) {
         std::string const option = argv[i];
         if (option == "busy")
             be_busy();
         else if (option == "stuck")
             stuck = true;
+        else if (option == "left")
+            left = true;
         else if (option == "ignored-sigpipe")
             std::signal(SIGPIPE, SIG_IGN);
         else if (option == "default-55")
@@ -132,6 +137,8 @@ int main(int argc, char** argv) {
     poll(nullptr, 0, 0);
     std::puts("ready");
     std::fflush(stdout);
+    if (left)
+        pthread_exit(nullptr);
     while (stuck && quit < 0)
         poll(nullptr, 0, 10);
     while (quit < 0)

@@ -130,7 +130,7 @@ public:
 
     unsigned long size() const;
     // Internal to the library, for the word "inspect": an object for each alarm. Any thread.
-    ORN_LOCAL void tell(detail::Answer& answer) const;
+    ORN_LOCAL void tell(int tid, detail::Answer& answer) const;
     basic_Id<unsigned long> const& id() const { return id_; }
 
 private:

@@ -223,7 +223,7 @@ public:
     map_type& entries() ZEL_REQUIRES(this) { return entries_; }
 
 private:
-    std::timed_mutex mutex_;
+    std::mutex mutex_;
     map_type entries_;
 };
 
