@@ -290,8 +290,10 @@ int Group::poll_own(int timeoutMs) {
     int ready;
     if (ask_readiness(ready, asked)) {
         probed(ready);
-        if (ready > 0)
+        if (ready > 0) {
             take_results();
+            sparse_ = true;
+        }
         if (ready != 0)
             return ready;
     }
@@ -330,11 +332,15 @@ struct Group::Wait {
 // The results that asked_ has, and those of the caller's entries. Returns what poll() of both would.
 int Group::combine_results(Wait& wait) {
     wait.built = 0;
+    take_results();
+    asked_.clear();
+    for (std::size_t const place : hits_) {
+        asked_.push_back(pollset_[place]);
+        pollset_[place].revents = 0; // served from the combined set
+    }
     wait.base = combine(asked_, wait.fds, wait.nfds, wait.set);
-    int ready = poll(wait.set.data() + wait.base, wait.nfds, 0);
-    for (unsigned long i = 0; i < wait.base && ready != -1; ++i)
-        ready += wait.set[i].revents != 0;
-    return ready;
+    int const ready = poll(wait.set.data() + wait.base, wait.nfds, 0);
+    return ready == -1 ? ready : ready + static_cast<int>(wait.base);
 }
 
 // The numbers are those of the steps in threadGroup.hpp.
