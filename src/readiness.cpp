@@ -250,7 +250,7 @@ int Readiness::poll_hot_first(std::vector<pollfd>& named) {
     if (ready <= 0 || !tells)
         return ready;
     int const more = poll_told(named, named.size());
-    return more == -1 ? more : ready - 1 + more;
+    return more == -1 && ready == 1 ? more : ready - 1 + std::max(more, 0);
 }
 
 bool Readiness::tell(std::vector<pollfd>& named) {
