@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 
 #include "../src/readiness.hpp"
+#include "support/Messages.hpp"
 #include "support/Support.hpp"
 
 using namespace orn::zel;
@@ -299,6 +300,7 @@ TEST_F(LargeGroup, tells_of_what_is_told_but_once) {
 class Script {
 public:
     Script(unsigned seed, bool anew) : random_(seed), anew_(anew) {
+        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, way_));
         for (int const tid : {1, thread::self(), 1 << 30}) {
             thread::ThisGroup()->insert(tid);
             managers_.push_back(thread::FdMgr(tid));
@@ -320,6 +322,8 @@ public:
         }
         while (RunOnce(0) > 0) {
         }
+        close(way_[0]);
+        close(way_[1]);
         return log_;
     }
 
@@ -333,13 +337,24 @@ private:
 
     int below(int end) { return static_cast<int>(random_() % static_cast<unsigned>(end)); }
 
-    // Numbers stay the same, whatever other descriptors there are; the file of a former pipe may live on.
+    // Numbers stay the same, whatever other descriptors there are. The former file may live on, under another
+    // number or on its way through a socket, and the new one may be another place's.
     void reopen(Place& place) {
-        int ends[2];
-        ASSERT_EQ(0, pipe2(ends, O_NONBLOCK | O_CLOEXEC));
-        int const number = 500 + 2 * static_cast<int>(&place - places_);
+        Place const& other = places_[below(places)];
+        int ends[2] = {dup(other.fd), dup(other.write_end)};
+        if (below(4) != 0 || ends[0] == -1 || ends[1] == -1) {
+            close(ends[0]);
+            close(ends[1]);
+            bool const made =
+                (below(2) == 0 ? pipe2(ends, O_NONBLOCK)
+                               : socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends)) == 0;
+            ASSERT_TRUE(made);
+        }
         if (below(2) == 0)
             fcntl(place.fd, F_DUPFD_CLOEXEC, 900 + below(50));
+        else if (place.fd != -1 && below(2) == 0)
+            messages::bare_send(way_[0], "x", {place.fd});
+        int const number = 500 + 2 * static_cast<int>(&place - places_);
         place.fd = dup3(ends[0], number, O_CLOEXEC);
         place.write_end = dup3(ends[1], number + 1, O_CLOEXEC);
         close(ends[0]);
@@ -348,7 +363,7 @@ private:
 
     void act() {
         Place& place = places_[below(places)];
-        switch (below(8)) {
+        switch (below(10)) {
         case 0:
             withdraw(place);
             break;
@@ -369,6 +384,13 @@ private:
         case 4:
             close(950 - below(50));
             break;
+        case 5: // which closes what came with it
+            recv(way_[1], nullptr, 0, MSG_DONTWAIT);
+            break;
+        case 6: // a result without end
+            if (below(4) == 0)
+                close(place.write_end);
+            break;
         default:
             if (write(place.write_end, "x", 1) != 1)
                 log_ += "full ";
@@ -387,6 +409,8 @@ private:
 
     boost::shared_ptr<fd::Monitor> watched(Place& place, int member) {
         auto const monitor = fd::Fd(place.fd, managers_[static_cast<std::size_t>(member)]);
+        if (below(8) == 0)
+            monitor->events(POLLIN | POLLOUT);
         monitor->insert([this, &place](fd::Event* event) { handle(place, event); });
         return monitor;
     }
@@ -439,6 +463,7 @@ private:
     bool const anew_;
     std::vector<boost::shared_ptr<fd::Manager>> managers_;
     Place places_[places];
+    int way_[2];
     std::string log_;
     int depth_ = 0;
 };
