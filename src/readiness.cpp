@@ -224,13 +224,14 @@ std::optional<int> Readiness::ask(std::vector<pollfd>& named) {
     ++asked_;
     ++question_;
     named.clear();
-    for (Slot const* const slot : polled_)
+    named_ = polled_;
+    for (Slot const* const slot : named_)
         named.push_back(pollfd{slot->fd, slot->events, 0});
     int const ready = quiet_ && !named.empty() ? poll_hot_first(named) : poll_told(named, 0);
     if (ready == -1)
         return ready;
-    for (pollfd const& entry : named)
-        note(entry);
+    for (std::size_t i = 0; i < named.size(); ++i)
+        note(*named_[i], named[i].revents);
     return ready;
 }
 
@@ -265,19 +266,20 @@ bool Readiness::tell(std::vector<pollfd>& named) {
     }
     for (int i = 0; i < told; ++i) {
         std::uint64_t const data = events_[static_cast<std::size_t>(i)].data.u64;
-        Slot const* const slot = slot_of(static_cast<int>(data));
-        if (slot && slot->serial == data >> 32 && !slot->polled)
-            named.push_back(pollfd{slot->fd, slot->events, 0});
-        else
+        Slot* const slot = slot_of(static_cast<int>(data));
+        if (!slot || slot->serial != data >> 32 || slot->polled) {
             dead_ = true;
+            continue;
+        }
+        named.push_back(pollfd{slot->fd, slot->events, 0});
+        named_.push_back(slot);
     }
     return told > 0;
 }
 
 // Heats and cools by what poll() has said.
-void Readiness::note(pollfd const& entry) {
-    Slot& slot = *slot_of(entry.fd);
-    if (entry.revents == 0) {
+void Readiness::note(Slot& slot, short result) {
+    if (result == 0) {
         if (!slot.polled) {
             confirm(slot); // it was named for nothing
         } else if (slot.hot && question_ - slot.latest > questions_to_cool) {

@@ -109,7 +109,7 @@ private:
     int poll_told(std::vector<pollfd>& named, std::size_t first);
     int poll_hot_first(std::vector<pollfd>& named);
     bool tell(std::vector<pollfd>& named);
-    void note(pollfd const& entry);
+    void note(Slot& slot, short result);
     void confirm(Slot& slot);
 
     std::atomic<int> epoll_; // -1 when there is none; a child of fork() finds it closed
@@ -124,6 +124,7 @@ private:
     std::uint32_t round_;
     IdTable<Slot> slots_; // by descriptor, of what is watched
     std::vector<Slot*> polled_;
+    std::vector<Slot*> named_; // by the present question
     std::vector<epoll_event> events_;
     Readiness* previous_; // of all, for forked(); the fork barrier guards the links
     Readiness* next_;
