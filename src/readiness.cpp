@@ -165,7 +165,7 @@ void Readiness::forget_polled(Slot& slot) {
         drop(*slot);
 }
 
-Readiness::Slot& Readiness::new_slot(int fd) {
+[[gnu::cold]] Readiness::Slot& Readiness::new_slot(int fd) {
     // Here alone, so that a change cannot fail halfway.
     if (polled_.capacity() <= slots_.size())
         polled_.reserve(2 * slots_.size() + 16);
@@ -190,13 +190,13 @@ void Readiness::set(Watch const& watch) {
     enter(slot);
 }
 
-void Readiness::drop(int fd) {
+[[gnu::cold]] void Readiness::drop(int fd) {
     Slot* const known = slot_of(fd);
     if (known)
         drop(*known);
 }
 
-void Readiness::drop(Slot& slot) {
+[[gnu::cold]] void Readiness::drop(Slot& slot) {
     // Fails when the number is closed already. If its file lives on, events of it will tell.
     if (!slot.polled && epoll_ != -1)
         control(EPOLL_CTL_DEL, slot);
@@ -300,13 +300,13 @@ void Readiness::note(Slot& slot, short result) {
     ++hot_;
 }
 
-void Readiness::confirm(int fd) {
+[[gnu::cold]] void Readiness::confirm(int fd) {
     Slot* const known = slot_of(fd);
     if (known && !known->polled && epoll_ != -1)
         confirm(*known);
 }
 
-void Readiness::confirm(Slot& slot) {
+[[gnu::cold]] void Readiness::confirm(Slot& slot) {
     // With a serial of its own, so that the file that had the number before is found out.
     Slot fresh = slot;
     fresh.serial = ++serials_;
