@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -35,10 +36,6 @@ unsigned const questions_to_heat = 4;
 unsigned const questions_to_cool = 16;
 std::size_t const most_hot = 16;
 
-// The largest number that a slot is kept for: the kernel's own limit, as long as nobody has raised it. A
-// number that nobody has opened must not cost gigabytes.
-int const numbers_kept = 1 << 20;
-
 Readiness* newest = nullptr; // the fork barrier guards it
 
 // Some files forget what they have told once: /proc/mounts, pressure triggers, perf events and whatever a
@@ -57,7 +54,7 @@ std::size_t readiness_crowd = 4;
 
 [[gnu::cold]] Readiness::Readiness()
     : epoll_(-1), refused_(false), dead_(false), quiet_(false), audits_(false), asked_(0), question_(0),
-      size_(0), hot_(0), serials_(0), round_(0), events_(64), previous_(nullptr), next_(nullptr) {
+      hot_(0), serials_(0), round_(0), events_(64), previous_(nullptr), next_(nullptr) {
     ForkBarrier const barrier;
     next_ = newest;
     if (next_)
@@ -67,6 +64,7 @@ std::size_t readiness_crowd = 4;
 
 [[gnu::cold]] Readiness::~Readiness() {
     close();
+    slots_.each([](id_t, Slot& slot) { delete &slot; });
     ForkBarrier const barrier;
     (previous_ ? previous_->next_ : newest) = next_;
     if (next_)
@@ -98,154 +96,142 @@ std::size_t readiness_crowd = 4;
         each->shut();
 }
 
+// One that has been refused is tried again before long: what it wanted for may be there again, and another
+// try costs no more than an audit.
 [[gnu::cold]] bool Readiness::renew() {
     if (epoll_ != -1)
         close();
-    if (refused_)
+    if (refused_ && ++asked_ < questions_to_audit())
         return false;
     open();
+    asked_ = 0;
     refused_ = epoll_ == -1;
     dead_ = false;
-    for (std::size_t fd = 0; fd < slots_.size() && !refused_; ++fd) {
-        if (slots_[fd].serial != 0)
-            enter(static_cast<int>(fd), slots_[fd]);
-    }
+    slots_.each([this](id_t, Slot& slot) { enter(slot); });
     return !refused_;
-}
-
-std::uint32_t Readiness::next_serial() {
-    if (++serials_ == 0) // wrapped
-        ++serials_;
-    return serials_;
 }
 
 // Another member may close the number meanwhile, and open it again: the kernel then refuses, or the
 // withdrawal that follows takes the new file out. So that is no race, but ThreadSanitizer takes it for one
 // unless the system call is a bare one.
-int Readiness::control(int operation, int fd, Slot const& slot) const {
+int Readiness::control(int operation, Slot const& slot) const {
     epoll_event event = {};
     event.events = static_cast<std::uint32_t>(slot.events);
-    event.data.u64 = std::uint64_t(slot.serial) << 32 | static_cast<std::uint32_t>(fd);
-    return syscall(SYS_epoll_ctl, epoll_.load(), operation, fd, &event) == 0 ? 0 : errno;
+    event.data.u64 = std::uint64_t(slot.serial) << 32 | static_cast<std::uint32_t>(slot.fd);
+    return syscall(SYS_epoll_ctl, epoll_.load(), operation, slot.fd, &event) == 0 ? 0 : errno;
 }
 
 // Adding comes first because it tells whether the number stands for a file that the set does not know.
-void Readiness::enter(int fd, Slot& slot) {
-    forget_polled(fd, slot);
+void Readiness::enter(Slot& slot) {
+    forget_polled(slot);
     if (epoll_ == -1 || refused_)
         return; // entered when the set is made
-    if ((slot.events & ~common_events) != 0 || !tells_twice(fd)) {
-        poll_always(fd, slot);
+    if ((slot.events & ~common_events) != 0 || !tells_twice(slot.fd)) {
+        poll_always(slot);
         return;
     }
-    int error = control(EPOLL_CTL_ADD, fd, slot);
+    int error = control(EPOLL_CTL_ADD, slot);
     if (error == EEXIST)
-        error = control(EPOLL_CTL_MOD, fd, slot);
+        error = control(EPOLL_CTL_MOD, slot);
     if (error == ENOSPC || error == ENOMEM)
         refused_ = true; // closed later: the caller holds locks
     else if (error != 0)
-        poll_always(fd, slot);
+        poll_always(slot);
 }
 
-void Readiness::poll_always(int fd, Slot& slot) {
+void Readiness::poll_always(Slot& slot) {
     slot.polled = true;
-    polled_.push_back(fd);
+    polled_.push_back(&slot);
 }
 
-void Readiness::forget_polled(int fd, Slot& slot) {
+void Readiness::forget_polled(Slot& slot) {
     if (!slot.polled)
         return;
     hot_ -= slot.hot ? 1 : 0;
     slot.polled = false;
     slot.hot = false;
-    polled_.erase(std::find(polled_.begin(), polled_.end(), fd));
+    polled_.erase(std::find(polled_.begin(), polled_.end(), &slot));
 }
 
 // ---- What is watched ------------------------------------------------------------------------------------
 
-Readiness::Slot* Readiness::slot_of(int fd) {
-    std::size_t const at = static_cast<std::size_t>(fd);
-    return fd >= 0 && at < slots_.size() && slots_[at].serial != 0 ? &slots_[at] : nullptr;
+[[gnu::cold]] void Readiness::end() {
+    std::vector<Slot*> gone;
+    slots_.each([&](id_t, Slot& slot) {
+        if (slot.round != round_)
+            gone.push_back(&slot);
+    });
+    for (Slot* const slot : gone)
+        drop(*slot);
 }
 
-void Readiness::begin() {
-    ++round_;
-    if (refused_)
-        close();
-    refused_ = false;
-}
-
-void Readiness::end() {
-    for (std::size_t fd = 0; fd < slots_.size(); ++fd) {
-        if (slots_[fd].round != round_)
-            drop(static_cast<int>(fd));
-    }
+[[gnu::cold]] Readiness::Slot& Readiness::new_slot(int fd) {
+    // Here alone, so that a change cannot fail halfway.
+    if (polled_.capacity() <= slots_.size())
+        polled_.reserve(2 * slots_.size() + 16);
+    auto slot = std::make_unique<Slot>(Slot());
+    slot->fd = fd;
+    slots_.insert(static_cast<id_t>(fd), *slot);
+    return *slot.release();
 }
 
 void Readiness::set(Watch const& watch) {
     if (watch.fd < 0)
         return; // poll() has no result for it
-    if (watch.fd >= numbers_kept) {
-        refused_ = true;
-        return;
-    }
-    std::size_t const at = static_cast<std::size_t>(watch.fd);
-    if (at >= slots_.size())
-        slots_.resize(at + 1);
-    polled_.reserve(slots_.capacity()); // here alone, so that a change cannot fail halfway
-    Slot& slot = slots_[at];
+    Slot* const known = slot_of(watch.fd);
+    Slot& slot = known ? *known : new_slot(watch.fd);
     slot.round = round_;
-    bool const known = slot.serial != 0;
     if (known && slot.stamp == watch.stamp && slot.events == watch.events && slot.owner == watch.owner)
         return;
-    size_ += known ? 0 : 1;
     slot.stamp = watch.stamp;
-    slot.serial = next_serial();
+    slot.serial = ++serials_;
     slot.owner = watch.owner;
     slot.events = watch.events;
-    enter(watch.fd, slot);
+    enter(slot);
 }
 
-void Readiness::drop(int fd) {
+[[gnu::cold]] void Readiness::drop(int fd) {
     Slot* const known = slot_of(fd);
-    if (!known)
-        return;
-    Slot& slot = *known;
+    if (known)
+        drop(*known);
+}
+
+[[gnu::cold]] void Readiness::drop(Slot& slot) {
     // Fails when the number is closed already. If its file lives on, events of it will tell.
     if (!slot.polled && epoll_ != -1)
-        control(EPOLL_CTL_DEL, fd, slot);
-    forget_polled(fd, slot);
-    slot.serial = 0;
-    --size_;
+        control(EPOLL_CTL_DEL, slot);
+    forget_polled(slot);
+    slots_.erase(static_cast<id_t>(slot.fd));
+    delete &slot;
 }
 
 // ---- Questions ------------------------------------------------------------------------------------------
 
+std::size_t Readiness::questions_to_audit() const {
+    return std::max(questions_per_entry * size(), fewest_questions);
+}
+
 std::optional<int> Readiness::ask(std::vector<pollfd>& named) {
     audits_ = false;
     // For so many that poll() is asked about in any case, its answer about all costs less.
-    if (polled_.size() > most_hot && readiness_crowd * polled_.size() >= size_)
+    if (polled_.size() > most_hot && readiness_crowd * polled_.size() >= size())
         return std::nullopt;
     if ((epoll_ == -1 || refused_) && !renew())
         return std::nullopt;
-    audits_ = asked_ >= std::max(questions_per_entry * size_, fewest_questions);
+    audits_ = asked_ >= questions_to_audit();
     if (audits_)
         return std::nullopt;
     ++asked_;
     ++question_;
     named.clear();
-    for (int const fd : polled_)
-        named.push_back(pollfd{fd, slots_[static_cast<std::size_t>(fd)].events, 0});
+    named_ = polled_;
+    for (Slot const* const slot : named_)
+        named.push_back(pollfd{slot->fd, slot->events, 0});
     int const ready = quiet_ && !named.empty() ? poll_hot_first(named) : poll_told(named, 0);
     if (ready == -1)
         return ready;
-    std::sort(named.begin(), named.end(), [this](pollfd const& left, pollfd const& right) {
-        int const first = owner(left.fd);
-        int const second = owner(right.fd);
-        return first != second ? first < second : left.fd < right.fd;
-    });
-    for (pollfd const& entry : named)
-        note(entry);
+    for (std::size_t i = 0; i < named.size(); ++i)
+        note(*named_[i], named[i].revents);
     return ready;
 }
 
@@ -265,7 +251,7 @@ int Readiness::poll_hot_first(std::vector<pollfd>& named) {
     if (ready <= 0 || !tells)
         return ready;
     int const more = poll_told(named, named.size());
-    return more == -1 ? more : ready - 1 + more;
+    return more == -1 && ready == 1 ? more : ready - 1 + std::max(more, 0);
 }
 
 bool Readiness::tell(std::vector<pollfd>& named) {
@@ -280,54 +266,55 @@ bool Readiness::tell(std::vector<pollfd>& named) {
     }
     for (int i = 0; i < told; ++i) {
         std::uint64_t const data = events_[static_cast<std::size_t>(i)].data.u64;
-        std::uint32_t const fd = static_cast<std::uint32_t>(data);
-        if (fd < slots_.size() && slots_[fd].serial == data >> 32 && !slots_[fd].polled)
-            named.push_back(pollfd{static_cast<int>(fd), slots_[fd].events, 0});
-        else
+        Slot* const slot = slot_of(static_cast<int>(data));
+        if (!slot || slot->serial != data >> 32 || slot->polled) {
             dead_ = true;
+            continue;
+        }
+        named.push_back(pollfd{slot->fd, slot->events, 0});
+        named_.push_back(slot);
     }
     return told > 0;
 }
 
 // Heats and cools by what poll() has said.
-void Readiness::note(pollfd const& entry) {
-    Slot& slot = slots_[static_cast<std::size_t>(entry.fd)];
-    if (entry.revents == 0) {
-        if (!slot.polled)
-            confirm(entry.fd); // it was named for nothing
-        else if (slot.hot && question_ - slot.latest > questions_to_cool)
-            cool(entry.fd, slot);
+void Readiness::note(Slot& slot, short result) {
+    if (result == 0) {
+        if (!slot.polled) {
+            confirm(slot); // it was named for nothing
+        } else if (slot.hot && question_ - slot.latest > questions_to_cool) {
+            // With a serial of its own: when the number stands for another file than before, that one was not
+            // taken out.
+            slot.serial = ++serials_;
+            enter(slot);
+        }
         return;
     }
     slot.streak = slot.latest + 1 == question_ ? slot.streak + 1 : 1;
     slot.latest = question_;
     if (slot.polled || slot.streak < questions_to_heat || hot_ == most_hot)
         return;
-    control(EPOLL_CTL_DEL, entry.fd, slot);
-    poll_always(entry.fd, slot);
+    control(EPOLL_CTL_DEL, slot);
+    poll_always(slot);
     slot.hot = true;
     ++hot_;
 }
 
-// With a serial of its own: when the number stands for another file than before, that one was not taken out.
-void Readiness::cool(int fd, Slot& slot) {
-    slot.serial = next_serial();
-    enter(fd, slot);
+[[gnu::cold]] void Readiness::confirm(int fd) {
+    Slot* const known = slot_of(fd);
+    if (known && !known->polled && epoll_ != -1)
+        confirm(*known);
 }
 
-void Readiness::confirm(int fd) {
-    Slot* const known = slot_of(fd);
-    if (!known || known->polled || epoll_ == -1)
-        return;
-    Slot& slot = *known;
+[[gnu::cold]] void Readiness::confirm(Slot& slot) {
     // With a serial of its own, so that the file that had the number before is found out.
     Slot fresh = slot;
-    fresh.serial = next_serial();
-    int const error = tells_twice(fd) ? control(EPOLL_CTL_ADD, fd, fresh) : EPERM;
+    fresh.serial = ++serials_;
+    int const error = tells_twice(slot.fd) ? control(EPOLL_CTL_ADD, fresh) : EPERM;
     if (error == 0)
         slot.serial = fresh.serial;
     else if (error != EEXIST)
-        poll_always(fd, slot);
+        poll_always(slot);
 }
 
 void Readiness::audited() {

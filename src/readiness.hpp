@@ -15,6 +15,8 @@
 #include <poll.h>
 #include <sys/epoll.h>
 
+#include "idTable.hpp"
+
 namespace orn::zel::detail {
 
 // Tests change these, so that small sets go through all of this.
@@ -32,14 +34,15 @@ extern std::size_t readiness_crowd;
 // questions the answer is "ask poll() about everything": what that finds is told to confirm(), which mends
 // the set.
 //
-// Only the group's runner calls this. Costs one descriptor. When there is none, or no memory in the kernel,
-// every question has the answer "ask poll() about everything".
+// Only the group's runner calls this. Costs one descriptor. While there is none, or no memory in the kernel,
+// every question has the answer "ask poll() about everything"; the epoll set is tried again when an audit
+// would have been due.
 class Readiness {
 public:
     struct Watch {
         int fd;
         short events;
-        int owner;           // candidates come in ascending order of owner and fd
+        int owner;
         std::uint64_t stamp; // another one means that the number may stand for another file
     };
 
@@ -49,19 +52,19 @@ public:
     Readiness& operator=(Readiness const&) = delete;
 
     // Says what is watched, all of it: those that are not set between begin() and end() are dropped. What has
-    // not changed costs no system call. begin() also gives a refused epoll set another chance.
-    void begin();
+    // not changed costs no system call.
+    void begin() { ++round_; }
     void end();
     // Change one. Setting what is watched already replaces it.
     void set(Watch const& watch);
     void drop(int fd);
 
-    std::size_t size() const { return size_; }
+    std::size_t size() const { return slots_.size(); }
     // Of a descriptor that is watched.
-    int owner(int fd) const { return slots_[static_cast<std::size_t>(fd)].owner; }
+    int owner(int fd) const { return slot_of(fd)->owner; }
 
-    // Asks poll() about all entries that may be ready, without waiting. Fills them in, in order, and returns
-    // what poll() does. Nothing: ask poll() about everything.
+    // Asks poll() about all entries that may be ready, without waiting. Fills them in, in no order, and
+    // returns what poll() does. Nothing: ask poll() about everything.
     std::optional<int> ask(std::vector<pollfd>& named);
 
     // Whether the latest question had that answer because it was time for it. If so, poll() has to be asked,
@@ -80,8 +83,9 @@ public:
 private:
     struct Slot {
         std::uint64_t stamp;
-        std::uint32_t serial; // what the kernel is given with the number; 0 in a slot that is not in use
+        std::uint32_t serial; // what the kernel is given with the number
         std::uint32_t round;  // of begin(), in which it was set
+        int fd;
         int owner;
         short events;
         bool polled; // not in the epoll set, so poll() is always asked about it: unfit for it, or hot
@@ -94,31 +98,33 @@ private:
     void close();
     void shut();
     bool renew();
-    Slot* slot_of(int fd);
-    std::uint32_t next_serial();
-    int control(int operation, int fd, Slot const& slot) const;
-    void enter(int fd, Slot& slot);
-    void poll_always(int fd, Slot& slot);
-    void forget_polled(int fd, Slot& slot);
+    std::size_t questions_to_audit() const;
+    Slot* slot_of(int fd) const { return slots_.find(static_cast<id_t>(fd)); }
+    Slot& new_slot(int fd);
+    void drop(Slot& slot);
+    int control(int operation, Slot const& slot) const;
+    void enter(Slot& slot);
+    void poll_always(Slot& slot);
+    void forget_polled(Slot& slot);
     int poll_told(std::vector<pollfd>& named, std::size_t first);
     int poll_hot_first(std::vector<pollfd>& named);
     bool tell(std::vector<pollfd>& named);
-    void note(pollfd const& entry);
-    void cool(int fd, Slot& slot);
+    void note(Slot& slot, short result);
+    void confirm(Slot& slot);
 
     std::atomic<int> epoll_; // -1 when there is none; a child of fork() finds it closed
-    bool refused_;           // it is not to be used until begin()
+    bool refused_;           // it is not to be used before it has been made anew
     bool dead_;              // the set tells of files that nobody watches any more
     bool quiet_;             // it told of nothing when it was last asked
     bool audits_;
-    std::size_t asked_; // questions since the latest audit
+    std::size_t asked_; // questions since the latest audit, or since the epoll set was refused
     unsigned question_;
-    std::size_t size_;
     std::size_t hot_;
     std::uint32_t serials_;
     std::uint32_t round_;
-    std::vector<Slot> slots_; // by descriptor
-    std::vector<int> polled_;
+    IdTable<Slot> slots_; // by descriptor, of what is watched
+    std::vector<Slot*> polled_;
+    std::vector<Slot*> named_; // by the present question
     std::vector<epoll_event> events_;
     Readiness* previous_; // of all, for forked(); the fork barrier guards the links
     Readiness* next_;

@@ -290,8 +290,10 @@ int Group::poll_own(int timeoutMs) {
     int ready;
     if (ask_readiness(ready, asked)) {
         probed(ready);
-        if (ready > 0)
+        if (ready > 0) {
             take_results();
+            sparse_ = true;
+        }
         if (ready != 0)
             return ready;
     }
@@ -327,14 +329,28 @@ struct Group::Wait {
     unsigned long built;     // rebuilds_ of the poll set that is in the set; 0 when it is not the whole one
 };
 
-// The results that asked_ has, and those of the caller's entries. Returns what poll() of both would.
-int Group::combine_results(Wait& wait) {
+// The results that asked_ has, and those of the caller's entries, as poll() of both would fill them in.
+// Returns what it would. `ready` is what it has said of asked_.
+int Group::combine_results(Wait& wait, int ready) {
     wait.built = 0;
+    if (ready == -1)
+        asked_.clear();
+    take_results();
+    asked_.clear();
+    for (std::size_t const place : hits_) {
+        asked_.push_back(pollset_[place]);
+        pollset_[place].revents = 0; // served from the combined set
+    }
     wait.base = combine(asked_, wait.fds, wait.nfds, wait.set);
-    int ready = poll(wait.set.data() + wait.base, wait.nfds, 0);
-    for (unsigned long i = 0; i < wait.base && ready != -1; ++i)
-        ready += wait.set[i].revents != 0;
-    return ready;
+    pollfd* const callers = wait.set.data() + wait.base;
+    int const own = static_cast<int>(wait.base);
+    if (ready != -1)
+        ready = poll(callers, wait.nfds, 0);
+    if (ready != -1)
+        return own + ready;
+    for (unsigned long i = 0; i < wait.nfds; ++i)
+        callers[i].revents = 0;
+    return own > 0 ? own : -1;
 }
 
 // The numbers are those of the steps in threadGroup.hpp.
@@ -382,8 +398,7 @@ int Group::poll_wait(Wait& wait, int timeoutMs) {
     bool asked;
     int ready;
     if (ask_readiness(ready, asked)) {
-        if (ready != -1)
-            ready = combine_results(wait);
+        ready = combine_results(wait, ready);
         probed(ready);
         if (ready != 0)
             return ready;

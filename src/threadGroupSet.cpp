@@ -288,7 +288,7 @@ void Group::take_results() {
         hits_.push_back(place_of(entry.fd));
         pollset_[hits_.back()].revents = entry.revents;
     }
-    sparse_ = true;
+    std::sort(hits_.begin(), hits_.end());
 }
 
 void Group::audit(std::vector<pollfd> const& set) {

@@ -46,8 +46,11 @@ zel_add_test(fork_test SOURCES fork_test.cpp support/Client.cpp ${programs} LIBR
 if(TARGET zelctl)
     zel_add_test_program(brood zel)
     zel_add_test_program(inspect_target zel)
-    foreach(name zelctl_test zelctl_attach_test zelctl_words_test zelctl_prompt_test
-            zelctl_trace_test)
+    set(clients zelctl_test zelctl_attach_test zelctl_words_test zelctl_trace_test)
+    if(ZEL_EDIT_INCLUDE_DIR AND ZEL_EDIT_LIBRARY) # else the client has no prompt
+        list(APPEND clients zelctl_prompt_test)
+    endif()
+    foreach(name IN LISTS clients)
         zel_add_test(${name} SOURCES ${name}.cpp ${programs} LIBRARIES nlohmann_json::nlohmann_json)
         zel_test_starts(${name} TARGET=channel_target ZELCTL=zelctl BROOD=brood INSPECT_TARGET=inspect_target
             MODULE=hello)

@@ -139,7 +139,7 @@ void unload_beside(int count, std::function<void()> const& body) {
                 body();
         });
     }
-    for (int i = 0; i < (is_sanitized ? 20 : 400); ++i)
+    for (int i = 0; i < 400 / (support::scale() * support::scale()); ++i)
         EXPECT_EQ(0, dlclose(loaded(ZEL_LIBRARY)));
     stop = true;
     for (std::thread& thread : threads)

@@ -48,7 +48,7 @@ TEST_F(ZelctlWords, show_the_objects_that_the_process_tells) {
 TEST_F(ZelctlWords, show_listings_where_the_process_tells_no_objects) {
     for (Json const& thread : objects(ask(plain, {"threads"}, {"--json"}).output)) {
         if (thread["tid"] == plain.pid()) {
-            EXPECT_EQ("inspect_target", thread["name"]);
+            EXPECT_EQ(proc(plain.pid(), "comm"), thread["name"].get<std::string>() + '\n');
             EXPECT_EQ("S", thread["state"]);
         }
     }
@@ -67,8 +67,9 @@ TEST_F(ZelctlWords, come_several_at_once_and_the_first_failure_decides) {
     EXPECT_EQ("exit 8", result.end);
     EXPECT_TRUE(holds(result.output, "FdMgrs:") && holds(result.output, "1/1 a-b")) << result.output;
     EXPECT_TRUE(holds(result.errors, "monitor takes any of")) << result.errors;
-    Program lines(
-        {"/bin/sh", "-c", "printf 'zel fds\\n\\nzel sing\\n' | " ZELCTL " " + std::to_string(target.pid())});
+    Program lines({"/bin/sh", "-c",
+                   "printf 'zel fds\\n\\nzel sing\\n' | $ZEL_TEST_EMULATOR " ZELCTL " " +
+                       std::to_string(target.pid())});
     EXPECT_TRUE(fails(Result(lines), "exit 8", "zel has no word \"sing\""));
     EXPECT_EQ("1/1 threads\n", ask(target, {"threads"}, {"--raw"}).output);
 }

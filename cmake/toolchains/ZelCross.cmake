@@ -15,11 +15,12 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Headers of Boost and CLI11 are the same for every processor, but the rest of the host's /usr/include is not: show
+# Headers of Boost, CLI11 and nlohmann-json are the same for every processor, but the rest of the host's /usr/include is not: show
 # the compiler these alone.
 set(ZEL_CROSS_BOOST /usr/include/boost CACHE PATH "Where Boost's headers are")
 set(ZEL_CROSS_CLI11 /usr/include/CLI CACHE PATH "Where CLI11's headers are")
-foreach(headers ${ZEL_CROSS_BOOST} ${ZEL_CROSS_CLI11})
+set(ZEL_CROSS_JSON /usr/include/nlohmann CACHE PATH "Where nlohmann-json's headers are")
+foreach(headers ${ZEL_CROSS_BOOST} ${ZEL_CROSS_CLI11} ${ZEL_CROSS_JSON})
     cmake_path(GET headers FILENAME zel_cross_name)
     if(NOT EXISTS ${CMAKE_BINARY_DIR}/cross-include/${zel_cross_name} AND EXISTS ${headers})
         file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/cross-include)
@@ -29,6 +30,7 @@ endforeach()
 set(Boost_NO_BOOST_CMAKE ON)
 set(Boost_INCLUDE_DIR ${CMAKE_BINARY_DIR}/cross-include)
 set(ZEL_CLI11_INCLUDE_DIR ${CMAKE_BINARY_DIR}/cross-include)
+set(ZEL_JSON_INCLUDE_DIR ${CMAKE_BINARY_DIR}/cross-include)
 
 if(zel_cross_qemu)
     find_program(ZEL_CROSS_EMULATOR NAMES ${zel_cross_qemu} ${zel_cross_qemu}-static)

@@ -53,7 +53,11 @@ ssize_t __wrap_write(int fd, void const* data, size_t length) {
 }
 
 int __wrap_poll(pollfd* fds, nfds_t count, int timeout_ms) {
-    return support::fails(support::Call::poll) ? -1 : __real_poll(fds, count, timeout_ms);
+    if (!support::fails(support::Call::poll))
+        return __real_poll(fds, count, timeout_ms);
+    for (nfds_t i = 0; i < count; ++i) // as the kernel does when it is interrupted
+        fds[i].revents = 0;
+    return -1;
 }
 
 int __wrap_pipe2(int* ends, int flags) {

@@ -21,7 +21,7 @@ public:
         if (pid_ == 0) {
             setenv("TERM", "xterm", 1);
             setenv("ZELCTL_HISTORY", history.c_str(), 1);
-            std::string const command = "set -m; " ZELCTL " " + words +
+            std::string const command = "set -m; $ZEL_TEST_EMULATOR " ZELCTL " " + words +
                                         "; s=$?; while [ $s -eq 148 ]; do fg; s=$?; done; echo status=$s";
             execl("/bin/bash", "bash", "--norc", "-c", command.c_str(), nullptr);
             _exit(127);

@@ -40,6 +40,9 @@ char const* const forked = "qemu: a child of fork() that makes a thread ends the
 char const* const received = "qemu: descriptors that the caller has no room for stay open";
 char const* const taken_away =
     "qemu: a signal that arrives while its handler is taken away is delivered to address 0";
+char const* const caught =
+    "qemu: catches signals whose default action ends a process, so /proc shows as caught what is not";
+char const* const not_followed = "qemu: a program that is no test cannot execute another of this build";
 char const* const hidden = "qemu: keeps blocked signals to itself, so /proc does not show that one waits";
 #if defined(__powerpc__)
 char const* const cancelled = "qemu-ppc: a thread that is cancelled in a system call cannot be unwound";
@@ -49,9 +52,12 @@ Fault const faults[] = {
     {"Fork.a_daemon_that_brings_the_library_up_anew_is_steered_under_its_own_id", forked},
     {"TimerThread.is_anew_in_a_child_of_fork_without_the_timers_of_the_parent", forked},
     {"MsgQueue.drops_what_is_no_message_whole_and_serves_the_next_one", received},
+    {"MsgQueue.neither_leaks_nor_stops_at_random_packets_and_carries_messages_whole", received},
     {"Places/ExitFrom.*", taken_away},
     {"Unloading.takes_no_code_from_under_a_thread_that_a_signal_has_just_reached", taken_away},
     {"Zelctl.reports_at_once_that_the_process_has_ended", hidden},
+    {"ZelctlAttach.ends_no_process_that_starts_or_ends_meanwhile", not_followed},
+    {"ZelctlAttach.leaves_the_handler_of_an_open_channel_alone_and_refuses_without_one", caught},
 #if defined(__powerpc__)
     {"Cancel.*", cancelled},
     {"Threads.are_cancelled_*", cancelled},

@@ -248,7 +248,7 @@ private:
     ORN_LOCAL bool ask_readiness(int& ready, bool& asked);
     ORN_LOCAL void probed(int ready);
     ORN_LOCAL void take_results();
-    ORN_LOCAL int combine_results(Wait& wait);
+    ORN_LOCAL int combine_results(Wait& wait, int ready);
     ORN_LOCAL void audit(std::vector<pollfd> const& set);
     ORN_LOCAL std::size_t place_of(int fd) const;
 
