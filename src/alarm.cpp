@@ -96,7 +96,7 @@ using EntryUse = std::unique_ptr<Entry, Release>;
 struct Manager::Table {
     Table() : pipe(false) {}
     ~Table() {
-        alarms.clear([](Entry& entry) { Release()(&entry); });
+        alarms.each([](id_t, Entry& entry) { Release()(&entry); });
     }
 
     os::Pipe pipe;
@@ -146,7 +146,7 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
             made->armed(initialMs, recurringMs);
             made->timer->Set(initialMs, recurringMs);
         } catch (...) {
-            table_->alarms.erase(id);
+            table_->alarms.take(id);
             throw;
         }
         static_cast<void>(made.release()); // the table's from here on
@@ -177,8 +177,7 @@ void Manager::DeleteAlarm(id_t id) {
     EntryUse deleted;
     {
         AutoLock const guard(table_->lock);
-        deleted.reset(table_->alarms.find(id));
-        table_->alarms.erase(id);
+        deleted.reset(table_->alarms.take(id));
     }
     if (deleted)
         deleted->timer.reset(); // now: a handler that is running may keep the entry for longer
@@ -207,7 +206,7 @@ void Manager::drain(Table& table, fd::Event* event) {
                 continue; // deleted, or fired, after its timer had written
             last = due->one_shot;
             if (last)
-                table.alarms.erase(word);
+                table.alarms.take(word);
             else
                 ++due->users;
             ++due->fired;
