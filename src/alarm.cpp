@@ -128,7 +128,7 @@ struct Owner {
 // under way in another thread when the process exits still finds them.
 struct Table {
     Table() : owner{thread::self(), detail::process_id()}, pipe(false), lock(lock_of(this)) {}
-    ~Table() {
+    [[gnu::cold]] ~Table() {
         clear();
         close();
         clear();
@@ -200,7 +200,7 @@ bool Table::reset(id_t id, unsigned long timeoutMs) {
 
 namespace {
 
-unsigned const kept = 0; // the number of no unload: the caller holds the table's manager
+unsigned const kept = ~0u; // the number of no unload: the caller holds the table's manager
 
 // Asked with the lock of the table held, which then keeps the table: an unload closes the tables, each under
 // its lock, is counted, and takes the lock once more before it destroys the table. So a table that does not
@@ -368,7 +368,7 @@ void Manager::fd_handler(fd::Event* event) {
     return table_->alarms.size();
 }
 
-boost::shared_ptr<Manager> manager() {
+[[gnu::cold]] boost::shared_ptr<Manager> manager() {
     return managers.get();
 }
 
@@ -405,6 +405,20 @@ boost::shared_ptr<Manager> manager() {
 namespace {
 
 // Adds an alarm of the calling thread. Returns where it is, and in id which it is.
+[[gnu::cold]] Home add_anew(EntryUse& made, unsigned long initialMs, unsigned long recurringMs, id_t& id) {
+    Home home;
+    do {
+        home.unloads = Managers::unloads(); // first, so that add() sees an unload that comes after it
+        boost::shared_ptr<Manager> const here = manager();
+        home.table = here->table();
+        id = add(home, made, initialMs, recurringMs);
+    } while (id == 0);
+    if (thread::Registry::Note* const note = thread::Registry::note())
+        *note = {home.table, home.unloads};
+    return home;
+}
+
+// The same for a thread that may remember where its alarms are.
 Home add_here(unsigned long initialMs, unsigned long recurringMs, Handler&& handler, id_t& id) {
     EntryUse made = make_entry(std::move(handler), recurringMs);
     if (thread::Registry::Note const* const note = thread::Registry::note()) {
@@ -413,18 +427,7 @@ Home add_here(unsigned long initialMs, unsigned long recurringMs, Handler&& hand
         if (id != 0)
             return home;
     }
-    for (;;) {
-        Home home;
-        home.unloads = Managers::unloads(); // first, so that add() sees an unload that comes after it
-        boost::shared_ptr<Manager> const here = manager();
-        home.table = here->table();
-        id = add(home, made, initialMs, recurringMs);
-        if (id == 0)
-            continue;
-        if (thread::Registry::Note* const note = thread::Registry::note())
-            *note = {home.table, home.unloads};
-        return home;
-    }
+    return add_anew(made, initialMs, recurringMs, id);
 }
 
 } // namespace

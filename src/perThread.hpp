@@ -60,8 +60,7 @@ public:
         unload([](Manager&) {});
     }
 
-    // The number of the last unload, from 1 on. As long as it is the same, the managers that were got after
-    // it are there.
+    // How many unloads there have been. While there is no further one, the managers that were got stay.
     static unsigned unloads() { return number_of_unloads.load(std::memory_order_relaxed); }
 
     // The calling thread's, made on first use. Throws orn::zel::Exception with the refusal's text.
@@ -151,7 +150,7 @@ private:
     char const* const refusal_;
     // Changed under the lock. It is no member of the object, of which the compiler knows that it never
     // changes.
-    static inline std::atomic<unsigned> number_of_unloads{1};
+    static inline std::atomic<unsigned> number_of_unloads{0};
 };
 
 } // namespace orn::zel::detail

@@ -119,7 +119,7 @@ struct TimerBlob {
 struct Table;
 struct Home {
     Table* table = nullptr;
-    unsigned unloads = 0; // the number of the last one before
+    unsigned unloads = 0; // how many there had been
 };
 
 // The alarms of one fd manager, and so of one thread. Lives until the library is taken down.
