@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
+#include <type_traits>
 #include <utility>
 
 #include <sys/time.h>
@@ -36,10 +38,6 @@ using Managers = detail::PerThread<Manager>;
 
 Managers managers(managerMap);
 
-[[gnu::cold]] void report_deleted(id_t id) {
-    detail::alarm_observer.report([id](detail::PlainText& line) { line << "alarm deleted: id=" << id; });
-}
-
 } // namespace
 
 void process_to_fd(unsigned long id, int fd) {
@@ -51,13 +49,13 @@ void process_to_fd(unsigned long id, int fd) {
     return new os::Timer(callback);
 }
 
-// ---- Manager --------------------------------------------------------------------------------------------
+// ---- The alarms of one manager --------------------------------------------------------------------------
 
 namespace {
 
 // An alarm with its timer and a small handler in one piece of memory.
 struct Entry : TimerBlob {
-    Entry(Handler&& called, bool once) : TimerBlob{std::nullopt, std::move(called), once} {}
+    Entry(Handler&& called, bool once) : TimerBlob(std::move(called), once) {}
 
     void armed(unsigned long initialMs, unsigned long recurringMs) {
         due_ms = internal::coarse_ms() + initialMs;
@@ -91,65 +89,152 @@ struct Release {
 
 using EntryUse = std::unique_ptr<Entry, Release>;
 
+EntryUse make_entry(Handler&& handler, unsigned long recurringMs) {
+    if (handler.empty())
+        throw Exception("NULL handler");
+    return EntryUse(new Entry(std::move(handler), recurringMs == 0));
+}
+
+// A lock without a constructor or destructor, as lock_of() needs it.
+struct ZEL_CAPABILITY("mutex") TableLock {
+    std::mutex mutex;
+};
+
+class ZEL_SCOPED_CAPABILITY Guard {
+public:
+    explicit Guard(TableLock& lock) ZEL_ACQUIRE(lock) : held_(lock.mutex) {}
+    ~Guard() ZEL_RELEASE() {}
+
+private:
+    std::lock_guard<std::mutex> const held_;
+};
+
+// The lock of a table, which it may share with others. Who remembers a table that may have gone locks first,
+// and then asks whether the table still stands(). The locks are therefore never destroyed.
+TableLock& lock_of(Table const* table) {
+    static_assert(std::is_trivially_destructible_v<TableLock>, "used after static destructors");
+    static TableLock locks[16];
+    return locks[reinterpret_cast<std::uintptr_t>(table) / 64 % 16];
+}
+
+struct Owner {
+    int tid = 0;
+    pid_t pid = 0;
+};
+
 } // namespace
 
-struct Manager::Table {
-    Table() : pipe(false) {}
-    ~Table() {
-        alarms.clear([](Entry& entry) { Release()(&entry); });
+// The pipe and the alarms. The handler on the pipe shares it with the manager, so that a dispatch which is
+// under way in another thread when the process exits still finds them.
+struct Table {
+    Table() : owner{thread::self(), detail::process_id()}, pipe(false), lock(lock_of(this)) {}
+    [[gnu::cold]] ~Table() {
+        clear();
+        close();
+        clear();
     }
 
+    // The entry is the table's when this has returned.
+    id_t add(EntryUse& made, unsigned long initialMs, unsigned long recurringMs) ZEL_REQUIRES(lock);
+    bool reset(id_t id, unsigned long timeoutMs) ZEL_REQUIRES(lock);
+    // For an unload: forgets all alarms, and destroys them.
+    void close();
+    void clear();
+
+    Owner const owner; // whose alarms these are: a child of fork() does not serve its parent's
     os::Pipe pipe;
     // Guards the table and what its entries hold except the handlers: one thread may set an alarm while
     // another runs the loop. Only the timers' own lock is taken under it. No entry may be destroyed under it,
     // since a timer waits for its callback, and what a handler holds may call back into the library.
-    ThreadMutex lock;
-    // A hundred thousand may be outstanding, and any of them may go at any time.
+    TableLock& lock;
     detail::IdTable<Entry> alarms ZEL_GUARDED_BY(lock);
+    detail::IdTable<Entry> forgotten ZEL_GUARDED_BY(lock);
+    bool closed ZEL_GUARDED_BY(lock) = false; // but for who holds the manager
 };
 
-[[gnu::cold]] Manager::Manager()
-    : id_(detail::draw_id()), tid_(thread::self()), pid_(detail::process_id()),
-      table_(detail::make_shared<Table>()), monitor_(Fd(table_->pipe.ReadFD())),
-      receptor_(*monitor_, [table = table_](fd::Event* event) { drain(*table, event); }) {}
-
-Manager::~Manager() = default;
-
-void Manager::note_caller(char const* function, id_t id) const {
-    int const caller = thread::self();
-    if (caller == tid_ || detail::process_id() != pid_)
-        return;
-    // Nobody serves the alarms of a thread that has ended, so any thread may cancel them.
-    if (!thread::Registry::fd_manager_if_any(tid_))
-        return;
-    boost::shared_ptr<thread::Group> const group = thread::Registry::group_if_any();
-    if (group && group->Threads().count(tid_) != 0)
-        return;
-    Log_SpecEntry(logSpecForceInfo, "src/alarm", __LINE__,
-                  "%s: alarm %lu belongs to thread %d, and thread %d is of another group", function, id, tid_,
-                  caller);
+id_t Table::add(EntryUse& made, unsigned long initialMs, unsigned long recurringMs) {
+    id_t id;
+    // After the counter has wrapped, skip identifiers that older alarms still use.
+    do
+        id = detail::draw_id();
+    while (!alarms.insert(id, *made));
+    try {
+        // Moved some instructions after it is made: a large load has to wait for small stores to be done.
+        boost::function<void(os::Timer*)> expired(
+            [id, fd = pipe.WriteFD()](os::Timer*) { process_to_fd(id, fd); });
+        made->armed(initialMs, recurringMs);
+        made->timer.emplace(std::move(expired));
+        made->timer->Set(initialMs, recurringMs);
+    } catch (...) {
+        alarms.take(id);
+        throw;
+    }
+    static_cast<void>(made.release());
+    return id;
 }
 
-id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handler handler) {
-    if (handler.empty())
-        throw Exception("NULL handler");
-    EntryUse made(new Entry(std::move(handler), recurringMs == 0));
+bool Table::reset(id_t id, unsigned long timeoutMs) {
+    Entry* const found = alarms.find(id);
+    if (!found)
+        return false;
+    found->one_shot = true;
+    found->armed(timeoutMs, 0);
+    found->timer->Set(timeoutMs, 0);
+    return true;
+}
+
+[[gnu::cold]] void Table::close() {
+    Guard const guard(lock);
+    closed = true;
+    forgotten.swap(alarms);
+}
+
+[[gnu::cold]] void Table::clear() {
+    detail::IdTable<Entry> destroyed;
+    {
+        Guard const guard(lock);
+        destroyed.swap(forgotten);
+    }
+    destroyed.each([](id_t, Entry& entry) { Release()(&entry); });
+}
+
+namespace {
+
+unsigned const kept = ~0u; // the number of no unload: the caller holds the table's manager
+
+// Asked with the lock of the table held, which then keeps the table: an unload closes the tables, each under
+// its lock, is counted, and takes the lock once more before it destroys the table. So a table that does not
+// stand has no alarms either.
+bool stands(Home const& home) {
+    return home.table && (home.unloads == kept || home.unloads == Managers::unloads());
+}
+
+// Logs a call from a thread of another group than the one that serves the alarm.
+void note_caller(char const* function, id_t id, Owner const& owner) {
+    int const caller = thread::self();
+    if (caller == owner.tid || owner.tid == 0 || detail::process_id() != owner.pid)
+        return;
+    // Nobody serves the alarms of a thread that has ended, so any thread may cancel them.
+    if (!thread::Registry::fd_manager_if_any(owner.tid))
+        return;
+    boost::shared_ptr<thread::Group> const group = thread::Registry::group_if_any();
+    if (group && group->Threads().count(owner.tid) != 0)
+        return;
+    Log_SpecEntry(logSpecForceInfo, "src/alarm", __LINE__,
+                  "%s: alarm %lu belongs to thread %d, and thread %d is of another group", function, id,
+                  owner.tid, caller);
+}
+
+// Returns 0 when the table has gone. The analysis does not know that what lock_of() returns is the lock of
+// the table.
+id_t add(Home const& home, EntryUse& made, unsigned long initialMs,
+         unsigned long recurringMs) ZEL_NO_ANALYSIS {
     id_t id;
     {
-        AutoLock const guard(table_->lock);
-        // After the counter has wrapped, skip identifiers that older alarms still use.
-        do
-            id = detail::draw_id();
-        while (!table_->alarms.insert(id, *made));
-        try {
-            made->timer.emplace([id, fd = table_->pipe.WriteFD()](os::Timer*) { process_to_fd(id, fd); });
-            made->armed(initialMs, recurringMs);
-            made->timer->Set(initialMs, recurringMs);
-        } catch (...) {
-            table_->alarms.erase(id);
-            throw;
-        }
-        static_cast<void>(made.release()); // the table's from here on
+        Guard const guard(lock_of(home.table));
+        if (!stands(home) || (home.table->closed && home.unloads != kept))
+            return 0;
+        id = home.table->add(made, initialMs, recurringMs);
     }
     detail::alarm_observer.report([&](detail::PlainText& line) {
         line << "alarm created: id=" << id << " initial=" << initialMs << " recurring=" << recurringMs;
@@ -157,39 +242,41 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
     return id;
 }
 
-void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
-    note_caller("ResetAlarm", id);
+void reset(Home const& home, id_t id, unsigned long timeoutMs) ZEL_NO_ANALYSIS {
+    Owner owner;
+    bool found = false;
     {
-        AutoLock const guard(table_->lock);
-        Entry* const found = table_->alarms.find(id);
-        if (!found)
-            return;
-        found->one_shot = true;
-        found->armed(timeoutMs, 0);
-        found->timer->Set(timeoutMs, 0);
+        Guard const guard(lock_of(home.table));
+        if (stands(home)) {
+            owner = home.table->owner;
+            found = home.table->reset(id, timeoutMs);
+        }
     }
-    detail::alarm_observer.report(
-        [&](detail::PlainText& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
+    note_caller("ResetAlarm", id, owner);
+    if (found) {
+        detail::alarm_observer.report(
+            [&](detail::PlainText& line) { line << "alarm created: id=" << id << " timeout=" << timeoutMs; });
+    }
 }
 
-void Manager::DeleteAlarm(id_t id) {
-    note_caller("DeleteAlarm", id);
-    EntryUse deleted;
+void remove(Home const& home, id_t id) ZEL_NO_ANALYSIS {
+    Owner owner;
+    EntryUse removed;
     {
-        AutoLock const guard(table_->lock);
-        deleted.reset(table_->alarms.find(id));
-        table_->alarms.erase(id);
+        Guard const guard(lock_of(home.table));
+        if (stands(home)) {
+            owner = home.table->owner;
+            removed.reset(home.table->alarms.take(id));
+        }
     }
-    if (deleted)
-        deleted->timer.reset(); // now: a handler that is running may keep the entry for longer
-    report_deleted(id);
+    if (removed)
+        removed->timer.reset(); // now: a handler that is running may keep the entry for longer
+    note_caller("DeleteAlarm", id, owner);
+    // An unload may have taken the alarm away, but its end is told all the same.
+    detail::alarm_observer.report([id](detail::PlainText& line) { line << "alarm deleted: id=" << id; });
 }
 
-void Manager::fd_handler(fd::Event* event) {
-    drain(*table_, event);
-}
-
-void Manager::drain(Table& table, fd::Event* event) {
+void drain(Table& table, fd::Event* event) {
     detail::QueuedWords queued(*event);
     detail::LoopRecord* const record = detail::LoopRecord::current();
     std::uint32_t word;
@@ -201,13 +288,13 @@ void Manager::drain(Table& table, fd::Event* event) {
         EntryUse due;
         bool last;
         {
-            AutoLock const guard(table.lock);
+            Guard const guard(table.lock);
             due.reset(table.alarms.find(word));
             if (!due)
                 continue; // deleted, or fired, after its timer had written
             last = due->one_shot;
             if (last)
-                table.alarms.erase(word);
+                table.alarms.take(word);
             else
                 ++due->users;
             ++due->fired;
@@ -221,6 +308,33 @@ void Manager::drain(Table& table, fd::Event* event) {
     }
 }
 
+} // namespace
+
+// ---- Manager --------------------------------------------------------------------------------------------
+
+[[gnu::cold]] Manager::Manager()
+    : id_(detail::draw_id()), table_(detail::make_shared<Table>()), monitor_(Fd(table_->pipe.ReadFD())),
+      receptor_(*monitor_, [table = table_](fd::Event* event) { drain(*table, event); }) {}
+
+Manager::~Manager() = default;
+
+id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handler handler) {
+    EntryUse made = make_entry(std::move(handler), recurringMs);
+    return add(Home{table(), kept}, made, initialMs, recurringMs);
+}
+
+void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
+    reset(Home{table(), kept}, id, timeoutMs);
+}
+
+void Manager::DeleteAlarm(id_t id) {
+    remove(Home{table(), kept}, id);
+}
+
+void Manager::fd_handler(fd::Event* event) {
+    drain(*table_, event);
+}
+
 [[gnu::cold]] void Manager::tell(int tid, detail::Answer& answer) const {
     struct Copy {
         id_t id;
@@ -231,7 +345,7 @@ void Manager::drain(Table& table, fd::Event* event) {
     std::vector<Copy> copies; // so that the loop does not wait for the lock while the text is composed
     {
         std::uint64_t const now_ms = internal::coarse_ms();
-        AutoLock const guard(table_->lock);
+        Guard const guard(table_->lock);
         copies.reserve(table_->alarms.size());
         table_->alarms.each([&](id_t id, Entry const& alarm) {
             copies.push_back(Copy{id, alarm.left_ms(now_ms), alarm.period_ms, alarm.fired});
@@ -250,11 +364,11 @@ void Manager::drain(Table& table, fd::Event* event) {
 }
 
 [[gnu::cold]] unsigned long Manager::size() const {
-    AutoLock const guard(table_->lock);
+    Guard const guard(table_->lock);
     return table_->alarms.size();
 }
 
-boost::shared_ptr<Manager> manager() {
+[[gnu::cold]] boost::shared_ptr<Manager> manager() {
     return managers.get();
 }
 
@@ -273,7 +387,13 @@ boost::shared_ptr<Manager> manager() {
 }
 
 [[gnu::cold]] void zel_alarm_unload() {
-    managers.unload();
+    // Who holds a manager still has one that works, but without the alarms of before.
+    if (auto const gone = managers.unload([](Manager& manager) { manager.table()->close(); })) {
+        for (auto const& item : *gone) {
+            if (item.second)
+                item.second->table()->clear();
+        }
+    }
     // Read under the lock, because a thread that asks for its manager meanwhile brings the map back.
     AutoLock const guard(Managers::lock());
     if (!managerMap)
@@ -282,30 +402,52 @@ boost::shared_ptr<Manager> manager() {
 
 // ---- Alarm ----------------------------------------------------------------------------------------------
 
+namespace {
+
+// Adds an alarm of the calling thread. Returns where it is, and in id which it is.
+[[gnu::cold]] Home add_anew(EntryUse& made, unsigned long initialMs, unsigned long recurringMs, id_t& id) {
+    Home home;
+    do {
+        home.unloads = Managers::unloads(); // first, so that add() sees an unload that comes after it
+        boost::shared_ptr<Manager> const here = manager();
+        home.table = here->table();
+        id = add(home, made, initialMs, recurringMs);
+    } while (id == 0);
+    if (thread::Registry::Note* const note = thread::Registry::note())
+        *note = {home.table, home.unloads};
+    return home;
+}
+
+// The same for a thread that may remember where its alarms are.
+Home add_here(unsigned long initialMs, unsigned long recurringMs, Handler&& handler, id_t& id) {
+    EntryUse made = make_entry(std::move(handler), recurringMs);
+    if (thread::Registry::Note const* const note = thread::Registry::note()) {
+        Home const home{static_cast<Table*>(note->object), note->age};
+        id = add(home, made, initialMs, recurringMs);
+        if (id != 0)
+            return home;
+    }
+    return add_anew(made, initialMs, recurringMs, id);
+}
+
+} // namespace
+
 AlarmImpl::~AlarmImpl() {
     Cancel();
 }
 
-void AlarmImpl::Set(unsigned long initialMs, unsigned long recurringMs, Handler const& handler) {
-    boost::shared_ptr<Manager> const home = manager();
-    id = home->AddAlarm(initialMs, recurringMs, handler);
-    home_ = home;
+void AlarmImpl::Set(unsigned long initialMs, unsigned long recurringMs, Handler&& handler) {
+    home_ = add_here(initialMs, recurringMs, std::move(handler), id);
 }
 
 void AlarmImpl::Reset(unsigned long timeoutMs) {
-    if (id == 0)
-        return;
-    if (boost::shared_ptr<Manager> const home = home_.lock())
-        home->ResetAlarm(id, timeoutMs);
+    if (id != 0)
+        reset(home_, id, timeoutMs);
 }
 
 void AlarmImpl::Cancel() {
-    if (id == 0)
-        return;
-    if (boost::shared_ptr<Manager> const home = home_.lock())
-        home->DeleteAlarm(id);
-    else
-        report_deleted(id); // an unload has taken the alarm away, but its end is told all the same
+    if (id != 0)
+        remove(home_, id);
     id = 0;
 }
 
@@ -313,10 +455,12 @@ void AlarmImpl::Cancel() {
 
 Alarm::Alarm(unsigned long initialMs, unsigned long recurringMs, alarm::Handler handler)
     : impl_(new alarm::AlarmImpl) {
-    impl_->Set(initialMs, recurringMs, handler);
+    impl_->Set(initialMs, recurringMs, std::move(handler));
 }
 
-Alarm::Alarm(unsigned long initialMs, alarm::Handler handler) : Alarm(initialMs, 0, std::move(handler)) {}
+Alarm::Alarm(unsigned long initialMs, alarm::Handler handler) : impl_(new alarm::AlarmImpl) {
+    impl_->Set(initialMs, 0, std::move(handler));
+}
 
 Alarm::~Alarm() {
     Cancel();
@@ -331,7 +475,8 @@ void Alarm::Cancel() {
 }
 
 void SetAlarm(unsigned long ms, alarm::Handler handler) {
-    alarm::manager()->AddAlarm(ms, 0, std::move(handler));
+    id_t id;
+    alarm::add_here(ms, 0, std::move(handler), id);
 }
 
 [[gnu::cold]] unsigned OutstandingAlarmCount() {

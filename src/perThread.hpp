@@ -6,8 +6,10 @@
 #ifndef ZEL_SRC_PERTHREAD_HPP
 #define ZEL_SRC_PERTHREAD_HPP
 
+#include <atomic>
 #include <map>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
@@ -62,17 +64,31 @@ public:
             map_ = new Map;
     }
 
-    // Keeps everything while exit() leaves threads running, which go on with the managers that they have.
-    void unload() {
+    // Returns what is to be destroyed when no lock is held: the managers withdraw their registrations. Calls
+    // the function with each of them before the unload is counted, and with the lock held. Keeps everything
+    // while exit() leaves threads running, which go on with the managers that they have.
+    template <class Function>
+    std::unique_ptr<Map> unload(Function give_up) {
         if (Shutdown::keeps())
-            return;
-        // Destroyed on return, when the lock is released: the managers withdraw their registrations.
-        std::unique_ptr<Map> doomed;
+            return nullptr;
         AutoLock const guard(lock());
-        doomed.reset(map_);
-        map_ = nullptr;
+        std::unique_ptr<Map> gone(std::exchange(map_, nullptr));
+        if (gone) {
+            for (auto const& item : *gone) {
+                if (item.second)
+                    give_up(*item.second);
+            }
+        }
         shown().clear();
+        number_of_unloads.fetch_add(1, std::memory_order_relaxed);
+        return gone;
     }
+    void unload() {
+        unload([](Manager&) {});
+    }
+
+    // How many unloads there have been. While there is no further one, the managers that were got stay.
+    static unsigned unloads() { return number_of_unloads.load(std::memory_order_relaxed); }
 
     // The calling thread's, made on first use. Throws orn::zel::Exception with the refusal's text.
     boost::shared_ptr<Manager> get() {
@@ -160,6 +176,9 @@ private:
 
     Map*& map_; // changed and read under the lock
     char const* const refusal_;
+    // Changed under the lock. It is no member of the object, of which the compiler knows that it never
+    // changes.
+    static inline std::atomic<unsigned> number_of_unloads{0};
 };
 
 } // namespace orn::zel::detail

@@ -148,10 +148,9 @@ id_t Core::start(Spec const& spec) {
 void Core::remove(id_t id) {
     Functions functions;
     AutoLock const guard(lock_);
-    ControllerImpl* const task = tasks_.find(id);
+    ControllerImpl* const task = tasks_.take(id);
     if (!task)
         return;
-    tasks_.erase(id);
     task->listed_ = false;
     if (task->pins_ == 0)
         retire(*task, functions);

@@ -79,6 +79,7 @@ struct Remembered {
     int tid;
     unsigned era;
     id_t fd_manager;
+    Registry::Note note;
 };
 
 thread_local Remembered remembered;
@@ -226,13 +227,19 @@ id_t Registry::remembered_fd_manager_id() {
     return known.tid == tid && known.era == era ? known.fd_manager : 0;
 }
 
+Registry::Note* Registry::note() {
+    int const tid = self();
+    Remembered& known = remembered;
+    return known.tid == tid && known.era == era ? &known.note : nullptr;
+}
+
 id_t Registry::fd_manager_id() {
     if (id_t const known = remembered_fd_manager_id())
         return known;
     int const tid = claim();
     unsigned const before = era; // a change that happens meanwhile makes this be asked again
     id_t const id = fd_manager(tid)->id().value();
-    remembered = {tid, before, id};
+    remembered = {tid, before, id, {}};
     return id;
 }
 

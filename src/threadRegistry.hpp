@@ -56,6 +56,15 @@ public:
     static id_t fd_manager_id();
     static id_t remembered_fd_manager_id();
 
+    // Where the calling thread may keep in mind what belongs to its fd manager. It is empty at first, and
+    // again when the thread has got another one. Null until the thread has asked for the identifier, and when
+    // the answer may have changed since.
+    struct Note {
+        void* object;
+        unsigned age;
+    };
+    static Note* note();
+
     // For the calling thread, before it uses its own record: has the record dropped when the thread ends,
     // whoever made the thread. Returns the thread's id.
     static int claim();

@@ -221,6 +221,7 @@ TEST_F(Alarms, any_member_of_the_group_may_cancel_and_reset_and_a_stranger_is_lo
 TEST_F(Alarms, that_an_unload_has_taken_away_still_tell_of_their_end) {
     orn::os::Pipe observer(false);
     {
+        auto const held = alarm::manager();
         Alarm alarm(1, say("x"));
         alarm::Monitor("", observer.WriteFD());
         alarm::zel_alarm_unload();
@@ -233,11 +234,14 @@ TEST_F(Alarms, that_an_unload_has_taken_away_still_tell_of_their_end) {
     EXPECT_EQ("", after(1));
 }
 
-TEST_F(Alarms, may_be_unloaded_while_another_thread_asks_for_them) {
+TEST_F(Alarms, may_be_unloaded_while_another_thread_uses_them) {
     std::atomic<bool> over(false);
     Member const member([&] {
-        while (!over)
+        while (!over) {
+            Alarm alarm(1, 1, [] {});
+            alarm.Reset(2);
             alarm::manager();
+        }
     });
     for (int round = 0; round < 1000; ++round) {
         alarm::zel_alarm_unload();

@@ -32,12 +32,10 @@
 #include <memory>
 #include <optional>
 #include <string>
-
-#include <sys/types.h>
+#include <utility>
 
 #include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
-#include <boost/weak_ptr.hpp>
 
 #include <orn/os/Pipe.hpp>
 #include <orn/os/Timer.hpp>
@@ -109,9 +107,19 @@ ORN_API os::Timer* CreateTimer(boost::function<void(os::Timer*)> callback);
 
 // What a manager keeps of an alarm.
 struct TimerBlob {
+    TimerBlob(Handler&& called, bool once) : handler(std::move(called)), one_shot(once) {}
+
     std::optional<os::Timer> timer;
     Handler handler;
-    bool one_shot = true; // to be forgotten after its first expiry
+    bool one_shot; // to be forgotten after its first expiry
+};
+
+// The pipe and the alarms of a manager, and where an alarm is: in a table, which goes when the library is
+// unloaded for the next time.
+struct Table;
+struct Home {
+    Table* table = nullptr;
+    unsigned unloads = 0; // how many there had been
 };
 
 // The alarms of one fd manager, and so of one thread. Lives until the library is taken down.
@@ -133,20 +141,11 @@ public:
     ORN_LOCAL void tell(int tid, detail::Answer& answer) const;
     basic_Id<unsigned long> const& id() const { return id_; }
 
+    ORN_LOCAL Table* table() const { return table_.get(); }
+
 private:
-    // The pipe and the alarms. The handler on the pipe shares it, so that a dispatch which is under way in
-    // another thread when the process exits still finds them.
-    struct ORN_LOCAL Table;
-
-    ORN_LOCAL static void drain(Table& table, fd::Event* event);
-
-    // Logs a call from a thread of another group than the one that serves this manager.
-    ORN_LOCAL void note_caller(char const* function, id_t id) const;
-
     basic_Id<unsigned long> id_;
-    int const tid_;   // whose alarms these are
-    pid_t const pid_; // in which process: a child of fork() does not serve them
-    boost::shared_ptr<Table> table_;
+    boost::shared_ptr<Table> table_; // the handler on the pipe shares it
     boost::shared_ptr<fd::Monitor> monitor_;
     AutoReceptor<fd::Event*> receptor_;
 };
@@ -158,14 +157,14 @@ class ORN_API AlarmImpl {
 public:
     AlarmImpl() : id(0) {}
     virtual ~AlarmImpl();
-    void Set(unsigned long initialMs, unsigned long recurringMs, Handler const& handler);
+    void Set(unsigned long initialMs, unsigned long recurringMs, Handler&& handler);
     void Reset(unsigned long timeoutMs);
     void Cancel();
 
     id_t id; // 0 once cancelled
 
 private:
-    boost::weak_ptr<Manager> home_; // where the alarm is, whichever thread calls; gone after an unload
+    Home home_; // the same whichever thread calls
 };
 
 // The managers by the id of their fd manager. Null while the subsystem is not loaded. managerMutex guards it.

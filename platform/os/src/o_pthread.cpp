@@ -273,9 +273,8 @@ int o_pthread_detach(o_pthread_t thread) {
 }
 
 int o_pthread_self(void) {
-    if (cached_tid == 0)
-        cached_tid = static_cast<int>(syscall(SYS_gettid));
-    return cached_tid;
+    int const tid = cached_tid; // read once: looking it up takes a call
+    return tid != 0 ? tid : cached_tid = static_cast<int>(syscall(SYS_gettid));
 }
 
 void o_pthread_exit(void* result) {
