@@ -50,7 +50,8 @@ if(TARGET zelctl)
             zelctl_trace_test)
         zel_add_test(${name} SOURCES ${name}.cpp ${programs} LIBRARIES nlohmann_json::nlohmann_json)
         zel_test_starts(${name} TARGET=channel_target ZELCTL=zelctl BROOD=brood INSPECT_TARGET=inspect_target
-            MODULE=hello)
+            MODULE=hello CLIENT=channel_client)
+        target_compile_definitions(${name} PRIVATE COMPLETION="${PROJECT_SOURCE_DIR}/tools/zelctl/zelctl.bash")
     endforeach()
 endif()
 

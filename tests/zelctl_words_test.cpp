@@ -143,4 +143,28 @@ TEST_F(ZelctlWords, leave_the_process_as_it_was_when_the_client_is_killed_or_sto
         << "only those of clients that have gone";
 }
 
+// compgen of bash carries out what stands in its list.
+TEST(ZelctlCompletion, offers_processes_and_words_but_nothing_that_a_shell_might_carry_out) {
+    TempFile const hit;
+    char const* const script = R"(
+        source "$COMPLETION"
+        table() { local IFS=$'\t'; echo "$*"; }
+        zelctl() {
+            case $* in
+            ps) table PID USER NAME; table 1 root "$NAME" 4 5 open yes; table 2 root one-more 4 5 open yes ;;
+            *words) table WORD; table "$NAME"; table 'a;b'; table say ;;
+            esac
+        }
+        complete_line() { COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _zelctl; echo ${COMPREPLY[*]}; }
+        complete_line zelctl ''
+        complete_line zelctl o
+        complete_line zelctl one-more s
+        complete_line zelctl 2 monitor a)";
+    Program bash({"/bin/bash", "--norc", "-c", script},
+                 {{"COMPLETION", COMPLETION}, {"NAME", "$(echo hit >" + hit.path() + ")"}});
+    Result const result(bash);
+    EXPECT_EQ("ps 1 2 one-more\none-more\nsignals say\nalarm\n", result.output) << result.errors;
+    EXPECT_EQ("", hit.text());
+}
+
 } // namespace
