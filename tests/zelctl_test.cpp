@@ -55,6 +55,8 @@ TEST_F(Zelctl, prints_the_whole_answer_and_nothing_else_or_says_that_lines_were_
     EXPECT_EQ("1/1 foo a b\n", result.output);
     EXPECT_TRUE(fails(result, "exit 8", "has no word \"foo\""));
     EXPECT_EQ("no end\n", ask({"tail", "no end"}).output);
+    EXPECT_EQ("two\nlines\n", ask({"tail", "two\nlines"}).output);
+    EXPECT_EQ("exit 8", ask({"two\nlines"}).end);
     EXPECT_EQ("", ask({"throw"}).output);
     EXPECT_EQ(std::string(300000, 'x') + '\n', ask({"line", "300000"}).output);
     result = ask({"lines", "20000"});

@@ -101,6 +101,8 @@ void Channel::read_lines() {
     if (got == 0) {
         closed_ = true;
         receptor_.reset(); // the descriptor stays readable
+        if (!partial_.empty())
+            take_line_(partial_); // the end of it never comes
         return;
     }
     char const* const end = buffer_.data() + got;
