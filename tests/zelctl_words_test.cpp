@@ -87,10 +87,17 @@ TEST_F(ZelctlWords, print_what_happens_until_it_is_enough) {
     EXPECT_EQ("ALARM: id=", line["text"].get<std::string>().substr(0, 10));
     EXPECT_TRUE(threads(busy.pid()).count(line["tid"])) << line;
 
-    Program following({ZELCTL, std::to_string(busy.pid()), "monitor", "alarm"});
-    EXPECT_TRUE(holds(following.line(), "ALARM: id="));
+    result = ask(busy, {"monitor alarm --for 500ms", "tail own"});
+    EXPECT_FALSE(holds(result.output, "inspect")) << "asked by the tool itself: " << result.output;
+    EXPECT_TRUE(holds(result.output, "\nown\n"));
+
+    Program following({ZELCTL, std::to_string(busy.pid()), "monitor", "alarm", "task"});
+    EXPECT_TRUE(holds(following.line(), "tid="));
     EXPECT_EQ("exit 0", ask(busy, {"zel unmonitor alarm"}).end);
-    EXPECT_TRUE(fails(Result(following), "exit 1", "switched off the alarm monitor"));
+    EXPECT_TRUE(holds(following.error_line(), "another zelctl has switched off the alarm monitor"));
+    Program const client({CLIENT, std::to_string(busy.pid()), "follow", "zel monitor task"});
+    EXPECT_TRUE(fails(Result(following), "exit 1",
+                      "process " + std::to_string(client.pid()) + " has taken the task monitor"));
     Program until_its_end({ZELCTL, std::to_string(busy.pid()), "monitor", "alarm"});
     EXPECT_TRUE(holds(until_its_end.line(), "ALARM: id="));
     busy.signal(SIGKILL);
