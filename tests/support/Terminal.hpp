@@ -4,7 +4,10 @@
 #ifndef TESTS_SUPPORT_TERMINAL_HPP
 #define TESTS_SUPPORT_TERMINAL_HPP
 
+#include <csignal>
+
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 
 #include "Zelctl.hpp"
@@ -53,6 +56,13 @@ public:
             return ::testing::AssertionFailure() << "'" << text << "' has not come: " << shown_;
         shown_.erase(0, shown_.find(text) + text.size());
         return ::testing::AssertionSuccess();
+    }
+
+    // To the client, or whatever else is in the foreground.
+    void signal(int signo) const { EXPECT_EQ(0, kill(-tcgetpgrp(terminal_), signo)); }
+    void resize(unsigned short rows, unsigned short columns) const {
+        winsize const size = {rows, columns, 0, 0};
+        EXPECT_EQ(0, ioctl(terminal_, TIOCSWINSZ, &size));
     }
 
     // Whether keys go to the client one by one, not in lines.

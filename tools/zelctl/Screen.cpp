@@ -27,6 +27,13 @@ std::string cut(std::string const& text, std::size_t columns) {
     return text.substr(0, at);
 }
 
+winsize size_of_terminal() {
+    winsize size = {};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0)
+        size = {24, 80, 0, 0};
+    return size;
+}
+
 // Past what is waiting to be written: a terminal that is slow, or gone, must not keep it from its mode.
 void tell_terminal(std::string const& text) {
     static_cast<void>(!write(STDOUT_FILENO, text.data(), text.size()));
@@ -88,13 +95,15 @@ void Screen::read_keys() {
         on_key_(keys[i]);
 }
 
+std::size_t Screen::rows() const {
+    return size_of_terminal().ws_row;
+}
+
 void Screen::draw(std::vector<Line> const& lines) {
-    winsize size = {};
-    bool const known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 && size.ws_col > 0;
-    std::size_t const rows = known ? size.ws_row : 24;
-    std::size_t const columns = known ? size.ws_col : 80;
+    winsize const size = size_of_terminal();
+    std::size_t const columns = size.ws_col;
     std::string text = "\x1b[H";
-    for (std::size_t i = 0; i < std::min(rows, lines.size()); ++i) {
+    for (std::size_t i = 0; i < std::min<std::size_t>(size.ws_row, lines.size()); ++i) {
         std::string const line = cut(lines[i].text, columns);
         text += i > 0 ? "\r\n" : "";
         text += lines[i].style == Line::bold  ? heading(output_, line)

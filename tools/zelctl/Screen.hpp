@@ -31,6 +31,7 @@ public:
     Screen(Screen const&) = delete;
     Screen& operator=(Screen const&) = delete;
 
+    std::size_t rows() const;
     // As many lines and columns as there is room for.
     void draw(std::vector<Line> const& lines);
 
