@@ -207,14 +207,14 @@ TEST_F(Zelctl, ends_by_the_signal_that_comes_while_its_last_lines_wait_for_a_rea
 }
 
 TEST_F(Zelctl, shows_no_control_characters_on_a_terminal_and_raw_bytes_elsewhere) {
-    std::string const text = "a\x1b[2J\x07\xff\xc2\x9b\xc3\xa4";
+    std::string const text = "a\x1b[2J\x07\xff\xc2\x9b\xe2\x80\xae\xc3\xa4";
     EXPECT_EQ(text + '\n', ask({"tail", text}).output);
     int const terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_EQ(0, grantpt(terminal) | unlockpt(terminal));
     EXPECT_EQ("exit 0", shell("tail '" + text + "' >" + ptsname(terminal)).end);
     char shown[100];
     ssize_t const length = read(terminal, shown, sizeof shown);
-    EXPECT_EQ("a\\x1b[2J\\x07\\xff\\xc2\\x9b\xc3\xa4\r\n",
+    EXPECT_EQ("a\\x1b[2J\\x07\\xff\\xc2\\x9b\\xe2\\x80\\xae\xc3\xa4\r\n",
               std::string(shown, static_cast<std::size_t>(std::max<ssize_t>(length, 0))));
     close(terminal);
 }
