@@ -229,6 +229,9 @@ TEST(ZelctlRefusal, of_a_wrong_command_line_is_one_line_with_a_status_of_its_own
                                {"1", "--timeout", "nan", "foo"},
                                {"1", "--follow", "-1", "foo"},
                                {"1", "--for", "5 years", "foo"},
+                               {"1", "--limit", "-1", "foo"},
+                               {"1", "--interval", "1ms", "top"},
+                               {"ps", "-c", "foo"},
                                {"1", "-c", "foo", "bar"}}) {
         Result const result = zelctl(words);
         EXPECT_TRUE(fails(result, "exit 2", ""));
