@@ -59,7 +59,7 @@ TEST_F(ZelctlWords, show_listings_where_the_process_tells_no_objects) {
     ASSERT_FALSE(fds.empty());
     EXPECT_EQ("pipe:", fds[0]["path"].get<std::string>().substr(0, 5));
     EXPECT_EQ("[", ask(plain, {"signals"}).output.substr(0, 1));
-    EXPECT_TRUE(fails(ask(plain, {"alarms"}), "exit 1", "cannot list its alarms"));
+    EXPECT_TRUE(fails(ask(plain, {"alarms"}), "exit 1", "does not have inspect alarms"));
 }
 
 TEST_F(ZelctlWords, come_several_at_once_and_the_first_failure_decides) {
