@@ -222,9 +222,9 @@ void Top::print() {
 // "" if the times of the last sample are whole.
 std::string Top::lost_in_last() const {
     std::uint64_t const before = before_.at_ns == 0 ? now_.lost : before_.lost;
-    return now_.lost > before ? std::to_string(now_.lost - before) +
-                                    " spans lost, so the times are too low: the process is too busy"
-                              : "";
+    return now_.lost > before
+               ? std::to_string(now_.lost - before) + " spans lost, so slices and times are too low"
+               : "";
 }
 
 std::string Top::headline() const {
