@@ -35,9 +35,9 @@ std::string attachable(Process const& process) {
     }
     if (process.stopped())
         return "stopped: kill -CONT " + std::to_string(process.pid);
+    std::string const status = "/proc/" + std::to_string(process.pid) + "/status";
     if (process.blocks && !process.channel_open)
-        return "all its threads block signal 55: see SigBlk in /proc/" + std::to_string(process.pid) +
-               "/status";
+        return "all its threads block signal 55: see SigBlk in " + status;
     return "yes";
 }
 

@@ -134,8 +134,8 @@ bool Monitors::take(std::string const& line) {
     asks_ = asks_ && !unknown;
     if (unknown || line.compare(0, answer.size(), answer) != 0)
         return unknown;
-    Json const object = Json::parse(line, nullptr, false);
-    if (!object.is_object() || !object.contains("observers"))
+    Json const object = object_in(line);
+    if (!object.contains("observers"))
         return true;
     for (std::string const& kind : std::set<std::string>(kinds_)) {
         std::uint64_t const client = client_of(kind, object["observers"]);

@@ -19,7 +19,7 @@ std::optional<View> inspect(Session& session, std::string const& what) {
     View view;
     bool whole = false;
     view.answer = session.ask("inspect " + what, [&](std::string const& line) {
-        Json object = Json::parse(line, nullptr, false);
+        Json object = object_in(line);
         // Answers to what was told before may still come, and streams go on meanwhile.
         if (!object.is_object() || (object.contains("inspect") && object["inspect"] != what))
             return;
