@@ -59,6 +59,20 @@ TEST_F(ZelctlPrompt, gives_up_a_command_but_not_the_prompt_when_it_is_interrupte
     EXPECT_TRUE(shows("> "));
     type("tail still-here\n");
     EXPECT_TRUE(shows("\r\nstill-here\r\n"));
+    for (int i = 0; i < 2;
+         ++i) { // Ctrl-Z is the screen's while it is there, and the shell's again afterwards
+        type("top\n");
+        ASSERT_TRUE(shows("\x1b[?1049h"));
+        type("\x1a");
+        EXPECT_TRUE(shows("\x1b[?1049l"));
+        ASSERT_TRUE(shows("\x1b[?1049h"));
+        type("q");
+        ASSERT_TRUE(shows("> "));
+    }
+    type("monitor alarm\n");
+    EXPECT_TRUE(shows("ALARM: id="));
+    type("\x1a");
+    EXPECT_TRUE(shows("zelctl " + std::to_string(target.pid()))) << "fg names what goes on";
     target.signal(SIGKILL);
     EXPECT_TRUE(shows("has ended"));
     EXPECT_TRUE(shows("status=7"));

@@ -24,8 +24,10 @@ public:
         if (pid_ == 0) {
             setenv("TERM", "xterm", 1);
             setenv("ZELCTL_HISTORY", history.c_str(), 1);
-            std::string const command = "set -m; " ZELCTL " " + words +
-                                        "; s=$?; while [ $s -eq 148 ]; do fg; s=$?; done; echo status=$s";
+            std::string command = "set -m; " ZELCTL " " + words + "; s=$?; ";
+            for (int i = 0; i < 4; ++i) // a loop of the shell ends when what it waits for stops
+                command += "if [ $s -eq 148 ]; then fg; s=$?; fi; ";
+            command += "echo status=$s";
             execl("/bin/bash", "bash", "--norc", "-c", command.c_str(), nullptr);
             _exit(127);
         }

@@ -34,6 +34,12 @@ winsize size_of_terminal() {
     return size;
 }
 
+struct sigaction action_of(int signo) {
+    struct sigaction action = {};
+    sigaction(signo, nullptr, &action);
+    return action;
+}
+
 // Past what is waiting to be written: a terminal that is slow, or gone, must not keep it from its mode.
 void tell_terminal(std::string const& text) {
     static_cast<void>(!write(STDOUT_FILENO, text.data(), text.size()));
@@ -43,8 +49,12 @@ void tell_terminal(std::string const& text) {
 
 Screen::Screen(Output& output, std::function<void(char)> on_key, std::function<void()> redraw)
     : output_(output), on_key_(std::move(on_key)), redraw_(std::move(redraw)),
-      keys_(tcgetattr(STDIN_FILENO, &before_) == 0), stopped_(SIGTSTP, [this](int) { stop(); }),
-      resized_(SIGWINCH, [this](int) { redraw_(); }) {
+      keys_(tcgetattr(STDIN_FILENO, &before_) == 0), usual_stop_(action_of(SIGTSTP)),
+      stopped_(SIGTSTP, [this](int) { stop(); }), resized_(SIGWINCH, [this](int) { redraw_(); }) {
+    // The library goes on catching what was watched once, so Ctrl-Z would be lost when the screen has gone.
+    // It installs its handler the first time only.
+    static struct sigaction const watching = action_of(SIGTSTP);
+    sigaction(SIGTSTP, &watching, nullptr);
     if (keys_) {
         receptor_.reset(
             new orn::zel::fd::AutoReceptor(STDIN_FILENO, [this](orn::zel::fd::Event*) { read_keys(); }));
@@ -53,6 +63,7 @@ Screen::Screen(Output& output, std::function<void(char)> on_key, std::function<v
 }
 
 Screen::~Screen() {
+    sigaction(SIGTSTP, &usual_stop_, nullptr);
     leave();
 }
 
