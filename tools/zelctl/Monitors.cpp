@@ -127,9 +127,11 @@ void Monitors::look() {
         session_.tell(who_has_them);
 }
 
-// A zelctl that lists threads has the poll monitor for moments, so one look is not enough.
+// One look is not enough: a zelctl may be about to give the monitor back. Many that list threads at the same
+// time have the poll monitor for seconds.
 bool Monitors::take(std::string const& line) {
-    unsigned const enough = 3;
+    unsigned const few = 3;
+    unsigned const many = 20;
     bool const unknown = line == std::string("1/1 ") + who_has_them; // to an older library
     asks_ = asks_ && !unknown;
     if (unknown || line.compare(0, answer.size(), answer) != 0)
@@ -141,7 +143,7 @@ bool Monitors::take(std::string const& line) {
         std::uint64_t const client = client_of(kind, object["observers"]);
         unsigned& missed = missed_[kind];
         missed = client == static_cast<std::uint64_t>(getpid()) ? 0 : missed + 1;
-        if (missed == enough) {
+        if (missed == (kind == "poll" ? many : few)) {
             lose(kind, client == 0 ? "another client has switched off"
                                    : process_name(static_cast<int>(client)) + " has taken");
         }
