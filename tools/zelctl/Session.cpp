@@ -209,7 +209,7 @@ void Session::wait_for_answer() {
     // A full pipe may have lost the mark's echo, so ask again.
     orn::zel::Alarm const again(look_around_ms, look_around_ms, [&] { channel_.command(mark); });
     while (!complete_) {
-        turn();
+        follow_turn(); // lines of a monitor may come meanwhile, more than their reader takes
         if (!ended())
             continue;
         drain();
