@@ -53,7 +53,8 @@ if(TARGET zelctl)
     foreach(name IN LISTS clients)
         zel_add_test(${name} SOURCES ${name}.cpp ${programs} LIBRARIES nlohmann_json::nlohmann_json)
         zel_test_starts(${name} TARGET=channel_target ZELCTL=zelctl BROOD=brood INSPECT_TARGET=inspect_target
-            MODULE=hello)
+            MODULE=hello CLIENT=channel_client)
+        target_compile_definitions(${name} PRIVATE COMPLETION="${PROJECT_SOURCE_DIR}/tools/zelctl/zelctl.bash")
     endforeach()
 endif()
 

@@ -62,6 +62,19 @@ TEST(ZelctlAttach, finds_processes_and_tells_how_to_reach_them) {
     EXPECT_EQ("exit 3", zelctl(joined({"999999999"}, ask)).end);
 }
 
+TEST(ZelctlAttach, tells_that_a_process_blocks_the_signal) {
+    Program target({"/usr/bin/env", "--block-signal=55", TARGET});
+    if (target.line() != "ready")
+        GTEST_SKIP() << "an env(1) that blocks no signals";
+    std::string const pid = std::to_string(target.pid());
+    EXPECT_TRUE(fails(zelctl({pid, "--timeout", "0.2", "foo"}), "exit 6", "all its threads block signal 55"));
+    std::map<int, std::string> reasons;
+    for (Json const& process : objects(zelctl({"ps", "--json"}).output))
+        reasons[process["pid"]] = process["attach"];
+    EXPECT_TRUE(holds(reasons[target.pid()], "all its threads block signal 55"));
+    EXPECT_TRUE(target.alive());
+}
+
 TEST(ZelctlAttach, leaves_the_handler_of_an_open_channel_alone_and_refuses_without_one) {
     Program target({TARGET, "default-55"});
     ASSERT_EQ("ready", target.line());

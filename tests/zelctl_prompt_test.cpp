@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The command-line client on a terminal: its prompt, keys, and how it leaves.
+// The command-line client on a terminal: its prompt, its screen, keys, and how it leaves.
 #include "support/Terminal.hpp"
 
 namespace {
@@ -59,9 +59,49 @@ TEST_F(ZelctlPrompt, gives_up_a_command_but_not_the_prompt_when_it_is_interrupte
     EXPECT_TRUE(shows("> "));
     type("tail still-here\n");
     EXPECT_TRUE(shows("\r\nstill-here\r\n"));
+    for (int i = 0; i < 2;
+         ++i) { // Ctrl-Z is the screen's while it is there, and the shell's again afterwards
+        type("top\n");
+        ASSERT_TRUE(shows("\x1b[?1049h"));
+        type("\x1a");
+        EXPECT_TRUE(shows("\x1b[?1049l"));
+        ASSERT_TRUE(shows("\x1b[?1049h"));
+        type("q");
+        ASSERT_TRUE(shows("> "));
+    }
+    type("monitor alarm\n");
+    EXPECT_TRUE(shows("ALARM: id="));
+    type("\x1a");
+    EXPECT_TRUE(shows("zelctl " + std::to_string(target.pid()))) << "fg names what goes on";
     target.signal(SIGKILL);
     EXPECT_TRUE(shows("has ended"));
     EXPECT_TRUE(shows("status=7"));
+}
+
+TEST(ZelctlTop, fits_the_screen_and_gives_it_back_however_it_ends) {
+    TempFile const history;
+    // A signal to the client, or SIGKILL to the process that it looks into, or the key that leaves.
+    std::map<int, std::string> const ends = {
+        {0, "status=0"}, {SIGTERM, "status=143"}, {SIGHUP, "status=129"}, {SIGKILL, "status=7"}};
+    for (auto const& end : ends) {
+        Program target({TARGET, "busy"});
+        ASSERT_EQ("ready", target.line());
+        Terminal terminal(std::to_string(target.pid()) + " top --interval 1000s", history.path());
+        ASSERT_TRUE(terminal.shows("\x1b[?1049h")) << "the other screen";
+        ASSERT_TRUE(terminal.shows("BUSY%  IN\x1b[0m"));
+        EXPECT_TRUE(terminal.takes_keys());
+        terminal.resize(4, 7);
+        EXPECT_TRUE(terminal.shows("GROUP  \x1b[0m"));
+        if (end.first == 0)
+            terminal.type("q");
+        else if (end.first == SIGKILL)
+            target.signal(SIGKILL);
+        else
+            terminal.signal(end.first);
+        EXPECT_TRUE(terminal.shows("\x1b[?1049l")) << end.second;
+        EXPECT_TRUE(terminal.shows(end.second));
+        EXPECT_FALSE(terminal.takes_keys());
+    }
 }
 
 } // namespace

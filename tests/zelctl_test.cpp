@@ -55,6 +55,8 @@ TEST_F(Zelctl, prints_the_whole_answer_and_nothing_else_or_says_that_lines_were_
     EXPECT_EQ("1/1 foo a b\n", result.output);
     EXPECT_TRUE(fails(result, "exit 8", "has no word \"foo\""));
     EXPECT_EQ("no end\n", ask({"tail", "no end"}).output);
+    EXPECT_EQ("two\nlines\n", ask({"tail", "two\nlines"}).output);
+    EXPECT_EQ("exit 8", ask({"two\nlines"}).end);
     EXPECT_EQ("", ask({"throw"}).output);
     EXPECT_EQ(std::string(300000, 'x') + '\n', ask({"line", "300000"}).output);
     result = ask({"lines", "20000"});
@@ -205,14 +207,14 @@ TEST_F(Zelctl, ends_by_the_signal_that_comes_while_its_last_lines_wait_for_a_rea
 }
 
 TEST_F(Zelctl, shows_no_control_characters_on_a_terminal_and_raw_bytes_elsewhere) {
-    std::string const text = "a\x1b[2J\x07\xff\xc2\x9b\xc3\xa4";
+    std::string const text = "a\x1b[2J\x07\xff\xc2\x9b\xe2\x80\xae\xc3\xa4";
     EXPECT_EQ(text + '\n', ask({"tail", text}).output);
     int const terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_EQ(0, grantpt(terminal) | unlockpt(terminal));
     EXPECT_EQ("exit 0", shell("tail '" + text + "' >" + ptsname(terminal)).end);
     char shown[100];
     ssize_t const length = read(terminal, shown, sizeof shown);
-    EXPECT_EQ("a\\x1b[2J\\x07\\xff\\xc2\\x9b\xc3\xa4\r\n",
+    EXPECT_EQ("a\\x1b[2J\\x07\\xff\\xc2\\x9b\\xe2\\x80\\xae\xc3\xa4\r\n",
               std::string(shown, static_cast<std::size_t>(std::max<ssize_t>(length, 0))));
     close(terminal);
 }
@@ -227,6 +229,9 @@ TEST(ZelctlRefusal, of_a_wrong_command_line_is_one_line_with_a_status_of_its_own
                                {"1", "--timeout", "nan", "foo"},
                                {"1", "--follow", "-1", "foo"},
                                {"1", "--for", "5 years", "foo"},
+                               {"1", "--limit", "-1", "foo"},
+                               {"1", "--interval", "1ms", "top"},
+                               {"ps", "-c", "foo"},
                                {"1", "-c", "foo", "bar"}}) {
         Result const result = zelctl(words);
         EXPECT_TRUE(fails(result, "exit 2", ""));

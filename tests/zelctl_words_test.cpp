@@ -59,7 +59,7 @@ TEST_F(ZelctlWords, show_listings_where_the_process_tells_no_objects) {
     ASSERT_FALSE(fds.empty());
     EXPECT_EQ("pipe:", fds[0]["path"].get<std::string>().substr(0, 5));
     EXPECT_EQ("[", ask(plain, {"signals"}).output.substr(0, 1));
-    EXPECT_TRUE(fails(ask(plain, {"alarms"}), "exit 1", "cannot list its alarms"));
+    EXPECT_TRUE(fails(ask(plain, {"alarms"}), "exit 1", "does not have inspect alarms"));
 }
 
 TEST_F(ZelctlWords, come_several_at_once_and_the_first_failure_decides) {
@@ -88,10 +88,17 @@ TEST_F(ZelctlWords, print_what_happens_until_it_is_enough) {
     EXPECT_EQ("ALARM: id=", line["text"].get<std::string>().substr(0, 10));
     EXPECT_TRUE(threads(busy.pid()).count(line["tid"])) << line;
 
-    Program following({ZELCTL, std::to_string(busy.pid()), "monitor", "alarm"});
-    EXPECT_TRUE(holds(following.line(), "ALARM: id="));
+    result = ask(busy, {"monitor alarm --for 500ms", "tail own"});
+    EXPECT_FALSE(holds(result.output, "inspect")) << "asked by the tool itself: " << result.output;
+    EXPECT_TRUE(holds(result.output, "\nown\n"));
+
+    Program following({ZELCTL, std::to_string(busy.pid()), "monitor", "alarm", "task"});
+    EXPECT_TRUE(holds(following.line(), "tid="));
     EXPECT_EQ("exit 0", ask(busy, {"zel unmonitor alarm"}).end);
-    EXPECT_TRUE(fails(Result(following), "exit 1", "switched off the alarm monitor"));
+    EXPECT_TRUE(holds(following.error_line(), "another zelctl has switched off the alarm monitor"));
+    Program const client({CLIENT, std::to_string(busy.pid()), "follow", "zel monitor task"});
+    EXPECT_TRUE(fails(Result(following), "exit 1",
+                      "process " + std::to_string(client.pid()) + " has taken the task monitor"));
     Program until_its_end({ZELCTL, std::to_string(busy.pid()), "monitor", "alarm"});
     EXPECT_TRUE(holds(until_its_end.line(), "ALARM: id="));
     busy.signal(SIGKILL);
@@ -142,6 +149,30 @@ TEST_F(ZelctlWords, leave_the_process_as_it_was_when_the_client_is_killed_or_sto
     EXPECT_EQ(before, threads(busy.pid()).size());
     EXPECT_LE(support::descriptors(busy.pid()).size(), descriptors + 64)
         << "only those of clients that have gone";
+}
+
+// compgen of bash carries out what stands in its list.
+TEST(ZelctlCompletion, offers_processes_and_words_but_nothing_that_a_shell_might_carry_out) {
+    TempFile const hit;
+    char const* const script = R"(
+        source "$COMPLETION"
+        table() { local IFS=$'\t'; echo "$*"; }
+        zelctl() {
+            case $* in
+            ps) table PID USER NAME; table 1 root "$NAME" 4 5 open yes; table 2 root one-more 4 5 open yes ;;
+            *words) table WORD; table "$NAME"; table 'a;b'; table say ;;
+            esac
+        }
+        complete_line() { COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _zelctl; echo ${COMPREPLY[*]}; }
+        complete_line zelctl ''
+        complete_line zelctl o
+        complete_line zelctl one-more s
+        complete_line zelctl 2 monitor a)";
+    Program bash({"/bin/bash", "--norc", "-c", script},
+                 {{"COMPLETION", COMPLETION}, {"NAME", "$(echo hit >" + hit.path() + ")"}});
+    Result const result(bash);
+    EXPECT_EQ("ps 1 2 one-more\none-more\nsignals say\nalarm\n", result.output) << result.errors;
+    EXPECT_EQ("", hit.text());
 }
 
 } // namespace

@@ -34,9 +34,9 @@ void made_up(std::string const& what, int fd) {
                "\"alarm\":123,\"thread\":9,\"due_in_ms\":1,\"fired\":3}\n{\"end\":true,\"objects\":2,"
                "\"lost\":0}\n";
     } else if (what == "tasks") {
-        text =
-            head +
-            "\"task\":1,\"name\":\"a\\tb\\u001b[2J\"}\nno object\n{\"end\":true,\"objects\":9,\"lost\":8}\n";
+        text = head + "\"task\":1,\"name\":\"a\\tb\\u001b[2J\"}\nno object\n" + head +
+               "\"task\":" + std::string(200000, '[') + std::string(200000, ']') +
+               "}\n{\"end\":true,\"objects\":9,\"lost\":8}\n";
     } else if (what == "process") {
         text = head + "\"pid\":1,\"words\":[{\"word\":\"station\",\"library\":\"libx.so\"}]}\n"
                       "{\"end\":true,\"objects\":1,\"lost\":0}\n";

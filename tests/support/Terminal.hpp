@@ -4,7 +4,10 @@
 #ifndef TESTS_SUPPORT_TERMINAL_HPP
 #define TESTS_SUPPORT_TERMINAL_HPP
 
+#include <csignal>
+
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 
 #include "Zelctl.hpp"
@@ -21,8 +24,10 @@ public:
         if (pid_ == 0) {
             setenv("TERM", "xterm", 1);
             setenv("ZELCTL_HISTORY", history.c_str(), 1);
-            std::string const command = "set -m; $ZEL_TEST_EMULATOR " ZELCTL " " + words +
-                                        "; s=$?; while [ $s -eq 148 ]; do fg; s=$?; done; echo status=$s";
+            std::string command = "set -m; $ZEL_TEST_EMULATOR " ZELCTL " " + words + "; s=$?; ";
+            for (int i = 0; i < 4; ++i) // a loop of the shell ends when what it waits for stops
+                command += "if [ $s -eq 148 ]; then fg; s=$?; fi; ";
+            command += "echo status=$s";
             execl("/bin/bash", "bash", "--norc", "-c", command.c_str(), nullptr);
             _exit(127);
         }
@@ -53,6 +58,13 @@ public:
             return ::testing::AssertionFailure() << "'" << text << "' has not come: " << shown_;
         shown_.erase(0, shown_.find(text) + text.size());
         return ::testing::AssertionSuccess();
+    }
+
+    // To the client, or whatever else is in the foreground.
+    void signal(int signo) const { EXPECT_EQ(0, kill(-tcgetpgrp(terminal_), signo)); }
+    void resize(unsigned short rows, unsigned short columns) const {
+        winsize const size = {rows, columns, 0, 0};
+        EXPECT_EQ(0, ioctl(terminal_, TIOCSWINSZ, &size));
     }
 
     // Whether keys go to the client one by one, not in lines.

@@ -18,6 +18,9 @@ namespace zelctl {
 
 namespace {
 
+// A longer one comes in pieces: the process may never end it, and is not trusted with this one's memory.
+std::size_t const longest_line = 16 << 20;
+
 // The process writes an answer in one piece and does not wait for room, so the pipe should take all of a long
 // listing. The kernel may refuse the full size to a user who has many large pipes.
 void enlarge(int pipe) {
@@ -101,18 +104,21 @@ void Channel::read_lines() {
     if (got == 0) {
         closed_ = true;
         receptor_.reset(); // the descriptor stays readable
+        if (!partial_.empty())
+            take_line_(partial_); // the end of it never comes
         return;
     }
     char const* const end = buffer_.data() + got;
     for (char const* begin = buffer_.data(); begin != end;) {
         char const* const newline = std::find(begin, end, '\n');
         partial_.append(begin, newline);
-        if (newline == end)
+        bool const whole = newline != end;
+        if (!whole && partial_.size() < longest_line)
             break;
         std::string line;
         line.swap(partial_);
         take_line_(line);
-        begin = newline + 1;
+        begin = newline + (whole ? 1 : 0);
     }
 }
 

@@ -45,10 +45,20 @@ double seconds_in(char const* option, std::string const& text, double least) {
     bool const known = unit.empty() || unit == "s" || unit == "ms" || unit == "m" || unit == "h";
     seconds *= unit == "ms" ? 0.001 : unit == "m" ? 60 : unit == "h" ? 3600 : 1;
     if (end == text.c_str() || !known || !(seconds >= least && seconds <= 1e6)) {
-        throw Failure(misused,
-                      std::string(option) + " takes a time such as 10s, 200ms, 5m or 1h, 1000000 s at most");
+        std::string const from =
+            least > 0 ? "from " + std::to_string(std::lround(least * 1000)) + "ms to" : "up to";
+        throw Failure(misused, std::string(option) + " takes a time such as 10s, 200ms, 5m or 1h, " + from +
+                                   " 1000000s");
     }
     return seconds;
+}
+
+unsigned long count_in(char const* option, std::string const& text) {
+    bool const digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+    unsigned long const count = digits && text.size() < 10 ? std::strtoul(text.c_str(), nullptr, 10) : 0;
+    if (count == 0)
+        throw Failure(misused, std::string(option) + " takes a number from 1 to 999999999");
+    return count;
 }
 
 // The options that a command takes wherever it stands, and where they go.
@@ -70,7 +80,7 @@ public:
         }
         app_.add_option("words", words_, "The command, for example: threads");
         app_.add_option("--for", for_, "monitor, top, trace: for so long");
-        app_.add_option("--limit", options_.limit, "The same: for so many lines, tables, spans");
+        app_.add_option("--limit", limit_, "The same: for so many lines, tables, spans");
         app_.add_option("--interval", interval_, "top: how often (1s)");
         app_.add_option("-o,--output", options_.file, "trace: the file");
         app_.add_flag("--table", options_.table, "Align tables, although this is no terminal");
@@ -98,6 +108,8 @@ public:
             options_.follow = seconds_in("--follow", follow_, 0);
         if (!for_.empty())
             options_.duration = seconds_in("--for", for_, 0.001);
+        if (!limit_.empty())
+            options_.limit = count_in("--limit", limit_);
         if (!interval_.empty())
             options_.interval = seconds_in("--interval", interval_, 0.05);
         return options_;
@@ -110,6 +122,7 @@ private:
     std::string timeout_;
     std::string follow_;
     std::string for_;
+    std::string limit_;
     std::string interval_;
 };
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include <pwd.h>
+#include <unistd.h>
 
 #include "Output.hpp"
 #include "Process.hpp"
@@ -21,12 +22,23 @@ std::string user_name(uid_t user) {
     return entry ? entry->pw_name : std::to_string(user);
 }
 
+// The line is about the process anyhow.
+std::string without_name(std::string const& text, Process const& process) {
+    std::string const name = process_name(process.pid) + ' ';
+    return text.compare(0, name.size(), name) == 0 ? text.substr(name.size()) : text;
+}
+
 std::string attachable(Process const& process) {
-    if (std::optional<Failure> const why = obstacle(process))
-        return why->what();
-    if (std::optional<Failure> const why = lacks_zel(process))
-        return why->what();
-    return process.stopped() ? "stopped: kill -CONT " + std::to_string(process.pid) : "yes";
+    for (auto const reason : {obstacle, lacks_zel}) {
+        if (std::optional<Failure> const why = reason(process))
+            return without_name(why->what(), process);
+    }
+    if (process.stopped())
+        return "stopped: kill -CONT " + std::to_string(process.pid);
+    std::string const status = "/proc/" + std::to_string(process.pid) + "/status";
+    if (process.blocks && !process.channel_open)
+        return "all its threads block signal 55: see SigBlk in " + status;
+    return "yes";
 }
 
 Json object_of(Process const& process) {
@@ -44,7 +56,7 @@ Json object_of(Process const& process) {
 } // namespace
 
 ExitStatus list_processes(Output& output, Options const& options) {
-    std::size_t hidden = 0;
+    std::vector<Process> hidden;
     std::vector<Json> objects;
     for (Process const& process : processes_with_zel(hidden)) {
         bool const wanted =
@@ -57,12 +69,15 @@ ExitStatus list_processes(Output& output, Options const& options) {
     }
     print_table(output, options, objects);
     output.flush();
-    if (objects.empty())
+    if (objects.empty() && options.words.empty()) {
         std::fputs("zelctl: no process with zel is visible here\n", stderr);
-    if (hidden > 0) {
-        std::fprintf(stderr,
-                     "zelctl: %zu more may have zel, but are not this user's to look into: ask as root\n",
-                     hidden);
+    } else if (objects.empty()) {
+        std::fprintf(stderr, "zelctl: no process with zel has a name with '%s': zelctl ps lists all\n",
+                     printable(joined(options.words, "' or '")).c_str());
+    }
+    if (!hidden.empty()) {
+        std::fprintf(stderr, "zelctl: %zu more may have zel, but may not be looked into: %s\n", hidden.size(),
+                     geteuid() != 0 ? "ask as root" : "this root lacks the right to trace them");
     }
     return objects.empty() && !options.words.empty() ? not_found : ok;
 }

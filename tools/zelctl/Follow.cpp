@@ -48,12 +48,15 @@ Json object_of(std::string const& line) {
 // Prints lines as they come until it is enough.
 class Follower {
 public:
-    Follower(Context& context, double seconds, unsigned long limit, bool stamped)
-        : session_(context.session), output_(context.output), limit_(limit), stamped_(stamped),
-          json_(context.options.json), overflows_(context.session.overflows()) {
+    Follower(Context& context, double seconds, unsigned long limit, bool stamped, Monitors* monitors)
+        : session_(context.session), output_(context.output), monitors_(monitors), limit_(limit),
+          stamped_(stamped), json_(context.options.json), overflows_(context.session.overflows()) {
         unsigned long const ms = static_cast<unsigned long>(seconds * 1000);
         if (ms > 0)
             end_.reset(new orn::zel::Alarm(ms, [this] { over_ = true; }));
+        unsigned long const look_ms = 500;
+        if (monitors)
+            look_.reset(new orn::zel::Alarm(look_ms, look_ms, [monitors] { monitors->look(); }));
         session_.follow([this](std::string const& line) { take(line); });
     }
     ~Follower() { session_.follow(nullptr); }
@@ -61,7 +64,7 @@ public:
     Follower& operator=(Follower const&) = delete;
 
     void take(std::string const& line) {
-        if (over_)
+        if (over_ || (monitors_ && monitors_->take(line)))
             return;
         if (output_.waiting() > most_waiting)
             cut_ = true;
@@ -90,6 +93,7 @@ public:
 private:
     Session& session_;
     Output& output_;
+    Monitors* const monitors_;
     unsigned long const limit_;
     bool const stamped_;
     bool const json_;
@@ -98,12 +102,13 @@ private:
     bool over_ = false;
     bool cut_ = false;
     std::unique_ptr<orn::zel::Alarm> end_;
+    std::unique_ptr<orn::zel::Alarm> look_;
 };
 
 } // namespace
 
-ExitStatus follow(Context& context, double seconds) {
-    Follower follower(context, seconds, 0, false);
+ExitStatus follow(Context& context, double seconds, Monitors* monitors) {
+    Follower follower(context, seconds, 0, false, monitors);
     try {
         follower.run([] { return false; });
     } catch (Interrupted const&) {
@@ -118,8 +123,8 @@ ExitStatus monitor(Context& context, std::string const&, Words const& kinds) {
     if (kinds.empty() || known.size() != std::set<std::string>(kinds.begin(), kinds.end()).size())
         throw Failure(misused, "monitor takes any of: poll thread task alarm");
     Session& session = context.session;
-    Monitors const monitors(session, known, true);
-    Follower follower(context, context.options.duration, context.options.limit, true);
+    Monitors monitors(session, known, true);
+    Follower follower(context, context.options.duration, context.options.limit, true, &monitors);
     try {
         session.ask("zel monitor " + joined(kinds), [&](std::string const& line) { follower.take(line); });
         follower.run([&] { return monitors.gone(); });

@@ -26,8 +26,7 @@ Wish::Wish(Session& session, std::string const& topic, Session::Sink const& sink
     bool on = false;
     std::string const command = "inspect " + topic + " on";
     session.ask(command, [&](std::string const& line) {
-        Json const object = Json::parse(line, nullptr, false);
-        on = on || (object.is_object() && text_in(object, topic.c_str()) == "on");
+        on = on || text_in(object_in(line), topic.c_str()) == "on";
         if (sink)
             sink(line);
     });

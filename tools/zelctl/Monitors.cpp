@@ -9,6 +9,7 @@
 
 #include <unistd.h>
 
+#include "Live.hpp"
 #include "Session.hpp"
 #include "Target.hpp"
 
@@ -90,15 +91,64 @@ void Monitors::look_for_place(std::string const& kind) {
 }
 
 void Monitors::take_notice(std::string const& kind, Notice notice) {
-    if (notice == free_again) {
+    if (notice == free_again)
         session_.tell("zel monitor " + kind);
-        return;
-    }
+    else
+        lose(kind, notice == taken ? "another zelctl has taken" : "another zelctl has switched off");
+}
+
+void Monitors::lose(std::string const& kind, std::string const& what_happened) {
     kinds_.erase(kind);
     notices_.close(kind);
-    std::fprintf(stderr,
-                 "zelctl: another zelctl has %s the %s monitor of %s, none of its lines come here any more\n",
-                 notice == taken ? "taken" : "switched off", kind.c_str(), session_.target().name().c_str());
+    std::fprintf(stderr, "zelctl: %s the %s monitor of %s, none of its lines come here any more\n",
+                 what_happened.c_str(), kind.c_str(), session_.target().name().c_str());
+}
+
+// ---- Clients that do not tell ---------------------------------------------------------------------------
+
+namespace {
+
+char const* const who_has_them = "inspect process";
+std::string const answer = "{\"inspect\":\"process\"";
+
+// The client that has this monitor; 0 if there is none.
+std::uint64_t client_of(std::string const& kind, Json const& observers) {
+    for (Json const& observer : observers) {
+        if (text_in(observer, "monitor") == kind)
+            return number_in(observer, "client");
+    }
+    return 0;
+}
+
+} // namespace
+
+void Monitors::look() {
+    if (asks_)
+        session_.tell(who_has_them);
+}
+
+// One look is not enough: a zelctl may be about to give the monitor back. Many that list threads at the same
+// time have the poll monitor for seconds.
+bool Monitors::take(std::string const& line) {
+    unsigned const few = 3;
+    unsigned const many = 20;
+    bool const unknown = line == std::string("1/1 ") + who_has_them; // to an older library
+    asks_ = asks_ && !unknown;
+    if (unknown || line.compare(0, answer.size(), answer) != 0)
+        return unknown;
+    Json const object = object_in(line);
+    if (!object.contains("observers"))
+        return true;
+    for (std::string const& kind : std::set<std::string>(kinds_)) {
+        std::uint64_t const client = client_of(kind, object["observers"]);
+        unsigned& missed = missed_[kind];
+        missed = client == static_cast<std::uint64_t>(getpid()) ? 0 : missed + 1;
+        if (missed == (kind == "poll" ? many : few)) {
+            lose(kind, client == 0 ? "another client has switched off"
+                                   : process_name(static_cast<int>(client)) + " has taken");
+        }
+    }
+    return true;
 }
 
 // ---- The list of threads --------------------------------------------------------------------------------

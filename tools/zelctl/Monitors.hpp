@@ -5,6 +5,7 @@
 #ifndef ZELCTL_MONITORS_HPP
 #define ZELCTL_MONITORS_HPP
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -32,17 +33,26 @@ public:
     // None is left: others have them all.
     bool gone() const { return kinds_.empty(); }
 
+    // Clients that are no zelctl, and zelctls of other users, do not tell that they take a monitor. So asks
+    // the process who has them; take() gets the lines that come, and returns whether one was an answer to
+    // that.
+    void look();
+    bool take(std::string const& line);
+
 private:
     bool open_all();
     void ask_for_place(std::string const& kind);
     void look_for_place(std::string const& kind);
     void take_notice(std::string const& kind, Notice notice);
+    void lose(std::string const& kind, std::string const& what_happened);
 
     Session& session_;
     std::set<std::string> kinds_;
     bool const keep_;
     bool off_ = false;
-    unsigned requests_left_ = 50; // to leave a place, before this tool does without the notices
+    bool asks_ = true;                       // the process can tell who has them
+    std::map<std::string, unsigned> missed_; // how often in a row others had it
+    unsigned requests_left_ = 50;            // to leave a place, before this tool does without the notices
     Notices notices_;
     std::unique_ptr<orn::zel::Alarm> tick_;
 };

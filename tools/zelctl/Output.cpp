@@ -23,6 +23,17 @@ unsigned char byte(std::string const& text, std::size_t at) {
     return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
 }
 
+// Whether the character takes no place, or turns the direction of what follows: a line with it may look like
+// another one.
+bool misleads(unsigned char first, unsigned char second, unsigned char third) {
+    bool const general = first == 0xe2 && second == 0x80 && // U+200B to U+200F, U+2028 to U+202E
+                         ((third >= 0x8b && third <= 0x8f) || (third >= 0xa8 && third <= 0xae));
+    bool const more = first == 0xe2 && second == 0x81 && third >= 0xa0 && third < 0xb0; // U+2060 to U+206F
+    bool const arabic_mark = first == 0xd8 && second == 0x9c;
+    bool const byte_order_mark = first == 0xef && second == 0xbb && third == 0xbf;
+    return general || more || arabic_mark || byte_order_mark;
+}
+
 // The length of the character at this place if a terminal shows it. 0 for control characters, and for bytes
 // that are not UTF-8, overlong forms and surrogates included.
 std::size_t shown(std::string const& text, std::size_t at) {
@@ -38,7 +49,7 @@ std::size_t shown(std::string const& text, std::size_t at) {
     bool const control = first == 0xc2 && second < 0xa0;
     bool const overlong = (first == 0xe0 && second < 0xa0) || (first == 0xf0 && second < 0x90);
     bool const beyond = (first == 0xed && second >= 0xa0) || (first == 0xf4 && second >= 0x90);
-    return control || overlong || beyond ? 0 : length;
+    return control || overlong || beyond || misleads(first, second, byte(text, at + 2)) ? 0 : length;
 }
 
 } // namespace

@@ -109,12 +109,9 @@ std::string whole_name(int pid, std::string const& name) {
 
 void look_for_library(Process& process) {
     std::ifstream maps(entry(process.pid, "maps"));
-    std::string line;
-    if (!std::getline(maps, line)) {
-        process.library = Process::Library::unknown;
-        return;
-    }
-    do {
+    bool const forbidden = !maps.is_open() && (errno == EACCES || errno == EPERM);
+    process.library = forbidden ? Process::Library::unknown : Process::Library::absent; // as when it ends
+    for (std::string line; std::getline(maps, line);) {
         std::string::size_type const path = line.find('/');
         std::string::size_type const file = line.rfind("/libzel.so");
         if (path == std::string::npos || file == std::string::npos)
@@ -122,7 +119,20 @@ void look_for_library(Process& process) {
         process.library = Process::Library::mapped;
         process.library_path = line.substr(path);
         return;
-    } while (std::getline(maps, line));
+    }
+}
+
+// Any thread that does not block the signal takes it for the process. The main thread comes first.
+bool all_threads_block(int pid) {
+    std::error_code error; // threads come and go meanwhile
+    for (std::filesystem::directory_iterator it(entry(pid, "task"), error), end; !error && it != end;
+         it.increment(error)) {
+        std::string const thread = std::to_string(pid) + "/task/" + it->path().filename().string();
+        std::map<std::string, std::string> fields = status_of(thread);
+        if (!fields.empty() && !has_channel_signal(fields["SigBlk"]))
+            return false;
+    }
+    return !error;
 }
 
 // Whether somebody listens under the name of the process's queue, in the network namespace of the process.
@@ -199,7 +209,7 @@ std::optional<Process> describe(int pid) {
     process.state = fields["State"];
     process.catches = has_channel_signal(fields["SigCgt"]);
     process.ignores = has_channel_signal(fields["SigIgn"]);
-    process.blocks = has_channel_signal(fields["SigBlk"]);
+    process.blocks = has_channel_signal(fields["SigBlk"]) && all_threads_block(pid);
     // The kernel gives the files in /proc to root when the process's own user may not trace it.
     struct stat owner = {};
     process.dumpable = stat(entry(pid, "status").c_str(), &owner) == 0 && owner.st_uid == process.user;
@@ -251,9 +261,8 @@ bool starting(Process const& process) {
            (process.age_ms < longest && lacks_zel(process));
 }
 
-std::vector<Process> processes_with_zel(std::size_t& hidden) {
+std::vector<Process> processes_with_zel(std::vector<Process>& hidden) {
     std::vector<Process> found;
-    hidden = 0;
     std::error_code error; // processes come and go meanwhile
     for (std::filesystem::directory_iterator it("/proc", error), end; !error && it != end;
          it.increment(error)) {
@@ -265,7 +274,7 @@ std::vector<Process> processes_with_zel(std::size_t& hidden) {
         if (process->library == Process::Library::mapped || process->channel_open)
             found.push_back(*process);
         else if (process->library == Process::Library::unknown && process->catches)
-            ++hidden;
+            hidden.push_back(*process);
     }
     std::sort(found.begin(), found.end(),
               [](Process const& one, Process const& other) { return one.pid < other.pid; });
@@ -274,13 +283,17 @@ std::vector<Process> processes_with_zel(std::size_t& hidden) {
 
 namespace {
 
-std::vector<Process> named(std::vector<Process> const& all, std::string const& text, bool whole) {
-    std::vector<Process> found;
+// Those of exactly this name, or else those whose names hold it.
+std::vector<Process> named(std::vector<Process> const& all, std::string const& text) {
+    std::vector<Process> whole;
+    std::vector<Process> part;
     for (Process const& process : all) {
-        if (whole ? process.name == text : process.name.find(text) != std::string::npos)
-            found.push_back(process);
+        if (process.name == text)
+            whole.push_back(process);
+        else if (process.name.find(text) != std::string::npos)
+            part.push_back(process);
     }
-    return found;
+    return whole.empty() ? part : whole;
 }
 
 int pid_of(std::string const& text) {
@@ -295,11 +308,10 @@ int pid_of(std::string const& text) {
 int find_process(std::string const& text) {
     if (text.empty() || text[0] == '-' || text.find_first_not_of("0123456789") == std::string::npos)
         return pid_of(text);
-    std::size_t hidden = 0;
-    std::vector<Process> const all = processes_with_zel(hidden);
-    std::vector<Process> found = named(all, text, true);
+    std::vector<Process> hidden;
+    std::vector<Process> found = named(processes_with_zel(hidden), text);
     if (found.empty())
-        found = named(all, text, false);
+        found = named(hidden, text); // which is refused with the reason
     if (found.size() == 1)
         return found[0].pid;
     std::string const quoted = "'" + printable(text) + "'";

@@ -32,7 +32,7 @@ struct Process {
     bool forked = false;  // and has not called exec() since
     bool catches = false; // signal 55, which opens the channel
     bool ignores = false;
-    bool blocks = false; // its main thread
+    bool blocks = false; // all of its threads
     bool dumpable = false;
     Library library = Library::absent;
     std::string library_path; // as the process sees it
@@ -55,9 +55,9 @@ std::optional<Failure> lacks_zel(Process const& process);
 // Whether it may just be on its way from fork() to exec(), or through the dynamic linker.
 bool starting(Process const& process);
 
-// All but this one that have the library mapped, or an open channel, in the order of their ids. hidden: how
-// many catch the signal, but cannot be looked into.
-std::vector<Process> processes_with_zel(std::size_t& hidden);
+// All but this one that have the library mapped, or an open channel, in the order of their ids. hidden: those
+// that catch the signal, but cannot be looked into.
+std::vector<Process> processes_with_zel(std::vector<Process>& hidden);
 
 // The ids behind a pid, an exact name, or a unique part of one. Throws Failure: no such process, or several,
 // which it lists.

@@ -27,6 +27,19 @@ std::string cut(std::string const& text, std::size_t columns) {
     return text.substr(0, at);
 }
 
+winsize size_of_terminal() {
+    winsize size = {};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0)
+        size = {24, 80, 0, 0};
+    return size;
+}
+
+struct sigaction action_of(int signo) {
+    struct sigaction action = {};
+    sigaction(signo, nullptr, &action);
+    return action;
+}
+
 // Past what is waiting to be written: a terminal that is slow, or gone, must not keep it from its mode.
 void tell_terminal(std::string const& text) {
     static_cast<void>(!write(STDOUT_FILENO, text.data(), text.size()));
@@ -36,8 +49,12 @@ void tell_terminal(std::string const& text) {
 
 Screen::Screen(Output& output, std::function<void(char)> on_key, std::function<void()> redraw)
     : output_(output), on_key_(std::move(on_key)), redraw_(std::move(redraw)),
-      keys_(tcgetattr(STDIN_FILENO, &before_) == 0), stopped_(SIGTSTP, [this](int) { stop(); }),
-      resized_(SIGWINCH, [this](int) { redraw_(); }) {
+      keys_(tcgetattr(STDIN_FILENO, &before_) == 0), usual_stop_(action_of(SIGTSTP)),
+      stopped_(SIGTSTP, [this](int) { stop(); }), resized_(SIGWINCH, [this](int) { redraw_(); }) {
+    // The library goes on catching what was watched once, so Ctrl-Z would be lost when the screen has gone.
+    // It installs its handler the first time only.
+    static struct sigaction const watching = action_of(SIGTSTP);
+    sigaction(SIGTSTP, &watching, nullptr);
     if (keys_) {
         receptor_.reset(
             new orn::zel::fd::AutoReceptor(STDIN_FILENO, [this](orn::zel::fd::Event*) { read_keys(); }));
@@ -46,6 +63,7 @@ Screen::Screen(Output& output, std::function<void(char)> on_key, std::function<v
 }
 
 Screen::~Screen() {
+    sigaction(SIGTSTP, &usual_stop_, nullptr);
     leave();
 }
 
@@ -88,13 +106,15 @@ void Screen::read_keys() {
         on_key_(keys[i]);
 }
 
+std::size_t Screen::rows() const {
+    return size_of_terminal().ws_row;
+}
+
 void Screen::draw(std::vector<Line> const& lines) {
-    winsize size = {};
-    bool const known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 && size.ws_col > 0;
-    std::size_t const rows = known ? size.ws_row : 24;
-    std::size_t const columns = known ? size.ws_col : 80;
+    winsize const size = size_of_terminal();
+    std::size_t const columns = size.ws_col;
     std::string text = "\x1b[H";
-    for (std::size_t i = 0; i < std::min(rows, lines.size()); ++i) {
+    for (std::size_t i = 0; i < std::min<std::size_t>(size.ws_row, lines.size()); ++i) {
         std::string const line = cut(lines[i].text, columns);
         text += i > 0 ? "\r\n" : "";
         text += lines[i].style == Line::bold  ? heading(output_, line)

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include <signal.h>
 #include <termios.h>
 
 #include <orn/zel.hpp>
@@ -31,6 +32,7 @@ public:
     Screen(Screen const&) = delete;
     Screen& operator=(Screen const&) = delete;
 
+    std::size_t rows() const;
     // As many lines and columns as there is room for.
     void draw(std::vector<Line> const& lines);
 
@@ -46,6 +48,7 @@ private:
     termios before_ = {};
     bool const keys_; // somebody may type, and before_ is how the terminal was
     std::unique_ptr<orn::zel::fd::AutoReceptor> receptor_;
+    struct sigaction const usual_stop_; // what Ctrl-Z does without a screen
     orn::zel::signal::AutoReceptor stopped_;
     orn::zel::signal::AutoReceptor resized_;
 };

@@ -25,11 +25,24 @@ std::string echo_of(std::string const& command) {
     return "received \"" + command + "\"";
 }
 
+// A command may hold newlines.
+std::vector<std::string> lines_of(std::string const& text) {
+    std::vector<std::string> lines(1);
+    for (char const letter : text) {
+        if (letter == '\n')
+            lines.emplace_back();
+        else
+            lines.back() += letter;
+    }
+    return lines;
+}
+
 // Whether a word that nobody has would be answered like this. A command that begins with a number asks for
 // its echo, so it is none of those.
 bool is_echo(Answer const& answer, std::string const& command) {
     bool const number = !command.empty() && command[0] >= '0' && command[0] <= '9';
-    return !number && answer.lines == 1 && answer.first == "1/1 " + command;
+    std::vector<std::string> const lines = lines_of("1/1 " + command);
+    return !number && answer.lines == lines.size() && answer.first == lines.front();
 }
 
 // The process does not send more numbered lines than the pipe has room for.
@@ -178,10 +191,13 @@ void Session::send(std::string const& command) {
 }
 
 void Session::tell(std::string const& command) {
-    if (channel_.connected() && !ended()) {
-        echoes_.insert(echo_of(command));
-        channel_.command(command);
-    }
+    if (channel_.connected() && !ended() && channel_.command(command))
+        expect_echo(command);
+}
+
+void Session::expect_echo(std::string const& command) {
+    for (std::string const& line : lines_of(echo_of(command)))
+        echoes_.insert(line);
 }
 
 // Commands are served in order. So once the process has echoed another command, it has answered those before.
@@ -193,7 +209,7 @@ void Session::wait_for_answer() {
     // A full pipe may have lost the mark's echo, so ask again.
     orn::zel::Alarm const again(look_around_ms, look_around_ms, [&] { channel_.command(mark); });
     while (!complete_) {
-        turn();
+        follow_turn(); // lines of a monitor may come meanwhile, more than their reader takes
         if (!ended())
             continue;
         drain();
@@ -212,7 +228,8 @@ Answer Session::ask(std::string const& command, Sink const& sink) {
 Answer Session::ask(std::vector<std::string> const& commands, Sink const& sink) {
     Answer answer;
     stale_ = !complete_; // an interrupted answer may still be coming
-    begin_ = echo_of(commands[0]);
+    begun_ = false;
+    begin_ = lines_of(echo_of(commands[0])).back();
     unsigned long const before = overflows();
     // However the wait ends, what the sink refers to is the caller's.
     struct Listening {
@@ -226,7 +243,7 @@ Answer Session::ask(std::vector<std::string> const& commands, Sink const& sink) 
     };
     Limit const limit(*this);
     for (std::string const& command : commands) {
-        echoes_.insert(echo_of(command));
+        expect_echo(command);
         send(command);
     }
     wait_for_answer();
@@ -241,7 +258,7 @@ void Session::take_line(std::string const& line) {
     // When an answer has no newline at its end the mark's echo comes on the same line.
     std::string const echo = "received \"" + mark_;
     std::string::size_type const at = line.find(echo);
-    Sink const& sink = sink_ ? sink_ : stream_;
+    Sink const& sink = begun_ && sink_ ? sink_ : stream_;
     if (at != std::string::npos) {
         if (at > 0 && !stale_ && sink)
             sink(line.substr(0, at));
@@ -252,6 +269,7 @@ void Session::take_line(std::string const& line) {
     auto const expected = echoes_.find(line);
     if (expected != echoes_.end()) {
         echoes_.erase(expected);
+        begun_ = begun_ || line == begin_;
         stale_ = stale_ && line != begin_;
     } else if (!stale_ && sink) {
         sink(line);

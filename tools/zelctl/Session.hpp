@@ -95,6 +95,7 @@ private:
     std::string silence() const;
     void send(std::string const& command);
     void wait_for_answer();
+    void expect_echo(std::string const& command);
     void take_line(std::string const& line);
 
     Target const& target_;
@@ -108,8 +109,9 @@ private:
     std::string end_;                   // the echo of the latest mark
     bool complete_ = true;              // that echo has come
     bool stale_ = false;                // what comes belongs to an answer that nobody waits for any more
-    std::string begin_;                 // the echo that begins the answer
-    std::multiset<std::string> echoes_; // of commands, still to come; they are no part of answers
+    std::string begin_;                 // the last line of the echo that begins the answer
+    bool begun_ = false;                // what came before it answers what was told, or is of a monitor
+    std::multiset<std::string> echoes_; // lines, of commands, still to come; they are no part of answers
     Sink sink_;
     Sink stream_;
 

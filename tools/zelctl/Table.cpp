@@ -79,6 +79,19 @@ std::string cell(Json const& value) {
     return shown.empty() ? "-" : printable(shown);
 }
 
+Json object_in(std::string const& line) {
+    bool deep = false;
+    Json object = Json::parse(
+        line,
+        [&deep](int depth, Json::parse_event_t, Json&) {
+            int const most = 16;
+            deep = deep || depth > most;
+            return !deep;
+        },
+        false);
+    return object.is_object() && !deep ? object : Json();
+}
+
 std::string json_line(Json const& value) {
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }

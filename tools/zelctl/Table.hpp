@@ -27,6 +27,10 @@ std::vector<std::string> table_lines(std::vector<Json> const& objects, bool alig
 // A value as a cell shows it: lists with commas between, members of objects as key=value.
 std::string cell(Json const& value);
 
+// The object that stands in a line from a process; null when there is none. Values nest a few levels only:
+// what reads them goes down by recursion, and a process may send anything.
+Json object_in(std::string const& line);
+
 // As one line of JSON, whatever bytes the strings hold.
 std::string json_line(Json const& value);
 

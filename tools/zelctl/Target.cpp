@@ -111,9 +111,9 @@ bool Target::raise_signal() const {
     if (starting(now))
         return false;
     std::optional<Failure> const why = lacks_zel(now);
+    make_sure_it_is_the_same(); // one that ends loses the library first
     if (why)
         throw *why;
-    make_sure_it_is_the_same();
     // An open channel needs no signal, and its process may not catch one any more.
     bool const raised = !now.catches || send_signal(pid_, descriptor_, orn::zel::cmd::channel_signal) == 0;
     if (!raised && errno != ESRCH)
@@ -141,9 +141,10 @@ std::string Target::why_silent(bool connected, int error) const {
     if (error == EAGAIN)
         return "its queue is full: it is behind with its commands";
     if (now && now->blocks)
-        return "its main thread blocks signal 55, which opens the channel: see SigBlk in " + proc + "/status";
-    return "the thread that has loaded zel, as a rule the main thread, has not turned its loop: it is " +
-           (state.empty() ? std::string("gone") : state) + ", see " + proc + "/stack and " + proc + "/wchan";
+        return "all its threads block signal 55, which opens the channel: see SigBlk in " + proc + "/status";
+    return "the thread that has loaded zel, as a rule the main thread, does not turn its loop, and is " +
+           (state.empty() ? std::string("gone") : state) + ": see " + proc + "/stack and " + proc +
+           "/wchan; one started with ZEL_CHANNEL=1 answers whatever its loops do";
 }
 
 } // namespace zelctl

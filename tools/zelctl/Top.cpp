@@ -68,8 +68,8 @@ public:
         : before_(before), now_(now), names_(names),
           seconds_(static_cast<double>(now.at_ns - before.at_ns) / 1e9) {}
 
-    // A row for each, and whether the group is stuck.
-    std::vector<Json> groups(std::vector<bool>& stuck) const;
+    // A row for each, first those that are stuck, then those that have taken most of the time.
+    std::vector<Json> groups() const;
     // Those that have taken most of the time since the sample before.
     std::vector<Json> calls() const;
 
@@ -87,6 +87,7 @@ private:
         return found == before_.calls.end() ? none : found->second;
     }
     std::string text_of_callback(Json const& in, bool inside) const;
+    Json row_of(Json const& group) const;
 
     Sample const& before_;
     Sample const& now_;
@@ -105,39 +106,51 @@ std::string Rates::text_of_callback(Json const& in, bool inside) const {
     return text;
 }
 
-std::vector<Json> Rates::groups(std::vector<bool>& stuck) const {
-    std::vector<Json> rows;
-    for (Json const& group : now_.groups) {
-        std::uint64_t const id = number_in(group, "group");
-        auto const known = std::find_if(before_.groups.begin(), before_.groups.end(),
-                                        [&](Json const& one) { return number_in(one, "group") == id; });
-        Json const& earlier = known == before_.groups.end() ? group : *known;
-        double slices = 0;
-        double busy_ns = 0;
-        for (auto const& item : now_.calls) {
-            std::string const& kind = std::get<1>(item.first);
-            if (std::get<0>(item.first) != id)
-                continue;
-            if (kind == "task")
-                slices += grown(item.second, before(item.first), "count");
-            else if (kind == "fd") // in which all others are called
-                busy_ns += grown(item.second, before(item.first), "total_ns");
-        }
-        auto const in = group.find("in");
-        bool const inside = in != group.end() && in->is_object() && text_in(group, "state") == "callback";
-        std::uint64_t const since = inside ? number_in(*in, "since_ns") : now_.at_ns;
-        stuck.push_back(now_.at_ns > since + stuck_ns);
-        if (since < before_.at_ns) // it is told of when it ends
-            busy_ns = static_cast<double>(now_.at_ns - before_.at_ns);
-        rows.push_back({{"group", id},
-                        {"runner", number_in(group, "runner")},
-                        {"state", stuck.back() ? "stuck" : text_in(group, "state")},
-                        {"turns/s", per_second(grown(group, earlier, "turns"))},
-                        {"dispatches/s", per_second(grown(group, earlier, "dispatches"))},
-                        {"slices/s", per_second(slices)},
-                        {"busy%", percent(busy_ns)},
-                        {"in", in == group.end() ? Json() : Json(text_of_callback(*in, inside))}});
+Json Rates::row_of(Json const& group) const {
+    std::uint64_t const id = number_in(group, "group");
+    auto const known = std::find_if(before_.groups.begin(), before_.groups.end(),
+                                    [&](Json const& one) { return number_in(one, "group") == id; });
+    Json const& earlier = known == before_.groups.end() ? group : *known;
+    double slices = 0;
+    double busy_ns = 0;
+    for (auto const& item : now_.calls) {
+        std::string const& kind = std::get<1>(item.first);
+        if (std::get<0>(item.first) != id)
+            continue;
+        if (kind == "task")
+            slices += grown(item.second, before(item.first), "count");
+        else if (kind == "fd") // in which all others are called
+            busy_ns += grown(item.second, before(item.first), "total_ns");
     }
+    auto const in = group.find("in");
+    bool const inside = in != group.end() && in->is_object() && text_in(group, "state") == "callback";
+    std::uint64_t const since = inside ? number_in(*in, "since_ns") : now_.at_ns;
+    bool const stuck = now_.at_ns > since + stuck_ns;
+    if (since < before_.at_ns) // it is told of when it ends
+        busy_ns = static_cast<double>(now_.at_ns - before_.at_ns);
+    return {{"group", id},
+            {"runner", number_in(group, "runner")},
+            {"state", stuck ? "stuck" : text_in(group, "state")},
+            {"turns/s", per_second(grown(group, earlier, "turns"))},
+            {"dispatches/s", per_second(grown(group, earlier, "dispatches"))},
+            {"slices/s", per_second(slices)},
+            {"busy%", percent(busy_ns)},
+            {"in", in == group.end() ? Json() : Json(text_of_callback(*in, inside))}};
+}
+
+bool is_stuck(Json const& row) {
+    return row["state"] == "stuck";
+}
+
+std::vector<Json> Rates::groups() const {
+    std::vector<Json> rows;
+    rows.reserve(now_.groups.size());
+    for (Json const& group : now_.groups)
+        rows.push_back(row_of(group));
+    std::stable_sort(rows.begin(), rows.end(), [](Json const& one, Json const& other) {
+        return std::make_tuple(is_stuck(other), other["busy%"]) <
+               std::make_tuple(is_stuck(one), one["busy%"]);
+    });
     return rows;
 }
 
@@ -185,6 +198,7 @@ private:
     void print();
     void draw(Screen& screen) const;
     std::string headline() const;
+    std::string lost_in_last() const;
 
     Context& context_;
     Session& session_;
@@ -195,13 +209,22 @@ private:
 
 void Top::print() {
     Rates const rates(before_, now_, names_);
-    std::vector<bool> stuck;
-    print_table(context_.output, context_.options, rates.groups(stuck));
+    print_table(context_.output, context_.options, rates.groups());
     std::vector<Json> calls = rates.calls();
     calls.resize(std::min(calls.size(), most_calls));
     print_table(context_.output, context_.options, calls);
     if (!context_.options.json)
         context_.output.own_line("");
+    if (!lost_in_last().empty())
+        std::fprintf(stderr, "zelctl: %s\n", lost_in_last().c_str());
+}
+
+// "" if the times of the last sample are whole.
+std::string Top::lost_in_last() const {
+    std::uint64_t const before = before_.at_ns == 0 ? now_.lost : before_.lost;
+    return now_.lost > before
+               ? std::to_string(now_.lost - before) + " spans lost, so slices and times are too low"
+               : "";
 }
 
 std::string Top::headline() const {
@@ -212,21 +235,23 @@ std::string Top::headline() const {
     std::strftime(clock.data(), clock.size(), "%H:%M:%S", &parts);
     std::string text = printable(session_.target().process().name) + ' ' +
                        std::to_string(session_.target().pid()) + "  " + clock.data() + "  q leaves";
-    if (now_.lost > 0)
-        text += "  " + std::to_string(now_.lost) + " spans lost: the times are too low";
-    return text;
+    return text + (lost_in_last().empty() ? "" : "  ") + lost_in_last();
 }
 
 void Top::draw(Screen& screen) const {
     Rates const rates(before_.at_ns == 0 ? now_ : before_, now_, names_);
-    std::vector<bool> stuck;
+    std::vector<Json> const groups = rates.groups();
+    std::vector<std::string> const shown = table_lines(groups, true);
     std::vector<Screen::Line> lines = {{headline(), Screen::Line::plain}, {}};
-    std::vector<std::string> const groups = table_lines(rates.groups(stuck), true);
-    for (std::size_t i = 0; i < groups.size(); ++i) {
-        lines.push_back({groups[i], i == 0         ? Screen::Line::bold
-                                    : stuck[i - 1] ? Screen::Line::red
-                                                   : Screen::Line::plain});
+    // Half of the screen is for the callbacks.
+    std::size_t const most = std::max<std::size_t>(screen.rows() / 2, 5) - 3;
+    for (std::size_t i = 0; i < std::min(shown.size(), most + 1); ++i) {
+        lines.push_back({shown[i], i == 0                    ? Screen::Line::bold
+                                   : is_stuck(groups[i - 1]) ? Screen::Line::red
+                                                             : Screen::Line::plain});
     }
+    if (groups.size() > most)
+        lines.push_back({std::to_string(groups.size() - most) + " more, less busy", Screen::Line::plain});
     lines.push_back({});
     for (std::string const& line : table_lines(rates.calls(), true))
         lines.push_back({line, lines.back().text.empty() ? Screen::Line::bold : Screen::Line::plain});

@@ -137,10 +137,10 @@ ExitStatus ask(Context& context, std::string const& command) {
         context.session.ask(command, [&](std::string const& line) { print(context, line); });
     if (answer.echoed) {
         context.output.flush();
-        return unknown(context, "", words.empty() ? "" : words[0], all_words(context));
+        return unknown(context, "", words[0], all_words(context));
     }
     std::string const second = words.size() > 1 ? words[1] : "";
-    if (!words.empty() && words[0] == "zel" && answer.first == "[zel] " + second + ": no such command") {
+    if (words[0] == "zel" && answer.first == "[zel] " + second + ": no such command") {
         context.output.flush();
         return unknown(context, "'s zel", second, words_of_zel);
     }
@@ -150,19 +150,21 @@ ExitStatus ask(Context& context, std::string const& command) {
 ExitStatus switch_on(Context& context, std::string const& command) {
     std::set<std::string> const kinds = monitor_kinds(words_of(command), 2);
     bool const following = context.options.follow >= 0;
-    Monitors const monitors(context.session, kinds, following);
+    Monitors monitors(context.session, kinds, following);
     ExitStatus const status = ask(context, command);
     if (!following && !kinds.empty()) {
         std::fputs(
             "zelctl: switched off again, since nobody would read the lines: use --follow, or monitor\n",
             stderr);
     }
-    ExitStatus const followed = following ? follow(context, context.options.follow) : ok;
+    ExitStatus const followed = following ? follow(context, context.options.follow, &monitors) : ok;
     return status == ok ? followed : status;
 }
 
 ExitStatus send(Context& context, std::string const& command) {
     Words const words = words_of(command);
+    if (words.empty())
+        throw Failure(misused, "the command has no word: zelctl --help lists some");
     if (is_zel(words, "threads"))
         return print_threads(context);
     if (is_zel(words, "monitor"))

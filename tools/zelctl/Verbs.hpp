@@ -14,6 +14,7 @@
 
 namespace zelctl {
 
+class Monitors;
 class Output;
 
 struct Context {
@@ -51,8 +52,9 @@ ExitStatus top(Context& context, std::string const& word, Words const& arguments
 ExitStatus trace(Context& context, std::string const& word, Words const& arguments);   // Trace.cpp
 ExitStatus steer(Context& context, std::string const& change, Words const& libraries); // Steer.cpp
 
-// Prints what comes for that long; 0: until the process has ended. Follow.cpp
-ExitStatus follow(Context& context, double seconds);
+// Prints what comes for that long; 0: until the process has ended. monitors: those whose lines may come.
+// Follow.cpp
+ExitStatus follow(Context& context, double seconds, Monitors* monitors = nullptr);
 
 // Says so on standard error when lines were lost, and returns the status for it.
 ExitStatus status_of(Answer const& answer);

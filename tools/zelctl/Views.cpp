@@ -3,8 +3,11 @@
 // Asking for objects, and showing them.
 #include "Views.hpp"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 
+#include "Live.hpp"
 #include "Monitors.hpp"
 #include "Output.hpp"
 #include "Target.hpp"
@@ -16,7 +19,7 @@ std::optional<View> inspect(Session& session, std::string const& what) {
     View view;
     bool whole = false;
     view.answer = session.ask("inspect " + what, [&](std::string const& line) {
-        Json object = Json::parse(line, nullptr, false);
+        Json object = object_in(line);
         // Answers to what was told before may still come, and streams go on meanwhile.
         if (!object.is_object() || (object.contains("inspect") && object["inspect"] != what))
             return;
@@ -39,11 +42,55 @@ std::optional<View> inspect(Session& session, std::string const& what) {
 
 namespace {
 
-// One object of many members is read downwards.
+// A point in time tells a reader less than how long ago it was.
+Json seconds_until(std::uint64_t now_ns, Json const& then_ns) {
+    if (!then_ns.is_number_unsigned())
+        return {};
+    std::uint64_t const then = then_ns.get<std::uint64_t>();
+    double const ms = std::round(static_cast<double>(now_ns > then ? now_ns - then : 0) / 1e6);
+    return ms / 1000;
+}
+
+// One object of many members is read downwards, a line for each part of a list.
 std::vector<Json> turned(Json const& object) {
     std::vector<Json> rows;
-    for (auto const& item : object.items())
-        rows.push_back({{"what", item.key()}, {"value", item.value()}});
+    auto const add = [&rows](std::string const& what, Json const& value) {
+        rows.push_back({{"what", what}, {"value", value}});
+    };
+    for (auto const& item : object.items()) {
+        Json const& value = item.value();
+        if (item.key() == "start_ns")
+            add("age_s", seconds_until(number_in(object, "now_ns"), value));
+        else if (value.is_array() && !value.empty())
+            std::for_each(value.begin(), value.end(), [&](Json const& part) { add(item.key(), part); });
+        else if (item.key() != "now_ns")
+            add(item.key(), value);
+    }
+    return rows;
+}
+
+// The columns stay in their places, with times as a reader wants them.
+Json group_row(Json const& group) {
+    Json row;
+    for (auto const& item : group.items()) {
+        Json const& value = item.value();
+        if (item.key() == "turn_began_ns")
+            row["turn_began_s_ago"] = seconds_until(now_ns(), value);
+        else if (item.key() == "in" && value.is_object())
+            row["in"] = text_in(value, "kind") + ' ' + std::to_string(number_in(value, "id"));
+        else
+            row[item.key()] = value;
+    }
+    return row;
+}
+
+// For a table.
+std::vector<Json> rows_of(std::string const& what, std::vector<Json> const& objects) {
+    if (what == "process" && objects.size() == 1)
+        return turned(objects[0]);
+    std::vector<Json> rows = objects;
+    if (what == "groups")
+        std::transform(rows.begin(), rows.end(), rows.begin(), group_row);
     return rows;
 }
 
@@ -62,11 +109,10 @@ ExitStatus show_view(Context& context, std::string const& what, View const& view
                      what.c_str(), view.error.c_str());
         return refused;
     }
-    bool const downwards = what == "process" && !context.options.json && view.objects.size() == 1;
     print_table(context.output, context.options,
-                what == "words" ? word_objects(view.objects)
-                : downwards     ? turned(view.objects[0])
-                                : view.objects);
+                what == "words"        ? word_objects(view.objects)
+                : context.options.json ? view.objects
+                                       : rows_of(what, view.objects));
     return status_of(view.answer);
 }
 
@@ -77,8 +123,8 @@ ExitStatus show_listing(Context& context, std::string const& what) {
         what == "threads" || what == "groups" || what == "fds" || what == "tasks" || what == "signals";
     std::string const name = context.session.target().name();
     if (!listed) {
-        std::fprintf(stderr, "zelctl: %s cannot list its %s: its zel does not have the word inspect\n",
-                     name.c_str(), what.c_str());
+        std::fprintf(stderr, "zelctl: %s cannot tell: its zel does not have inspect %s\n", name.c_str(),
+                     what == "words" ? "process" : what.c_str());
         return refused;
     }
     Answer answer;

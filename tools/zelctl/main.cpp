@@ -80,7 +80,7 @@ ExitStatus carry_out(Context& context, std::string const& command) {
 ExitStatus carry_out_lines(Context& context) {
     ExitStatus status = ok;
     for (std::string line; std::getline(std::cin, line);) {
-        ExitStatus const one = line.empty() ? ok : carry_out(context, line);
+        ExitStatus const one = words_of(line).empty() ? ok : carry_out(context, line);
         status = status == ok ? one : status;
     }
     context.output.check();
@@ -91,7 +91,8 @@ ExitStatus carry_out_all(Context& context) {
     Options const& options = context.options;
     if (!options.words.empty())
         return run(context, options.words);
-    if (options.commands.empty() && isatty(STDIN_FILENO) != 0) {
+    bool const somebody = isatty(STDIN_FILENO) != 0 && context.output.terminal();
+    if (options.commands.empty() && somebody) {
         return prompt(
             context, [&](std::string const& command) { return carry_out(context, command); },
             [] { caught = 0; });
@@ -107,6 +108,8 @@ ExitStatus carry_out_all(Context& context) {
 }
 
 ExitStatus talk(Options const& options, Output& output) {
+    if (options.target == "ps" && !options.commands.empty())
+        throw Failure(misused, "ps takes parts of names, and no commands");
     if (options.target == "ps")
         return list_processes(output, options);
     Target const target(find_process(options.target));

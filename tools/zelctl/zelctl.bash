@@ -1,15 +1,21 @@
 # Completes the command line of zelctl: processes, words, libraries. A completion touches no process, except to
 # ask one whose channel is open already for its words.
 
+# compgen expands the words of its list as a shell does, and what is completed goes onto a command line. So names that
+# hold anything that a shell might take for more than a name are left out: a process may call itself $(reboot).
+_zelctl_harmless() {
+    LC_ALL=C grep -E '^[A-Za-z0-9_.,:@%+/-]+$'
+}
+
 _zelctl_processes() {
-    zelctl ps 2>/dev/null | awk -F '\t' 'NR > 1 { print $1; print $3 }'
+    zelctl ps 2>/dev/null | awk -F '\t' 'NR > 1 { print $1; print $3 }' | _zelctl_harmless
 }
 
 _zelctl_words() { # _zelctl_words TARGET
     echo "process groups threads fds alarms tasks signals words monitor top trace load unload zel"
     if zelctl ps 2>/dev/null | awk -F '\t' -v target="$1" \
         '($1 == target || $3 == target) && $6 == "open" { found = 1 } END { exit !found }'; then
-        zelctl --timeout 1s "$1" words 2>/dev/null | awk -F '\t' 'NR > 1 { print $1 }'
+        zelctl --timeout 1s "$1" words 2>/dev/null | awk -F '\t' 'NR > 1 { print $1 }' | _zelctl_harmless
     fi
 }
 
