@@ -79,11 +79,9 @@ public:
     // not held during the call.
     template <class Function>
     void each(Function function) {
-        std::map<id_t, int> const threads = thread::Registry::threads_by_manager();
-        for (auto const& item : all()) {
-            auto const thread = threads.find(item.first);
-            function(*item.second, thread == threads.end() ? 0 : thread->second);
-        }
+        std::vector<thread::Registry::Entry> const entries = thread::Registry::entries();
+        for (auto const& item : all())
+            function(*item.second, thread::Registry::thread_of(entries, item.first));
     }
 
     // A leaf. Good before load and after unload as well, since threads that exit() leaves running still come
