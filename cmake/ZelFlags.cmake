@@ -58,13 +58,15 @@ function(zel_small target)
     endif()
     if(NOT CMAKE_CXX_FLAGS MATCHES "-O[0-9a-z]")
         set(release "$<CONFIG:Release,RelWithDebInfo>")
-        target_compile_options(${target} PRIVATE $<${release}:-Os>)
-        set(hot -O2)
+        # Functions of a template that differ in what a pointer points to are one where types do not matter.
+        target_compile_options(${target} PRIVATE "$<${release}:-Os;-fno-strict-aliasing>")
+        set(hot -O2 -fstrict-aliasing)
         if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
             # Alignment takes 4 KiB, a second part of a function with an unwinding entry of its own 8 KiB, and vectors
-            # one. None of them makes a difference that can be measured.
+            # one. A function that frees a tree and calls itself takes 400 bytes less for each kind of tree when it is
+            # not unrolled. None of them makes a difference that can be measured.
             list(APPEND hot -fno-align-functions -fno-align-jumps -fno-align-loops -fno-align-labels
-                -fno-reorder-blocks-and-partition -fno-tree-vectorize)
+                -fno-reorder-blocks-and-partition -fno-tree-vectorize --param=max-inline-recursive-depth-auto=0)
         endif()
         set_property(SOURCE ${arg_HOT} APPEND PROPERTY COMPILE_OPTIONS $<${release}:${hot}>)
     endif()

@@ -314,7 +314,7 @@ AutoReceptor::~AutoReceptor() = default;
 
 namespace {
 
-std::string names_of(short events) {
+[[gnu::cold]] std::string names_of(short events) {
     static struct {
         short bit;
         char const* name;
@@ -334,7 +334,7 @@ std::string names_of(short events) {
 
 } // namespace
 
-std::ostream& operator<<(std::ostream& os, Events const& events) {
+[[gnu::cold]] std::ostream& operator<<(std::ostream& os, Events const& events) {
     // Composed as a string, because the stream may be writing in another base.
     return os << '{' + std::to_string(events.value()) + ':' + names_of(events.value()) + '}';
 }
@@ -367,7 +367,7 @@ struct Watched {
 };
 
 // False when a handler has the lock. The analysis cannot follow a lock that is adopted.
-bool look_at(MonitorMap& monitors, std::vector<Watched>& all) ZEL_NO_ANALYSIS {
+[[gnu::cold]] bool look_at(MonitorMap& monitors, std::vector<Watched>& all) ZEL_NO_ANALYSIS {
     unsigned const longest_wait_ms = 50;
     if (!monitors.TryLock(longest_wait_ms))
         return false;
@@ -384,7 +384,7 @@ bool look_at(MonitorMap& monitors, std::vector<Watched>& all) ZEL_NO_ANALYSIS {
 
 } // namespace
 
-void tell_fds(detail::Answer& answer) {
+[[gnu::cold]] void tell_fds(detail::Answer& answer) {
     std::string const descriptors = detail::shared_in_proc("fd/");
     for (thread::Registry::Entry const& entry : thread::Registry::living()) {
         if (!entry.fd_manager)
@@ -398,7 +398,7 @@ void tell_fds(detail::Answer& answer) {
         for (Watched const& each : all) {
             detail::Json& object = answer.begin();
             object.field("fd", each.fd);
-            object.field("path", detail::link_in_proc(descriptors + std::to_string(each.fd)));
+            object.field("path", detail::link_in_proc((descriptors + std::to_string(each.fd)).c_str()));
             object.field("thread", entry.tid).field("manager", manager);
             object.field("events", each.events).field("event_names", names_of(each.events));
             object.field("dispatches", each.dispatches).field("expired", each.expired != 0);

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <map>
+#include <cstring>
 #include <vector>
 
 #include <sys/utsname.h>
@@ -28,42 +28,21 @@ namespace orn::zel::detail {
 
 namespace {
 
-// The files that are mapped, by the address behind their last byte. Asking the dynamic linker would wait for
-// a library whose constructor is under way.
-class Mappings {
-public:
-    Mappings() {
-        std::vector<std::string> lines;
-        split(read_proc(shared_in_proc("maps")), "\n", lines);
-        for (std::string const& line : lines) {
-            std::string::size_type const path = line.find('/');
-            if (path != std::string::npos)
-                add(line, line.substr(path));
-        }
-    }
-
-    // Empty when nothing is mapped there.
-    std::string file_at(void const* address) const {
-        std::uintptr_t const wanted = reinterpret_cast<std::uintptr_t>(address);
-        auto const it = files_.upper_bound(wanted);
-        return it != files_.end() && it->second.begin <= wanted ? it->second.path : std::string();
-    }
-
-private:
-    struct File {
-        std::uintptr_t begin;
-        std::string path;
-    };
-
-    void add(std::string const& line, std::string const& path) {
+// The file that is mapped at the address, by the lines of "maps". Empty when there is none. Asking the
+// dynamic linker would wait for a library whose constructor is under way.
+std::string file_at(void const* address, std::string const& maps) {
+    std::uintptr_t const wanted = reinterpret_cast<std::uintptr_t>(address);
+    for (char const* line = maps.c_str(); *line != '\0';) {
         char* next = nullptr;
-        std::uintptr_t const begin = std::strtoul(line.c_str(), &next, 16);
-        if (*next == '-')
-            files_[std::strtoul(next + 1, nullptr, 16)] = File{begin, path};
+        std::uintptr_t const begin = std::strtoul(line, &next, 16);
+        std::uintptr_t const end = *next == '-' ? std::strtoul(next + 1, &next, 16) : begin;
+        char const* const line_end = next + std::strcspn(next, "\n");
+        if (begin <= wanted && wanted < end)
+            return std::string(std::find<char const*>(next, line_end, '/'), line_end);
+        line = *line_end == '\n' ? line_end + 1 : line_end;
     }
-
-    std::map<std::uintptr_t, File> files_;
-};
+    return std::string();
+}
 
 // When the process was started, in nanoseconds after the machine was.
 unsigned long long start_ns() {
@@ -86,10 +65,10 @@ void list_modules(Json& object, char const* origin, std::vector<std::string> con
 }
 
 void list_words(Json& object) {
-    Mappings const mappings;
+    std::string const maps = read_proc(shared_in_proc("maps").c_str());
     object.open_list("words");
     for (auto const& word : cmd::words_and_registrars())
-        object.open().field("word", word.first).field("library", mappings.file_at(word.second)).close();
+        object.open().field("word", word.first).field("library", file_at(word.second, maps)).close();
     object.close_list();
 }
 
@@ -117,20 +96,14 @@ void list_observers(Json& object) {
     object.close_list();
 }
 
-std::string without_newline(std::string text) {
-    if (!text.empty() && text.back() == '\n')
-        text.pop_back();
-    return text;
-}
-
 } // namespace
 
 void tell_process(Answer& answer) {
     utsname machine = {};
     uname(&machine);
     Json& object = answer.begin();
-    object.field("pid", process_id()).field("name", without_newline(read_proc("comm")));
-    object.field("program", link_in_proc(shared_in_proc("exe")))
+    object.field("pid", process_id()).field("name", line_in_proc("comm"));
+    object.field("program", link_in_proc(shared_in_proc("exe").c_str()))
         .field("start_ns", start_ns())
         .field("now_ns", internal::now_ns());
     object.field("version", ZEL_VERSION).field("machine", machine.machine);
@@ -145,22 +118,24 @@ void tell_process(Answer& answer) {
 }
 
 void tell_threads(Answer& answer) {
-    std::map<int, thread::Registry::Entry> known;
-    for (thread::Registry::Entry const& entry : thread::Registry::entries())
-        known[entry.tid] = entry;
+    // Both in ascending order.
+    std::vector<thread::Registry::Entry> const entries = thread::Registry::entries();
+    auto known = entries.begin();
     for (int const tid : thread_ids()) {
         std::string const path = "task/" + std::to_string(tid);
-        std::vector<std::string> const fields = stat_fields(path + "/stat");
+        std::vector<std::string> const fields = stat_fields((path + "/stat").c_str());
         if (fields.empty())
             continue; // it has ended
         Json& object = answer.begin();
-        object.field("tid", tid).field("name", without_newline(read_proc(path + "/comm")));
+        object.field("tid", tid).field("name", line_in_proc((path + "/comm").c_str()));
         object.field("state", fields[0]);
-        auto const it = known.find(tid);
-        if (it != known.end() && it->second.group)
-            object.field("group", it->second.group->id().value());
-        if (it != known.end() && it->second.fd_manager)
-            object.field("fd_manager", it->second.fd_manager->id().value());
+        while (known != entries.end() && known->tid < tid)
+            ++known;
+        bool const is_known = known != entries.end() && known->tid == tid;
+        if (is_known && known->group)
+            object.field("group", known->group->id().value());
+        if (is_known && known->fd_manager)
+            object.field("fd_manager", known->fd_manager->id().value());
         answer.end();
     }
 }

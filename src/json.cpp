@@ -5,6 +5,8 @@
 
 #include <cstddef>
 
+#include "plainText.hpp"
+
 namespace orn::zel::detail {
 
 namespace {
@@ -60,7 +62,34 @@ Json& Json::open_with(char const* name, char bracket) {
     return *this;
 }
 
-Json& Json::put(std::string const& text) {
+Json& Json::add(char const* text) {
+    text_ += text;
+    return *this;
+}
+
+Json& Json::word(char const* name, char const* text) {
+    key(name);
+    return add(text);
+}
+
+Json& Json::signed_field(char const* name, long long number) {
+    key(name);
+    append_number(text_, number);
+    return *this;
+}
+
+Json& Json::unsigned_field(char const* name, unsigned long long number) {
+    key(name);
+    append_number(text_, number);
+    return *this;
+}
+
+Json& Json::field(char const* name, char const* text) {
+    return field(name, std::string(text));
+}
+
+Json& Json::field(char const* name, std::string const& text) {
+    key(name);
     text_ += '"';
     for (std::size_t at = 0; at < text.size();) {
         unsigned char const byte = static_cast<unsigned char>(text[at]);

@@ -22,40 +22,35 @@ public:
     Json& close_list() { return add("]"); }
 
     // The name is written as it is.
-    template <class Value>
-    Json& field(char const* name, Value const& value) {
-        key(name);
-        return put(value);
+    Json& field(char const* name, std::string const& text);
+    Json& field(char const* name, char const* text);
+    template <class Number, class = std::enable_if_t<std::is_integral_v<Number>>>
+    Json& field(char const* name, Number number) {
+        if constexpr (std::is_same_v<Number, bool>)
+            return word(name, number ? "true" : "false");
+        else if constexpr (std::is_signed_v<Number>)
+            return signed_field(name, number);
+        else
+            return unsigned_field(name, number);
     }
     template <class Value>
     Json& item(Value const& value) {
-        key(nullptr);
-        return put(value);
+        return field(nullptr, value);
     }
-    Json& null(char const* name) {
-        key(name);
-        return add("null");
-    }
+    Json& null(char const* name) { return word(name, "null"); }
 
     void end_line() { text_ += '\n'; }
     // The text so far, which begins anew.
     std::string take() { return std::exchange(text_, std::string()); }
 
 private:
+    // Without a name, what follows is an item of a list.
     void key(char const* name);
     Json& open_with(char const* name, char bracket);
-    Json& add(char const* text) {
-        text_ += text;
-        return *this;
-    }
-
-    Json& put(std::string const& text);
-    Json& put(char const* text) { return put(std::string(text)); }
-    Json& put(bool value) { return add(value ? "true" : "false"); }
-    template <class Number, class = std::enable_if_t<std::is_integral_v<Number>>>
-    Json& put(Number number) {
-        return add(std::to_string(number).c_str());
-    }
+    Json& add(char const* text);
+    Json& word(char const* name, char const* text);
+    Json& signed_field(char const* name, long long number);
+    Json& unsigned_field(char const* name, unsigned long long number);
 
     std::string text_;
 };

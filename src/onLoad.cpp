@@ -38,7 +38,8 @@ long long run_time(int tid) {
 
 // A thread that sleeps is in a system call, and so not in this library's code.
 bool sleeps(int tid) {
-    std::vector<std::string> const fields = detail::stat_fields("task/" + std::to_string(tid) + "/stat");
+    std::vector<std::string> const fields =
+        detail::stat_fields(("task/" + std::to_string(tid) + "/stat").c_str());
     return fields.empty() || fields[0] == "S"; // there are none when it has ended
 }
 

@@ -26,12 +26,9 @@ namespace orn::zel::detail {
         }
     }
     // Comes second: each manager that is here by now has its thread there, or the thread has ended.
-    std::map<id_t, int> const threads = thread::Registry::threads_by_manager();
-    for (Item& item : living) {
-        auto const thread = threads.find(item.key);
-        if (thread != threads.end())
-            item.tid = thread->second;
-    }
+    std::vector<thread::Registry::Entry> const threads = thread::Registry::living();
+    for (Item& item : living)
+        item.tid = thread::Registry::thread_of(threads, item.key);
     return living;
 }
 

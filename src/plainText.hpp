@@ -12,6 +12,10 @@
 
 namespace orn::zel::detail {
 
+// One function for all numbers of a kind. std::to_string() is inlined, some 200 bytes at each call.
+void append_number(std::string& text, long long number);
+void append_number(std::string& text, unsigned long long number);
+
 // Clients read the numbers, so they are plain digits whatever locale the host has chosen.
 class PlainText {
 public:

@@ -3,16 +3,14 @@
 // Reading files, links and the list of threads in /proc.
 #include "procFile.hpp"
 
-#include <algorithm>
 #include <climits>
 #include <cstdlib>
+#include <memory>
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-
-#include <boost/shared_ptr.hpp>
 
 #include <orn/zel/core.hpp>
 
@@ -20,13 +18,15 @@ namespace orn::zel::detail {
 
 namespace {
 
-std::string const root = "/proc/self/";
+std::string in_proc(char const* path) {
+    return std::string("/proc/self/") + path;
+}
 
 } // namespace
 
-std::string read_proc(std::string const& path) {
+std::string read_proc(char const* path) {
     std::string text;
-    int const fd = open((root + path).c_str(), O_RDONLY | O_CLOEXEC);
+    int const fd = open(in_proc(path).c_str(), O_RDONLY | O_CLOEXEC);
     if (fd == -1)
         return text;
     char block[4096];
@@ -43,28 +43,34 @@ std::string shared_in_proc(std::string const& path) {
     return "task/" + std::to_string(syscall(SYS_gettid)) + '/' + path;
 }
 
-std::string link_in_proc(std::string const& path) {
+std::string line_in_proc(char const* path) {
+    std::string text = read_proc(path);
+    if (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    return text;
+}
+
+std::string link_in_proc(char const* path) {
     char target[PATH_MAX];
-    ssize_t const length = readlink((root + path).c_str(), target, sizeof target);
+    ssize_t const length = readlink(in_proc(path).c_str(), target, sizeof target);
     return length > 0 ? std::string(target, static_cast<std::size_t>(length)) : std::string();
 }
 
-std::vector<int> thread_ids() {
-    std::vector<int> ids;
-    boost::shared_ptr<DIR> const tasks(opendir((root + "task").c_str()), [](DIR* opened) {
-        if (opened)
-            closedir(opened);
-    });
+std::set<int> thread_ids() {
+    std::set<int> ids;
+    struct Closed {
+        void operator()(DIR* opened) const { closedir(opened); }
+    };
+    std::unique_ptr<DIR, Closed> const tasks(opendir(in_proc("task").c_str()));
     while (dirent const* const entry = tasks ? readdir(tasks.get()) : nullptr) {
         int const tid = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
         if (tid > 0)
-            ids.push_back(tid);
+            ids.insert(tid);
     }
-    std::sort(ids.begin(), ids.end());
     return ids;
 }
 
-std::vector<std::string> stat_fields(std::string const& path) {
+std::vector<std::string> stat_fields(char const* path) {
     std::vector<std::string> fields;
     std::string const text = read_proc(path);
     std::string::size_type const name_end = text.rfind(')');

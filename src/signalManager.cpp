@@ -69,7 +69,7 @@ private:
 };
 
 // As in "SIGUSR1" and "SIGRTMIN+21".
-std::string name_of(int signo) {
+[[gnu::cold]] std::string name_of(int signo) {
     if (char const* const name = sigabbrev_np(signo))
         return std::string("SIG") + name;
     return "SIGRTMIN+" + std::to_string(signo - SIGRTMIN);

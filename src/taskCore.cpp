@@ -192,7 +192,7 @@ void Core::retire(ControllerImpl& task, Functions& functions) {
     }
 }
 
-void Core::tell(int tid, detail::Answer& answer) {
+[[gnu::cold]] void Core::tell(int tid, detail::Answer& answer) {
     struct Copy {
         id_t id;
         std::string name;

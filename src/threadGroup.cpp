@@ -56,7 +56,7 @@ int poll_and_note(detail::LoopRecord& record, std::vector<pollfd>& set, int time
     threads_.insert(creator_);
 }
 
-Group::~Group() = default;
+[[gnu::cold]] Group::~Group() = default;
 
 void Group::Lock() {
     mutex_.Lock();

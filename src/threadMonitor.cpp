@@ -98,7 +98,7 @@ int zel_poll(pollfd* fds, unsigned long nfds, int timeoutMs) {
 namespace {
 
 // Where nobody has the runner's role, a callback is that of a call from outside of the loop.
-void tell_loop(detail::Json& object, detail::LoopRecord::Look const& look, bool runs) {
+[[gnu::cold]] void tell_loop(detail::Json& object, detail::LoopRecord::Look const& look, bool runs) {
     bool const called = look.doing != detail::Doing::nothing;
     object.field("turns", look.turns).field("dispatches", look.dispatches);
     object.field("rebuilds", look.rebuilds).field("descriptors", look.descriptors);
@@ -134,23 +134,22 @@ void tell_loop(detail::Json& object, detail::LoopRecord::Look const& look, bool 
     detail::poll_observer.write(text.str());
 }
 
-void tell_groups(detail::Answer& answer) {
-    std::map<id_t, std::vector<int>> members;
-    std::map<id_t, boost::shared_ptr<Group>> groups;
-    for (Registry::Entry const& entry : Registry::living()) {
-        if (!entry.group)
-            continue;
-        id_t const id = entry.group->id().value();
-        groups[id] = entry.group;
-        members[id].push_back(entry.tid);
+[[gnu::cold]] void tell_groups(detail::Answer& answer) {
+    std::vector<Registry::Entry> const entries = Registry::living();
+    std::map<id_t, Group const*> groups; // which the entries keep alive
+    for (Registry::Entry const& entry : entries) {
+        if (entry.group)
+            groups[entry.group->id().value()] = entry.group.get();
     }
     for (auto const& item : groups) {
         Group const& group = *item.second;
         int const runner = group.runner_.load(std::memory_order_relaxed);
         detail::Json& object = answer.begin();
         object.field("group", item.first).field("creator", group.creator_).open_list("members");
-        for (int const tid : members[item.first])
-            object.item(tid);
+        for (Registry::Entry const& entry : entries) {
+            if (entry.group.get() == &group)
+                object.item(entry.tid);
+        }
         object.close_list().field("runner", runner);
         object.field("depth", runner == 0 ? 0 : group.runner_depth_.load(std::memory_order_relaxed));
         tell_loop(object, group.record()->look(), runner != 0);

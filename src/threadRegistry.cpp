@@ -299,13 +299,13 @@ std::vector<Registry::Entry> Registry::entries() {
     return all;
 }
 
-std::map<id_t, int> Registry::threads_by_manager() {
-    std::map<id_t, int> threads;
-    for (Entry const& entry : living()) {
-        if (entry.fd_manager)
-            threads[entry.fd_manager->id().value()] = entry.tid;
+int Registry::thread_of(std::vector<Entry> const& entries, id_t fd_manager) {
+    int tid = 0;
+    for (Entry const& entry : entries) {
+        if (entry.fd_manager && entry.fd_manager->id().value() == fd_manager)
+            tid = entry.tid; // of several that share it, the last one
     }
-    return threads;
+    return tid;
 }
 
 // ---- Public functions -----------------------------------------------------------------------------------

@@ -81,8 +81,9 @@ public:
     // Those whose threads this process has: a child of fork() has the records of its parent's threads, too.
     static std::vector<Entry> living();
 
-    // The threads by the identifiers of their fd managers, by which alarms, signals and tasks are kept.
-    static std::map<id_t, int> threads_by_manager();
+    // The thread with that fd manager, by whose identifier alarms, signals and tasks are kept; 0 when it has
+    // ended.
+    static int thread_of(std::vector<Entry> const& entries, id_t fd_manager);
 
 private:
     static void make_claim(int tid);
