@@ -176,8 +176,8 @@ void pass_bytes(benchmark::State& state, std::size_t pipes, std::size_t active, 
     guarded(state, [&] {
         IdleDescriptors const silent(idle);
         std::map<Loop*, Pipes> own;
-        // A hundred turns, which a loop that polls ten thousand descriptors takes a second for.
-        Comparison comparison(state, 100 * static_cast<long>(active));
+        // Fifty turns, which a loop that polls ten thousand descriptors takes half a second for.
+        Comparison comparison(state, 50 * static_cast<long>(active));
         comparison.run(
             [&](Loop& loop) {
                 for (int const fd : silent.ends())
