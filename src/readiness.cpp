@@ -239,11 +239,13 @@ std::optional<int> Readiness::ask(std::vector<pollfd>& named) {
     int const ready = quiet_ && !named.empty() ? poll_hot_first(named) : poll_told(named, 0);
     if (ready == -1)
         return ready;
-    std::sort(named.begin(), named.end(), [this](pollfd const& left, pollfd const& right) {
-        int const first = owner(left.fd);
-        int const second = owner(right.fd);
-        return first != second ? first < second : left.fd < right.fd;
-    });
+    if (named.size() > 1) { // one is the usual case
+        std::sort(named.begin(), named.end(), [this](pollfd const& left, pollfd const& right) {
+            int const first = owner(left.fd);
+            int const second = owner(right.fd);
+            return first != second ? first < second : left.fd < right.fd;
+        });
+    }
     for (pollfd const& entry : named)
         note(entry);
     return ready;

@@ -57,8 +57,9 @@ public:
     void drop(int fd);
 
     std::size_t size() const { return size_; }
-    // Of a descriptor that is watched.
+    // Of a descriptor that is watched. The place is the asker's own, who may note where its entry is.
     int owner(int fd) const { return slots_[static_cast<std::size_t>(fd)].owner; }
+    std::uint32_t& place(int fd) { return slots_[static_cast<std::size_t>(fd)].place; }
 
     // Asks poll() about all entries that may be ready, without waiting. Fills them in, in order, and returns
     // what poll() does. Nothing: ask poll() about everything.
@@ -88,6 +89,7 @@ private:
         bool hot;
         unsigned latest; // question that had a result
         unsigned streak; // of questions with results
+        std::uint32_t place;
     };
 
     void open();

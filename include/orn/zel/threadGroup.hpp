@@ -253,6 +253,7 @@ private:
     ORN_LOCAL int combine_results(Wait& wait);
     ORN_LOCAL void audit(std::vector<pollfd> const& set);
     ORN_LOCAL std::size_t place_of(int fd) const;
+    ORN_LOCAL std::size_t search_place(int fd) const;
 
     ORN_LOCAL DispatchInfo const& dispatch_info(pollfd const& pfd) const;
     ORN_LOCAL bool left_group(int tid) const;
