@@ -298,7 +298,8 @@ int Group::poll_own(int timeoutMs) {
 
 int Group::poll_whole(std::vector<pollfd>& set, int timeoutMs, bool asked) {
     ++polls_;
-    report_poll_in(set.data(), set.size(), timeoutMs);
+    if (reports_polls())
+        report_poll_in(set.data(), set.size(), timeoutMs);
     int ready = 0;
     if (timeoutMs != 0 && !asked && probe_.due()) {
         ready = poll(set.data(), set.size(), 0);
@@ -309,7 +310,8 @@ int Group::poll_whole(std::vector<pollfd>& set, int timeoutMs, bool asked) {
     }
     if (ready == 0)
         ready = poll_and_note(*record_, set, timeoutMs);
-    report_poll_out(set.data(), set.size(), ready);
+    if (reports_polls())
+        report_poll_out(set.data(), set.size(), ready);
     crowded_ = is_crowded(ready, set.size());
     if (readiness_ && readiness_->audits() && ready >= 0)
         audit(set);
