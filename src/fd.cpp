@@ -232,21 +232,28 @@ void Manager::remove(MonitorImpl* monitor) {
     bump();
 }
 
-void Manager::dispatch(pollfd p) {
-    dispatch(p, any_registration);
+MonitorImpl* Manager::find(int fd, unsigned long registration) {
+    auto const it = monitors_.entries().find(fd);
+    if (it == monitors_.entries().end())
+        return nullptr;
+    bool const meant = registration == any_registration || it->second->registration_ == registration;
+    return meant ? it->second : nullptr;
 }
 
-bool Manager::dispatch(pollfd const& p, unsigned long registration) {
+void Manager::dispatch(pollfd p) {
+    std::uint64_t const nothing_seen = ~std::uint64_t(0);
+    dispatch(p, Registration{nullptr, any_registration}, nothing_seen);
+}
+
+bool Manager::dispatch(pollfd const& p, Registration const& meant, std::uint64_t seen) {
     short const errors = static_cast<short>(p.revents & (POLLERR | POLLNVAL));
     MonitorImpl* monitor = nullptr;
     MonitorImpl::HeldHandler handler;
     {
         AutoLock const guard(monitors_);
-        auto const it = monitors_.entries().find(p.fd);
-        if (it == monitors_.entries().end() || !it->second)
-            return false;
-        monitor = it->second;
-        if (registration != any_registration && monitor->registration_ != registration)
+        // While nothing has changed, the monitor that the poll set knows is the one in the map.
+        monitor = seen == change_count_ ? meant.monitor : find(p.fd, meant.number);
+        if (!monitor)
             return false;
         if (errors != 0) {
             monitor->expired_ = errors;

@@ -60,8 +60,9 @@ public:
     void drop(int fd);
 
     std::size_t size() const { return slots_.size(); }
-    // Of a descriptor that is watched.
+    // Of a descriptor that is watched. The place is the asker's own, who may note where its entry is.
     int owner(int fd) const { return slot_of(fd)->owner; }
+    std::uint32_t& place(int fd) { return slot_of(fd)->place; }
 
     // Asks poll() about all entries that may be ready, without waiting. Fills them in, in no order, and
     // returns what poll() does. Nothing: ask poll() about everything.
@@ -92,6 +93,7 @@ private:
         bool hot;
         unsigned latest; // question that had a result
         unsigned streak; // of questions with results
+        std::uint32_t place;
     };
 
     void open();

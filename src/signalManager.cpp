@@ -27,19 +27,6 @@ namespace {
 std::map<id_t, boost::shared_ptr<Manager>>* manager_map = nullptr;
 detail::PerThread<Manager> managers(manager_map);
 
-// What signal context calls for a watching manager. It shares the pipe, which must outlive an arrival that is
-// under way.
-struct Arrival {
-    void operator()(int signo) const {
-        // A child of fork() shares the pipe with its parent, who was not sent this signal.
-        if (detail::SignalGate::lineage() == born)
-            detail::write_word_in_signal(pipe->WriteFD(), static_cast<std::uint32_t>(signo));
-    }
-
-    boost::shared_ptr<os::Pipe> pipe;
-    unsigned born;
-};
-
 // Tells how many handlers there are without the list's mutex, which is held while a removed handler is
 // destroyed, and which a handler may take.
 class CountedList : public HandlerList<int> {
@@ -77,10 +64,37 @@ private:
 
 } // namespace
 
+// Keeps count of the arrivals in it.
+struct Manager::WordPipe : os::Pipe {
+    WordPipe() : Pipe(false) {}
+
+    ssize_t write(int signo) {
+        ssize_t const written = detail::write_word_in_signal(WriteFD(), static_cast<std::uint32_t>(signo));
+        if (written > 0)
+            count.written();
+        return written;
+    }
+
+    detail::WordCount count;
+};
+
+// What signal context calls for a watching manager. It shares the pipe, which must outlive an arrival that
+// is under way.
+struct Manager::Arrival {
+    void operator()(int signo) const {
+        // A child of fork() shares the pipe with its parent, who was not sent this signal.
+        if (detail::SignalGate::lineage() == born)
+            pipe->write(signo);
+    }
+
+    boost::shared_ptr<WordPipe> pipe;
+    unsigned born;
+};
+
 // What a manager keeps for a signal that it watches. It shares the source, whose list must outlive the
 // registration in it even when an unload has retired the source.
 struct Manager::SignalBundle {
-    SignalBundle(int signo, boost::shared_ptr<os::Pipe> const& pipe,
+    SignalBundle(int signo, boost::shared_ptr<WordPipe> const& pipe,
                  boost::shared_ptr<CountedList> const& users)
         : source(sigHandler(signo)),
           registration(source->handlers(), Arrival{pipe, detail::SignalGate::lineage()}), list(users),
@@ -94,9 +108,9 @@ struct Manager::SignalBundle {
 
 struct Manager::Watch {
     // The handlers of the signal. With rearm, a bundle whose source an unload has retired is made anew.
-    [[gnu::cold]] boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<os::Pipe> const& pipe,
+    [[gnu::cold]] boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<WordPipe> const& pipe,
                                                            bool rearm);
-    void drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe);
+    void drain(fd::Event* event, boost::shared_ptr<WordPipe> const& pipe);
     std::vector<int> signals();
     void tell(int tid, detail::Answer& answer);
 
@@ -110,7 +124,7 @@ private:
     std::map<int, SignalBundle> bundles_ ZEL_GUARDED_BY(lock_);
 };
 
-boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::shared_ptr<os::Pipe> const& pipe,
+boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::shared_ptr<WordPipe> const& pipe,
                                                          bool rearm) {
     std::map<int, SignalBundle>::node_type replaced; // outlives the lock, since it withdraws its registration
     boost::shared_ptr<CountedList> users;
@@ -145,8 +159,8 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::arrived(int signo) {
     return found->second.list;
 }
 
-void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe) {
-    detail::QueuedWords queued(*event);
+void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<WordPipe> const& pipe) {
+    detail::QueuedWords queued(*event, &pipe->count);
     detail::LoopRecord* const record = detail::LoopRecord::current();
     std::uint32_t word;
     while (queued.next(word)) {
@@ -189,8 +203,7 @@ void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& 
 }
 
 [[gnu::cold]] Manager::Manager()
-    : id_(detail::draw_id()), pipe_(detail::make_shared<os::Pipe>(false)),
-      watch_(detail::make_shared<Watch>()),
+    : id_(detail::draw_id()), pipe_(detail::make_shared<WordPipe>()), watch_(detail::make_shared<Watch>()),
       receptor_(pipe_->ReadFD(),
                 [watch = watch_, pipe = pipe_](fd::Event* event) { watch->drain(event, pipe); }) {}
 
@@ -201,7 +214,7 @@ Manager::~Manager() = default;
 }
 
 ssize_t Manager::signal_handler(int signo) {
-    return detail::write_word_in_signal(pipe_->WriteFD(), static_cast<std::uint32_t>(signo));
+    return pipe_->write(signo);
 }
 
 void Manager::fd_handler(fd::Event* event) {

@@ -216,15 +216,13 @@ void Group::dispatch(pollfd& pfd) {
         return;
     }
     display_dispatch(result);
-    // A copy, because a nested turn may rebuild the set, and so destroy the entry, before the handler
-    // returns.
-    boost::function<void(pollfd&)> const handler = info.handler;
     record_->count_dispatch();
     detail::LoopRecord::Callback const callback(record_.get(), detail::Doing::fd,
                                                 static_cast<std::uint32_t>(result.fd));
-    // No lock is held here: the handler may run a nested turn, change any registration or leave the group.
-    if (handler)
-        handler(result);
+    // No lock is held here: the handler may run a nested turn, change any registration or leave the group. A
+    // nested turn may rebuild the set, and so destroy the entry before this returns.
+    if (info.handler)
+        info.handler(result);
     // The registration was withdrawn by a thread of another group, whose set was rebuilt instead of this one.
     if (result.revents == 0)
         outdate();
@@ -302,7 +300,8 @@ int Group::poll_own(int timeoutMs) {
 
 int Group::poll_whole(std::vector<pollfd>& set, int timeoutMs, bool asked) {
     ++polls_;
-    report_poll_in(set.data(), set.size(), timeoutMs);
+    if (reports_polls())
+        report_poll_in(set.data(), set.size(), timeoutMs);
     int ready = 0;
     if (timeoutMs != 0 && !asked && probe_.due()) {
         ready = poll(set.data(), set.size(), 0);
@@ -313,7 +312,8 @@ int Group::poll_whole(std::vector<pollfd>& set, int timeoutMs, bool asked) {
     }
     if (ready == 0)
         ready = poll_and_note(*record_, set, timeoutMs);
-    report_poll_out(set.data(), set.size(), ready);
+    if (reports_polls())
+        report_poll_out(set.data(), set.size(), ready);
     crowded_ = is_crowded(ready, set.size());
     if (readiness_ && readiness_->audits() && ready >= 0)
         audit(set);

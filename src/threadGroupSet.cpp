@@ -19,38 +19,36 @@ namespace {
 // large set can so afford to ask in each turn, and a small one only now and then.
 std::size_t const entries_per_miss = 1024;
 
-// Delivers a poll result to the fd manager that registered the descriptor. Clears the result when the
-// registration has been withdrawn. Small enough that boost::function keeps it without an allocation.
-class Delivery {
-public:
-    Delivery(boost::shared_ptr<fd::Manager> const& manager, unsigned long registration)
-        : manager_(manager), registration_(registration) {}
-
-    void operator()(pollfd& p) const {
-        if (!manager_->dispatch(p, registration_))
-            p.revents = 0;
-    }
-
-private:
-    boost::shared_ptr<fd::Manager> manager_;
-    unsigned long registration_;
-};
-
-Delivery delivery(boost::shared_ptr<fd::Manager> const& manager, fd::MonitorImpl const& monitor) {
-    return Delivery(manager, fd::Manager::registration(monitor));
-}
-
 bool is_polled(fd::MonitorImpl const& monitor) {
     return monitor.count() != 0 && monitor.expired() == 0;
 }
 
 // No two registrations have the same: two managers that live have different identifiers.
-std::uint64_t stamp_of(fd::Manager const& manager, fd::MonitorImpl const& monitor) {
+std::uint64_t stamp_of(fd::Manager const& manager, fd::MonitorImpl& monitor) {
     return std::uint64_t(manager.id().value()) << 32 |
-           static_cast<std::uint32_t>(fd::Manager::registration(monitor));
+           static_cast<std::uint32_t>(fd::Manager::registration(monitor).number);
 }
 
 } // namespace
+
+// Delivers a poll result to the fd manager that registered the descriptor. Clears the result when the
+// registration has been withdrawn. Small enough that boost::function keeps it without an allocation.
+//
+// The handler may run a nested turn, which rebuilds the set and so destroys this, and the manager with it.
+// Once the handler is called neither is touched any more.
+struct Group::Delivery {
+    void operator()(pollfd& p) const {
+        if (!watcher->manager->dispatch(p, registration, watcher->seen))
+            p.revents = 0;
+    }
+
+    Watcher const* watcher;
+    fd::Manager::Registration registration;
+};
+
+Group::DispatchInfo Group::info_of(Watcher const& watcher, fd::MonitorImpl& monitor) {
+    return {monitor.events(), watcher.tid, Delivery{&watcher, fd::Manager::registration(monitor)}};
+}
 
 // ---- Built anew -----------------------------------------------------------------------------------------
 
@@ -68,6 +66,7 @@ std::uint64_t stamp_of(fd::Manager const& manager, fd::MonitorImpl const& monito
     add_entry(ctrl_.ReadFD(), DispatchInfo{POLLIN | POLLHUP, 0, [this](pollfd& p) { ctrl_eater(p); }}, 0);
 
     AutoLock const guard(mutex_);
+    watchers_.reserve(threads_.size()); // so that none moves: the entries point there
     for (int const tid : threads_) {
         boost::shared_ptr<fd::Manager> const manager = Registry::fd_manager_if_any(tid);
         if (!manager)
@@ -87,11 +86,9 @@ std::uint64_t stamp_of(fd::Manager const& manager, fd::MonitorImpl const& monito
     std::vector<int> all_are_looked_at;
     manager.changes(watcher.seen, all_are_looked_at);
     for (auto const& item : manager.monitors().entries()) {
-        fd::MonitorImpl const& monitor = *item.second;
-        if (!is_polled(monitor))
-            continue;
-        add_entry(item.first, {monitor.events(), watcher.tid, delivery(watcher.manager, monitor)},
-                  stamp_of(manager, monitor));
+        fd::MonitorImpl& monitor = *item.second;
+        if (is_polled(monitor))
+            add_entry(item.first, info_of(watcher, monitor), stamp_of(manager, monitor));
     }
 }
 
@@ -178,7 +175,7 @@ bool Group::refresh_entries(Watcher& watcher) {
     return true;
 }
 
-bool Group::refresh_entry(Watcher const& watcher, int fd, fd::MonitorImpl const* monitor) {
+bool Group::refresh_entry(Watcher const& watcher, int fd, fd::MonitorImpl* monitor) {
     auto const found = dispatchset_.find(fd);
     bool const there = found != dispatchset_.end();
     bool const known = there && found->second.tid == watcher.tid;
@@ -189,7 +186,7 @@ bool Group::refresh_entry(Watcher const& watcher, int fd, fd::MonitorImpl const*
     }
     if (there && !known)
         return false; // another member watches it, too
-    DispatchInfo const info = {monitor->events(), watcher.tid, delivery(watcher.manager, *monitor)};
+    DispatchInfo const info = info_of(watcher, *monitor);
     if (known) {
         found->second = info;
         pollset_[place_of(watcher, fd)].events = info.events;
@@ -299,7 +296,16 @@ void Group::audit(std::vector<pollfd> const& set) {
     readiness_->audited();
 }
 
+// Mostly where it was the last time. What is active among thousands is found there in one line of the
+// processor's cache, where a search looks into a dozen.
 std::size_t Group::place_of(int fd) const {
+    std::uint32_t& place = readiness_->place(fd);
+    if (place >= pollset_.size() || pollset_[place].fd != fd)
+        place = static_cast<std::uint32_t>(search_place(fd));
+    return place;
+}
+
+std::size_t Group::search_place(int fd) const {
     int const tid = readiness_->owner(fd);
     if (tid == 0)
         return 0; // the control pipe

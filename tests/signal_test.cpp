@@ -58,6 +58,11 @@ TEST_F(Signals, a_burst_before_the_loop_turns_loses_nothing_and_blocks_nobody_be
     EXPECT_EQ(100000, served(100000));
     EXPECT_LT(200000, served(300000));
     EXPECT_EQ(1, served(1));
+    calls = 0;
+    for (int i = 0; i < 3; ++i)
+        raise(SIGUSR1);
+    EXPECT_EQ(1, RunOnce(-1));
+    EXPECT_EQ(3, calls) << "in one turn";
 }
 
 TEST_F(Signals, refuses_what_the_system_refuses_and_says_why) {

@@ -176,7 +176,7 @@ TEST_F(Turn, an_event_that_a_nested_turn_left_behind_is_delivered_once) {
 }
 
 TEST_F(Turn, a_nested_loop_keeps_no_poll_set_but_the_present_one_which_may_have_shrunk) {
-    boost::shared_ptr<fd::Manager> const manager = thread::FdMgr(); // each entry of a set holds it
+    boost::shared_ptr<fd::Manager> const manager = thread::FdMgr(); // a set holds it
     watch(0, [&](fd::Event* event) {
         take(event->fd());
         long const before = manager.use_count();
@@ -198,6 +198,32 @@ TEST_F(Turn, a_nested_loop_keeps_no_poll_set_but_the_present_one_which_may_have_
     feed();
     settle();
     EXPECT_EQ(seen.size() - 4, seen.find("end ")) << "with the rest of the turn";
+}
+
+TEST_F(Turn, a_handler_is_called_to_its_end_when_its_member_and_the_set_that_it_was_in_go_meanwhile) {
+    boost::weak_ptr<fd::Manager> theirs;
+    std::unique_ptr<Member> member;
+    Count watches;
+    Count over;
+    auto const handler = [&](fd::Event* event) {
+        std::string const byte = take(event->fd());
+        over.up();
+        member.reset();
+        RunOnce(0);
+        EXPECT_TRUE(theirs.expired());
+        seen += 'a' + byte;
+    };
+    member = std::make_unique<Member>([&] {
+        theirs = thread::FdMgr();
+        watch(0, handler);
+        watches.up();
+        over.reaches(1);
+        receptors[0].reset();
+    });
+    ASSERT_TRUE(watches.reaches(1));
+    put(pipes[0].WriteFD(), "1");
+    settle();
+    EXPECT_EQ("a1", seen);
 }
 
 TEST_F(Turn, a_handler_moves_its_thread_to_a_new_group_and_the_old_one_may_die) {

@@ -244,10 +244,17 @@ public:
     // The caller is the runner of the group. No lock is held during the call.
     void dispatch(pollfd p);
 
-    // The same for a poll set that was built while the given registration stood: a result that was meant for
-    // an earlier registration of the same descriptor number is dropped. Returns false when the registration
-    // has been withdrawn.
-    bool dispatch(pollfd const& p, unsigned long registration);
+    // What a poll set remembers of a monitor, which may be gone by the time that a result is there.
+    struct Registration {
+        MonitorImpl* monitor;
+        unsigned long number;
+    };
+    static Registration registration(MonitorImpl& monitor) { return {&monitor, monitor.registration_}; }
+
+    // The same for a poll set that had the given registration when changes() left `seen`: a result that was
+    // meant for an earlier registration of the same descriptor number is dropped. Returns false when the
+    // registration has been withdrawn. Does not touch the manager any more once the handler is called.
+    ORN_LOCAL bool dispatch(pollfd const& p, Registration const& meant, std::uint64_t seen);
 
     unsigned long size();
 
@@ -268,15 +275,13 @@ public:
     // who walks the map may come here.
     void outdate() { outdated_ = true; }
 
-    // A number that a poll set remembers of a monitor, so that dispatch() can tell whether it is still meant.
-    static unsigned long registration(MonitorImpl const& monitor) { return monitor.registration_; }
-
 private:
     friend class MonitorImpl;
 
     static unsigned long const any_registration = 0;
     static std::uint64_t const changes_kept = 64;
 
+    ORN_LOCAL MonitorImpl* find(int fd, unsigned long registration) ZEL_REQUIRES(monitors_);
     ORN_LOCAL void note_change(int fd) ZEL_REQUIRES(monitors_);
 
     basic_Id<unsigned long> id_;

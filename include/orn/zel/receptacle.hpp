@@ -269,7 +269,10 @@ public:
                 // The mutex is not held here: the handler may change and dispatch this list.
                 if (!held->empty())
                     (*held)(data);
-                lock(); // again, because a nested dispatch has called unlock()
+                // A nested dispatch has called unlock(). Nobody but dispatches changes the flag, so that it
+                // is read here without the mutex.
+                if (!dispatching_)
+                    lock();
                 it = handlers_.upper_bound(handle);
             }
         }

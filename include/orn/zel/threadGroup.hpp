@@ -215,6 +215,7 @@ private:
         std::uint64_t seen; // of the manager's changes
         std::size_t begin;  // where its entries begin in pollset_; they end where the next one's begin
     };
+    struct ORN_LOCAL Delivery;
     struct ORN_LOCAL Wait;
 
     // Steps of a turn.
@@ -231,12 +232,13 @@ private:
     // The poll set, built anew or changed in place.
     ORN_LOCAL static unsigned long combine(std::vector<pollfd>& own, pollfd* fds, unsigned long nfds,
                                            std::vector<pollfd>& out);
+    ORN_LOCAL static DispatchInfo info_of(Watcher const& watcher, fd::MonitorImpl& monitor);
     ORN_LOCAL void add_monitors(Watcher& watcher);
     ORN_LOCAL void add_entry(int fd, DispatchInfo const& info, std::uint64_t stamp);
     ORN_LOCAL bool refresh();
     ORN_LOCAL bool same_watchers() const ZEL_REQUIRES(mutex_);
     ORN_LOCAL bool refresh_entries(Watcher& watcher);
-    ORN_LOCAL bool refresh_entry(Watcher const& watcher, int fd, fd::MonitorImpl const* monitor);
+    ORN_LOCAL bool refresh_entry(Watcher const& watcher, int fd, fd::MonitorImpl* monitor);
     ORN_LOCAL void insert_entry(Watcher const& watcher, int fd, DispatchInfo const& info);
     ORN_LOCAL void erase_entry(Watcher const& watcher, int fd);
     ORN_LOCAL void move_behind(Watcher const& watcher, int by);
@@ -251,6 +253,7 @@ private:
     ORN_LOCAL int combine_results(Wait& wait, int ready);
     ORN_LOCAL void audit(std::vector<pollfd> const& set);
     ORN_LOCAL std::size_t place_of(int fd) const;
+    ORN_LOCAL std::size_t search_place(int fd) const;
 
     ORN_LOCAL DispatchInfo const& dispatch_info(pollfd const& pfd) const;
     ORN_LOCAL bool left_group(int tid) const;
