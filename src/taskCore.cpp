@@ -3,6 +3,7 @@
 // A task's way from the call that schedules it to its slice. The model and its words are in taskCore.hpp.
 #include "taskCore.hpp"
 
+#include <optional>
 #include <utility>
 
 #include <unistd.h>
@@ -12,6 +13,7 @@
 
 #include "fork.hpp"
 #include "loopRecord.hpp"
+#include "observer.hpp"
 
 namespace orn::zel::task {
 
@@ -417,10 +419,14 @@ void Core::handle(fd::Event* event) {
 
 void Core::run_queue() {
     Round round(*this);
-    detail::LoopRecord::Callback callback(detail::LoopRecord::current(), detail::Doing::task);
+    std::optional<detail::LoopRecord::Callback> callback;
     bool again = false;
     while (ControllerImpl* const task = round.next(again)) {
-        callback.next(static_cast<std::uint32_t>(task->id_));
+        std::uint32_t const id = static_cast<std::uint32_t>(task->id_);
+        if (callback)
+            callback->next(id);
+        else
+            callback.emplace(detail::LoopRecord::current(), detail::Doing::task, id);
         again = slice(*task);
     }
 }
@@ -443,7 +449,8 @@ bool Core::slice(ControllerImpl& task) {
     if (task.complete_)
         return false;
     ++task.run_count_;
-    task.display_task("Run");
+    if (detail::task_observer.fd() != -1) // else not even the string is made
+        task.display_task("Run");
     // No lock may be held here: the body may start, complete and cancel tasks, and run a nested loop.
     task.spec_.fn(&task);
     return !task.complete_ && !task.sleeping_;
