@@ -4,6 +4,7 @@
 // loop reads it there and calls the handler. The clock itself is the platform's.
 #include <orn/zel/alarm.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <utility>
@@ -55,29 +56,45 @@ void process_to_fd(unsigned long id, int fd) {
 
 namespace {
 
+std::uint64_t const ns_per_ms = 1000000;
+
 // An alarm with its timer and a small handler in one piece of memory.
 struct Entry : TimerBlob {
     Entry(Handler&& called, bool once) : TimerBlob{std::nullopt, std::move(called), once} {}
 
     void armed(unsigned long initialMs, unsigned long recurringMs) {
-        due_ms = internal::coarse_ms() + initialMs;
-        if (due_ms < initialMs)
-            due_ms = UINT64_MAX;
+        // Most alarms are timeouts, which never fire. They are worth no exact look at the clock.
+        exact = recurringMs > 0 || detail::LoopRecord::anybody_traces();
+        due_ns = exact ? internal::now_ns() : internal::coarse_ms() * ns_per_ms;
+        due_ns += std::min<std::uint64_t>(initialMs, INT64_MAX / ns_per_ms) * ns_per_ms;
         period_ms = recurringMs;
     }
 
     std::uint64_t left_ms(std::uint64_t now_ms) const {
+        std::uint64_t const due_ms = due_ns / ns_per_ms;
         if (due_ms > now_ms)
             return due_ms - now_ms;
         return period_ms > 0 ? period_ms - (now_ms - due_ms) % period_ms : 0;
     }
 
+    // When the alarm was due that the loop has found now. The timer's thread may have been late, but an alarm
+    // keeps its phase, and what it missed is skipped.
+    [[gnu::cold]] std::uint64_t take_arrival() {
+        std::uint64_t const expired_ns = expiry.take();
+        if (!exact || expired_ns < due_ns)
+            return expired_ns;
+        std::uint64_t const periods = period_ms > 0 ? (expired_ns - due_ns) / ns_per_ms / period_ms : 0;
+        return due_ns + periods * period_ms * ns_per_ms;
+    }
+
     std::atomic<unsigned> users{1}; // the table, and each dispatch in which the handler runs
 
-    // For those who look. The timer has the exact time.
-    std::uint64_t due_ms = 0; // for the first time
+    // For those who look. The timer does not tell its time.
+    std::uint64_t due_ns = 0; // for the first time
     unsigned long period_ms = 0;
     unsigned long fired = 0;
+    bool exact = false; // else to a tick of the kernel
+    detail::Arrival expiry;
 };
 
 struct Release {
@@ -142,7 +159,10 @@ id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handl
             id = detail::draw_id();
         while (!table_->alarms.insert(id, *made));
         try {
-            made->timer.emplace([id, fd = table_->pipe.WriteFD()](os::Timer*) { process_to_fd(id, fd); });
+            made->timer.emplace([id, fd = table_->pipe.WriteFD(), &expiry = made->expiry](os::Timer*) {
+                expiry.note();
+                process_to_fd(id, fd);
+            });
             made->armed(initialMs, recurringMs);
             made->timer->Set(initialMs, recurringMs);
         } catch (...) {
@@ -200,6 +220,7 @@ void Manager::drain(Table& table, fd::Event* event) {
         // nested turn.
         EntryUse due;
         bool last;
+        std::uint64_t came_ns;
         {
             AutoLock const guard(table.lock);
             due.reset(table.alarms.find(word));
@@ -211,12 +232,13 @@ void Manager::drain(Table& table, fd::Event* event) {
             else
                 ++due->users;
             ++due->fired;
+            came_ns = due->expiry.noted() ? due->take_arrival() : 0;
         }
         detail::alarm_observer.report([id](detail::PlainText& line) { line << "ALARM: id=" << id; });
         if (last)
             due->timer.reset();
         // No lock may be held here: a handler may add, reset and delete alarms, its own included.
-        detail::LoopRecord::Callback const callback(record, detail::Doing::alarm, word);
+        detail::LoopRecord::Callback const callback(record, detail::Doing::alarm, word, came_ns);
         due->handler();
     }
 }
@@ -230,7 +252,7 @@ void Manager::drain(Table& table, fd::Event* event) {
     };
     std::vector<Copy> copies; // so that the loop does not wait for the lock while the text is composed
     {
-        std::uint64_t const now_ms = internal::coarse_ms();
+        std::uint64_t const now_ms = internal::now_ns() / ns_per_ms;
         AutoLock const guard(table_->lock);
         copies.reserve(table_->alarms.size());
         table_->alarms.each([&](id_t id, Entry const& alarm) {

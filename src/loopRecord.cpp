@@ -129,4 +129,27 @@ void LoopRecord::Callback::end_traced() const {
     set(record_->since_ms_, outer_since_ms_);
 }
 
+// ---- Arrivals -------------------------------------------------------------------------------------------
+
+namespace {
+
+unsigned const arrival_shift = sizeof(unsigned long) < sizeof(std::uint64_t) ? 10 : 0;
+
+unsigned long units_of(std::uint64_t ns) {
+    return static_cast<unsigned long>(ns >> arrival_shift);
+}
+
+} // namespace
+
+void Arrival::note_now() {
+    at_.store(units_of(internal::now_ns()) | 1, std::memory_order_relaxed); // 0 is none
+}
+
+std::uint64_t Arrival::take() {
+    std::uint64_t const now = internal::now_ns();
+    unsigned long const ago = units_of(now) - at_.load(std::memory_order_relaxed);
+    at_.store(0, std::memory_order_relaxed);
+    return now - (static_cast<std::uint64_t>(ago) << arrival_shift);
+}
+
 } // namespace orn::zel::detail

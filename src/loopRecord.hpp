@@ -94,11 +94,15 @@ public:
     };
     Look look() const;
 
+    // Whether any record may be traced. Any context.
+    static bool anybody_traces() { return get(any_traced); }
+
     // The command thread's. Spans go to the ring while the record is traced. The ring stays until the record
     // goes, because the runner may be in it.
     SpanRing& trace();
     bool traced() const { return get(ring_) != nullptr; }
     void stop_tracing() { ring_.store(nullptr, std::memory_order_relaxed); }
+    static void let_anybody_trace(bool may) { set(any_traced, may); }
 
 private:
     template <class Number>
@@ -137,6 +141,7 @@ private:
     std::atomic<std::uint32_t> const& id_of(Doing doing) const { return ids_[index_of(doing)]; }
 
     static inline thread_local LoopRecord* running = nullptr;
+    static inline std::atomic<bool> any_traced{false};
 
     std::atomic<unsigned long> turns_{0};
     std::atomic<unsigned long> dispatches_{0};
@@ -270,6 +275,27 @@ private:
     std::uint64_t came_ns_;
     unsigned long outer_since_ms_;
     std::uint32_t id_;
+};
+
+// When something arrived that the loop will find later. Whoever tells the loop of it notes the time, perhaps
+// in signal context, and the loop takes it. Of several that arrive meanwhile the first one's time counts.
+//
+// One word, which no machine needs a lock for. Where it has 32 bits it counts in units of 1,024 ns, and wraps
+// after 73 minutes.
+class Arrival {
+public:
+    void note() {
+        if (LoopRecord::anybody_traces() && !noted())
+            note_now();
+    }
+    bool noted() const { return at_.load(std::memory_order_relaxed) != 0; }
+    // What has been noted, in ns.
+    std::uint64_t take();
+
+private:
+    [[gnu::cold]] void note_now();
+
+    std::atomic<unsigned long> at_{0};
 };
 
 } // namespace orn::zel::detail

@@ -26,19 +26,6 @@ namespace {
 std::map<id_t, boost::shared_ptr<Manager>>* manager_map = nullptr;
 detail::PerThread<Manager> managers(manager_map);
 
-// What signal context calls for a watching manager. It shares the pipe, which must outlive an arrival that is
-// under way.
-struct Arrival {
-    void operator()(int signo) const {
-        // A child of fork() shares the pipe with its parent, who was not sent this signal.
-        if (detail::SignalGate::lineage() == born)
-            detail::write_word_in_signal(pipe->WriteFD(), static_cast<std::uint32_t>(signo));
-    }
-
-    boost::shared_ptr<os::Pipe> pipe;
-    unsigned born;
-};
-
 // As in "SIGUSR1" and "SIGRTMIN+21".
 std::string name_of(int signo) {
     if (char const* const name = sigabbrev_np(signo))
@@ -48,13 +35,40 @@ std::string name_of(int signo) {
 
 } // namespace
 
+// Where signal context leaves word of an arrival, for the loop to find.
+struct Manager::Inbox {
+    ssize_t put(int signo) {
+        if (signo > 0 && signo < NSIG)
+            arrivals[signo].note();
+        return detail::write_word_in_signal(pipe.WriteFD(), static_cast<std::uint32_t>(signo));
+    }
+
+    // When it arrived; 0 when nobody traced then.
+    std::uint64_t take(int signo) { return arrivals[signo].noted() ? arrivals[signo].take() : 0; }
+
+    os::Pipe pipe{false};
+    detail::Arrival arrivals[NSIG];
+};
+
 // What a manager keeps for a signal that it watches. It shares the source, whose list must outlive the
 // registration in it even when an unload has retired the source.
 struct Manager::SignalBundle {
-    SignalBundle(int signo, boost::shared_ptr<os::Pipe> const& pipe,
+    // What signal context calls. It shares the inbox, which must outlive an arrival that is under way.
+    struct Arrival {
+        void operator()(int signo) const {
+            // A child of fork() shares the pipe with its parent, who was not sent this signal.
+            if (detail::SignalGate::lineage() == born)
+                inbox->put(signo);
+        }
+
+        boost::shared_ptr<Inbox> inbox;
+        unsigned born;
+    };
+
+    SignalBundle(int signo, boost::shared_ptr<Inbox> const& inbox,
                  boost::shared_ptr<HandlerList<int>> const& users)
         : source(sigHandler(signo)),
-          registration(source->handlers(), Arrival{pipe, detail::SignalGate::lineage()}), list(users),
+          registration(source->handlers(), Arrival{inbox, detail::SignalGate::lineage()}), list(users),
           arrivals(0) {}
 
     boost::shared_ptr<SignalHandler> source;
@@ -65,9 +79,9 @@ struct Manager::SignalBundle {
 
 struct Manager::Watch {
     // The handlers of the signal. With rearm, a bundle whose source an unload has retired is made anew.
-    [[gnu::cold]] boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<os::Pipe> const& pipe,
+    [[gnu::cold]] boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<Inbox> const& inbox,
                                                            bool rearm);
-    void drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe);
+    void drain(fd::Event* event, boost::shared_ptr<Inbox> const& inbox);
     std::vector<int> signals();
     void tell(int tid, detail::Answer& answer);
 
@@ -81,7 +95,7 @@ private:
     std::map<int, SignalBundle> bundles_ ZEL_GUARDED_BY(lock_);
 };
 
-boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::shared_ptr<os::Pipe> const& pipe,
+boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::shared_ptr<Inbox> const& inbox,
                                                          bool rearm) {
     std::map<int, SignalBundle>::node_type replaced; // outlives the lock, since it withdraws its registration
     boost::shared_ptr<HandlerList<int>> users;
@@ -95,7 +109,7 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
         } else {
             users = detail::make_shared<HandlerList<int>>(detail::make_shared<RecursiveThreadMutex>());
         }
-        SignalBundle fresh(signo, pipe, users);
+        SignalBundle fresh(signo, inbox, users);
         if (found != bundles_.end())
             fresh.arrivals = found->second.arrivals;
         replaced = bundles_.extract(signo);
@@ -116,7 +130,7 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::arrived(int signo) {
     return found->second.list;
 }
 
-void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& pipe) {
+void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<Inbox> const& inbox) {
     detail::QueuedWords queued(*event);
     detail::LoopRecord* const record = detail::LoopRecord::current();
     std::uint32_t word;
@@ -124,9 +138,9 @@ void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& 
         int const signo = static_cast<int>(word);
         boost::shared_ptr<HandlerList<int>> users = arrived(signo);
         if (!users)
-            users = list(signo, pipe, false);
+            users = list(signo, inbox, false); // throws for a number that is no signal's
         // No lock may be held here: the handlers may change this list, and run a nested loop.
-        detail::LoopRecord::Callback const callback(record, detail::Doing::signal, word);
+        detail::LoopRecord::Callback const callback(record, detail::Doing::signal, word, inbox->take(signo));
         Dispatch(*users, signo);
     }
 }
@@ -160,27 +174,26 @@ void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<os::Pipe> const& 
 }
 
 [[gnu::cold]] Manager::Manager()
-    : id_(detail::draw_id()), pipe_(detail::make_shared<os::Pipe>(false)),
-      watch_(detail::make_shared<Watch>()),
-      receptor_(pipe_->ReadFD(),
-                [watch = watch_, pipe = pipe_](fd::Event* event) { watch->drain(event, pipe); }) {}
+    : id_(detail::draw_id()), inbox_(detail::make_shared<Inbox>()), watch_(detail::make_shared<Watch>()),
+      receptor_(inbox_->pipe.ReadFD(),
+                [watch = watch_, inbox = inbox_](fd::Event* event) { watch->drain(event, inbox); }) {}
 
 Manager::~Manager() = default;
 
 [[gnu::cold]] boost::shared_ptr<Receptacle<int, unsigned long>> Manager::monitor(int signo) {
-    return watch_->list(signo, pipe_, true);
+    return watch_->list(signo, inbox_, true);
 }
 
 ssize_t Manager::signal_handler(int signo) {
-    return detail::write_word_in_signal(pipe_->WriteFD(), static_cast<std::uint32_t>(signo));
+    return inbox_->put(signo);
 }
 
 void Manager::fd_handler(fd::Event* event) {
-    watch_->drain(event, pipe_);
+    watch_->drain(event, inbox_);
 }
 
 int Manager::signal_fd() const {
-    return pipe_->ReadFD();
+    return inbox_->pipe.ReadFD();
 }
 
 void Manager::tell(int tid, detail::Answer& answer) const {

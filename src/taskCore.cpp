@@ -212,6 +212,8 @@ void Core::tell(int tid, detail::Answer& answer) {
         detail::Json& object = answer.begin();
         object.field("task", task.id).field("name", task.name).field("thread", tid);
         object.field("slices", task.slices).field("state", task.sleeping ? "sleeping" : "scheduled");
+        if (std::uint64_t const longest = detail::longest_slice_ns(static_cast<std::uint32_t>(task.id)))
+            object.field("longest_ns", longest);
         answer.end();
     }
 }

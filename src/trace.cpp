@@ -29,7 +29,7 @@ int const busy_wait_ms = 5; // a loop that does nothing but dispatch fills its r
 
 // A line that is no longer than this is written to a pipe whole or not at all.
 std::size_t const longest_line = PIPE_BUF;
-// Four numbers and a word, and what goes around the events of a line.
+// Five numbers and a word, and what goes around the events of a line.
 std::size_t const longest_event = 96;
 std::size_t const longest_frame = 160;
 
@@ -44,6 +44,10 @@ void append_event(std::string& text, Span const& span) {
     text += std::to_string(span.id);
     text += ',';
     text += std::to_string(span.tid);
+    if (span.late_ns != 0) {
+        text += ',';
+        text += std::to_string(span.late_ns);
+    }
     text += ']';
 }
 
@@ -67,7 +71,7 @@ char const* name_of(Trace::Topic topic) {
 // ---- Times of callbacks ---------------------------------------------------------------------------------
 
 void TimingTable::add(id_t group, Span const& span) {
-    Key const key(group, span.doing, span.id);
+    Key const key(span.doing, span.id, group);
     auto const found = by_key_.find(key);
     if (found != by_key_.end()) {
         entries_.splice(entries_.end(), entries_, found->second);
@@ -91,12 +95,23 @@ void TimingTable::add(id_t group, Span const& span) {
     ++entry.histogram[power];
 }
 
+std::uint64_t TimingTable::longest_ns(Doing doing, std::uint32_t id) const {
+    std::uint64_t longest = 0;
+    for (auto it = by_key_.lower_bound(Key(doing, id, 0)); it != by_key_.end(); ++it) {
+        Entry const& entry = *it->second;
+        if (std::get<0>(entry.key) != doing || std::get<1>(entry.key) != id)
+            break;
+        longest = std::max(longest, entry.longest_ns);
+    }
+    return longest;
+}
+
 void TimingTable::tell(Answer& answer) const {
     for (auto const& item : by_key_) {
         Entry const& entry = *item.second;
         Json& object = answer.begin();
-        object.field("group", std::get<0>(entry.key)).field("kind", detail::name_of(std::get<1>(entry.key)));
-        object.field("id", std::get<2>(entry.key)).field("thread", entry.tid).field("count", entry.count);
+        object.field("group", std::get<2>(entry.key)).field("kind", detail::name_of(std::get<0>(entry.key)));
+        object.field("id", std::get<1>(entry.key)).field("thread", entry.tid).field("count", entry.count);
         object.field("total_ns", entry.total_ns).field("longest_ns", entry.longest_ns);
         object.open_list("histogram");
         std::size_t used = powers;
@@ -154,6 +169,7 @@ void Trace::wish(Topic topic, int fd) {
         wishes_[static_cast<std::size_t>(known - wishes_.data())].until_ns = until;
     else
         wishes_.push_back(Wish{topic, fd, until, {}});
+    LoopRecord::let_anybody_trace(true);
     find_sources();
 }
 
@@ -186,6 +202,7 @@ void Trace::stop() {
     for (auto const& item : sources_)
         item.second.record->stop_tracing();
     sources_.clear();
+    LoopRecord::let_anybody_trace(false);
     busy_ = false;
 }
 
@@ -318,6 +335,11 @@ void tell_trace(Answer& answer) {
 
 void tell_timing(Answer& answer) {
     tell(Trace::Topic::timing, answer);
+}
+
+std::uint64_t longest_slice_ns(std::uint32_t task) {
+    Trace const* const trace = Trace::current();
+    return trace ? trace->timing().longest_ns(Doing::task, task) : 0;
 }
 
 } // namespace orn::zel::detail

@@ -33,13 +33,15 @@ class TimingTable {
 public:
     void add(id_t group, Span const& span);
     void tell(Answer& answer) const;
+    // In whatever group it was; 0 when there is no such entry.
+    std::uint64_t longest_ns(Doing doing, std::uint32_t id) const;
     unsigned long dropped() const { return dropped_; }
 
 private:
     static constexpr std::size_t most = 1024;
     static constexpr std::size_t powers = 40; // 2 to the 40th nanosecond is 18 minutes
 
-    using Key = std::tuple<id_t, Doing, std::uint32_t>;
+    using Key = std::tuple<Doing, std::uint32_t, id_t>; // the group comes last
     struct Entry {
         Key key;
         int tid;

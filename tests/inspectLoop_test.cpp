@@ -34,9 +34,9 @@ public:
     }
 
     // The object that has this value under the key; null when there is none.
-    Json find(std::string const& what, std::string const& key, int value) {
+    Json find(std::string const& what, std::string const& key, Json const& value) {
         for (Json const& object : ask(what)) {
-            if (object.value(key, -1) == value)
+            if (object.value(key, Json()) == value)
                 return object;
         }
         return {};
@@ -71,7 +71,8 @@ private:
                                  {"end", event[0].get<std::uint64_t>() + event[1].get<std::uint64_t>()},
                                  {"kind", event[2]},
                                  {"id", event[3]},
-                                 {"tid", event[4]}});
+                                 {"tid", event[4]},
+                                 {"late", event.size() > 5 ? event[5] : Json(0)}});
         } else if (object.contains("end")) {
             ended_ = true;
         } else {
@@ -352,6 +353,51 @@ TEST_F(InspectLoop, a_trace_nests_and_agrees_with_the_counters_and_the_times) {
     EXPECT_EQ(count, timed);
 }
 
+TEST_F(InspectLoop, a_trace_tells_when_alarms_were_due_and_signals_came_and_times_the_longest_slice) {
+    using orn::internal::now_ns;
+    unsigned long again = 0;
+    std::unique_ptr<Task> slow;
+    std::uint64_t times[4] = {};
+    int fired = 0;
+    worker.run([&] {
+        slow = std::make_unique<Task>([](task::Controller* self) { self->Sleep(); });
+        times[0] = now_ns();
+        again = alarm::manager()->AddAlarm(50, 50, [&] { ++fired; });
+        times[1] = now_ns();
+    });
+    viewer.ask("trace on");
+    viewer.ask("timing on");
+    worker.run([&] {
+        signal::AutoReceptor const watched(SIGUSR2, [](int) {});
+        times[2] = now_ns();
+        raise(SIGUSR2);
+        times[3] = now_ns();
+        SetAlarm(0, [&] { ++fired; });
+        slow->Run();
+        while (fired < 4)
+            RunOnce(-1);
+        alarm::manager()->DeleteAlarm(again);
+    });
+    Json const timed = viewer.find("timing", "kind", "task");
+    Json const task = viewer.find("tasks", "thread", worker.tid);
+    EXPECT_EQ((Json{timed["id"], timed["longest_ns"]}), (Json{task["task"], task["longest_ns"]}));
+    viewer.ask("timing off");
+    EXPECT_FALSE(viewer.find("tasks", "thread", worker.tid).contains("longest_ns"));
+
+    std::set<std::string> known;
+    for (Json const& span : viewer.spans) {
+        if (span["group"] != worker.group || span["late"] == 0)
+            continue;
+        std::uint64_t const came = span["begin"].get<std::uint64_t>() - span["late"].get<std::uint64_t>();
+        known.insert(span["id"] == again ? "again" : span["kind"]);
+        if (span["id"] == again) // armed before the trace, and keeps its phase
+            EXPECT_LE((came - times[0]) % 50000000, times[1] - times[0]) << span;
+        else
+            EXPECT_TRUE(times[2] <= came && (span["kind"] == "alarm" || came <= times[3])) << span;
+    }
+    EXPECT_EQ((std::set<std::string>{"again", "alarm", "signal"}), known);
+}
+
 TEST_F(InspectLoop, what_does_not_fit_is_counted_to_the_last_span) {
     auto const ring = std::make_unique<detail::SpanRing>();
     detail::Span span = {};
@@ -363,7 +409,7 @@ TEST_F(InspectLoop, what_does_not_fit_is_counted_to_the_last_span) {
     EXPECT_EQ(9u, taken[9].id);
     ring->push(span);
     EXPECT_EQ(5u, ring->lost());
-
+    Replaced const however_slow(detail::trace_wish_ns, 1000000000000U);
     Json const before = look();
     viewer.ask("trace on");
     // The client does not read meanwhile, so first its pipe is full and then the ring.
