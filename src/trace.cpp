@@ -203,6 +203,7 @@ void Trace::stop() {
         item.second.record->stop_tracing();
     sources_.clear();
     LoopRecord::let_anybody_trace(false);
+    std::vector<Span>().swap(spans_);
     busy_ = false;
 }
 
@@ -256,8 +257,10 @@ void Trace::drain(id_t group, Source& source) {
     busy_ = busy_ || count > SpanRing::size / 4;
     unsigned long const lost = ring.lost() - source.lost;
     source.lost += lost;
-    for (Wish& wish : wishes_)
-        wish.lost[group] += lost;
+    for (Wish& wish : wishes_) {
+        if (lost > 0)
+            wish.lost[group] += lost;
+    }
     if (wished(Topic::timing)) {
         for (std::size_t i = 0; i < count; ++i) {
             if (is_callback(spans_[i].doing))
@@ -287,13 +290,15 @@ void Trace::send(id_t group, Span const* spans, std::size_t count) {
 
 // The pipe takes the whole line, or the spans in it are lost to this client. The next line says so.
 void Trace::send_line(Wish& wish, id_t group, std::string const& events, std::size_t count) {
-    unsigned long& lost = wish.lost[group];
+    auto const known = wish.lost.find(group);
+    unsigned long const lost = known == wish.lost.end() ? 0 : known->second;
     std::string const line = "{\"inspect\":\"trace\",\"group\":" + std::to_string(group) +
                              ",\"lost\":" + std::to_string(lost) + ",\"events\":[" + events + "]}\n";
-    if (has_room(wish.fd) && cmd::Write(wish.fd, line) == static_cast<ssize_t>(line.size()))
-        lost = 0;
-    else
-        lost += count;
+    bool const taken = has_room(wish.fd) && cmd::Write(wish.fd, line) == static_cast<ssize_t>(line.size());
+    if (!taken)
+        wish.lost[group] = lost + count;
+    else if (known != wish.lost.end())
+        wish.lost.erase(known);
 }
 
 // ---- The words ------------------------------------------------------------------------------------------

@@ -93,7 +93,7 @@ private:
         Topic topic;
         int fd;
         std::uint64_t until_ns;
-        std::map<id_t, unsigned long> lost; // by group
+        std::map<id_t, unsigned long> lost; // by group; none for those that have lost nothing
     };
     // A group's record, kept until the last span is out of it.
     struct Source {
