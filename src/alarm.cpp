@@ -4,10 +4,7 @@
 // loop reads it there and calls the handler. The clock itself is the platform's.
 #include <orn/zel/alarm.hpp>
 
-#include <atomic>
 #include <memory>
-#include <mutex>
-#include <type_traits>
 #include <utility>
 
 #include <sys/time.h>
@@ -16,8 +13,8 @@
 #include <orn/log.h>
 #include <orn/zel/threadGroup.hpp>
 
+#include "alarmTable.hpp"
 #include "fork.hpp"
-#include "idTable.hpp"
 #include "inspect.hpp"
 #include "loopRecord.hpp"
 #include "observer.hpp"
@@ -49,156 +46,15 @@ void process_to_fd(unsigned long id, int fd) {
     return new os::Timer(callback);
 }
 
-// ---- The alarms of one manager --------------------------------------------------------------------------
+// ---- Calls from outside and from the loop ----------------------------------------------------------------
 
 namespace {
-
-// An alarm with its timer and a small handler in one piece of memory.
-struct Entry : TimerBlob {
-    Entry(Handler&& called, bool once) : TimerBlob(std::move(called), once) {}
-
-    void armed(unsigned long initialMs, unsigned long recurringMs) {
-        due_ms = internal::coarse_ms() + initialMs;
-        if (due_ms < initialMs)
-            due_ms = UINT64_MAX;
-        period_ms = recurringMs;
-    }
-
-    std::uint64_t left_ms(std::uint64_t now_ms) const {
-        if (due_ms > now_ms)
-            return due_ms - now_ms;
-        return period_ms > 0 ? period_ms - (now_ms - due_ms) % period_ms : 0;
-    }
-
-    std::atomic<unsigned> users{1}; // the table, and each dispatch in which the handler runs
-
-    // For those who look. The timer has the exact time.
-    std::uint64_t due_ms = 0; // for the first time
-    unsigned long period_ms = 0;
-    unsigned long fired = 0;
-};
-
-struct Release {
-    void operator()(Entry* entry) const {
-        // Nobody can join a last user, who therefore needs no locked instruction.
-        if (entry->users.load(std::memory_order_acquire) == 1 ||
-            entry->users.fetch_sub(1, std::memory_order_acq_rel) == 1)
-            delete entry;
-    }
-};
-
-using EntryUse = std::unique_ptr<Entry, Release>;
 
 EntryUse make_entry(Handler&& handler, unsigned long recurringMs) {
     if (handler.empty())
         throw Exception("NULL handler");
     return EntryUse(new Entry(std::move(handler), recurringMs == 0));
 }
-
-// A lock without a constructor or destructor, as lock_of() needs it.
-struct ZEL_CAPABILITY("mutex") TableLock {
-    std::mutex mutex;
-};
-
-class ZEL_SCOPED_CAPABILITY Guard {
-public:
-    explicit Guard(TableLock& lock) ZEL_ACQUIRE(lock) : held_(lock.mutex) {}
-    ~Guard() ZEL_RELEASE() {}
-
-private:
-    std::lock_guard<std::mutex> const held_;
-};
-
-// The lock of a table, which it may share with others. Who remembers a table that may have gone locks first,
-// and then asks whether the table still stands(). The locks are therefore never destroyed.
-TableLock& lock_of(Table const* table) {
-    static_assert(std::is_trivially_destructible_v<TableLock>, "used after static destructors");
-    static TableLock locks[16];
-    return locks[reinterpret_cast<std::uintptr_t>(table) / 64 % 16];
-}
-
-struct Owner {
-    int tid = 0;
-    pid_t pid = 0;
-};
-
-} // namespace
-
-// The pipe and the alarms. The handler on the pipe shares it with the manager, so that a dispatch which is
-// under way in another thread when the process exits still finds them.
-struct Table {
-    Table() : owner{thread::self(), detail::process_id()}, pipe(false), lock(lock_of(this)) {}
-    [[gnu::cold]] ~Table() {
-        clear();
-        close();
-        clear();
-    }
-
-    // The entry is the table's when this has returned.
-    id_t add(EntryUse& made, unsigned long initialMs, unsigned long recurringMs) ZEL_REQUIRES(lock);
-    bool reset(id_t id, unsigned long timeoutMs) ZEL_REQUIRES(lock);
-    // For an unload: forgets all alarms, and destroys them.
-    void close();
-    void clear();
-
-    Owner const owner; // whose alarms these are: a child of fork() does not serve its parent's
-    os::Pipe pipe;
-    // Guards the table and what its entries hold except the handlers: one thread may set an alarm while
-    // another runs the loop. Only the timers' own lock is taken under it. No entry may be destroyed under it,
-    // since a timer waits for its callback, and what a handler holds may call back into the library.
-    TableLock& lock;
-    detail::IdTable<Entry> alarms ZEL_GUARDED_BY(lock);
-    detail::IdTable<Entry> forgotten ZEL_GUARDED_BY(lock);
-    bool closed ZEL_GUARDED_BY(lock) = false; // but for who holds the manager
-};
-
-id_t Table::add(EntryUse& made, unsigned long initialMs, unsigned long recurringMs) {
-    id_t id;
-    // After the counter has wrapped, skip identifiers that older alarms still use.
-    do
-        id = detail::draw_id();
-    while (!alarms.insert(id, *made));
-    try {
-        // Moved some instructions after it is made: a large load has to wait for small stores to be done.
-        boost::function<void(os::Timer*)> expired(
-            [id, fd = pipe.WriteFD()](os::Timer*) { process_to_fd(id, fd); });
-        made->armed(initialMs, recurringMs);
-        made->timer.emplace(std::move(expired));
-        made->timer->Set(initialMs, recurringMs);
-    } catch (...) {
-        alarms.take(id);
-        throw;
-    }
-    static_cast<void>(made.release());
-    return id;
-}
-
-bool Table::reset(id_t id, unsigned long timeoutMs) {
-    Entry* const found = alarms.find(id);
-    if (!found)
-        return false;
-    found->one_shot = true;
-    found->armed(timeoutMs, 0);
-    found->timer->Set(timeoutMs, 0);
-    return true;
-}
-
-[[gnu::cold]] void Table::close() {
-    Guard const guard(lock);
-    closed = true;
-    forgotten.swap(alarms);
-}
-
-[[gnu::cold]] void Table::clear() {
-    detail::IdTable<Entry> destroyed;
-    {
-        Guard const guard(lock);
-        destroyed.swap(forgotten);
-    }
-    destroyed.each([](id_t, Entry& entry) { Release()(&entry); });
-}
-
-namespace {
 
 unsigned const kept = ~0u; // the number of no unload: the caller holds the table's manager
 
@@ -287,6 +143,7 @@ void drain(Table& table, fd::Event* event) {
         // nested turn.
         EntryUse due;
         bool last;
+        std::uint64_t came_ns;
         {
             Guard const guard(table.lock);
             due.reset(table.alarms.find(word));
@@ -298,12 +155,13 @@ void drain(Table& table, fd::Event* event) {
             else
                 ++due->users;
             ++due->fired;
+            came_ns = due->expiry.noted() ? due->take_arrival() : 0;
         }
         detail::alarm_observer.report([id](detail::PlainText& line) { line << "ALARM: id=" << id; });
         if (last)
             due->timer.reset();
         // No lock may be held here: a handler may add, reset and delete alarms, its own included.
-        detail::LoopRecord::Callback const callback(record, detail::Doing::alarm, word);
+        detail::LoopRecord::Callback const callback(record, detail::Doing::alarm, word, came_ns);
         due->handler();
     }
 }
@@ -344,7 +202,7 @@ void Manager::fd_handler(fd::Event* event) {
     };
     std::vector<Copy> copies; // so that the loop does not wait for the lock while the text is composed
     {
-        std::uint64_t const now_ms = internal::coarse_ms();
+        std::uint64_t const now_ms = internal::now_ns() / ns_per_ms;
         Guard const guard(table_->lock);
         copies.reserve(table_->alarms.size());
         table_->alarms.each([&](id_t id, Entry const& alarm) {

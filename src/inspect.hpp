@@ -9,6 +9,7 @@
 #define ZEL_SRC_INSPECT_HPP
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "json.hpp"
@@ -53,6 +54,10 @@ void tell_process(Answer& answer);
 void tell_threads(Answer& answer);
 void tell_timing(Answer& answer);
 void tell_trace(Answer& answer);
+
+// A task's, since somebody wishes for times; 0 when nobody does, or when it has had none since. On the
+// command thread, 0 on any other.
+std::uint64_t longest_slice_ns(std::uint32_t task);
 
 } // namespace orn::zel::detail
 

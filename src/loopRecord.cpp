@@ -65,11 +65,12 @@ LoopRecord::Look LoopRecord::look() const {
     look.sleeping = get(sleeping_);
     // A loop whose callbacks change in the midst of each of these looks is stuck in none.
     for (int tries = 0; tries < 100; ++tries) {
-        std::uint32_t const before = sequence_.load(std::memory_order_acquire);
         Doing const doing = doing_.load(std::memory_order_acquire);
-        std::uint32_t const id = id_.load(std::memory_order_acquire);
+        if (doing == Doing::nothing)
+            break;
+        std::uint32_t const id = id_of(doing).load(std::memory_order_acquire);
         unsigned long const since = since_ms_.load(std::memory_order_acquire);
-        if (before % 2 != 0 || get(sequence_) != before)
+        if (get(doing_) != doing || get(id_of(doing)) != id || get(since_ms_) != since)
             continue;
         look.doing = doing;
         look.id = id;
@@ -89,7 +90,8 @@ SpanRing& LoopRecord::trace() {
     return *owned_;
 }
 
-void LoopRecord::end_span(std::uint64_t begin_ns, Doing doing, std::uint32_t id) {
+void LoopRecord::add_span(std::uint64_t begin_ns, std::uint64_t end_ns, Doing doing, std::uint32_t id,
+                          std::uint64_t came_ns) {
     SpanRing* const ring = ring_.load(std::memory_order_acquire);
     if (!ring)
         return;
@@ -97,7 +99,57 @@ void LoopRecord::end_span(std::uint64_t begin_ns, Doing doing, std::uint32_t id)
         stop_tracing();
         return;
     }
-    ring->push(Span{begin_ns, internal::now_ns(), id, get(tid_), doing});
+    std::uint64_t const late = came_ns != 0 && came_ns < begin_ns ? begin_ns - came_ns : 0;
+    ring->push(Span{begin_ns, end_ns, id, get(tid_), late & most_late_ns, doing});
+}
+
+void LoopRecord::Callback::begin_traced(std::uint32_t id, std::uint64_t came_ns) {
+    id_ = id;
+    begin_ns_ = internal::now_ns();
+    came_ns_ = came_ns;
+    outer_since_ms_ = get(record_->since_ms_);
+    set(record_->since_ms_, ms_of(begin_ns_));
+}
+
+void LoopRecord::Callback::next_traced(std::uint32_t id) {
+    if (begin_ns_ == 0) { // the trace has begun in the midst of the row
+        begin_traced(id, 0);
+        return;
+    }
+    std::uint64_t const now = internal::now_ns();
+    record_->add_span(begin_ns_, now, doing_, id_, came_ns_);
+    id_ = id;
+    begin_ns_ = now;
+    came_ns_ = 0;
+    set(record_->since_ms_, ms_of(now));
+}
+
+void LoopRecord::Callback::end_traced() const {
+    record_->add_span(begin_ns_, internal::now_ns(), doing_, id_, came_ns_);
+    set(record_->since_ms_, outer_since_ms_);
+}
+
+// ---- Arrivals -------------------------------------------------------------------------------------------
+
+namespace {
+
+unsigned const arrival_shift = sizeof(unsigned long) < sizeof(std::uint64_t) ? 10 : 0;
+
+unsigned long units_of(std::uint64_t ns) {
+    return static_cast<unsigned long>(ns >> arrival_shift);
+}
+
+} // namespace
+
+void Arrival::note_now() {
+    at_.store(units_of(internal::now_ns()) | 1, std::memory_order_relaxed); // 0 is none
+}
+
+std::uint64_t Arrival::take() {
+    std::uint64_t const now = internal::now_ns();
+    unsigned long const ago = units_of(now) - at_.load(std::memory_order_relaxed);
+    at_.store(0, std::memory_order_relaxed);
+    return now - (static_cast<std::uint64_t>(ago) << arrival_shift);
 }
 
 } // namespace orn::zel::detail

@@ -29,8 +29,11 @@ struct Span {
     std::uint64_t end_ns;
     std::uint32_t id;
     int tid;
-    Doing doing;
+    std::uint64_t late_ns : 56; // what is served had arrived so long before the beginning; 0: not known
+    Doing doing : 8;
 };
+
+constexpr std::uint64_t most_late_ns = (std::uint64_t(1) << 56) - 1; // two years
 
 // Spans on their way from the runner to the command thread. Neither waits for the other. A span goes in when
 // it ends, as a whole: one that does not fit leaves no half behind.
@@ -59,7 +62,7 @@ private:
     Span spans_[size] = {};
 };
 
-// In one line of the processor's cache, but for what is there for the traces.
+// What costs a turn or a callback something is in one line of the processor's cache.
 class alignas(64) LoopRecord {
 public:
     // The record of the innermost turn on the calling thread's stack; null outside of a turn. It stays good
@@ -91,71 +94,82 @@ public:
     };
     Look look() const;
 
+    // Whether any record may be traced. Any context.
+    static bool anybody_traces() { return get(any_traced); }
+
     // The command thread's. Spans go to the ring while the record is traced. The ring stays until the record
     // goes, because the runner may be in it.
     SpanRing& trace();
     bool traced() const { return get(ring_) != nullptr; }
     void stop_tracing() { ring_.store(nullptr, std::memory_order_relaxed); }
+    static void let_anybody_trace(bool may) { set(any_traced, may); }
 
 private:
     template <class Number>
     static Number get(std::atomic<Number> const& word) {
         return word.load(std::memory_order_relaxed);
     }
+    template <class Number>
+    static void set(std::atomic<Number>& word, Number value) {
+        word.store(value, std::memory_order_relaxed);
+    }
     // No instruction that locks the bus: nobody else writes the word.
     template <class Number>
     static void add(std::atomic<Number>& word) {
-        word.store(get(word) + 1, std::memory_order_relaxed);
+        set(word, get(word) + 1);
     }
 
     // CLOCK_MONOTONIC in ms, exact to a tick of the kernel. One word, so that it can be read at any time on
     // 32-bit machines, too, where it wraps after 49 days.
     static unsigned long coarse_ms() { return static_cast<unsigned long>(internal::coarse_ms()); }
+    static unsigned long ms_of(std::uint64_t ns) { return static_cast<unsigned long>(ns / 1000000); }
 
     // The time of a span's beginning. 0: nobody traces.
-    std::uint64_t begin_span() const { return traced() ? internal::now_ns() : 0; }
-    void end_span(std::uint64_t begin_ns, Doing doing, std::uint32_t id);
-
-    // Kind, number and time belong together. A reader that finds the sequence odd, or changed, reads again.
-    // Plain stores on x86; where the processor may reorder them, release keeps their order.
-    void set_callback(Doing doing, std::uint32_t id, unsigned long since_ms) {
-        std::uint32_t const sequence = get(sequence_);
-        sequence_.store(sequence + 1, std::memory_order_relaxed);
-        doing_.store(doing, std::memory_order_release);
-        id_.store(id, std::memory_order_release);
-        since_ms_.store(since_ms, std::memory_order_release);
-        sequence_.store(sequence + 2, std::memory_order_release);
+    std::uint64_t begin_span() const { return traced() ? span_time() : 0; }
+    [[gnu::cold, gnu::noinline]] static std::uint64_t span_time() { return internal::now_ns(); }
+    [[gnu::cold, gnu::noinline]] void end_span(std::uint64_t begin_ns, Doing doing, std::uint32_t id) {
+        add_span(begin_ns, internal::now_ns(), doing, id, 0);
     }
+    void add_span(std::uint64_t begin_ns, std::uint64_t end_ns, Doing doing, std::uint32_t id,
+                  std::uint64_t came_ns);
+
+    // Each kind has an identifier of its own, so that no reader takes one for that of another kind.
+    static std::size_t index_of(Doing doing) {
+        return static_cast<std::size_t>(doing) - static_cast<std::size_t>(Doing::fd);
+    }
+    std::atomic<std::uint32_t>& id_of(Doing doing) { return ids_[index_of(doing)]; }
+    std::atomic<std::uint32_t> const& id_of(Doing doing) const { return ids_[index_of(doing)]; }
 
     static inline thread_local LoopRecord* running = nullptr;
+    static inline std::atomic<bool> any_traced{false};
 
     std::atomic<unsigned long> turns_{0};
     std::atomic<unsigned long> dispatches_{0};
-    std::atomic<unsigned long> rebuilds_{0};
     std::atomic<unsigned long> turn_began_ms_{0};
-    std::atomic<unsigned long> since_ms_{0};
-    std::atomic<std::uint32_t> descriptors_{0};
-    std::atomic<std::uint32_t> sequence_{0};
-    std::atomic<std::uint32_t> id_{0};
+    std::atomic<unsigned long> since_ms_{0}; // the latest turn, or the end of its wait, or a traced callback
+    std::atomic<SpanRing*> ring_{nullptr};   // null while nobody traces
+    std::atomic<std::uint32_t> ids_[4]{};    // of the innermost callback of each kind
     std::atomic<Doing> doing_{Doing::nothing};
     std::atomic<bool> sleeping_{false};
-    std::atomic<SpanRing*> ring_{nullptr}; // null while nobody traces
+    std::atomic<int> tid_{0}; // the runner's
 
-    std::atomic<int> tid_{0};                // the runner's
-    std::atomic<unsigned long> clock_ms_{0}; // when the latest turn began, or the wait in it ended
+    alignas(64) std::atomic<unsigned long> rebuilds_{0};
+    std::atomic<std::uint32_t> descriptors_{0};
     std::unique_ptr<SpanRing> owned_;
 };
 
 // One turn, or one pass of a run call that makes several.
 class LoopRecord::Turn {
 public:
-    Turn(LoopRecord& record, int tid) : record_(record), slot_(running), outer_(slot_) {
+    Turn(LoopRecord& record, int tid)
+        : record_(record), slot_(running), outer_(slot_), outer_since_ms_(get(record.since_ms_)) {
         slot_ = &record;
-        record.tid_.store(tid, std::memory_order_relaxed);
+        set(record.tid_, tid);
         begin();
     }
     ~Turn() {
         end();
+        set(record_.since_ms_, outer_since_ms_);
         slot_ = outer_;
     }
     Turn(Turn const&) = delete;
@@ -168,13 +182,13 @@ public:
 
 private:
     void begin() {
-        LoopRecord& record = record_;
-        add(record.turns_);
+        add(record_.turns_);
         unsigned long const now = coarse_ms();
-        record.turn_began_ms_.store(now, std::memory_order_relaxed);
-        record.clock_ms_.store(now, std::memory_order_relaxed);
-        number_ = static_cast<std::uint32_t>(get(record.turns_));
-        begin_ns_ = record.begin_span();
+        set(record_.turn_began_ms_, now);
+        set(record_.since_ms_, now);
+        begin_ns_ = record_.begin_span();
+        if (begin_ns_ != 0)
+            number_ = static_cast<std::uint32_t>(get(record_.turns_));
     }
     void end() {
         if (begin_ns_ != 0)
@@ -184,19 +198,20 @@ private:
     LoopRecord& record_;
     LoopRecord*& slot_; // the thread's, looked up once
     LoopRecord* const outer_;
-    std::uint32_t number_;
+    unsigned long const outer_since_ms_; // of a callback that this turn is inside of
     std::uint64_t begin_ns_;
+    std::uint32_t number_ = 0; // counted on by the turns inside of this one
 };
 
 // The wait of a turn. Keeps errno.
 class LoopRecord::Sleep {
 public:
     explicit Sleep(LoopRecord& record) : record_(record), begin_ns_(record.begin_span()) {
-        record_.sleeping_.store(true, std::memory_order_relaxed);
+        set(record.sleeping_, true);
     }
     ~Sleep() {
-        record_.sleeping_.store(false, std::memory_order_relaxed);
-        record_.clock_ms_.store(coarse_ms(), std::memory_order_relaxed);
+        set(record_.sleeping_, false);
+        set(record_.since_ms_, coarse_ms());
         if (begin_ns_ != 0)
             record_.end_span(begin_ns_, Doing::sleep, 0);
     }
@@ -212,54 +227,75 @@ private:
 // it. Without a record it does nothing.
 class LoopRecord::Callback {
 public:
-    Callback(LoopRecord* record, Doing doing) : record_(record), doing_(doing) {}
-    Callback(LoopRecord* record, Doing doing, std::uint32_t id) : Callback(record, doing) { next(id); }
-    ~Callback() {
-        if (!record_ || !begun_)
+    // came_ns: when what the handler is called for arrived; 0 when that is not known.
+    Callback(LoopRecord* record, Doing doing, std::uint32_t id, std::uint64_t came_ns = 0)
+        : record_(record), doing_(doing) {
+        if (!record)
             return;
-        end();
-        record_->set_callback(outer_, outer_id_, outer_since_ms_);
+        outer_ = get(record->doing_);
+        outer_id_ = get(record->id_of(doing));
+        set(record->id_of(doing), id);
+        record->doing_.store(doing, std::memory_order_release);
+        begin_ns_ = 0;
+        if (record->traced())
+            begin_traced(id, came_ns);
+    }
+    ~Callback() {
+        if (!record_)
+            return;
+        if (begin_ns_ != 0)
+            end_traced();
+        set(record_->doing_, outer_);
+        set(record_->id_of(doing_), outer_id_);
     }
     Callback(Callback const&) = delete;
     Callback& operator=(Callback const&) = delete;
 
-    // The one before it, if any, has ended.
+    // The one before has ended just now. A slice costs less than two looks at the clock, so a traced one
+    // begins when the one before ends.
     void next(std::uint32_t id) {
         if (!record_)
             return;
-        end();
-        id_ = id;
-        begin_ns_ = record_->begin_span();
-        if (!begun_) {
-            begun_ = true;
-            outer_ = get(record_->doing_);
-            outer_id_ = get(record_->id_);
-            outer_since_ms_ = get(record_->since_ms_);
-        } else if (begin_ns_ == 0) {
-            // The kind stays, so kind and number fit together at any moment. The time stays as well, because
-            // a slice costs less than a few looks at the clock.
-            record_->id_.store(id, std::memory_order_relaxed);
-            return;
-        }
-        record_->set_callback(doing_, id,
-                              begin_ns_ != 0 ? static_cast<unsigned long>(begin_ns_ / 1000000)
-                                             : get(record_->clock_ms_));
+        set(record_->id_of(doing_), id);
+        if (begin_ns_ != 0 || record_->traced())
+            next_traced(id);
     }
 
 private:
-    void end() {
-        if (begin_ns_ != 0)
-            record_->end_span(begin_ns_, doing_, id_);
-    }
+    [[gnu::cold, gnu::noinline]] void begin_traced(std::uint32_t id, std::uint64_t came_ns);
+    [[gnu::cold, gnu::noinline]] void next_traced(std::uint32_t id);
+    [[gnu::cold, gnu::noinline]] void end_traced() const;
 
+    // Only the first two have a value without a record, and only the first five without a trace.
     LoopRecord* const record_;
     Doing const doing_;
-    bool begun_ = false;
-    Doing outer_ = Doing::nothing;
-    std::uint32_t outer_id_ = 0;
-    std::uint32_t id_ = 0;
-    unsigned long outer_since_ms_ = 0;
-    std::uint64_t begin_ns_ = 0;
+    Doing outer_;
+    std::uint32_t outer_id_;
+    std::uint64_t begin_ns_; // 0: nobody traced then
+    std::uint64_t came_ns_;
+    unsigned long outer_since_ms_;
+    std::uint32_t id_;
+};
+
+// When something arrived that the loop will find later. Whoever tells the loop of it notes the time, perhaps
+// in signal context, and the loop takes it. Of several that arrive meanwhile the first one's time counts.
+//
+// One word, which no machine needs a lock for. Where it has 32 bits it counts in units of 1,024 ns, and wraps
+// after 73 minutes.
+class Arrival {
+public:
+    void note() {
+        if (LoopRecord::anybody_traces() && !noted())
+            note_now();
+    }
+    bool noted() const { return at_.load(std::memory_order_relaxed) != 0; }
+    // What has been noted, in ns.
+    std::uint64_t take();
+
+private:
+    [[gnu::cold]] void note_now();
+
+    std::atomic<unsigned long> at_{0};
 };
 
 } // namespace orn::zel::detail

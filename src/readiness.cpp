@@ -201,7 +201,7 @@ void Readiness::set(Watch const& watch) {
     if (!slot.polled && epoll_ != -1)
         control(EPOLL_CTL_DEL, slot);
     forget_polled(slot);
-    slots_.erase(static_cast<id_t>(slot.fd));
+    slots_.take(static_cast<id_t>(slot.fd));
     delete &slot;
 }
 

@@ -64,40 +64,45 @@ private:
 
 } // namespace
 
-// Keeps count of the arrivals in it.
-struct Manager::WordPipe : os::Pipe {
-    WordPipe() : Pipe(false) {}
-
-    ssize_t write(int signo) {
-        ssize_t const written = detail::write_word_in_signal(WriteFD(), static_cast<std::uint32_t>(signo));
+// Where signal context leaves word of an arrival, for the loop to find.
+struct Manager::Inbox {
+    ssize_t put(int signo) {
+        if (signo > 0 && signo < NSIG)
+            arrivals[signo].note();
+        ssize_t const written =
+            detail::write_word_in_signal(pipe.WriteFD(), static_cast<std::uint32_t>(signo));
         if (written > 0)
             count.written();
         return written;
     }
 
-    detail::WordCount count;
-};
+    // When it arrived; 0 when nobody traced then.
+    std::uint64_t take(int signo) { return arrivals[signo].noted() ? arrivals[signo].take() : 0; }
 
-// What signal context calls for a watching manager. It shares the pipe, which must outlive an arrival that
-// is under way.
-struct Manager::Arrival {
-    void operator()(int signo) const {
-        // A child of fork() shares the pipe with its parent, who was not sent this signal.
-        if (detail::SignalGate::lineage() == born)
-            pipe->write(signo);
-    }
-
-    boost::shared_ptr<WordPipe> pipe;
-    unsigned born;
+    os::Pipe pipe{false};
+    detail::WordCount count; // of what is in the pipe
+    detail::Arrival arrivals[NSIG];
 };
 
 // What a manager keeps for a signal that it watches. It shares the source, whose list must outlive the
 // registration in it even when an unload has retired the source.
 struct Manager::SignalBundle {
-    SignalBundle(int signo, boost::shared_ptr<WordPipe> const& pipe,
+    // What signal context calls. It shares the inbox, which must outlive an arrival that is under way.
+    struct Arrival {
+        void operator()(int signo) const {
+            // A child of fork() shares the pipe with its parent, who was not sent this signal.
+            if (detail::SignalGate::lineage() == born)
+                inbox->put(signo);
+        }
+
+        boost::shared_ptr<Inbox> inbox;
+        unsigned born;
+    };
+
+    SignalBundle(int signo, boost::shared_ptr<Inbox> const& inbox,
                  boost::shared_ptr<CountedList> const& users)
         : source(sigHandler(signo)),
-          registration(source->handlers(), Arrival{pipe, detail::SignalGate::lineage()}), list(users),
+          registration(source->handlers(), Arrival{inbox, detail::SignalGate::lineage()}), list(users),
           arrivals(0) {}
 
     boost::shared_ptr<SignalHandler> source;
@@ -108,9 +113,9 @@ struct Manager::SignalBundle {
 
 struct Manager::Watch {
     // The handlers of the signal. With rearm, a bundle whose source an unload has retired is made anew.
-    [[gnu::cold]] boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<WordPipe> const& pipe,
+    [[gnu::cold]] boost::shared_ptr<HandlerList<int>> list(int signo, boost::shared_ptr<Inbox> const& inbox,
                                                            bool rearm);
-    void drain(fd::Event* event, boost::shared_ptr<WordPipe> const& pipe);
+    void drain(fd::Event* event, boost::shared_ptr<Inbox> const& inbox);
     std::vector<int> signals();
     void tell(int tid, detail::Answer& answer);
 
@@ -124,7 +129,7 @@ private:
     std::map<int, SignalBundle> bundles_ ZEL_GUARDED_BY(lock_);
 };
 
-boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::shared_ptr<WordPipe> const& pipe,
+boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::shared_ptr<Inbox> const& inbox,
                                                          bool rearm) {
     std::map<int, SignalBundle>::node_type replaced; // outlives the lock, since it withdraws its registration
     boost::shared_ptr<CountedList> users;
@@ -138,7 +143,7 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::list(int signo, boost::share
         } else {
             users = detail::make_shared<CountedList>();
         }
-        SignalBundle fresh(signo, pipe, users);
+        SignalBundle fresh(signo, inbox, users);
         if (found != bundles_.end())
             fresh.arrivals = found->second.arrivals;
         replaced = bundles_.extract(signo);
@@ -159,17 +164,17 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::arrived(int signo) {
     return found->second.list;
 }
 
-void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<WordPipe> const& pipe) {
-    detail::QueuedWords queued(*event, &pipe->count);
+void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<Inbox> const& inbox) {
+    detail::QueuedWords queued(*event, &inbox->count);
     detail::LoopRecord* const record = detail::LoopRecord::current();
     std::uint32_t word;
     while (queued.next(word)) {
         int const signo = static_cast<int>(word);
         boost::shared_ptr<HandlerList<int>> users = arrived(signo);
         if (!users)
-            users = list(signo, pipe, false);
+            users = list(signo, inbox, false); // throws for a number that is no signal's
         // No lock may be held here: the handlers may change this list, and run a nested loop.
-        detail::LoopRecord::Callback const callback(record, detail::Doing::signal, word);
+        detail::LoopRecord::Callback const callback(record, detail::Doing::signal, word, inbox->take(signo));
         Dispatch(*users, signo);
     }
 }
@@ -203,26 +208,26 @@ void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<WordPipe> const& 
 }
 
 [[gnu::cold]] Manager::Manager()
-    : id_(detail::draw_id()), pipe_(detail::make_shared<WordPipe>()), watch_(detail::make_shared<Watch>()),
-      receptor_(pipe_->ReadFD(),
-                [watch = watch_, pipe = pipe_](fd::Event* event) { watch->drain(event, pipe); }) {}
+    : id_(detail::draw_id()), inbox_(detail::make_shared<Inbox>()), watch_(detail::make_shared<Watch>()),
+      receptor_(inbox_->pipe.ReadFD(),
+                [watch = watch_, inbox = inbox_](fd::Event* event) { watch->drain(event, inbox); }) {}
 
 Manager::~Manager() = default;
 
 [[gnu::cold]] boost::shared_ptr<Receptacle<int, unsigned long>> Manager::monitor(int signo) {
-    return watch_->list(signo, pipe_, true);
+    return watch_->list(signo, inbox_, true);
 }
 
 ssize_t Manager::signal_handler(int signo) {
-    return pipe_->write(signo);
+    return inbox_->put(signo);
 }
 
 void Manager::fd_handler(fd::Event* event) {
-    watch_->drain(event, pipe_);
+    watch_->drain(event, inbox_);
 }
 
 int Manager::signal_fd() const {
-    return pipe_->ReadFD();
+    return inbox_->pipe.ReadFD();
 }
 
 void Manager::tell(int tid, detail::Answer& answer) const {

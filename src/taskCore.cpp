@@ -3,6 +3,7 @@
 // A task's way from the call that schedules it to its slice. The model and its words are in taskCore.hpp.
 #include "taskCore.hpp"
 
+#include <optional>
 #include <utility>
 
 #include <unistd.h>
@@ -12,7 +13,7 @@
 
 #include "fork.hpp"
 #include "loopRecord.hpp"
-#include "trace.hpp"
+#include "observer.hpp"
 
 namespace orn::zel::task {
 
@@ -206,15 +207,12 @@ void Core::retire(ControllerImpl& task, Functions& functions) {
         for (ControllerImpl const* const task : tasks_.ascending())
             copies.push_back(Copy{task->id_, task->spec_.name, task->runCount(), task->sleeping()});
     }
-    detail::Trace const* const trace = detail::Trace::current();
     for (Copy const& task : copies) {
         detail::Json& object = answer.begin();
         object.field("task", task.id).field("name", task.name).field("thread", tid);
         object.field("slices", task.slices).field("state", task.sleeping ? "sleeping" : "scheduled");
-        std::uint64_t const longest_ns =
-            trace ? trace->timing().longest_ns(detail::Doing::task, static_cast<std::uint32_t>(task.id)) : 0;
-        if (longest_ns != 0)
-            object.field("longest_ns", longest_ns);
+        if (std::uint64_t const longest = detail::longest_slice_ns(static_cast<std::uint32_t>(task.id)))
+            object.field("longest_ns", longest);
         answer.end();
     }
 }
@@ -422,10 +420,14 @@ void Core::handle(fd::Event* event) {
 
 void Core::run_queue() {
     Round round(*this);
-    detail::LoopRecord::Callback callback(detail::LoopRecord::current(), detail::Doing::task);
+    std::optional<detail::LoopRecord::Callback> callback;
     bool again = false;
     while (ControllerImpl* const task = round.next(again)) {
-        callback.next(static_cast<std::uint32_t>(task->id_));
+        std::uint32_t const id = static_cast<std::uint32_t>(task->id_);
+        if (callback)
+            callback->next(id);
+        else
+            callback.emplace(detail::LoopRecord::current(), detail::Doing::task, id);
         again = slice(*task);
     }
 }
@@ -448,7 +450,8 @@ bool Core::slice(ControllerImpl& task) {
     if (task.complete_)
         return false;
     ++task.run_count_;
-    task.display_task("Run");
+    if (detail::task_observer.fd() != -1) // else not even the string is made
+        task.display_task("Run");
     // No lock may be held here: the body may start, complete and cancel tasks, and run a nested loop.
     task.spec_.fn(&task);
     return !task.complete_ && !task.sleeping_;

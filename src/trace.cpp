@@ -29,7 +29,7 @@ int const busy_wait_ms = 5; // a loop that does nothing but dispatch fills its r
 
 // A line that is no longer than this is written to a pipe whole or not at all.
 std::size_t const longest_line = PIPE_BUF;
-// Four numbers and a word, and what goes around the events of a line.
+// Five numbers and a word, and what goes around the events of a line.
 std::size_t const longest_event = 96;
 std::size_t const longest_frame = 160;
 
@@ -44,6 +44,10 @@ void append_event(std::string& text, Span const& span) {
     text += std::to_string(span.id);
     text += ',';
     text += std::to_string(span.tid);
+    if (span.late_ns != 0) {
+        text += ',';
+        text += std::to_string(span.late_ns);
+    }
     text += ']';
 }
 
@@ -162,6 +166,7 @@ void Trace::wish(Topic topic, int fd) {
         wishes_[static_cast<std::size_t>(known - wishes_.data())].until_ns = until;
     else
         wishes_.push_back(Wish{topic, fd, until, {}});
+    LoopRecord::let_anybody_trace(true);
     find_sources();
 }
 
@@ -194,6 +199,8 @@ void Trace::stop() {
     for (auto const& item : sources_)
         item.second.record->stop_tracing();
     sources_.clear();
+    LoopRecord::let_anybody_trace(false);
+    std::vector<Span>().swap(spans_);
     busy_ = false;
 }
 
@@ -247,8 +254,10 @@ void Trace::drain(id_t group, Source& source) {
     busy_ = busy_ || count > SpanRing::size / 4;
     unsigned long const lost = ring.lost() - source.lost;
     source.lost += lost;
-    for (Wish& wish : wishes_)
-        wish.lost[group] += lost;
+    for (Wish& wish : wishes_) {
+        if (lost > 0)
+            wish.lost[group] += lost;
+    }
     if (wished(Topic::timing)) {
         for (std::size_t i = 0; i < count; ++i) {
             if (is_callback(spans_[i].doing))
@@ -278,13 +287,15 @@ void Trace::send(id_t group, Span const* spans, std::size_t count) {
 
 // The pipe takes the whole line, or the spans in it are lost to this client. The next line says so.
 void Trace::send_line(Wish& wish, id_t group, std::string const& events, std::size_t count) {
-    unsigned long& lost = wish.lost[group];
+    auto const known = wish.lost.find(group);
+    unsigned long const lost = known == wish.lost.end() ? 0 : known->second;
     std::string const line = "{\"inspect\":\"trace\",\"group\":" + std::to_string(group) +
                              ",\"lost\":" + std::to_string(lost) + ",\"events\":[" + events + "]}\n";
-    if (has_room(wish.fd) && cmd::Write(wish.fd, line) == static_cast<ssize_t>(line.size()))
-        lost = 0;
-    else
-        lost += count;
+    bool const taken = has_room(wish.fd) && cmd::Write(wish.fd, line) == static_cast<ssize_t>(line.size());
+    if (!taken)
+        wish.lost[group] = lost + count;
+    else if (known != wish.lost.end())
+        wish.lost.erase(known);
 }
 
 // ---- The words ------------------------------------------------------------------------------------------
@@ -326,6 +337,11 @@ void tell_trace(Answer& answer) {
 
 void tell_timing(Answer& answer) {
     tell(Trace::Topic::timing, answer);
+}
+
+std::uint64_t longest_slice_ns(std::uint32_t task) {
+    Trace const* const trace = Trace::current();
+    return trace ? trace->timing().longest_ns(Doing::task, task) : 0;
 }
 
 } // namespace orn::zel::detail

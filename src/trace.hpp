@@ -33,7 +33,7 @@ class TimingTable {
 public:
     void add(id_t group, Span const& span);
     void tell(Answer& answer) const;
-    // The longest call of a callback, in whichever group. 0 when it is not in the table.
+    // In whatever group it was; 0 when there is no such entry.
     std::uint64_t longest_ns(Doing doing, std::uint32_t id) const;
     unsigned long dropped() const { return dropped_; }
 
@@ -41,7 +41,7 @@ private:
     static constexpr std::size_t most = 1024;
     static constexpr std::size_t powers = 40; // 2 to the 40th nanosecond is 18 minutes
 
-    using Key = std::tuple<Doing, std::uint32_t, id_t>;
+    using Key = std::tuple<Doing, std::uint32_t, id_t>; // the group comes last
     struct Entry {
         Key key;
         int tid;
@@ -93,7 +93,7 @@ private:
         Topic topic;
         int fd;
         std::uint64_t until_ns;
-        std::map<id_t, unsigned long> lost; // by group
+        std::map<id_t, unsigned long> lost; // by group; none for those that have lost nothing
     };
     // A group's record, kept until the last span is out of it.
     struct Source {

@@ -2,7 +2,7 @@
 
 find_package(nlohmann_json QUIET)
 if(TARGET nlohmann_json::nlohmann_json)
-    foreach(name inspect_test inspectLoop_test)
+    foreach(name inspect_test inspectLoop_test trace_test)
         zel_add_test(${name} SOURCES ${name}.cpp support/Support.cpp
             LIBRARIES zel_static nlohmann_json::nlohmann_json)
     endforeach()

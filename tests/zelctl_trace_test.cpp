@@ -36,7 +36,11 @@ protected:
 // The events of a file, looked at as a viewer does.
 struct Trace {
     explicit Trace(std::string const& text) : whole(Json::parse(text, nullptr, false)) {
-        std::map<std::pair<int, int>, std::vector<double>> open; // the ends of slices, by track
+        struct Slice {
+            double begin;
+            double end;
+        };
+        std::map<std::pair<int, int>, std::vector<Slice>> open; // by track
         std::map<int, double> arrows;
         double now = 0;
         for (Json const& event : whole.is_object() ? whole["traceEvents"] : Json::array()) {
@@ -50,18 +54,22 @@ struct Trace {
             if (event["ph"] == "X") {
                 ++count[event["cat"]];
                 double const end = at + event["dur"].get<double>();
-                std::vector<double>& ends = open[{event["pid"], event["tid"]}];
+                std::vector<Slice>& slices = open[{event["pid"], event["tid"]}];
                 double const less_than_a_ns = 0.0005;
-                while (!ends.empty() && ends.back() <= at + less_than_a_ns)
-                    ends.pop_back();
-                EXPECT_TRUE(ends.empty() || end <= ends.back() + less_than_a_ns) << "not nested: " << event;
-                ends.push_back(end);
+                while (!slices.empty() && slices.back().end <= at + less_than_a_ns)
+                    slices.pop_back();
+                EXPECT_TRUE(slices.empty() || end <= slices.back().end + less_than_a_ns)
+                    << "not nested: " << event;
+                slices.push_back({at, end});
             } else if (event["ph"] == "s") {
-                arrows[event["id"]] = at;
+                EXPECT_TRUE(arrows.emplace(event["id"], at).second) << event;
             } else if (event["ph"] == "f") {
-                EXPECT_TRUE(arrows.count(event["id"]) == 1) << event;
+                // From before the dispatch in which the loop has found it to the handler inside.
+                std::vector<Slice> const& slices = open[{event["pid"], event["tid"]}];
+                bool const inside = slices.size() > 1 && slices.back().begin == at;
+                EXPECT_TRUE(inside && arrows[event["id"]] < slices[slices.size() - 2].begin) << event;
                 EXPECT_EQ("e", event["bp"]);
-                arrows.erase(event["id"]);
+                EXPECT_EQ(1u, arrows.erase(event["id"])) << event;
             } else {
                 ++count[event["cat"]];
             }
@@ -75,33 +83,35 @@ struct Trace {
 };
 
 TEST_F(ZelctlTrace, nests_and_agrees_with_what_the_process_has_counted_also_when_interrupted) {
-    Program recording({ZELCTL, pid, "trace", "-o", file.path()});
-    ASSERT_TRUE(wait_until([&] { return recorded("trace"); }));
-    Json const before = resting();
-    ask({"work", "50"});
-    EXPECT_EQ("worked", target.line());
-    Json const after = resting();
-    ask({"inspect", "trace"}); // for which the process first hands out what it has
-    recording.signal(SIGINT);
-    EXPECT_EQ("signal 2", recording.end());
-    EXPECT_FALSE(recorded("trace"));
+    for (int const signo : {SIGINT, SIGTERM, SIGHUP}) {
+        Program recording({ZELCTL, pid, "trace", "-o", file.path()});
+        ASSERT_TRUE(wait_until([&] { return recorded("trace"); }));
+        Json const before = resting();
+        ask({"work", "50"});
+        EXPECT_EQ("worked", target.line());
+        Json const after = resting();
+        ask({"inspect", "trace"}); // for which the process first hands out what it has
+        recording.signal(signo);
+        EXPECT_EQ("signal " + std::to_string(signo), recording.end());
+        EXPECT_FALSE(recorded("trace"));
 
-    Trace const trace(file.text());
-    std::map<std::string, unsigned long> count = trace.count;
-    auto const grown = [&](char const* what) {
-        return after[what].get<unsigned>() - before[what].get<unsigned>();
-    };
-    EXPECT_EQ(0, trace.whole["otherData"]["lost"]);
-    EXPECT_EQ(grown("turns"), count["turn"] + 1) << "all but that which had begun before";
-    EXPECT_EQ(grown("dispatches"), count["fd"]);
-    EXPECT_EQ(50u, count["task"]);
-    EXPECT_EQ(1u, count["alarm"]);
-    EXPECT_EQ(1u, count["signal"]);
-    EXPECT_EQ(2u, count["arrival"]);
-    EXPECT_EQ(50u + 49u, count["state"]);
-    std::string name = proc(target.pid(), "comm"); // the emulator's, under one
-    name.pop_back();
-    EXPECT_EQ(1u, trace.names.count(name + " (group " + after["group"].dump() + ")"));
+        Trace const trace(file.text());
+        std::map<std::string, unsigned long> count = trace.count;
+        auto const grown = [&](char const* what) {
+            return after[what].get<unsigned>() - before[what].get<unsigned>();
+        };
+        EXPECT_EQ(0, trace.whole["otherData"]["lost"]);
+        EXPECT_EQ(grown("turns"), count["turn"] + 1) << "all but that which had begun before";
+        EXPECT_EQ(grown("dispatches"), count["fd"]);
+        EXPECT_EQ(50u, count["task"]);
+        EXPECT_EQ(1u, count["alarm"]);
+        EXPECT_EQ(1u, count["signal"]);
+        EXPECT_EQ(2u, count["arrival"]);
+        EXPECT_EQ(50u + 49u, count["state"]);
+        std::string name = proc(target.pid(), "comm"); // the emulator's, under one
+        name.pop_back();
+        EXPECT_EQ(1u, trace.names.count(name + " (group " + after["group"].dump() + ")"));
+    }
 }
 
 TEST_F(ZelctlTrace,

@@ -35,18 +35,20 @@ Span::Kind kind_of(Json const& name) {
     return static_cast<Span::Kind>(kind);
 }
 
-// [begin, duration, kind, id, thread]. What is none, or what a later library may add, has the kind
-// Span::kinds.
+// [begin, duration, kind, id, thread], and perhaps how long what is served had waited. What is none, or what
+// a later library may add, has the kind Span::kinds.
 Span span_of(Json const& event, std::uint64_t group) {
     Span span = {};
     span.kind = Span::kinds;
-    bool const known = event.is_array() && event.size() == 5 && event[0].is_number_unsigned() &&
+    bool const known = event.is_array() && event.size() >= 5 && event[0].is_number_unsigned() &&
                        event[1].is_number_unsigned() && event[3].is_number_unsigned() &&
                        event[4].is_number_unsigned();
     if (!known)
         return span;
     span.begin_ns = event[0].get<std::uint64_t>();
     span.end_ns = span.begin_ns + event[1].get<std::uint64_t>();
+    if (event.size() > 5 && event[5].is_number_unsigned())
+        span.late_ns = std::min(event[5].get<std::uint64_t>(), span.begin_ns);
     span.id = event[3].get<std::uint32_t>();
     span.tid = event[4].get<int>();
     span.group = static_cast<std::uint32_t>(group);
@@ -64,6 +66,8 @@ void Recording::take(std::string const& line) {
     auto const events = object.find("events");
     for (Json const& event : events == object.end() ? Json::array() : *events) {
         Span const span = span_of(event, number_in(object, "group"));
+        if (span.begin_ns < from_ns)
+            continue;
         full = full || spans.size() >= most;
         if (span.kind != Span::kinds && !full)
             spans.push_back(span);
@@ -97,7 +101,7 @@ void Recording::add_unfinished(std::vector<Json> const& groups, std::uint64_t no
                 begin = std::max(begin, span.end_ns);
         }
         if (begin + least_unfinished_ns < now) {
-            spans.push_back({begin, now, static_cast<std::uint32_t>(number_in(*in, "id")), runner,
+            spans.push_back({begin, now, 0, static_cast<std::uint32_t>(number_in(*in, "id")), runner,
                              static_cast<std::uint32_t>(number_in(group, "group")), kind, true});
         }
     }
@@ -222,6 +226,8 @@ void Writer::sort() {
         return one.begin_ns != other.begin_ns ? one.begin_ns < other.begin_ns : one.end_ns > other.end_ns;
     });
     start_ns_ = spans_.empty() ? 0 : spans_[0].begin_ns;
+    for (Span const& span : spans_)
+        start_ns_ = std::min(start_ns_, span.begin_ns - span.late_ns);
 }
 
 void Writer::find_marks() {
@@ -233,10 +239,10 @@ void Writer::find_marks() {
         while (!stack.empty() && spans_[stack.back()].end_ns <= span.begin_ns)
             stack.pop_back();
         if (span.kind == Span::alarm || span.kind == Span::signal) {
-            // The dispatch in which the loop has read of it.
-            bool const inside = !stack.empty() && spans_[stack.back()].kind == Span::fd;
-            std::uint64_t const found = inside ? spans_[stack.back()].begin_ns : span.begin_ns;
-            marks_.push_back({found, found, Mark::arrived, i});
+            // Where the process does not tell, it came before the dispatch in which the loop has read of it.
+            bool const inside = span.late_ns == 0 && !stack.empty() && spans_[stack.back()].kind == Span::fd;
+            std::uint64_t const came = inside ? spans_[stack.back()].begin_ns : span.begin_ns - span.late_ns;
+            marks_.push_back({came, came, Mark::arrived, i});
         } else if (span.kind == Span::task) {
             auto const known = ends.find(span.id);
             if (known != ends.end() && known->second < span.begin_ns)

@@ -19,6 +19,7 @@ struct Span {
 
     std::uint64_t begin_ns;
     std::uint64_t end_ns;
+    std::uint64_t late_ns; // what is served had arrived so long before the beginning; 0: not known
     std::uint32_t id;
     int tid;
     std::uint32_t group;
@@ -36,13 +37,15 @@ struct Recording {
         std::uint64_t count;
     };
 
-    // Whatever the process writes. Lines of a trace are kept, others are not.
+    // Whatever the process writes. Lines of a trace are kept, others are not. Of a process that was traced
+    // already, spans come that began before, even long before.
     void take(std::string const& line);
     // What a loop is in, which the process records when it ends. From the objects of "groups".
     void add_unfinished(std::vector<Json> const& groups, std::uint64_t now);
     std::uint64_t lost() const;
     std::size_t count(Span::Kind kind) const;
 
+    std::uint64_t const from_ns = now_ns();
     std::vector<Span> spans; // a thread's in the order of their ends, which differs from that of the file
     std::vector<Loss> losses;
     std::size_t most = 1000000;
@@ -70,8 +73,8 @@ private:
 };
 
 // Turns, dispatches and callbacks nest on the track of their thread. Each task has a track with its states.
-// Alarms and signals are instants on tracks of their own, at the time when the loop found them, with an arrow
-// to the handler. Events are in the order of their times.
+// Alarms and signals are instants on tracks of their own, at the time when they were due and came, with an
+// arrow to the handler. Events are in the order of their times.
 void write_trace(std::FILE* file, Recording& recording, Names const& names, int pid,
                  std::string const& process);
 

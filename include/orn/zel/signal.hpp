@@ -186,15 +186,14 @@ public:
     ORN_LOCAL void tell(int tid, detail::Answer& answer) const;
 
 private:
-    struct ORN_LOCAL WordPipe;
-    struct ORN_LOCAL Arrival;
+    struct ORN_LOCAL Inbox;
     struct ORN_LOCAL SignalBundle;
     struct ORN_LOCAL Watch;
 
     basic_Id<unsigned long> id_;
-    // The handler on the pipe shares the pipe and what is watched, so that a call which is under way in
-    // another thread when the process exits still finds them. Signal context shares the pipe only.
-    boost::shared_ptr<WordPipe> pipe_;
+    // The handler on the pipe shares the inbox and what is watched, so that a call which is under way in
+    // another thread when the process exits still finds them. Signal context shares the inbox only.
+    boost::shared_ptr<Inbox> inbox_;
     boost::shared_ptr<Watch> watch_;
     fd::AutoReceptor receptor_;
 };
