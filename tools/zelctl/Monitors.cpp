@@ -186,9 +186,9 @@ std::vector<std::string> list_threads(Session& session, bool& lost) {
     for (unsigned failed = 0;; ++failed) {
         Listing listing;
         // No wait for answers in between: the shorter it takes, the less can be lost.
-        Answer const answer = session.ask({"zel monitor poll", "zel threads", "zel unmonitor poll"},
-                                          [&](std::string const& line) { listing.take(line); });
-        lost = answer.lost;
+        Answer const heard = session.ask({"zel monitor poll", "zel threads", "zel unmonitor poll"},
+                                         [&](std::string const& line) { listing.take(line); });
+        lost = heard.lost;
         if (!listing.lines().empty() && (!lost || failed >= enough)) {
             borrowed.switched_off_again();
             return listing.lines();
