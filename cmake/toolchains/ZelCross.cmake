@@ -15,8 +15,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Headers of Boost, CLI11 and nlohmann-json are the same for every processor, but the rest of the host's /usr/include is not: show
-# the compiler these alone.
+# Headers of Boost, CLI11 and nlohmann-json are the same for every processor, but the rest of the host's /usr/include is
+# not: show the compiler these alone.
 set(ZEL_CROSS_BOOST /usr/include/boost CACHE PATH "Where Boost's headers are")
 set(ZEL_CROSS_CLI11 /usr/include/CLI CACHE PATH "Where CLI11's headers are")
 set(ZEL_CROSS_JSON /usr/include/nlohmann CACHE PATH "Where nlohmann-json's headers are")
