@@ -75,6 +75,31 @@ TEST(ZelctlAttach, tells_that_a_process_blocks_the_signal) {
     EXPECT_TRUE(target.alive());
 }
 
+TEST(ZelctlAttach, reaches_a_process_whose_main_thread_has_ended) {
+    Program target({TARGET, "left", "busy"});
+    ASSERT_EQ("ready", target.line());
+    int const pid = target.pid();
+    auto const states = [&] {
+        std::map<int, std::string> of;
+        for (Json const& thread : objects(zelctl({std::to_string(pid), "threads", "--json"}).output))
+            of[thread["tid"]] = thread["state"];
+        return of;
+    };
+    EXPECT_TRUE(wait_until([&] { return states()[pid] == "Z"; }));
+    auto const reason = [&] {
+        std::map<int, std::string> reasons;
+        for (Json const& process : objects(zelctl({"ps", "--json"}).output))
+            reasons[process["pid"]] = process["attach"];
+        return reasons[pid];
+    };
+    EXPECT_EQ("yes", reason());
+    target.signal(SIGSTOP);
+    EXPECT_TRUE(wait_until([&] { return holds(reason(), "stopped: kill -CONT"); }));
+    EXPECT_TRUE(fails(zelctl({std::to_string(pid), "--timeout", "0.2", "foo"}), "exit 6", "it is stopped"));
+    target.signal(SIGCONT);
+    EXPECT_TRUE(target.alive());
+}
+
 TEST(ZelctlAttach, leaves_the_handler_of_an_open_channel_alone_and_refuses_without_one) {
     Program target({TARGET, "default-55"});
     ASSERT_EQ("ready", target.line());

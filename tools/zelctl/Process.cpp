@@ -25,14 +25,14 @@ namespace zelctl {
 
 namespace {
 
-std::string entry(int pid, std::string const& file) {
-    return "/proc/" + std::to_string(pid) + '/' + file;
+std::string directory(int pid) {
+    return "/proc/" + std::to_string(pid);
 }
 
 // The fields of a status file, read in one piece so that they belong together.
-std::map<std::string, std::string> status_of(std::string const& process) {
+std::map<std::string, std::string> status_of(std::string const& proc) {
     std::map<std::string, std::string> fields;
-    std::ifstream file("/proc/" + process + "/status");
+    std::ifstream file(proc + "/status");
     for (std::string line; std::getline(file, line);) {
         std::string::size_type const colon = line.find(':');
         std::string::size_type const begin = line.find_first_not_of(" \t", colon + 1);
@@ -83,7 +83,7 @@ long age_of(unsigned long long start) {
 // process has not called exec() since it was forked, and the 22nd. The second one, the name, may hold
 // anything, blanks and brackets included.
 void read_stat(Process& process) {
-    std::ifstream file(entry(process.pid, "stat"));
+    std::ifstream file(directory(process.pid) + "/stat");
     std::string line;
     std::getline(file, line);
     std::string::size_type const end = line.rfind(')');
@@ -100,15 +100,15 @@ void read_stat(Process& process) {
 }
 
 // The kernel keeps 15 bytes of a name. The program file's name is the whole one if it begins like that.
-std::string whole_name(int pid, std::string const& name) {
+std::string whole_name(std::string const& proc, std::string const& name) {
     std::size_t const kept = 15;
     std::error_code error;
-    std::string const file = std::filesystem::read_symlink(entry(pid, "exe"), error).filename().string();
+    std::string const file = std::filesystem::read_symlink(proc + "/exe", error).filename().string();
     return !error && name.size() == kept && file.compare(0, kept, name) == 0 ? file : name;
 }
 
 void look_for_library(Process& process) {
-    std::ifstream maps(entry(process.pid, "maps"));
+    std::ifstream maps(process.proc + "/maps");
     bool const forbidden = !maps.is_open() && (errno == EACCES || errno == EPERM);
     process.library = forbidden ? Process::Library::unknown : Process::Library::absent; // as when it ends
     for (std::string line; std::getline(maps, line);) {
@@ -122,23 +122,42 @@ void look_for_library(Process& process) {
     }
 }
 
-// Any thread that does not block the signal takes it for the process. The main thread comes first.
-bool all_threads_block(int pid) {
+bool has_ended(std::string const& state) {
+    return state.empty() || state[0] == 'Z' || state[0] == 'X';
+}
+
+// The directory of the first living thread whose status meets the condition; the main thread comes first.
+// Empty when there is none.
+template <class Condition>
+std::string find_thread(int pid, Condition holds) {
     std::error_code error; // threads come and go meanwhile
-    for (std::filesystem::directory_iterator it(entry(pid, "task"), error), end; !error && it != end;
+    for (std::filesystem::directory_iterator it(directory(pid) + "/task", error), end; !error && it != end;
          it.increment(error)) {
-        std::string const thread = std::to_string(pid) + "/task/" + it->path().filename().string();
-        std::map<std::string, std::string> fields = status_of(thread);
-        if (!fields.empty() && !has_channel_signal(fields["SigBlk"]))
-            return false;
+        std::map<std::string, std::string> fields = status_of(it->path().string());
+        if (!has_ended(fields["State"]) && holds(fields))
+            return it->path().string();
     }
-    return !error;
+    return "";
+}
+
+std::string living_thread(int pid) {
+    return find_thread(pid, [](std::map<std::string, std::string>&) { return true; });
+}
+
+// Any thread that does not block the signal takes it for the process.
+bool all_threads_block(int pid) {
+    return find_thread(pid,
+                       [](std::map<std::string, std::string>& fields) {
+                           return !has_channel_signal(fields["SigBlk"]);
+                       })
+        .empty();
 }
 
 // Whether somebody listens under the name of the process's queue, in the network namespace of the process.
-bool has_open_queue(int pid, int inner_pid) {
-    std::string const name = "@orn.msg." + orn::zel::cmd::CmdQueueName(inner_pid == 0 ? pid : inner_pid);
-    std::ifstream sockets(entry(pid, "net/unix"));
+bool has_open_queue(Process const& process) {
+    int const pid = process.inner_pid == 0 ? process.pid : process.inner_pid;
+    std::string const name = "@orn.msg." + orn::zel::cmd::CmdQueueName(pid);
+    std::ifstream sockets(process.proc + "/net/unix");
     for (std::string line; std::getline(sockets, line);) {
         if (line.size() > name.size() && line.compare(line.size() - name.size(), name.size(), name) == 0 &&
             line[line.size() - name.size() - 1] == ' ')
@@ -159,7 +178,7 @@ std::optional<Failure> unreachable(Process const& process) {
                            std::to_string(process.inner_pid) + ": " +
                            command_for(" -m -n -p", process.pid, process.inner_pid));
     }
-    if (differ("/proc/self/ns/net", entry(process.pid, "ns/net"))) {
+    if (differ("/proc/self/ns/net", process.proc + "/ns/net")) {
         return Failure(not_attachable,
                        name + " lives in another network namespace, where its queue is out of reach: " +
                            command_for(" -n", process.pid, process.pid));
@@ -184,37 +203,62 @@ std::optional<Failure> serves_others(Process const& process) {
     return std::nullopt;
 }
 
+// The order counts. exec() takes the old memory away, then marks the process, and then takes the handlers
+// away. So in a process that is marked and has the library mapped, the handler is the new program's.
+//
+// proc: the directory of a thread that lives. The main thread's tells of the signals of all, but of no memory
+// any more when it has ended before the others.
+std::optional<Process> describe_by(int pid, std::string const& proc) {
+    Process process;
+    process.pid = pid;
+    process.proc = proc;
+    read_stat(process);
+    look_for_library(process);
+    std::map<std::string, std::string> fields = status_of(directory(pid));
+    if (fields.empty())
+        return std::nullopt;
+    process.owner = number(fields["Tgid"]);
+    process.inner_pid = inner_id(status_of("/proc/self")["NSpid"], fields["NSpid"]);
+    process.threads = number(fields["Threads"]);
+    std::istringstream(fields["Uid"]) >> process.user >> process.user; // real, effective, ...
+    process.name = whole_name(proc, fields["Name"]);
+    process.catches = has_channel_signal(fields["SigCgt"]);
+    process.ignores = has_channel_signal(fields["SigIgn"]);
+    if (proc != directory(pid))
+        fields = status_of(proc);
+    process.state = fields["State"];
+    process.tracer = number(fields["TracerPid"]);
+    process.blocks = has_channel_signal(fields["SigBlk"]) && all_threads_block(pid);
+    // The kernel gives the files in /proc to root when the process's own user may not trace it.
+    struct stat owner = {};
+    process.dumpable = stat((proc + "/status").c_str(), &owner) == 0 && owner.st_uid == process.user;
+    process.channel_open = has_open_queue(process);
+    return process;
+}
+
 } // namespace
 
 std::string process_name(int pid) {
     return "process " + std::to_string(pid);
 }
 
-// The order counts. exec() takes the old memory away, then marks the process, and then takes the handlers
-// away. So in a process that is marked and has the library mapped, the handler is the new program's.
 std::optional<Process> describe(int pid) {
-    Process process;
-    process.pid = pid;
-    read_stat(process);
-    look_for_library(process);
-    std::map<std::string, std::string> fields = status_of(std::to_string(pid));
-    if (fields.empty())
-        return std::nullopt;
-    process.owner = number(fields["Tgid"]);
-    process.inner_pid = inner_id(status_of("self")["NSpid"], fields["NSpid"]);
-    process.tracer = number(fields["TracerPid"]);
-    process.threads = number(fields["Threads"]);
-    std::istringstream(fields["Uid"]) >> process.user >> process.user; // real, effective, ...
-    process.name = whole_name(pid, fields["Name"]);
-    process.state = fields["State"];
-    process.catches = has_channel_signal(fields["SigCgt"]);
-    process.ignores = has_channel_signal(fields["SigIgn"]);
-    process.blocks = has_channel_signal(fields["SigBlk"]) && all_threads_block(pid);
-    // The kernel gives the files in /proc to root when the process's own user may not trace it.
-    struct stat owner = {};
-    process.dumpable = stat(entry(pid, "status").c_str(), &owner) == 0 && owner.st_uid == process.user;
-    process.channel_open = has_open_queue(pid, process.inner_pid);
+    std::optional<Process> process = describe_by(pid, directory(pid));
+    while (process && process->over()) {
+        std::string const thread = living_thread(pid);
+        if (thread.empty())
+            break;
+        process = describe_by(pid, thread); // which may have ended meanwhile as well
+    }
     return process;
+}
+
+bool Process::over() const {
+    return has_ended(state);
+}
+
+bool Process::main_thread_ended() const {
+    return proc != directory(pid);
 }
 
 std::optional<Failure> obstacle(Process const& process) {

@@ -25,7 +25,8 @@ struct Process {
     int threads = 0;
     uid_t user = 0; // the effective one, which decides whom it serves
     std::string name;
-    std::string state; // a letter and a word, as in /proc
+    std::string state; // a letter and a word, as in /proc; of another thread when the main one has ended
+    std::string proc;  // its directory in /proc, or that of such a thread, which the memory and files outlive
     unsigned long long start =
         0; // in ticks since the machine was started; tells two processes of one id apart
     long age_ms = 0;
@@ -38,7 +39,8 @@ struct Process {
     std::string library_path; // as the process sees it
     bool channel_open = false;
 
-    bool over() const { return state.empty() || state[0] == 'Z' || state[0] == 'X'; }
+    bool over() const;
+    bool main_thread_ended() const; // alone; others go on
     bool stopped() const { return !state.empty() && state[0] == 'T'; }
 };
 

@@ -22,7 +22,7 @@ namespace {
 
 // Paths mean what they mean to the process, which may have another root.
 std::string as_it_sees(Target const& target, std::string const& path) {
-    std::string const root = "/proc/" + std::to_string(target.pid()) + "/root";
+    std::string const root = target.process().proc + "/root";
     return access((root + '/').c_str(), X_OK) == 0 ? root + path : path;
 }
 

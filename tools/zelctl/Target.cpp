@@ -122,8 +122,8 @@ bool Target::raise_signal() const {
 }
 
 std::string Target::why_silent(bool connected, int error) const {
-    std::string const proc = "/proc/" + std::to_string(pid_);
     std::optional<Process> const now = describe(pid_);
+    std::string const proc = now ? now->proc : process_.proc;
     std::string const state = now ? now->state : "";
     if (now && now->stopped()) {
         return "it is stopped (State in " + proc + "/status): kill -CONT " + std::to_string(pid_) +
@@ -133,8 +133,8 @@ std::string Target::why_silent(bool connected, int error) const {
         return "it is held by process " + std::to_string(now->tracer) + ", a debugger";
     if (connected) {
         return "it has taken the connection, and is busy with another command, or its processors are: "
-               "see the thread zel-command in " +
-               proc + "/task";
+               "see the thread zel-command in /proc/" +
+               std::to_string(pid_) + "/task";
     }
     if (now && starting(*now))
         return "it is being started, and signal 55 might end it: try again in two seconds";
@@ -142,9 +142,12 @@ std::string Target::why_silent(bool connected, int error) const {
         return "its queue is full: it is behind with its commands";
     if (now && now->blocks)
         return "all its threads block signal 55, which opens the channel: see SigBlk in " + proc + "/status";
+    std::string const remedy = "; one started with ZEL_CHANNEL=1 answers whatever its loops do";
+    if (now && now->main_thread_ended())
+        return "its main thread has ended, and no thread turns the loop that opens the channel" + remedy;
+    std::string const doing = state.empty() ? "gone" : state;
     return "the thread that has loaded zel, as a rule the main thread, does not turn its loop, and is " +
-           (state.empty() ? std::string("gone") : state) + ": see " + proc + "/stack and " + proc +
-           "/wchan; one started with ZEL_CHANNEL=1 answers whatever its loops do";
+           doing + ": see " + proc + "/stack and " + proc + "/wchan" + remedy;
 }
 
 } // namespace zelctl
