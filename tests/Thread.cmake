@@ -1,3 +1,3 @@
 # Tests of the thread object; included by tests/CMakeLists.txt.
 
-zel_add_test(Thread_test SOURCES Thread_test.cpp support/Support.cpp LIBRARIES zel_static)
+zel_add_test(Thread_test SOURCES Thread_test.cpp LIBRARIES zel_test_loop)

@@ -35,13 +35,12 @@ foreach(name first second)
     target_compile_definitions(${name}_module PRIVATE MODULE_NAME="${name}")
 endforeach()
 
-set(programs support/Programs.cpp)
-zel_add_test(cmd_test SOURCES cmd_test.cpp ${programs} LIBRARIES zel)
+zel_add_test(cmd_test SOURCES cmd_test.cpp LIBRARIES zel)
 zel_test_starts(cmd_test QUIET_MODULE=quiet_module)
 
-zel_add_test(channel_test SOURCES channel_test.cpp support/Client.cpp ${programs} LIBRARIES zel)
+zel_add_test(channel_test SOURCES channel_test.cpp support/Client.cpp LIBRARIES zel)
 zel_test_starts(channel_test TARGET=channel_target CLIENT=channel_client)
-zel_add_test(fork_test SOURCES fork_test.cpp support/Client.cpp ${programs} LIBRARIES zel)
+zel_add_test(fork_test SOURCES fork_test.cpp support/Client.cpp LIBRARIES zel)
 
 if(TARGET zelctl)
     zel_add_test_program(brood zel)
@@ -51,14 +50,14 @@ if(TARGET zelctl)
         list(APPEND clients zelctl_prompt_test)
     endif()
     foreach(name IN LISTS clients)
-        zel_add_test(${name} SOURCES ${name}.cpp ${programs} LIBRARIES nlohmann_json::nlohmann_json)
+        zel_add_test(${name} SOURCES ${name}.cpp LIBRARIES nlohmann_json::nlohmann_json)
         zel_test_starts(${name} TARGET=channel_target ZELCTL=zelctl BROOD=brood INSPECT_TARGET=inspect_target
             MODULE=hello CLIENT=channel_client)
         target_compile_definitions(${name} PRIVATE COMPLETION="${PROJECT_SOURCE_DIR}/tools/zelctl/zelctl.bash")
     endforeach()
 endif()
 
-zel_add_test(load_test SOURCES load_test.cpp ${programs} LIBRARIES ${CMAKE_DL_LIBS} TIMEOUT 120)
+zel_add_test(load_test SOURCES load_test.cpp LIBRARIES ${CMAKE_DL_LIBS} TIMEOUT 120)
 zel_test_starts(load_test HOST=load_host EXIT_PROGRAM=exit_program CLIENT=channel_client
     ZEL_LIBRARY=zel USER_MODULE=user_module FIRST=first_module SECOND=second_module)
 zel_test_starts(exit_program QUIET_MODULE=quiet_module)

@@ -3,8 +3,7 @@
 find_package(nlohmann_json QUIET)
 if(TARGET nlohmann_json::nlohmann_json)
     foreach(name inspect_test inspectLoop_test trace_test)
-        zel_add_test(${name} SOURCES ${name}.cpp support/Support.cpp
-            LIBRARIES zel_static nlohmann_json::nlohmann_json)
+        zel_add_test(${name} SOURCES ${name}.cpp LIBRARIES zel_test_loop nlohmann_json::nlohmann_json)
     endforeach()
 else()
     message(STATUS "nlohmann-json is missing: no tests of the word inspect")

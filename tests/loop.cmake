@@ -1,12 +1,11 @@
 # Tests of the core, the loop and its sources of events; included by tests/CMakeLists.txt.
 
 foreach(stem core readiness receptacle threadGroup threadMonitor turn cancel fd signal members)
-    zel_add_test(${stem}_test SOURCES ${stem}_test.cpp support/Support.cpp LIBRARIES zel_static)
+    zel_add_test(${stem}_test SOURCES ${stem}_test.cpp LIBRARIES zel_test_loop)
 endforeach()
 
 # The clock of these stands still: the fake comes before the real timer in the library.
-zel_add_test(alarm_test
-    SOURCES alarm_test.cpp support/Support.cpp support/FakeTimer.cpp LIBRARIES zel_static)
+zel_add_test(alarm_test SOURCES alarm_test.cpp support/FakeTimer.cpp LIBRARIES zel_test_loop)
 zel_test_faults(threadGroup_test fd_test alarm_test)
 
 # Once more, the way that large groups go. The tasks' test comes with another file.
