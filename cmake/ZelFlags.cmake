@@ -83,12 +83,12 @@ function(zel_small_link target)
             $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:${ZEL_LINK_TIME_FLAGS}>)
     endif()
     # Code and constants share pages, in the file and in memory.
-    check_linker_flag(CXX LINKER:-z,noseparate-code,--fatal-warnings ZEL_SHARED_PAGES)
+    check_linker_flag(CXX LINKER:--fatal-warnings,-z,noseparate-code ZEL_SHARED_PAGES)
     if(ZEL_SHARED_PAGES)
         target_link_options(${target} PRIVATE LINKER:-z,noseparate-code)
     endif()
     # Most relocations are relative, and take two bytes instead of 24 in this form.
-    set(CMAKE_REQUIRED_LINK_OPTIONS LINKER:-z,pack-relative-relocs,--fatal-warnings)
+    set(CMAKE_REQUIRED_LINK_OPTIONS LINKER:--fatal-warnings,-z,pack-relative-relocs)
     check_cxx_source_compiles([[
         #include <cstdlib>
         #if !__GLIBC_PREREQ(2, 36)
