@@ -38,7 +38,7 @@ std::string read_proc(char const* path) {
 }
 
 std::string shared_in_proc(std::string const& path) {
-    if (!link_in_proc("exe").empty())
+    if (!link_in_proc("cwd").empty())
         return path;
     return "task/" + std::to_string(syscall(SYS_gettid)) + '/' + path;
 }
