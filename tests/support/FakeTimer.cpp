@@ -13,20 +13,20 @@ namespace orn::os {
 
 class TimerService {
 public:
-    using Key = std::pair<std::uint64_t, std::size_t>; // deadline, order of setting
+    using Key = std::pair<std::uint64_t, std::uint32_t>; // deadline, order of setting
 
-    static Key key(Timer const& timer) { return {timer.deadline_ns_, timer.index_}; }
+    static Key key(Timer const& timer) { return {timer.deadline_ns_, timer.number_}; }
 
     void disarm(Timer& timer) {
-        if (timer.index_ != 0) {
+        if (timer.number_ != 0) {
             armed.erase(key(timer));
-            timer.index_ = 0;
+            timer.number_ = 0;
         }
     }
 
     void arm(Timer& timer, std::uint64_t deadline_ns) {
         timer.deadline_ns_ = deadline_ns;
-        timer.index_ = ++settings;
+        timer.number_ = ++settings;
         armed.emplace(key(timer), &timer);
     }
 
@@ -61,7 +61,7 @@ public:
 
     std::mutex mutex; // not held while a callback runs
     std::map<Key, Timer*> armed;
-    std::size_t settings = 0;
+    std::uint32_t settings = 0;
     std::size_t live = 0;
     std::uint64_t now_ns = 0;
 };
@@ -82,7 +82,7 @@ std::uint64_t ns_of(unsigned long ms) {
 } // namespace
 
 Timer::Timer(boost::function<void(Timer*)> callback)
-    : callback_(std::move(callback)), deadline_ns_(0), period_ns_(0), index_(0), state_(0) {
+    : callback_(std::move(callback)), deadline_ns_(0), period_ns_(0), number_(0), state_(0) {
     std::lock_guard<std::mutex> const guard(service().mutex);
     ++service().live;
 }

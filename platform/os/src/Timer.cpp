@@ -7,15 +7,12 @@
 // another thread. Only its thread ends; see Lifetime.
 #include <orn/os/Timer.hpp>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <ctime>
 #include <limits>
 #include <mutex>
-#include <new>
 #include <system_error>
 #include <type_traits>
 #include <utility>
@@ -29,16 +26,13 @@
 #include <orn/mapping.hpp>
 
 #include "alarmClock.hpp"
+#include "timerHeap.hpp"
 
 namespace orn::os {
 namespace {
 
 constexpr std::uint64_t never = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t ns_per_ms = 1000000;
-constexpr std::size_t heap_width = 4;
-// So many places before the heap are left free, so that siblings lie in one line of the cache.
-constexpr std::size_t heap_offset = heap_width - 1;
-constexpr std::size_t cache_line = 64;
 // exit() waits this long for a callback that is running. A callback that takes longer usually waits for the
 // thread that is in exit(), so both would wait for ever.
 constexpr std::uint64_t longest_callback_ns = ns_per_second;
@@ -76,25 +70,20 @@ public:
     void after_fork_in_child();
 
 private:
-    struct Entry {
-        std::uint64_t deadline; // copied here, so that comparing touches no timer
-        Timer* timer;
-    };
-
     // Timers change their state under the mutex only.
     static unsigned state(Timer const& timer) { return timer.state_.load(std::memory_order_relaxed); }
     // The last access to a timer that is neither armed nor called any more: its destructor does not wait for
     // the mutex then.
     static void change(Timer& timer, unsigned to) { timer.state_.store(to, std::memory_order_release); }
     bool armed(Timer const& timer) const { return (state(timer) & ~phases) == generation_; }
-    void place(std::size_t index, Entry entry);
-    void sift_up(std::size_t index, Entry entry);
-    void sift_down(std::size_t index, Entry entry);
+    // The next timer has not been used since it was set. It comes into the cache while a callback runs.
+    static void fetch(Timer const& timer) {
+        __builtin_prefetch(&timer.callback_, 1);
+        __builtin_prefetch(&timer.state_, 1);
+    }
     void arm(Timer& timer);
     void disarm(Timer& timer);
     void disarm_all();
-    void free_heap();
-    void make_room();
     static void* thread_start(void* service);
     void make_condition();
     void start();
@@ -109,9 +98,7 @@ private:
     // A callback that somebody waits for has returned, or the thread leaves.
     pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER;
 
-    Entry* heap_ = nullptr;
-    std::size_t size_ = 0;
-    std::size_t room_ = 0;
+    TimerHeap heap_;
     unsigned generation_ = first_generation; // of the timers in the heap; the next one disarms all
 
     pthread_t thread_ = {};
@@ -126,85 +113,22 @@ private:
     unsigned waiting_ = 0;                              // destructors that wait for the callback
 };
 
-// ---- The heap -------------------------------------------------------------------------------------------
-
-void TimerService::place(std::size_t index, Entry entry) {
-    heap_[index] = entry;
-    entry.timer->index_ = index;
-}
-
-void TimerService::sift_up(std::size_t index, Entry entry) {
-    while (index > 0) {
-        std::size_t const parent = (index - 1) / heap_width;
-        if (heap_[parent].deadline <= entry.deadline)
-            break;
-        place(index, heap_[parent]);
-        index = parent;
-    }
-    place(index, entry);
-}
-
-void TimerService::sift_down(std::size_t index, Entry entry) {
-    for (;;) {
-        std::size_t const first = index * heap_width + 1;
-        if (first >= size_)
-            break;
-        std::size_t const end = first + heap_width < size_ ? first + heap_width : size_;
-        std::size_t least = first;
-        for (std::size_t child = first + 1; child < end; ++child) {
-            if (heap_[child].deadline < heap_[least].deadline)
-                least = child;
-        }
-        if (entry.deadline <= heap_[least].deadline)
-            break;
-        place(index, heap_[least]);
-        index = least;
-    }
-    place(index, entry);
-}
-
-void TimerService::free_heap() {
-    if (heap_)
-        std::free(heap_ - heap_offset);
-    heap_ = nullptr;
-    room_ = 0;
-}
-
-[[gnu::cold]] void TimerService::make_room() {
-    if (size_ < room_)
-        return;
-    std::size_t const room = room_ == 0 ? 64 : room_ * 2;
-    void* grown = nullptr;
-    if (posix_memalign(&grown, cache_line, (heap_offset + room) * sizeof(Entry)) != 0)
-        throw std::bad_alloc();
-    Entry* const moved = static_cast<Entry*>(grown) + heap_offset;
-    std::copy(heap_, heap_ + size_, moved);
-    free_heap();
-    heap_ = moved;
-    room_ = room;
-}
+// ---- Setting and cancelling ------------------------------------------------------------------------------
 
 void TimerService::arm(Timer& timer) {
     change(timer, (state(timer) & phases) | generation_);
-    sift_up(size_++, {timer.deadline_ns_, &timer});
+    timer.number_ = heap_.add(timer.deadline_ns_, timer);
 }
 
 void TimerService::disarm(Timer& timer) {
     if (!armed(timer))
         return;
     change(timer, state(timer) & phases);
-    std::size_t const index = timer.index_;
-    Entry const last = heap_[--size_];
-    if (index == size_)
-        return;
-    if (index > 0 && last.deadline < heap_[(index - 1) / heap_width].deadline)
-        sift_up(index, last);
-    else
-        sift_down(index, last);
+    heap_.remove(timer.number_);
 }
 
 [[gnu::cold]] void TimerService::disarm_all() {
-    size_ = 0;
+    heap_.clear();
     generation_ += first_generation;
     if (generation_ == 0)
         generation_ = first_generation;
@@ -220,7 +144,7 @@ void TimerService::set(Timer& timer, unsigned long initial_ms, unsigned long rec
     disarm(timer);
     if (stopped_ || (state(timer) & dying) != 0)
         return;
-    make_room();
+    heap_.make_room();
     start();
     timer.deadline_ns_ = after(called, ns_of(initial_ms));
     timer.period_ns_ = ns_of(recurring_ms);
@@ -312,7 +236,7 @@ void TimerService::end(Timer& timer) {
     std::unique_lock<std::mutex> lock(mutex_);
     stopped_ = true;
     disarm_all();
-    free_heap();
+    heap_.free();
     if (!started_ || pthread_equal(thread_, pthread_self()) != 0)
         return; // a callback has called exit(), and the thread cannot wait for itself
     started_ = false;
@@ -373,10 +297,10 @@ void TimerService::serve() {
     std::unique_lock<std::mutex> lock(mutex_);
     std::uint64_t now = 0; // some time before: what was due then still is
     while (!stopped_) {
-        if (size_ > 0 && heap_[0].deadline > now)
+        if (!heap_.empty() && heap_.earliest() > now)
             now = now_ns();
-        if (size_ > 0 && heap_[0].deadline <= now)
-            fire(lock, *heap_[0].timer);
+        if (!heap_.empty() && heap_.earliest() <= now)
+            fire(lock, heap_.first());
         else
             sleep(lock);
     }
@@ -387,7 +311,7 @@ void TimerService::serve() {
 // Cancelling the earliest timer does not set the clock anew. That would cost each such call a system call,
 // and save one waking of the thread until that deadline.
 void TimerService::sleep(std::unique_lock<std::mutex>& lock) {
-    sleeps_until_ = size_ > 0 ? heap_[0].deadline : never;
+    sleeps_until_ = heap_.empty() ? never : heap_.earliest();
     // A clock that is still set is left so, since it wakes the thread once at most.
     bool good = sleeps_until_ == never || clock_.set(sleeps_until_);
     if (good) {
@@ -422,10 +346,12 @@ void TimerService::fire(std::unique_lock<std::mutex>& lock, Timer& timer) {
         disarm(timer);
     } else {
         timer.deadline_ns_ = next_in_phase(timer.deadline_ns_, timer.period_ns_, now_ns());
-        sift_down(0, {timer.deadline_ns_, &timer});
+        heap_.postpone(timer.deadline_ns_);
     }
     running_ = &timer;
     function_ = &function;
+    if (!heap_.empty())
+        fetch(heap_.first());
     lock.unlock();
     function(&timer);
     lock.lock();
@@ -482,7 +408,7 @@ internal::ForkHandlers const fork_handlers __attribute__((init_priority(101))) =
 } // namespace
 
 Timer::Timer(boost::function<void(Timer*)> callback)
-    : callback_(std::move(callback)), deadline_ns_(0), period_ns_(0), index_(0), state_(0) {}
+    : callback_(std::move(callback)), deadline_ns_(0), period_ns_(0), number_(0), state_(0) {}
 
 Timer::~Timer() {
     service.end(*this);

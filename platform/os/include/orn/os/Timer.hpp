@@ -6,7 +6,6 @@
 #define ORN_OS_TIMER_HPP
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 
 #include <boost/function.hpp>
@@ -52,7 +51,7 @@ private:
     boost::function<void(Timer*)> callback_;
     std::uint64_t deadline_ns_;                    // CLOCK_MONOTONIC
     std::uint64_t period_ns_;                      // 0: once
-    std::size_t index_;                            // place in the service's heap
+    std::uint32_t number_;                         // in the service, while it is armed
     [[maybe_unused]] std::atomic<unsigned> state_; // 0: neither armed nor in its callback
 };
 
