@@ -67,6 +67,8 @@ bool stands(Home const& home) {
 
 // Logs a call from a thread of another group than the one that serves the alarm.
 void note_caller(char const* function, id_t id, Owner const& owner) {
+    if (Log_Enabled(logSpecForceInfo) == 0)
+        return;
     int const caller = thread::self();
     if (caller == owner.tid || owner.tid == 0 || detail::process_id() != owner.pid)
         return;
