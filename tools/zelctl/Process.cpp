@@ -118,6 +118,7 @@ void look_for_library(Process& process) {
             continue;
         process.library = Process::Library::mapped;
         process.library_path = line.substr(path);
+        process.library_at = line.substr(0, line.find('-'));
         return;
     }
 }
@@ -261,6 +262,13 @@ bool starting(Process const& process) {
            (process.age_ms < longest && lacks_zel(process));
 }
 
+bool awaits_signal(int pid) {
+    std::map<std::string, std::string> fields = status_of(std::to_string(pid));
+    std::string const state = fields["State"];
+    bool const rests = !state.empty() && (state[0] == 'S' || state[0] == 'T');
+    return rests && has_channel_signal(fields["SigCgt"]);
+}
+
 std::vector<Process> processes_with_zel(std::vector<Process>& hidden) {
     std::vector<Process> found;
     std::error_code error; // processes come and go meanwhile
@@ -271,7 +279,8 @@ std::vector<Process> processes_with_zel(std::vector<Process>& hidden) {
             pid > 0 && pid != getpid() ? describe(pid) : std::optional<Process>();
         if (!process)
             continue;
-        if (process->library == Process::Library::mapped || process->channel_open)
+        // A queue of this name may be that of a process in another pid namespace, where it has the same id.
+        if (process->library == Process::Library::mapped || (process->channel_open && process->catches))
             found.push_back(*process);
         else if (process->library == Process::Library::unknown && process->catches)
             hidden.push_back(*process);
