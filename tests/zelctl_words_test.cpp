@@ -113,9 +113,12 @@ TEST_F(ZelctlWords, load_only_what_the_process_can_take) {
     head[EI_DATA] = head[EI_DATA] == ELFDATA2LSB ? ELFDATA2MSB : ELFDATA2LSB;
     std::swap(head[EI_NIDENT], head[EI_NIDENT + 1]);
     std::ofstream(foreign.path()) << head;
+    TempFile const cut; // would end the process with SIGBUS
+    std::ofstream(cut.path()) << text_of(MODULE).substr(0, 5000);
     EXPECT_TRUE(fails(ask({"load /no/such/file"}), "exit 1", "No such file"));
     EXPECT_TRUE(fails(ask({"load " + text.path()}), "exit 1", "is no shared library"));
     EXPECT_TRUE(fails(ask({"load " + foreign.path()}), "exit 1", "is for"));
+    EXPECT_TRUE(fails(ask({"load " + cut.path()}), "exit 1", "is cut short"));
     EXPECT_TRUE(fails(ask({"load libno-such.so"}), "exit 1", "libno-such.so: cannot open"));
     EXPECT_TRUE(fails(zelctl({std::to_string(target.pid()), "load", "a b"}), "exit 2", "holds a blank"));
 
