@@ -42,6 +42,8 @@ TEST_F(ZelctlWords, show_the_objects_that_the_process_tells) {
     EXPECT_EQ("WORD\tLIBRARY\nstation\tlibx.so\n", ask({"words"}).output);
     EXPECT_TRUE(fails(ask({"fds"}), "exit 1", "no such thing to inspect, it knows: alarms"));
     EXPECT_TRUE(fails(ask({"statoin 1"}), "exit 8", "did you mean: station"));
+    EXPECT_TRUE(fails(ask({"taks 1"}), "exit 8", "did you mean: tasks"));
+    EXPECT_TRUE(fails(ask({"inspect fds"}), "exit 8", "inspect has no word \"fds\": it has alarms"));
     EXPECT_TRUE(fails(ask({"fds 1"}), "exit 2", "no words behind it"));
 }
 
