@@ -11,6 +11,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <sstream>
 
@@ -99,9 +100,14 @@ void read_stat(Process& process) {
     process.age_ms = age_of(process.start);
 }
 
-// The kernel keeps 15 bytes of a name. The program file's name is the whole one if it begins like that.
-std::string whole_name(int pid, std::string const& name) {
+// The kernel keeps 15 bytes of a name, and shows it as it is only in this file. The program file's name is
+// the whole one if it begins like that.
+std::string whole_name(int pid) {
     std::size_t const kept = 15;
+    std::ifstream comm(entry(pid, "comm"));
+    std::string name((std::istreambuf_iterator<char>(comm)), std::istreambuf_iterator<char>());
+    if (!name.empty())
+        name.pop_back(); // the newline
     std::error_code error;
     std::string const file = std::filesystem::read_symlink(entry(pid, "exe"), error).filename().string();
     return !error && name.size() == kept && file.compare(0, kept, name) == 0 ? file : name;
@@ -206,7 +212,7 @@ std::optional<Process> describe(int pid) {
     process.tracer = number(fields["TracerPid"]);
     process.threads = number(fields["Threads"]);
     std::istringstream(fields["Uid"]) >> process.user >> process.user; // real, effective, ...
-    process.name = whole_name(pid, fields["Name"]);
+    process.name = whole_name(pid);
     process.state = fields["State"];
     process.catches = has_channel_signal(fields["SigCgt"]);
     process.ignores = has_channel_signal(fields["SigIgn"]);
@@ -327,8 +333,11 @@ int find_process(std::string const& text) {
     if (found.empty())
         throw Failure(not_found, "no process with zel is named " + quoted + ": zelctl ps lists them");
     std::string candidates;
-    for (Process const& process : found)
-        candidates += ' ' + std::to_string(process.pid) + " (" + printable(process.name) + ')';
+    std::size_t const enough = 10;
+    for (std::size_t i = 0; i < std::min(found.size(), enough); ++i)
+        candidates += ' ' + std::to_string(found[i].pid) + " (" + printable(found[i].name) + ')';
+    if (found.size() > enough)
+        candidates += ", and " + std::to_string(found.size() - enough) + " more, which zelctl ps lists";
     throw Failure(not_found, "several processes are named " + quoted + ", say which:" + candidates);
 }
 
