@@ -116,7 +116,7 @@ namespace {
 
 std::string styled(Output const& output, char const* style, std::string const& text) {
     char const* const no_color = std::getenv("NO_COLOR");
-    bool const plain = !output.terminal() || (no_color && *no_color != '\0');
+    bool const plain = !output.screen() || (no_color && *no_color != '\0');
     return plain ? text : style + text + "\x1b[0m";
 }
 
