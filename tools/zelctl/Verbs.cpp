@@ -54,10 +54,9 @@ std::string list_of_verbs() {
 ExitStatus status_of(Answer const& answer) {
     if (!answer.lost)
         return ok;
-    std::fputs(
-        "zelctl: lines were lost: more came at once than the pipe between the processes takes: ask again, "
-        "or as root, whose pipes may be larger\n",
-        stderr);
+    std::fputs("zelctl: lines were lost: more came at once than the pipe between the processes takes: raise "
+               "fs.pipe-max-size\n",
+               stderr);
     return refused;
 }
 
