@@ -32,6 +32,12 @@ TEST(ZelctlAttach, ends_no_process_that_starts_or_ends_meanwhile) {
     EXPECT_GT(ends["exit 8"], 0) << "none was reached";
 }
 
+TEST(ZelctlAttach, reaches_the_program_that_a_process_has_gone_on_to) {
+    Program process({BROOD, "twice", "5000"}); // takes the signal, and does not answer before its exec()
+    ASSERT_EQ("twice", process.line());
+    EXPECT_EQ("exit 8", zelctl({std::to_string(process.pid()), "foo"}).end);
+}
+
 TEST(ZelctlAttach, finds_processes_and_tells_how_to_reach_them) {
     std::string const names = "zt" + std::to_string(getpid()); // of no other process
     Program target({INSPECT_TARGET, "listings", names + "-one"});

@@ -28,6 +28,9 @@ TEST_F(ZelctlPrompt, completes_words_remembers_lines_and_only_detaches) {
     EXPECT_TRUE(shows("\x1b[1m")) << "a heading";
     EXPECT_TRUE(shows("channel_target"));
     ASSERT_TRUE(shows("> "));
+    type("zel fd\t\n");
+    EXPECT_TRUE(shows("FdMgrs:")) << "a word of zel's";
+    ASSERT_TRUE(shows("> "));
     type("tail \x1b[A\x15tail one\n"); // the line before, thrown away again
     EXPECT_TRUE(shows("\r\none\r\n"));
     ASSERT_TRUE(shows("> "));

@@ -260,6 +260,9 @@ TEST(ZelctlRefusal, says_that_a_process_lives_in_another_namespace_and_how_to_as
     Result const result = zelctl({child, "foo"});
     EXPECT_TRUE(fails(result, "exit 4", "another pid namespace"));
     EXPECT_TRUE(fails(result, "exit 4", "zelctl 1 ..."));
+    kill(std::stoi(child), 55);
+    EXPECT_TRUE(wait_until([] { return holds(proc(getpid(), "net/unix"), "@orn.msg.cmd.1\n"); }));
+    EXPECT_FALSE(holds(zelctl({"ps"}).output, "\n1\t")) << "the queue of another one of this id";
 }
 
 TEST(ZelctlRefusal, of_a_process_that_serves_root_alone_says_so) {

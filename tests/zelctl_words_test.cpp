@@ -42,6 +42,8 @@ TEST_F(ZelctlWords, show_the_objects_that_the_process_tells) {
     EXPECT_EQ("WORD\tLIBRARY\nstation\tlibx.so\n", ask({"words"}).output);
     EXPECT_TRUE(fails(ask({"fds"}), "exit 1", "no such thing to inspect, it knows: alarms"));
     EXPECT_TRUE(fails(ask({"statoin 1"}), "exit 8", "did you mean: station"));
+    EXPECT_TRUE(fails(ask({"taks 1"}), "exit 8", "did you mean: tasks"));
+    EXPECT_TRUE(fails(ask({"inspect fds"}), "exit 8", "inspect has no word \"fds\": it has alarms"));
     EXPECT_TRUE(fails(ask({"fds 1"}), "exit 2", "no words behind it"));
 }
 
@@ -113,9 +115,12 @@ TEST_F(ZelctlWords, load_only_what_the_process_can_take) {
     head[EI_DATA] = head[EI_DATA] == ELFDATA2LSB ? ELFDATA2MSB : ELFDATA2LSB;
     std::swap(head[EI_NIDENT], head[EI_NIDENT + 1]);
     std::ofstream(foreign.path()) << head;
+    TempFile const cut; // would end the process with SIGBUS
+    std::ofstream(cut.path()) << text_of(MODULE).substr(0, 5000);
     EXPECT_TRUE(fails(ask({"load /no/such/file"}), "exit 1", "No such file"));
     EXPECT_TRUE(fails(ask({"load " + text.path()}), "exit 1", "is no shared library"));
     EXPECT_TRUE(fails(ask({"load " + foreign.path()}), "exit 1", "is for"));
+    EXPECT_TRUE(fails(ask({"load " + cut.path()}), "exit 1", "is cut short"));
     EXPECT_TRUE(fails(ask({"load libno-such.so"}), "exit 1", "libno-such.so: cannot open"));
     EXPECT_TRUE(fails(zelctl({std::to_string(target.pid()), "load", "a b"}), "exit 2", "holds a blank"));
 

@@ -3,7 +3,9 @@
 // A process with zel that starts many others, for a tool that goes for each of them while it starts and ends.
 //
 //     brood COUNT   prints the id of each child as soon as it is there, and in the end how many a signal
-//     ended brood child   turns its loop for a moment
+//     ended
+//     brood child [MS]    turns its loop for a moment
+//     brood twice [MS]    says so, rests, and then becomes a child
 //
 // fork() copies the handler of signal 55, and exec() takes it away: for a while every child looks as if it
 // could be signalled, which ends those that come to exec() just then.
@@ -26,7 +28,7 @@ void be_child(char const* self, int number) {
     if (number % 3 == 0)
         execl("/bin/sleep", "sleep", number % 2 == 0 ? "0.02" : "0.4", nullptr);
     else if (number % 3 == 1)
-        execl(self, self, "child", nullptr);
+        execl(self, self, number % 2 == 0 ? "child" : "twice", nullptr);
     else
         execl("/bin/sh", "sh", "-c", "exec sleep 0.3", nullptr);
     _exit(127);
@@ -42,9 +44,17 @@ bool ended_by_signal(pid_t child) {
 int main(int argc, char** argv) {
     if (argc < 2)
         return 2;
+    char const* const ms = argc > 2 ? argv[2] : "300";
+    if (std::strcmp(argv[1], "twice") == 0) {
+        std::printf("twice\n");
+        std::fflush(stdout);
+        poll(nullptr, 0, std::atoi(ms) / 10);
+        execl(argv[0], argv[0], "child", ms, nullptr);
+        return 127;
+    }
     if (std::strcmp(argv[1], "child") == 0) {
         bool done = false;
-        orn::zel::Alarm const end(300, [&done] { done = true; });
+        orn::zel::Alarm const end(static_cast<unsigned long>(std::atoi(ms)), [&done] { done = true; });
         while (!done)
             orn::zel::RunOnce(-1);
         return 0;

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include <poll.h>
@@ -70,8 +71,17 @@ std::string printable(std::string const& text) {
     return result;
 }
 
+namespace {
+
+bool is_dumb() {
+    char const* const kind = std::getenv("TERM");
+    return kind && std::strcmp(kind, "dumb") == 0;
+}
+
+} // namespace
+
 Output::Output(std::function<int()> caught)
-    : caught_(caught), terminal_(isatty(STDOUT_FILENO) != 0), error_(0) {}
+    : caught_(caught), terminal_(isatty(STDOUT_FILENO) != 0), dumb_(is_dumb()), error_(0) {}
 
 void Output::line(std::string const& text) {
     kept_ += terminal_ ? printable(text) : text;

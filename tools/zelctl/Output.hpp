@@ -27,6 +27,8 @@ public:
 
     // Whether a person reads it.
     bool terminal() const { return terminal_; }
+    // Whether it is one that takes styles and moves its cursor.
+    bool screen() const { return terminal_ && !dumb_; }
 
     // How many bytes are kept.
     std::size_t waiting() const { return kept_.size(); }
@@ -47,6 +49,7 @@ private:
 
     std::function<int()> caught_;
     bool const terminal_;
+    bool const dumb_;
     std::string kept_;
     int error_;
 };

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <sstream>
 
@@ -99,11 +100,16 @@ void read_stat(Process& process) {
     process.age_ms = age_of(process.start);
 }
 
-// The kernel keeps 15 bytes of a name. The program file's name is the whole one if it begins like that.
-std::string whole_name(std::string const& proc, std::string const& name) {
+// The kernel keeps 15 bytes of a name, and shows it as it is only in this file. The program file's name is
+// the whole one if it begins like that.
+std::string whole_name(Process const& process) {
     std::size_t const kept = 15;
+    std::ifstream comm(directory(process.pid) + "/comm");
+    std::string name((std::istreambuf_iterator<char>(comm)), std::istreambuf_iterator<char>());
+    if (!name.empty())
+        name.pop_back(); // the newline
     std::error_code error;
-    std::string const file = std::filesystem::read_symlink(proc + "/exe", error).filename().string();
+    std::string const file = std::filesystem::read_symlink(process.proc + "/exe", error).filename().string();
     return !error && name.size() == kept && file.compare(0, kept, name) == 0 ? file : name;
 }
 
@@ -118,6 +124,7 @@ void look_for_library(Process& process) {
             continue;
         process.library = Process::Library::mapped;
         process.library_path = line.substr(path);
+        process.library_at = line.substr(0, line.find('-'));
         return;
     }
 }
@@ -221,7 +228,7 @@ std::optional<Process> describe_by(int pid, std::string const& proc) {
     process.inner_pid = inner_id(status_of("/proc/self")["NSpid"], fields["NSpid"]);
     process.threads = number(fields["Threads"]);
     std::istringstream(fields["Uid"]) >> process.user >> process.user; // real, effective, ...
-    process.name = whole_name(proc, fields["Name"]);
+    process.name = whole_name(process);
     process.catches = has_channel_signal(fields["SigCgt"]);
     process.ignores = has_channel_signal(fields["SigIgn"]);
     if (proc != directory(pid))
@@ -305,6 +312,13 @@ bool starting(Process const& process) {
            (process.age_ms < longest && lacks_zel(process));
 }
 
+bool awaits_signal(Process const& process) {
+    std::map<std::string, std::string> fields = status_of(process.proc);
+    std::string const state = fields["State"];
+    bool const rests = !state.empty() && (state[0] == 'S' || state[0] == 'T');
+    return rests && has_channel_signal(fields["SigCgt"]);
+}
+
 std::vector<Process> processes_with_zel(std::vector<Process>& hidden) {
     std::vector<Process> found;
     std::error_code error; // processes come and go meanwhile
@@ -315,7 +329,8 @@ std::vector<Process> processes_with_zel(std::vector<Process>& hidden) {
             pid > 0 && pid != getpid() ? describe(pid) : std::optional<Process>();
         if (!process)
             continue;
-        if (process->library == Process::Library::mapped || process->channel_open)
+        // A queue of this name may be that of a process in another pid namespace, where it has the same id.
+        if (process->library == Process::Library::mapped || (process->channel_open && process->catches))
             found.push_back(*process);
         else if (process->library == Process::Library::unknown && process->catches)
             hidden.push_back(*process);
@@ -362,8 +377,11 @@ int find_process(std::string const& text) {
     if (found.empty())
         throw Failure(not_found, "no process with zel is named " + quoted + ": zelctl ps lists them");
     std::string candidates;
-    for (Process const& process : found)
-        candidates += ' ' + std::to_string(process.pid) + " (" + printable(process.name) + ')';
+    std::size_t const enough = 10;
+    for (std::size_t i = 0; i < std::min(found.size(), enough); ++i)
+        candidates += ' ' + std::to_string(found[i].pid) + " (" + printable(found[i].name) + ')';
+    if (found.size() > enough)
+        candidates += ", and " + std::to_string(found.size() - enough) + " more, which zelctl ps lists";
     throw Failure(not_found, "several processes are named " + quoted + ", say which:" + candidates);
 }
 

@@ -37,6 +37,7 @@ struct Process {
     bool dumpable = false;
     Library library = Library::absent;
     std::string library_path; // as the process sees it
+    std::string library_at;   // its address, which is another one after exec()
     bool channel_open = false;
 
     bool over() const;
@@ -56,6 +57,10 @@ std::optional<Failure> lacks_zel(Process const& process);
 
 // Whether it may just be on its way from fork() to exec(), or through the dynamic linker.
 bool starting(Process const& process);
+
+// Whether it catches the signal just now and does not run, so that it cannot be within exec(), which may take
+// the handler away before the signal gets there.
+bool awaits_signal(Process const& process);
 
 // All but this one that have the library mapped, or an open channel, in the order of their ids. hidden: those
 // that catch the signal, but cannot be looked into.

@@ -43,7 +43,8 @@ private:
     static int get_key(EditLine* edit, wchar_t* key);
     static unsigned char complete(EditLine* edit, wint_t key);
     bool wait_for_key();
-    Words completions(std::string const& begun, bool first);
+    Words first_words();
+    Words completions(std::string const& begun, Words const& before);
 
     Context& context_;
     std::string const prompt_;
@@ -138,16 +139,27 @@ int Prompt::get_key(EditLine* edit, wchar_t* key) {
     }
 }
 
-Words Prompt::completions(std::string const& begun, bool first) {
-    Words candidates = {"poll", "thread", "task", "alarm"};
-    if (first) {
-        candidates = {"help", "quit"};
-        for (Verb const& verb : verbs())
-            candidates.push_back(verb.word);
-        if (words_.empty())
-            words_ = command_words(context_);
-        candidates.insert(candidates.end(), words_.begin(), words_.end());
-    }
+Words Prompt::first_words() {
+    Words candidates = {"help", "quit"};
+    for (Verb const& verb : verbs())
+        candidates.push_back(verb.word);
+    if (words_.empty())
+        words_ = command_words(context_);
+    candidates.insert(candidates.end(), words_.begin(), words_.end());
+    return candidates;
+}
+
+// before: the words in front of the one that has been begun.
+Words Prompt::completions(std::string const& begun, Words const& before) {
+    Words candidates;
+    if (before == Words{"zel"})
+        candidates = words_of_zel();
+    else if (before == Words{"inspect"})
+        candidates = {"process", "groups", "threads", "fds", "alarms", "tasks", "signals", "trace", "timing"};
+    else if (!before.empty() && (before[0] == "monitor" || before[0] == "zel"))
+        candidates = {"poll", "thread", "task", "alarm"};
+    else if (before.empty())
+        candidates = first_words();
     std::sort(candidates.begin(), candidates.end());
     candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
     candidates.erase(
@@ -157,16 +169,18 @@ Words Prompt::completions(std::string const& begun, bool first) {
     return candidates;
 }
 
-unsigned char Prompt::complete(EditLine* edit, wint_t) {
+unsigned char Prompt::complete(EditLine* edit, wint_t key) {
     Prompt& self = of(edit);
     LineInfo const* const line = el_line(edit);
     std::string const before(line->buffer, line->cursor);
     std::size_t const blank = before.rfind(' ');
-    bool const first = before.find_first_not_of(' ') == std::string::npos || blank == std::string::npos;
     std::string const begun = before.substr(blank == std::string::npos ? 0 : blank + 1);
+    Words const words = words_of(before.substr(0, before.size() - begun.size()));
+    if (!words.empty() && (words[0] == "load" || words[0] == "unload" || words.back() == "-o"))
+        return static_cast<unsigned char>(_el_fn_complete(edit, key));
     Words found;
     try {
-        found = self.completions(begun, first);
+        found = self.completions(begun, words);
     } catch (...) {
         self.failure_ = std::current_exception();
         return CC_EOF;

@@ -149,10 +149,15 @@ void Session::drain() {
 
 // ---- Attaching ------------------------------------------------------------------------------------------
 
-// A process whose channel is open needs no signal. Any other one is signalled once, as soon as that is safe.
+// A process whose channel is open needs no signal. Any other one is signalled as soon as that is safe, and
+// again only when it has called exec(), which is looked for now and then. One that never rests is not in
+// exec() all the time.
 void Session::connect() {
     Limit const limit(*this);
-    for (bool raised = false; !channel_.connect();) {
+    unsigned const seldom = 25;
+    unsigned const patience = 30;
+    std::optional<std::string> told;
+    for (unsigned attempt = 0; !channel_.connect(); ++attempt) {
         send_error_ = errno;
         if (ended())
             throw Failure(not_attachable, target_.name() + " has ended");
@@ -161,8 +166,8 @@ void Session::connect() {
                                              " is not that of " + target_.name() +
                                              ": see who listens there (ss -xlp)");
         }
-        if (!raised && send_error_ == ECONNREFUSED)
-            raised = target_.raise_signal();
+        if (send_error_ == ECONNREFUSED && (!told || attempt % seldom == 0))
+            target_.raise_signal(told, attempt < patience);
         turn(10);
     }
     send_error_ = 0;

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: MIT
 //
 // The verbs load and unload. What the process's dynamic linker would refuse is refused here, with the reason.
-#include <array>
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <vector>
 
 #include <elf.h>
 #include <unistd.h>
@@ -33,27 +36,77 @@ struct Format {
     bool big = false;
     unsigned type = 0;
     unsigned machine = 0;
+    bool whole = false; // it has all that its segments take from it
 };
 
+class Bytes {
+public:
+    Bytes(std::ifstream& file, std::uint64_t from, std::size_t size, bool big) : data_(size), big_(big) {
+        file.seekg(static_cast<std::streamoff>(from));
+        file.read(data_.data(), static_cast<std::streamsize>(size));
+    }
+    std::uint64_t number(std::size_t at, std::size_t size) const {
+        std::uint64_t value = 0;
+        for (std::size_t i = 0; i < size; ++i)
+            value = value << 8 | static_cast<unsigned char>(data_[big_ ? at + i : at + size - 1 - i]);
+        return value;
+    }
+    char const* data() const { return data_.data(); }
+
+private:
+    std::vector<char> data_;
+    bool const big_;
+};
+
+// A process that maps a file which is still being copied dies of what is not there yet, within dlopen().
+bool has_its_segments(std::ifstream& file, Bytes const& head, Format const& format, std::uint64_t size) {
+    bool const wide = format.bits == 64;
+    std::size_t const word = wide ? 8 : 4;
+    std::uint64_t const table = wide ? head.number(32, 8) : head.number(28, 4);
+    std::uint64_t const entry = head.number(wide ? 54 : 42, 2);
+    std::uint64_t const count = head.number(wide ? 56 : 44, 2);
+    if (entry < (wide ? sizeof(Elf64_Phdr) : sizeof(Elf32_Phdr)) || table > size ||
+        count * entry > size - table)
+        return false;
+    Bytes const segments(file, table, count * entry, format.big);
+    for (std::uint64_t at = 0; at < count * entry; at += entry) {
+        std::uint64_t const from = segments.number(at + word, word);
+        std::uint64_t const length = segments.number(at + 4 * word, word);
+        if (length > 0 && (from > size || length > size - from))
+            return false;
+    }
+    return true;
+}
+
 Format format_of(std::string const& path) {
-    std::array<unsigned char, EI_NIDENT + 4> head = {};
-    std::ifstream file(path, std::ios::binary);
-    file.read(reinterpret_cast<char*>(head.data()), head.size());
     Format format;
-    format.is_elf = file.good() && std::memcmp(head.data(), ELFMAG, SELFMAG) == 0;
-    format.bits = head[EI_CLASS] == ELFCLASS64 ? 64 : 32;
-    format.big = head[EI_DATA] == ELFDATA2MSB;
-    auto const half = [&](std::size_t at) {
-        return format.big ? head[at] * 256u + head[at + 1] : head[at + 1] * 256u + head[at];
-    };
-    format.type = half(EI_NIDENT);
-    format.machine = half(EI_NIDENT + 2);
+    std::error_code error;
+    std::uint64_t const size = std::filesystem::file_size(path, error);
+    std::ifstream file(path, std::ios::binary);
+    if (error || size < EI_NIDENT + 4 || !file)
+        return format;
+    Bytes const start(file, 0, EI_NIDENT, false);
+    format.is_elf = std::memcmp(start.data(), ELFMAG, SELFMAG) == 0;
+    format.bits = start.data()[EI_CLASS] == ELFCLASS64 ? 64 : 32;
+    format.big = start.data()[EI_DATA] == ELFDATA2MSB;
+    Bytes const head(file, 0, sizeof(Elf64_Ehdr), format.big);
+    format.type = static_cast<unsigned>(head.number(EI_NIDENT, 2));
+    format.machine = static_cast<unsigned>(head.number(EI_NIDENT + 2, 2));
+    format.whole = size >= sizeof(Elf64_Ehdr) && has_its_segments(file, head, format, size);
     return format;
 }
 
+std::string machine_name(unsigned machine) {
+    static std::map<unsigned, char const*> const names = {
+        {EM_386, "x86"},     {EM_X86_64, "x86-64"}, {EM_ARM, "ARM"},   {EM_AARCH64, "AArch64"},
+        {EM_PPC, "PowerPC"}, {EM_PPC64, "PowerPC"}, {EM_MIPS, "MIPS"}, {EM_RISCV, "RISC-V"}};
+    auto const known = names.find(machine);
+    return known == names.end() ? "machine " + std::to_string(machine) : known->second;
+}
+
 std::string text_of(Format const& format) {
-    return std::to_string(format.bits) + " bits, " + (format.big ? "big" : "little") + "-endian, machine " +
-           std::to_string(format.machine);
+    return machine_name(format.machine) + " with " + std::to_string(format.bits) + " bits, " +
+           (format.big ? "big" : "little") + "-endian";
 }
 
 // The process looks up a path from its own working directory, and a bare name where libraries are.
@@ -73,14 +126,18 @@ void check(Target const& target, std::string const& path) {
         throw Failure(refused,
                       shown + ": " + strerror(errno) + ": give a path that " + target.name() + " can see");
     }
+    if (access(seen.c_str(), R_OK) != 0)
+        throw Failure(refused, shown + ": " + strerror(errno) + ": zelctl reads of what kind it is");
     Format const format = format_of(seen);
     if (!format.is_elf || format.type != ET_DYN)
         throw Failure(refused, shown + " is no shared library");
     Format const own = format_of(as_it_sees(target, target.process().library_path));
     if (own.is_elf && (own.bits != format.bits || own.big != format.big || own.machine != format.machine)) {
-        throw Failure(refused, shown + " is for " + text_of(format) + ", and " + target.name() +
-                                   " runs with " + text_of(own) + ": build it for that");
+        throw Failure(refused, shown + " is for " + text_of(format) + ", and " + target.name() + " runs on " +
+                                   text_of(own) + ": build it for that");
     }
+    if (!format.whole)
+        throw Failure(refused, shown + " is cut short: copy it again, or wait until it is whole");
 }
 
 } // namespace
@@ -88,7 +145,7 @@ void check(Target const& target, std::string const& path) {
 // The process answers each library with a line, which ends with ": loaded", say, when all is well.
 ExitStatus steer(Context& context, std::string const& change, Words const& libraries) {
     Target const& target = context.session.target();
-    if (libraries.empty())
+    if (libraries.empty() || std::count(libraries.begin(), libraries.end(), "") > 0)
         throw Failure(misused, change + " takes the names of libraries");
     Words paths;
     for (std::string const& library : libraries) {

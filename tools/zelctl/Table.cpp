@@ -31,8 +31,24 @@ std::string heading_of(std::string const& key) {
 struct Column {
     std::string key;
     std::size_t width;
-    bool numbers; // which stand to the right
+    bool numbers;       // which stand to the right
+    std::size_t digits; // behind the point
 };
+
+// How many digits stand behind the point. None where there is no point, or an exponent.
+std::size_t digits_in(Json const& value) {
+    std::string const text = value.is_number_float() ? json_line(value) : "";
+    std::string::size_type const point = text.find('.');
+    return text.find_first_not_of("-.0123456789") != std::string::npos || point == std::string::npos
+               ? 0
+               : text.size() - point - 1;
+}
+
+// With zeros at the end, so that the points of a column stand below each other.
+std::string text_in(Column const& column, Json const& value) {
+    std::size_t const digits = digits_in(value);
+    return cell(value) + std::string(digits == 0 ? 0 : column.digits - digits, '0');
+}
 
 std::vector<Column> columns_of(std::vector<Json> const& objects) {
     std::vector<Column> columns;
@@ -41,8 +57,8 @@ std::vector<Column> columns_of(std::vector<Json> const& objects) {
             auto it = std::find_if(columns.begin(), columns.end(),
                                    [&](Column const& column) { return column.key == item.key(); });
             if (it == columns.end())
-                it = columns.insert(it, {item.key(), width_of(heading_of(item.key())), true});
-            it->width = std::max(it->width, width_of(cell(item.value())));
+                it = columns.insert(it, {item.key(), width_of(heading_of(item.key())), true, 0});
+            it->digits = std::max(it->digits, digits_in(item.value()));
             it->numbers = it->numbers && (item.value().is_number() || item.value().is_null());
         }
     }
@@ -100,7 +116,7 @@ namespace {
 
 std::string styled(Output const& output, char const* style, std::string const& text) {
     char const* const no_color = std::getenv("NO_COLOR");
-    bool const plain = !output.terminal() || (no_color && *no_color != '\0');
+    bool const plain = !output.screen() || (no_color && *no_color != '\0');
     return plain ? text : style + text + "\x1b[0m";
 }
 
@@ -115,24 +131,29 @@ std::string alarming(Output const& output, std::string const& text) {
 }
 
 std::vector<std::string> table_lines(std::vector<Json> const& objects, bool align) {
-    std::vector<Column> const columns = columns_of(objects);
+    std::vector<Column> columns = columns_of(objects);
     if (columns.empty())
         return {};
-    auto const row = [&](auto const& text_of) {
-        std::string line;
-        for (Column const& column : columns) {
-            bool const last = &column == &columns.back();
-            line += align ? aligned(text_of(column), column, last) : text_of(column);
-            line += last ? "" : align ? "  " : "\t";
-        }
-        return line;
-    };
-    std::vector<std::string> lines = {row([](Column const& column) { return heading_of(column.key); })};
+    std::vector<std::vector<std::string>> rows(1);
+    for (Column const& column : columns)
+        rows[0].push_back(heading_of(column.key));
     for (Json const& object : objects) {
-        lines.push_back(row([&](Column const& column) {
+        rows.emplace_back();
+        for (Column& column : columns) {
             auto const it = object.find(column.key);
-            return it == object.end() ? std::string("-") : cell(*it);
-        }));
+            rows.back().push_back(it == object.end() ? "-" : text_in(column, *it));
+            column.width = std::max(column.width, width_of(rows.back().back()));
+        }
+    }
+    std::vector<std::string> lines;
+    lines.reserve(rows.size());
+    for (std::vector<std::string> const& row : rows) {
+        lines.emplace_back();
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            bool const last = i + 1 == row.size();
+            lines.back() += align ? aligned(row[i], columns[i], last) : row[i];
+            lines.back() += last ? "" : align ? "  " : "\t";
+        }
     }
     return lines;
 }

@@ -106,19 +106,23 @@ void Target::make_sure_it_is_the_same() const {
         throw Failure(not_attachable, name() + " has ended");
 }
 
-bool Target::raise_signal() const {
+// Between the last look and the signal there is nothing but the call, because exec() takes the handler away.
+// Nor is a signal left to a process that blocks it: it would wait there for the next program.
+void Target::raise_signal(std::optional<std::string>& told, bool patient) const {
     Process const now = look();
     if (starting(now))
-        return false;
+        return;
     std::optional<Failure> const why = lacks_zel(now);
     make_sure_it_is_the_same(); // one that ends loses the library first
     if (why)
         throw *why;
     // An open channel needs no signal, and its process may not catch one any more.
-    bool const raised = !now.catches || send_signal(pid_, descriptor_, orn::zel::cmd::channel_signal) == 0;
-    if (!raised && errno != ESRCH)
+    bool const needed = now.catches && told != now.library_at;
+    if (!needed || now.blocks || (patient && !awaits_signal(now)))
+        return;
+    if (send_signal(pid_, descriptor_, orn::zel::cmd::channel_signal) != 0 && errno != ESRCH)
         throw forbidden(pid_);
-    return true;
+    told = now.library_at;
 }
 
 std::string Target::why_silent(bool connected, int error) const {

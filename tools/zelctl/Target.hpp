@@ -5,6 +5,7 @@
 #ifndef ZELCTL_TARGET_HPP
 #define ZELCTL_TARGET_HPP
 
+#include <optional>
 #include <string>
 
 #include "Process.hpp"
@@ -28,9 +29,10 @@ public:
     // Waits that long for the end. A zombie, whose parent has not collected it yet, has ended.
     bool ended(int wait_ms = 0) const;
 
-    // Raises signal 55, which opens the channel, once that cannot end the process. Returns false while the
-    // process is being started: try again soon. Throws Failure when it never can be.
-    bool raise_signal() const;
+    // Raises signal 55, which opens the channel, unless that may end the process now: try again soon. Throws
+    // Failure when it always may. told: where the library lay that has been told, if any has; after an exec()
+    // the new one is told as well. patient: waits for the process to rest.
+    void raise_signal(std::optional<std::string>& told, bool patient) const;
 
     // Throws Failure when the id has gone to another process meanwhile.
     void make_sure_it_is_the_same() const;

@@ -222,9 +222,8 @@ void Top::print() {
 // "" if the times of the last sample are whole.
 std::string Top::lost_in_last() const {
     std::uint64_t const before = before_.at_ns == 0 ? now_.lost : before_.lost;
-    return now_.lost > before
-               ? std::to_string(now_.lost - before) + " spans lost, so slices and times are too low"
-               : "";
+    return now_.lost > before ? std::to_string(now_.lost - before) + " spans lost: slices and times too low"
+                              : "";
 }
 
 std::string Top::headline() const {
@@ -270,7 +269,7 @@ ExitStatus Top::run() {
         options.duration > 0 ? new orn::zel::Alarm(ms(options.duration), [&] { over = true; }) : nullptr);
     orn::zel::Alarm const tick(ms(options.interval), ms(options.interval), [&] { due = true; });
     std::unique_ptr<Screen> screen;
-    if (context_.output.terminal() && !options.json && !options.table) {
+    if (context_.output.screen() && !options.json && !options.table) {
         screen.reset(new Screen(
             context_.output, [&](char key) { over = over || key == 'q' || key == 'Q'; },
             [&] {

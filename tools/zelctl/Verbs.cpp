@@ -14,11 +14,11 @@
 
 namespace zelctl {
 
-namespace {
-
-Words const words_of_zel = {"tasks", "threads", "monitor", "unmonitor", "signals", "fds", "load", "unload"};
-
-} // namespace
+Words const& words_of_zel() {
+    static Words const words = {"tasks",   "threads", "monitor", "unmonitor",
+                                "signals", "fds",     "load",    "unload"};
+    return words;
+}
 
 std::vector<Verb> const& verbs() {
     static std::vector<Verb> const table = {
@@ -47,14 +47,16 @@ std::string list_of_verbs() {
                 '\n';
     }
     text += "  WORD...               goes to the process as it is; zel, for example, has: " +
-            joined(words_of_zel, ", ") + '\n';
+            joined(words_of_zel(), ", ") + '\n';
     return text;
 }
 
 ExitStatus status_of(Answer const& answer) {
     if (!answer.lost)
         return ok;
-    std::fputs("zelctl: lines were lost: more came than the pipe between the processes takes\n", stderr);
+    std::fputs("zelctl: lines were lost: more came at once than the pipe between the processes takes: raise "
+               "fs.pipe-max-size\n",
+               stderr);
     return refused;
 }
 
@@ -62,19 +64,21 @@ ExitStatus status_of(Answer const& answer) {
 
 namespace {
 
-// How many letters have to be put in, taken out or replaced to make one word the other.
+// How many letters have to be put in, taken out, replaced, or exchanged with the next one, to make one word
+// the other.
 std::size_t distance(std::string const& one, std::string const& other) {
-    std::vector<std::size_t> row(other.size() + 1);
-    std::iota(row.begin(), row.end(), 0u);
-    for (std::size_t i = 0; i < one.size(); ++i) {
-        std::size_t diagonal = row[0]++;
-        for (std::size_t j = 0; j < other.size(); ++j) {
-            std::size_t const replaced = diagonal + (one[i] == other[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
+    std::vector<std::vector<std::size_t>> rows(one.size() + 1, std::vector<std::size_t>(other.size() + 1));
+    std::iota(rows[0].begin(), rows[0].end(), 0u);
+    for (std::size_t i = 1; i <= one.size(); ++i) {
+        rows[i][0] = i;
+        for (std::size_t j = 1; j <= other.size(); ++j) {
+            std::size_t const replaced = rows[i - 1][j - 1] + (one[i - 1] == other[j - 1] ? 0 : 1);
+            rows[i][j] = std::min({replaced, rows[i][j - 1] + 1, rows[i - 1][j] + 1});
+            if (i > 1 && j > 1 && one[i - 1] == other[j - 2] && one[i - 2] == other[j - 1])
+                rows[i][j] = std::min(rows[i][j], rows[i - 2][j - 2] + 1);
         }
     }
-    return row.back();
+    return rows.back().back();
 }
 
 // The word that was meant, perhaps; "" when none is near.
@@ -82,6 +86,9 @@ std::string nearest(std::string const& word, Words const& candidates) {
     std::string found;
     std::size_t least = std::max<std::size_t>(1, word.size() / 3) + 1;
     for (std::string const& candidate : candidates) {
+        std::size_t const longest = 64; // a word may come from the process
+        if (std::max(word.size(), candidate.size()) > longest)
+            continue;
         bool const begun = word.size() > 1 && candidate.compare(0, word.size(), word) == 0;
         std::size_t const far =
             begun ? std::min<std::size_t>(distance(word, candidate), 1) : distance(word, candidate);
@@ -96,10 +103,13 @@ std::string nearest(std::string const& word, Words const& candidates) {
 ExitStatus unknown(Context& context, std::string const& where, std::string const& word,
                    Words const& candidates) {
     std::string const meant = nearest(word, candidates);
-    std::fprintf(stderr, "zelctl: %s has no word \"%s\"%s%s%s\n",
+    std::string const pid = std::to_string(context.session.target().pid());
+    std::string const hint = !meant.empty()   ? "; did you mean: " + meant
+                             : !where.empty() ? ": it has " + joined(candidates, ", ")
+                                              : ": zelctl " + pid + " words lists them";
+    std::fprintf(stderr, "zelctl: %s has no word \"%s\"%s\n",
                  (context.session.target().name() + where).c_str(), printable(word).c_str(),
-                 meant.empty() ? "" : "; did you mean: ", printable(meant).c_str(),
-                 meant.empty() ? ": zelctl --help lists them" : "");
+                 printable(hint).c_str());
     return unknown_word;
 }
 
@@ -140,9 +150,19 @@ ExitStatus ask(Context& context, std::string const& command) {
         return unknown(context, "", words[0], all_words(context));
     }
     std::string const second = words.size() > 1 ? words[1] : "";
+    if (words[0] == "inspect") {
+        Json const object = object_in(answer.first);
+        if (object.contains("known")) {
+            Words known;
+            for (Json const& what : object["known"])
+                known.push_back(cell(what));
+            context.output.flush();
+            return unknown(context, "'s inspect", second, known);
+        }
+    }
     if (words[0] == "zel" && answer.first == "[zel] " + second + ": no such command") {
         context.output.flush();
-        return unknown(context, "'s zel", second, words_of_zel);
+        return unknown(context, "'s zel", second, words_of_zel());
     }
     return status_of(answer);
 }

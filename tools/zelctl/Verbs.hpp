@@ -39,6 +39,9 @@ std::vector<Verb> const& verbs();
 ExitStatus run(Context& context, Words const& words);
 ExitStatus run(Context& context, std::string const& command);
 
+// The words that may stand behind zel.
+Words const& words_of_zel();
+
 // A line for each verb, for --help and for the prompt.
 std::string list_of_verbs();
 

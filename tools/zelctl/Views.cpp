@@ -15,14 +15,18 @@
 
 namespace zelctl {
 
-std::optional<View> inspect(Session& session, std::string const& what) {
+namespace {
+
+std::optional<View> view_of(Session& session, std::string const& what) {
     View view;
     bool whole = false;
-    view.answer = session.ask("inspect " + what, [&](std::string const& line) {
+    std::vector<std::string> lines; // read as objects later: the pipe may fill meanwhile
+    view.answer = session.ask("inspect " + what, [&](std::string const& line) { lines.push_back(line); });
+    for (std::string const& line : lines) {
         Json object = object_in(line);
         // Answers to what was told before may still come, and streams go on meanwhile.
         if (!object.is_object() || (object.contains("inspect") && object["inspect"] != what))
-            return;
+            continue;
         if (object.contains("end")) {
             whole = true;
             view.lost = object["lost"].is_number_unsigned() ? object["lost"].get<unsigned long>() : 0;
@@ -32,11 +36,23 @@ std::optional<View> inspect(Session& session, std::string const& what) {
             object.erase("inspect");
             view.objects.push_back(std::move(object));
         }
-    });
+    }
     // An application may have given the word a meaning of its own.
     if (view.answer.echoed || (!whole && view.objects.empty() && !view.answer.lost))
         return std::nullopt;
     view.answer.lost = view.answer.lost || view.lost > 0 || !whole;
+    return view;
+}
+
+} // namespace
+
+// The process waits for nobody, so what comes of an answer larger than the pipe is a matter of luck.
+std::optional<View> inspect(Session& session, std::string const& what) {
+    Session::Limit const limit(session);
+    unsigned const enough = 5;
+    std::optional<View> view = view_of(session, what);
+    for (unsigned asked = 1; view && view->answer.lost && asked < enough; ++asked)
+        view = view_of(session, what);
     return view;
 }
 
@@ -109,6 +125,8 @@ ExitStatus show_view(Context& context, std::string const& what, View const& view
                      what.c_str(), view.error.c_str());
         return refused;
     }
+    if (view.objects.empty() && context.output.terminal() && !context.options.json)
+        context.output.own_line("no " + what);
     print_table(context.output, context.options,
                 what == "words"        ? word_objects(view.objects)
                 : context.options.json ? view.objects

@@ -20,12 +20,20 @@ _zelctl_words() { # _zelctl_words TARGET
 }
 
 _zelctl() {
-    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} target='' verb='' i
+    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} target='' verb='' second='' i
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
         -c | --timeout | --for | --follow | --limit | --interval | -o | --output) ((++i)) ;;
         -*) ;;
-        *) if [ -z "$target" ]; then target=${COMP_WORDS[i]}; elif [ -z "$verb" ]; then verb=${COMP_WORDS[i]}; fi ;;
+        *)
+            if [ -z "$target" ]; then
+                target=${COMP_WORDS[i]}
+            elif [ -z "$verb" ]; then
+                verb=${COMP_WORDS[i]}
+            else
+                second=${second:-${COMP_WORDS[i]}}
+            fi
+            ;;
         esac
     done
     COMPREPLY=()
@@ -40,11 +48,13 @@ _zelctl() {
     case $word in
     -*) choices='-c -o --for --limit --interval --timeout --follow --json --table --raw --help --version' ;;
     *)
-        case $target:$verb in
+        case $target:$verb${second:+ $second} in
         :) choices="ps $(_zelctl_processes)" ;;
         ps:*) choices=$(_zelctl_processes) ;;
-        *:monitor) choices='poll thread task alarm' ;;
-        *:load | *:unload)
+        *:monitor* | *:'zel monitor' | *:'zel unmonitor') choices='poll thread task alarm' ;;
+        *:inspect) choices='process groups threads fds alarms tasks signals trace timing' ;;
+        *:'inspect t'*) choices='on off' ;;
+        *:load* | *:unload* | *:'zel load' | *:'zel unload')
             mapfile -t COMPREPLY < <(compgen -f -- "$word")
             return
             ;;
