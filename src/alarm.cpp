@@ -136,7 +136,7 @@ void remove(Home const& home, id_t id) ZEL_NO_ANALYSIS {
 
 void drain(Table& table, fd::Event* event) {
     detail::QueuedWords queued(*event);
-    detail::LoopRecord* const record = detail::LoopRecord::current();
+    detail::LoopRecord& record = detail::LoopRecord::current();
     std::uint32_t word;
     while (queued.next(word)) {
         id_t const id = word;
@@ -163,7 +163,8 @@ void drain(Table& table, fd::Event* event) {
         if (last)
             due->timer.reset();
         // No lock may be held here: a handler may add, reset and delete alarms, its own included.
-        detail::LoopRecord::Callback const callback(record, detail::Doing::alarm, word, came_ns);
+        detail::LoopRecord::Callback<detail::Doing::alarm> callback(record);
+        callback.next(word, came_ns);
         due->handler();
     }
 }

@@ -77,7 +77,7 @@ MonitorImpl::MonitorImpl(int fd, short events)
 
 MonitorImpl::~MonitorImpl() = default;
 
-unsigned long MonitorImpl::insert(boost::function<void(Event*)> const& handler) {
+[[gnu::cold]] unsigned long MonitorImpl::insert(boost::function<void(Event*)> const& handler) {
     if (fd_ == -1)
         throw Exception("invalid FD (-1)");
     if (receptacle_.count() != 0)
@@ -206,7 +206,7 @@ std::set<id_t>& live_ids() {
     live_ids().erase(id_.value());
 }
 
-void Manager::insert(MonitorImpl* monitor) {
+[[gnu::cold]] void Manager::insert(MonitorImpl* monitor) {
     boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
     Log_SpecEntry(logSpecForceInfo, "src/fd", detail::line_of_monitor_inserted, "%s: fd=%d, group=%lu",
                   "void orn::zel::fd::Manager::insert(orn::zel::fd::MonitorImpl*)", monitor->fd(),
@@ -308,7 +308,7 @@ void Manager::WakeUp(char c) {
 
 // ---- Registration and listing ---------------------------------------------------------------------------
 
-boost::shared_ptr<Monitor> Fd(int fd, boost::shared_ptr<Manager> manager) {
+[[gnu::cold]] boost::shared_ptr<Monitor> Fd(int fd, boost::shared_ptr<Manager> manager) {
     boost::shared_ptr<MonitorImpl> const monitor = boost::make_shared<MonitorImpl>(fd, POLLIN);
     monitor->Associate(manager);
     return monitor;

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include <orn/zel/threadRegistry.hpp>
+
 #include "fork.hpp"
 
 namespace orn::zel::detail {
@@ -54,6 +56,8 @@ std::uint64_t as_ns(unsigned long ms) {
 
 } // namespace
 
+LoopRecord LoopRecord::nobodys;
+
 LoopRecord::Look LoopRecord::look() const {
     Look look = {};
     look.turns = get(turns_);
@@ -85,6 +89,7 @@ SpanRing& LoopRecord::trace() {
         owned_ = std::make_unique<SpanRing>();
     if (!traced() || owned_->process() != process_id()) {
         owned_->begin();
+        add(traces_);
         ring_.store(owned_.get(), std::memory_order_release);
     }
     return *owned_;
@@ -100,33 +105,45 @@ void LoopRecord::add_span(std::uint64_t begin_ns, std::uint64_t end_ns, Doing do
         return;
     }
     std::uint64_t const late = came_ns != 0 && came_ns < begin_ns ? begin_ns - came_ns : 0;
-    ring->push(Span{begin_ns, end_ns, id, get(tid_), late & most_late_ns, doing});
+    ring->push(Span{begin_ns, end_ns, id, tid_, late & most_late_ns, doing});
 }
 
-void LoopRecord::Callback::begin_traced(std::uint32_t id, std::uint64_t came_ns) {
-    id_ = id;
-    begin_ns_ = internal::now_ns();
-    came_ns_ = came_ns;
-    outer_since_ms_ = get(record_->since_ms_);
-    set(record_->since_ms_, ms_of(begin_ns_));
+std::uint64_t LoopRecord::begin_traced() {
+    tid_ = thread::self();
+    row_end_ns_ = 0;
+    return internal::now_ns();
 }
 
-void LoopRecord::Callback::next_traced(std::uint32_t id) {
-    if (begin_ns_ == 0) { // the trace has begun in the midst of the row
-        begin_traced(id, 0);
-        return;
-    }
+// A turn ends with its callbacks, if it has any, and need not look at the clock once more.
+void LoopRecord::end_span(std::uint64_t begin_ns, Doing doing, std::uint32_t id) {
+    add_span(begin_ns, row_end_ns_ != 0 ? row_end_ns_ : internal::now_ns(), doing, id, 0);
+}
+
+// A call is left out when another trace has begun since: there may have been calls after it meanwhile.
+void LoopRecord::Row::add_call(Doing doing, std::uint64_t end_ns) const {
+    if (trace_ == get(record_.traces_))
+        record_.add_span(begin_ns_, end_ns, doing, id_, came_ns_);
+}
+
+void LoopRecord::Row::next_traced(Doing doing, std::uint32_t id, std::uint64_t came_ns) {
     std::uint64_t const now = internal::now_ns();
-    record_->add_span(begin_ns_, now, doing_, id_, came_ns_);
+    if (begin_ns_ != 0) {
+        add_call(doing, now);
+    } else { // the first one, or the trace has begun in the midst of the row
+        record_.tid_ = thread::self();
+        outer_since_ms_ = get(record_.since_ms_);
+    }
     id_ = id;
     begin_ns_ = now;
-    came_ns_ = 0;
-    set(record_->since_ms_, ms_of(now));
+    trace_ = get(record_.traces_);
+    came_ns_ = came_ns;
+    set(record_.since_ms_, ms_of(now));
 }
 
-void LoopRecord::Callback::end_traced() const {
-    record_->add_span(begin_ns_, internal::now_ns(), doing_, id_, came_ns_);
-    set(record_->since_ms_, outer_since_ms_);
+void LoopRecord::Row::end_traced(Doing doing) const {
+    record_.row_end_ns_ = internal::now_ns();
+    add_call(doing, record_.row_end_ns_);
+    set(record_.since_ms_, outer_since_ms_);
 }
 
 // ---- Arrivals -------------------------------------------------------------------------------------------

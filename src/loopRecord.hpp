@@ -65,20 +65,30 @@ private:
 // What costs a turn or a callback something is in one line of the processor's cache.
 class alignas(64) LoopRecord {
 public:
-    // The record of the innermost turn on the calling thread's stack; null outside of a turn. It stays good
-    // until that turn ends.
-    static LoopRecord* current() { return running; }
+    // The record of the innermost turn on the calling thread's stack, which stays good until that turn ends.
+    // Outside of a turn it is one that nobody looks at.
+    static LoopRecord& current() {
+        LoopRecord* const record = running();
+        return record ? *record : nobodys;
+    }
+    // Where the calling thread has a pointer to it, null outside of a turn. The thread registry keeps it
+    // (threadRegistry.cpp), beside what a turn needs besides.
+    static LoopRecord*& running();
 
     class Turn;
     class Sleep;
+    class Row;
+    template <Doing>
     class Callback;
 
     // The runner's.
-    void count_dispatch() { add(dispatches_); }
     void count_rebuild(std::size_t descriptors) {
         add(rebuilds_);
         descriptors_.store(static_cast<std::uint32_t>(descriptors), std::memory_order_relaxed);
     }
+
+    // The turn has more to do after a row of callbacks than to end.
+    void goes_on() { row_end_ns_ = 0; }
 
     // Any thread.
     struct Look {
@@ -124,12 +134,10 @@ private:
     static unsigned long coarse_ms() { return static_cast<unsigned long>(internal::coarse_ms()); }
     static unsigned long ms_of(std::uint64_t ns) { return static_cast<unsigned long>(ns / 1000000); }
 
-    // The time of a span's beginning. 0: nobody traces.
-    std::uint64_t begin_span() const { return traced() ? span_time() : 0; }
-    [[gnu::cold, gnu::noinline]] static std::uint64_t span_time() { return internal::now_ns(); }
-    [[gnu::cold, gnu::noinline]] void end_span(std::uint64_t begin_ns, Doing doing, std::uint32_t id) {
-        add_span(begin_ns, internal::now_ns(), doing, id, 0);
-    }
+    // The time of the beginning of a turn or a sleep. 0: nobody traces.
+    std::uint64_t begin_span() { return traced() ? begin_traced() : 0; }
+    [[gnu::cold, gnu::noinline]] std::uint64_t begin_traced();
+    [[gnu::cold, gnu::noinline]] void end_span(std::uint64_t begin_ns, Doing doing, std::uint32_t id);
     void add_span(std::uint64_t begin_ns, std::uint64_t end_ns, Doing doing, std::uint32_t id,
                   std::uint64_t came_ns);
 
@@ -140,7 +148,8 @@ private:
     std::atomic<std::uint32_t>& id_of(Doing doing) { return ids_[index_of(doing)]; }
     std::atomic<std::uint32_t> const& id_of(Doing doing) const { return ids_[index_of(doing)]; }
 
-    static inline thread_local LoopRecord* running = nullptr;
+    static LoopRecord nobodys; // never traced, so that the end of it leaves nothing to threads that go on
+
     static inline std::atomic<bool> any_traced{false};
 
     std::atomic<unsigned long> turns_{0};
@@ -151,26 +160,31 @@ private:
     std::atomic<std::uint32_t> ids_[4]{};    // of the innermost callback of each kind
     std::atomic<Doing> doing_{Doing::nothing};
     std::atomic<bool> sleeping_{false};
-    std::atomic<int> tid_{0}; // the runner's
 
     alignas(64) std::atomic<unsigned long> rebuilds_{0};
     std::atomic<std::uint32_t> descriptors_{0};
+    std::atomic<unsigned> traces_{0}; // that have begun
     std::unique_ptr<SpanRing> owned_;
+
+    // The runner's, while it is traced.
+    int tid_ = 0;
+    std::uint64_t row_end_ns_ = 0; // of the latest row, when nothing has begun since
 };
 
 // One turn, or one pass of a run call that makes several.
 class LoopRecord::Turn {
 public:
-    Turn(LoopRecord& record, int tid)
-        : record_(record), slot_(running), outer_(slot_), outer_since_ms_(get(record.since_ms_)) {
-        slot_ = &record;
-        set(record.tid_, tid);
+    // running: as running() of this thread.
+    Turn(LoopRecord& record, LoopRecord*& running)
+        : record_(record), running_(running), outer_(running), outer_since_ms_(get(record.since_ms_)) {
+        running = &record;
         begin();
     }
-    ~Turn() {
+    // Inline also where an exception passes, or the members would have to be in memory.
+    [[gnu::always_inline]] ~Turn() {
         end();
         set(record_.since_ms_, outer_since_ms_);
-        slot_ = outer_;
+        running_ = outer_;
     }
     Turn(Turn const&) = delete;
     Turn& operator=(Turn const&) = delete;
@@ -190,13 +204,13 @@ private:
         if (begin_ns_ != 0)
             number_ = static_cast<std::uint32_t>(get(record_.turns_));
     }
-    void end() {
+    [[gnu::always_inline]] void end() {
         if (begin_ns_ != 0)
             record_.end_span(begin_ns_, Doing::turn, number_);
     }
 
     LoopRecord& record_;
-    LoopRecord*& slot_; // the thread's, looked up once
+    LoopRecord*& running_;
     LoopRecord* const outer_;
     unsigned long const outer_since_ms_; // of a callback that this turn is inside of
     std::uint64_t begin_ns_;
@@ -223,58 +237,55 @@ private:
     std::uint64_t const begin_ns_;
 };
 
-// A call of a handler, or several of one kind in a row. The end of the scope puts back the callback around
-// it. Without a record it does nothing.
-class LoopRecord::Callback {
+// Calls of handlers of one kind in a row: next() before each. The end of the scope puts back the callback
+// around them.
+class LoopRecord::Row {
+protected:
+    explicit Row(LoopRecord& record) : record_(record), begin_ns_(0) {}
+
+    [[gnu::cold, gnu::noinline]] void next_traced(Doing doing, std::uint32_t id, std::uint64_t came_ns);
+    [[gnu::cold, gnu::noinline]] void end_traced(Doing doing) const;
+    void add_call(Doing doing, std::uint64_t end_ns) const;
+
+    LoopRecord& record_;
+    std::uint64_t begin_ns_; // of the present call; 0 when nobody has traced any
+    // The rest has a value while begin_ns_ has one.
+    unsigned trace_; // what traces_ was
+    std::uint64_t came_ns_;
+    unsigned long outer_since_ms_;
+    std::uint32_t id_;
+};
+
+template <Doing doing>
+class LoopRecord::Callback : Row {
 public:
-    // came_ns: when what the handler is called for arrived; 0 when that is not known.
-    Callback(LoopRecord* record, Doing doing, std::uint32_t id, std::uint64_t came_ns = 0)
-        : record_(record), doing_(doing) {
-        if (!record)
-            return;
-        outer_ = get(record->doing_);
-        outer_id_ = get(record->id_of(doing));
-        set(record->id_of(doing), id);
-        record->doing_.store(doing, std::memory_order_release);
-        begin_ns_ = 0;
-        if (record->traced())
-            begin_traced(id, came_ns);
-    }
+    explicit Callback(LoopRecord& record)
+        : Row(record), outer_(get(record.doing_)), outer_id_(get(record.id_of(doing))) {}
     ~Callback() {
-        if (!record_)
-            return;
         if (begin_ns_ != 0)
-            end_traced();
-        set(record_->doing_, outer_);
-        set(record_->id_of(doing_), outer_id_);
+            end_traced(doing);
+        set(record_.doing_, outer_);
+        set(record_.id_of(doing), outer_id_);
     }
     Callback(Callback const&) = delete;
     Callback& operator=(Callback const&) = delete;
 
-    // The one before has ended just now. A slice costs less than two looks at the clock, so a traced one
-    // begins when the one before ends.
-    void next(std::uint32_t id) {
-        if (!record_)
-            return;
-        set(record_->id_of(doing_), id);
-        if (begin_ns_ != 0 || record_->traced())
-            next_traced(id);
+    // The one before has ended just now. A call may cost less than two looks at the clock, so a traced one
+    // begins when the one before ends. came_ns: when what the handler is called for arrived; 0 when that is
+    // not known.
+    void next(std::uint32_t id, std::uint64_t came_ns = 0) {
+        LoopRecord& record = record_;
+        if constexpr (doing == Doing::fd)
+            add(record.dispatches_);
+        set(record.id_of(doing), id);
+        record.doing_.store(doing, std::memory_order_release);
+        if (record.traced())
+            next_traced(doing, id, came_ns);
     }
 
 private:
-    [[gnu::cold, gnu::noinline]] void begin_traced(std::uint32_t id, std::uint64_t came_ns);
-    [[gnu::cold, gnu::noinline]] void next_traced(std::uint32_t id);
-    [[gnu::cold, gnu::noinline]] void end_traced() const;
-
-    // Only the first two have a value without a record, and only the first five without a trace.
-    LoopRecord* const record_;
-    Doing const doing_;
-    Doing outer_;
-    std::uint32_t outer_id_;
-    std::uint64_t begin_ns_; // 0: nobody traced then
-    std::uint64_t came_ns_;
-    unsigned long outer_since_ms_;
-    std::uint32_t id_;
+    Doing const outer_;
+    std::uint32_t const outer_id_;
 };
 
 // When something arrived that the loop will find later. Whoever tells the loop of it notes the time, perhaps

@@ -166,7 +166,7 @@ boost::shared_ptr<HandlerList<int>> Manager::Watch::arrived(int signo) {
 
 void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<Inbox> const& inbox) {
     detail::QueuedWords queued(*event, &inbox->count);
-    detail::LoopRecord* const record = detail::LoopRecord::current();
+    detail::LoopRecord& record = detail::LoopRecord::current();
     std::uint32_t word;
     while (queued.next(word)) {
         int const signo = static_cast<int>(word);
@@ -174,7 +174,8 @@ void Manager::Watch::drain(fd::Event* event, boost::shared_ptr<Inbox> const& inb
         if (!users)
             users = list(signo, inbox, false); // throws for a number that is no signal's
         // No lock may be held here: the handlers may change this list, and run a nested loop.
-        detail::LoopRecord::Callback const callback(record, detail::Doing::signal, word, inbox->take(signo));
+        detail::LoopRecord::Callback<detail::Doing::signal> callback(record);
+        callback.next(word, inbox->take(signo));
         Dispatch(*users, signo);
     }
 }

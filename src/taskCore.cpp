@@ -3,7 +3,6 @@
 // A task's way from the call that schedules it to its slice. The model and its words are in taskCore.hpp.
 #include "taskCore.hpp"
 
-#include <optional>
 #include <utility>
 
 #include <unistd.h>
@@ -420,14 +419,10 @@ void Core::handle(fd::Event* event) {
 
 void Core::run_queue() {
     Round round(*this);
-    std::optional<detail::LoopRecord::Callback> callback;
+    detail::LoopRecord::Callback<detail::Doing::task> callback(detail::LoopRecord::current());
     bool again = false;
     while (ControllerImpl* const task = round.next(again)) {
-        std::uint32_t const id = static_cast<std::uint32_t>(task->id_);
-        if (callback)
-            callback->next(id);
-        else
-            callback.emplace(detail::LoopRecord::current(), detail::Doing::task, id);
+        callback.next(static_cast<std::uint32_t>(task->id_));
         again = slice(*task);
     }
 }

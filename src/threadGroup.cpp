@@ -206,7 +206,17 @@ bool Group::left_group(int tid) const {
     return threads_.count(tid) == 0;
 }
 
-void Group::dispatch(pollfd& pfd) {
+// Results that are served one after the other.
+struct Group::Serving : detail::LoopRecord::Callback<detail::Doing::fd> {
+    using Callback::Callback;
+};
+
+[[gnu::cold]] void Group::dispatch(pollfd& pfd) {
+    Serving serving(*record_);
+    serve(pfd, serving);
+}
+
+void Group::serve(pollfd& pfd, Serving& serving) {
     DispatchInfo const& info = dispatch_info(pfd);
     pollfd result = pfd;
     pfd.revents = 0; // before the call, so that a nested turn does not dispatch it again
@@ -215,10 +225,8 @@ void Group::dispatch(pollfd& pfd) {
         bump();
         return;
     }
+    serving.next(static_cast<std::uint32_t>(result.fd));
     display_dispatch(result);
-    record_->count_dispatch();
-    detail::LoopRecord::Callback const callback(record_.get(), detail::Doing::fd,
-                                                static_cast<std::uint32_t>(result.fd));
     // No lock is held here: the handler may run a nested turn, change any registration or leave the group. A
     // nested turn may rebuild the set, and so destroy the entry before this returns.
     if (info.handler)
@@ -238,6 +246,7 @@ std::size_t Group::next_result(std::size_t i) const {
 int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count) {
     bool const own = &set == &pollset_;
     unsigned long const polled = polls_;
+    Serving serving(*record_);
     for (unsigned long i = 0; count > 0; ++i) {
         if (own)
             i = next_result(i);
@@ -249,7 +258,7 @@ int Group::dispatch_pollset(std::vector<pollfd>& set, unsigned long n, int count
         if (own)
             --undispatched_;
         if (own || polls_ == polled) {
-            dispatch(set[i]);
+            serve(set[i], serving);
         } else {
             // A nested turn has polled the group's own set. It may have served this descriptor, or rebuilt
             // the set without it, so drop the result: the next poll tells what is still true of it.
@@ -271,6 +280,7 @@ void Group::leftovers() {
     for (pollfd& entry : pollset_)
         entry.revents = 0;
     undispatched_ = 0;
+    record_->goes_on();
 }
 
 void Group::rebuild() {
@@ -355,11 +365,15 @@ int Group::combine_results(Wait& wait, int ready) {
 
 // The numbers are those of the steps in threadGroup.hpp.
 int Group::RunOnce(long timeoutMs) {
+    return run_once(timeoutMs, Registry::here());
+}
+
+int Group::run_once(long timeoutMs, detail::ThisThread& here) {
     int const timeout = clamp_timeout(timeoutMs);
-    RunReservation const reservation(*this); // 1. reserve; its destructor is 6. release
+    RunReservation const reservation(*this, here.tid); // 1. reserve; its destructor is 6. release
     if (!IsRunner(reservation.tid()))
         return zel_poll(nullptr, 0, timeout);
-    detail::LoopRecord::Turn const turn(*record_, reservation.tid());
+    detail::LoopRecord::Turn const turn(*record_, here.running);
     leftovers();                         // 2.
     rebuild();                           // 3.
     int const ready = poll_own(timeout); // 4.
@@ -372,11 +386,12 @@ int Group::RunOnce(long timeoutMs) {
 
 int Group::RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs) {
     int const timeout = clamp_timeout(timeoutMs);
-    RunReservation const reservation(*this);
+    detail::ThisThread& here = Registry::here();
+    RunReservation const reservation(*this, here.tid);
     log_pollset("RunFdSet in set", fds, nfds);
     if (!IsRunner(reservation.tid()))
         return zel_poll(fds, nfds, timeout);
-    detail::LoopRecord::Turn turn(*record_, reservation.tid());
+    detail::LoopRecord::Turn turn(*record_, here.running);
     leftovers();
     rebuild();
     Wait wait = {fds, nfds, {}, 0, 0};
@@ -430,7 +445,8 @@ short Group::RunUntilEventOnFd(int fd, short events, long timeoutMs) {
 } // namespace thread
 
 int RunOnce(long timeoutMs) {
-    return thread::ThisGroup()->RunOnce(timeoutMs);
+    detail::ThisThread& here = thread::Registry::here();
+    return thread::Registry::group(here)->run_once(timeoutMs, here);
 }
 
 int RunUntilEventOnFdSet(pollfd* fds, unsigned long nfds, long timeoutMs) {

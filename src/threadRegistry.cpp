@@ -18,6 +18,7 @@
 #include "fixedLine.hpp"
 #include "fork.hpp"
 #include "immortal.hpp"
+#include "loopRecord.hpp"
 #include "shared.hpp"
 #include "shutdown.hpp"
 
@@ -71,18 +72,15 @@ void delete_end_key(int key) {
 
 // Counts the ends of records, and the changes that a program makes to them. Whatever it says to a thread
 // about its own record, that thread has brought about itself.
-std::atomic<unsigned> era(1);
+std::atomic<unsigned> era(0);
 
-// Neither constructed nor destroyed: a destructor of a thread's own object would keep the library mapped. A
-// child of fork() has another thread id.
-struct Remembered {
-    int tid;
-    unsigned era;
-    id_t fd_manager;
-    Registry::Note note;
-};
+// Neither constructed nor destroyed: a destructor of a thread's own object would keep the library mapped.
+thread_local detail::ThisThread this_thread;
 
-thread_local Remembered remembered;
+// Not inline, because the compiler would look for it at each use, to save a register.
+[[gnu::noinline]] detail::ThisThread& find_this_thread() {
+    return this_thread;
+}
 
 void* as_value(int tid) {
     return reinterpret_cast<void*>(static_cast<std::intptr_t>(tid));
@@ -221,26 +219,49 @@ boost::shared_ptr<fd::Manager> Registry::fd_manager_if_any(int tid) {
     return found ? found->fd_manager_ : boost::shared_ptr<fd::Manager>();
 }
 
-id_t Registry::remembered_fd_manager_id() {
+detail::ThisThread& Registry::here() {
+    detail::ThisThread& known = find_this_thread();
     int const tid = self();
-    Remembered const& known = remembered;
-    return known.tid == tid && known.era == era ? known.fd_manager : 0;
+    unsigned const now = era; // comes first: what changes while the thread asks has it asked again
+    if (known.tid != tid || known.era != now) {
+        known.tid = tid;
+        known.era = now;
+        known.fd_manager = 0;
+        known.note = {};
+        known.record = nullptr;
+    }
+    return known;
+}
+
+boost::shared_ptr<Group> Registry::group(detail::ThisThread& here) {
+    if (here.record) {
+        AutoLock const guard(lock());
+        // Look again now: an unload in another thread counts itself under the lock before it destroys the
+        // record.
+        if (here.era == era && here.record->group_)
+            return here.record->group_;
+    }
+    int const tid = claim();
+    boost::shared_ptr<Group> const found = group(tid);
+    AutoLock const guard(lock());
+    here.record = record_if_any(tid);
+    return found;
+}
+
+id_t Registry::remembered_fd_manager_id() {
+    return here().fd_manager;
 }
 
 Registry::Note* Registry::note() {
-    int const tid = self();
-    Remembered& known = remembered;
-    return known.tid == tid && known.era == era ? &known.note : nullptr;
+    detail::ThisThread& known = here();
+    return known.fd_manager != 0 ? &known.note : nullptr;
 }
 
 id_t Registry::fd_manager_id() {
-    if (id_t const known = remembered_fd_manager_id())
-        return known;
-    int const tid = claim();
-    unsigned const before = era; // a change that happens meanwhile makes this be asked again
-    id_t const id = fd_manager(tid)->id().value();
-    remembered = {tid, before, id, {}};
-    return id;
+    detail::ThisThread& known = here();
+    if (known.fd_manager == 0)
+        known.fd_manager = fd_manager(claim())->id().value();
+    return known.fd_manager;
 }
 
 int Registry::claim() {
@@ -347,7 +368,7 @@ Associations& Map::operator[](int tid) {
 }
 
 boost::shared_ptr<Group> ThisGroup() {
-    return Registry::group(Registry::claim());
+    return Registry::group(Registry::here());
 }
 
 boost::shared_ptr<fd::Manager> FdMgr() {
@@ -387,6 +408,10 @@ void zel_thread_unload() {
 }
 
 } // namespace thread
+
+detail::LoopRecord*& detail::LoopRecord::running() {
+    return thread::find_this_thread().running;
+}
 
 thread::Map* TheThreadMap() {
     return thread::Registry::map();

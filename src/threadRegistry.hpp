@@ -13,7 +13,34 @@
 #include <orn/zel/threadGroup.hpp>
 #include <orn/zel/threadRegistry.hpp>
 
-namespace orn::zel::thread {
+namespace orn::zel {
+namespace detail {
+
+// What is kept for each thread besides its record, in one place, because to find a thread's own data costs
+// more than to use them.
+struct ThisThread {
+    // Whose the next four are: a child of fork() has another thread id.
+    int tid;
+    // As of when: see Registry::here().
+    unsigned era;
+    // The identifier of its fd manager; 0 while it has not asked for that.
+    id_t fd_manager;
+    // Where it may keep in mind what belongs to its fd manager. Empty at first, and again when the thread has
+    // got another one.
+    struct Note {
+        void* object;
+        unsigned age;
+    } note;
+    // Its record, for Registry::group(); null while it has not asked for its group.
+    thread::Associations* record;
+
+    // The record of the innermost turn of a loop that is on its stack; null outside of a turn.
+    LoopRecord* running;
+};
+
+} // namespace detail
+
+namespace thread {
 
 class Registry {
 public:
@@ -45,6 +72,11 @@ public:
     // Moves the calling thread, whose record it is, from its group, if any, to the given one.
     static void associate(RecordOf const& record, boost::shared_ptr<Group> const& group);
 
+    // The calling thread's. here() returns what is kept for it, and has forgotten what may have changed.
+    // group() makes what is missing, and looks nothing up when the thread has asked before.
+    static detail::ThisThread& here();
+    static boost::shared_ptr<Group> group(detail::ThisThread& here);
+
     // The group of the calling thread, and the fd manager of any thread. Empty where there is none. Neither
     // makes a record.
     static boost::shared_ptr<Group> group_if_any();
@@ -56,13 +88,9 @@ public:
     static id_t fd_manager_id();
     static id_t remembered_fd_manager_id();
 
-    // Where the calling thread may keep in mind what belongs to its fd manager. It is empty at first, and
-    // again when the thread has got another one. Null until the thread has asked for the identifier, and when
-    // the answer may have changed since.
-    struct Note {
-        void* object;
-        unsigned age;
-    };
+    // The calling thread's. Null until the thread has asked for the identifier, and when the answer may have
+    // changed since.
+    using Note = detail::ThisThread::Note;
     static Note* note();
 
     // For the calling thread, before it uses its own record: has the record dropped when the thread ends,
@@ -93,6 +121,7 @@ private:
     static Associations* record_if_any(int tid) ZEL_REQUIRES(lock());
 };
 
-} // namespace orn::zel::thread
+} // namespace thread
+} // namespace orn::zel
 
 #endif

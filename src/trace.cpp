@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <orn/zel/response.hpp>
 
@@ -51,13 +52,6 @@ void append_event(std::string& text, Span const& span) {
     text += ']';
 }
 
-// A trace leaves half of the pipe to the answers, which would be lost otherwise.
-bool has_room(int fd) {
-    int const size = fcntl(fd, F_GETPIPE_SZ);
-    int used = 0;
-    return ioctl(fd, FIONREAD, &used) == 0 && used <= size / 2;
-}
-
 bool is_callback(Doing doing) {
     return doing != Doing::turn && doing != Doing::sleep;
 }
@@ -67,6 +61,16 @@ char const* name_of(Trace::Topic topic) {
 }
 
 } // namespace
+
+// A pipe takes pages, and what does not fit into the rest of the last one begins another. So no two pages one
+// after the other have less than a page's bytes, whoever wrote them, but for the first, which may have been
+// read in part. The next line takes one more.
+bool has_room(int fd) {
+    long const page = sysconf(_SC_PAGESIZE);
+    long const pages = fcntl(fd, F_GETPIPE_SZ) / page;
+    int used = 0;
+    return ioctl(fd, FIONREAD, &used) == 0 && (used == 0 || 2 * used / page + 3 <= pages / 2);
+}
 
 // ---- Times of callbacks ---------------------------------------------------------------------------------
 

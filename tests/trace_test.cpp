@@ -177,6 +177,28 @@ TEST_F(Traces, what_does_not_fit_is_counted_to_the_last_span) {
     EXPECT_EQ(slices + made("turns") + made("dispatches"), got + viewer.lost[worker.group]);
 }
 
+TEST(TraceLine, leaves_half_of_a_pipe_to_others_whoever_has_written_what_is_in_it) {
+    // 2,100 bytes take a page, and leave no room in it for as many again.
+    std::vector<std::size_t> const writers[] = {{2100}, {4096}, {50}, {4000, 10, 90}, {700, 3500, 2100}};
+    for (std::vector<std::size_t> const& pieces : writers) {
+        orn::os::Pipe const pipe(false);
+        std::vector<char> bytes(4096);
+        std::size_t written = 1;
+        auto const put = [&](std::size_t size) {
+            return write(pipe.WriteFD(), bytes.data(), size) == static_cast<ssize_t>(size);
+        };
+        ASSERT_TRUE(put(pieces[0]));
+        ASSERT_EQ(40, read(pipe.ReadFD(), bytes.data(), 40)); // the first page is emptied in part
+        for (; detail::has_room(pipe.WriteFD()); ++written)
+            ASSERT_TRUE(put(pieces[written % pieces.size()]));
+        EXPECT_LE(3u, written);
+        long pages = 0;
+        while (put(4096))
+            pages += 4096;
+        EXPECT_LE(fcntl(pipe.WriteFD(), F_GETPIPE_SZ) / 2, pages) << pieces[0];
+    }
+}
+
 TEST_F(Traces, a_wish_ends_when_it_is_not_renewed_or_its_client_goes_or_in_a_child) {
     boost::shared_ptr<thread::Group> const group = thread::ThisGroup();
     EXPECT_EQ("off", viewer.ask("trace").at(0)["trace"]);

@@ -70,6 +70,7 @@ namespace detail {
 class Answer;
 class LoopRecord;
 class Readiness;
+struct ThisThread;
 
 } // namespace detail
 
@@ -216,7 +217,11 @@ private:
         std::size_t begin;  // where its entries begin in pollset_; they end where the next one's begin
     };
     struct ORN_LOCAL Delivery;
+    struct ORN_LOCAL Serving;
     struct ORN_LOCAL Wait;
+
+    friend int orn::zel::RunOnce(long timeoutMs);
+    ORN_LOCAL int run_once(long timeoutMs, detail::ThisThread& here);
 
     // Steps of a turn.
     ORN_LOCAL void leftovers();
@@ -227,6 +232,7 @@ private:
     // Serves the group's entries of a combined set, which are those before base. Returns how many of the
     // caller's are ready.
     ORN_LOCAL int dispatch_combined(std::vector<pollfd>& combined, unsigned long base, int ready);
+    ORN_LOCAL void serve(pollfd& pfd, Serving& serving);
     ORN_LOCAL std::size_t next_result(std::size_t i) const;
 
     // The poll set, built anew or changed in place.
@@ -292,7 +298,7 @@ private:
 // does anything: ask IsRunner().
 class ORN_API RunReservation {
 public:
-    explicit RunReservation(Group& group) : group_(group), tid_(self()) { group_.StartRunning(tid_); }
+    explicit RunReservation(Group& group) : RunReservation(group, self()) {}
     ~RunReservation() { group_.EndRunning(tid_); }
     int tid() const { return tid_; }
 
@@ -300,6 +306,10 @@ public:
     RunReservation& operator=(RunReservation const&) = delete;
 
 private:
+    friend class Group;
+    // For who knows the calling thread's id.
+    RunReservation(Group& group, int tid) : group_(group), tid_(tid) { group_.StartRunning(tid_); }
+
     Group& group_;
     int const tid_;
 };
