@@ -177,7 +177,7 @@ unsigned char Prompt::complete(EditLine* edit, wint_t key) {
     std::string const begun = before.substr(blank == std::string::npos ? 0 : blank + 1);
     Words const words = words_of(before.substr(0, before.size() - begun.size()));
     if (!words.empty() && (words[0] == "load" || words[0] == "unload" || words.back() == "-o"))
-        return static_cast<unsigned char>(_el_fn_complete(edit, key));
+        return _el_fn_complete(edit, static_cast<int>(key));
     Words found;
     try {
         found = self.completions(begun, words);
