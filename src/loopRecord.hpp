@@ -256,16 +256,16 @@ protected:
     std::uint32_t id_;
 };
 
-template <Doing doing>
+template <Doing Kind>
 class LoopRecord::Callback : Row {
 public:
     explicit Callback(LoopRecord& record)
-        : Row(record), outer_(get(record.doing_)), outer_id_(get(record.id_of(doing))) {}
+        : Row(record), outer_(get(record.doing_)), outer_id_(get(record.id_of(Kind))) {}
     ~Callback() {
         if (begin_ns_ != 0)
-            end_traced(doing);
+            end_traced(Kind);
         set(record_.doing_, outer_);
-        set(record_.id_of(doing), outer_id_);
+        set(record_.id_of(Kind), outer_id_);
     }
     Callback(Callback const&) = delete;
     Callback& operator=(Callback const&) = delete;
@@ -275,12 +275,12 @@ public:
     // not known.
     void next(std::uint32_t id, std::uint64_t came_ns = 0) {
         LoopRecord& record = record_;
-        if constexpr (doing == Doing::fd)
+        if constexpr (Kind == Doing::fd)
             add(record.dispatches_);
-        set(record.id_of(doing), id);
-        record.doing_.store(doing, std::memory_order_release);
+        set(record.id_of(Kind), id);
+        record.doing_.store(Kind, std::memory_order_release);
         if (record.traced())
-            next_traced(doing, id, came_ns);
+            next_traced(Kind, id, came_ns);
     }
 
 private:

@@ -242,7 +242,7 @@ boost::shared_ptr<Group> Registry::group(detail::ThisThread& here) {
             return here.record->group_;
     }
     int const tid = claim();
-    boost::shared_ptr<Group> const found = group(tid);
+    boost::shared_ptr<Group> found = group(tid);
     AutoLock const guard(lock());
     here.record = record_if_any(tid);
     return found;

@@ -108,7 +108,7 @@ private:
 
     [[gnu::cold, gnu::noinline]] void grow() {
         std::size_t const room = room_ == 0 ? 64 : room_ * 2;
-        std::size_t const each = sizeof(Entry) + sizeof(Timer*) + sizeof(std::uint32_t);
+        std::size_t const each = sizeof(Entry) + sizeof(void*) + sizeof(std::uint32_t);
         void* grown = nullptr;
         if (posix_memalign(&grown, cache_line, offset * sizeof(Entry) + room * each) != 0)
             throw std::bad_alloc();
