@@ -108,6 +108,8 @@ int main(int argc, char** argv) {
         UnregisterCommandModule("inspect");
     if (argc > 2)
         pthread_setname_np(pthread_self(), argv[2]);
+    // GCC's ThreadSanitizer may lose a signal that comes in a thread's first blocking call.
+    poll(nullptr, 0, 0);
     std::puts("ready");
     std::fflush(stdout);
     for (;;)
