@@ -115,11 +115,14 @@ std::uint64_t LoopRecord::begin_traced() {
 }
 
 // A turn ends with its callbacks, if it has any, and need not look at the clock once more.
-void LoopRecord::end_span(std::uint64_t begin_ns, Doing doing, std::uint32_t id) {
-    add_span(begin_ns, row_end_ns_ != 0 ? row_end_ns_ : internal::now_ns(), doing, id, 0);
+//
+// What began in another trace is left out: the end of its latest callback is not known.
+void LoopRecord::end_span(std::uint64_t begin_ns, unsigned trace, Doing doing, std::uint32_t id) {
+    if (trace == get(traces_))
+        add_span(begin_ns, row_end_ns_ != 0 ? row_end_ns_ : internal::now_ns(), doing, id, 0);
 }
 
-// A call is left out when another trace has begun since: there may have been calls after it meanwhile.
+// A call of an earlier trace is left out as well: others may have come after it meanwhile.
 void LoopRecord::Row::add_call(Doing doing, std::uint64_t end_ns) const {
     if (trace_ == get(record_.traces_))
         record_.add_span(begin_ns_, end_ns, doing, id_, came_ns_);
@@ -127,12 +130,11 @@ void LoopRecord::Row::add_call(Doing doing, std::uint64_t end_ns) const {
 
 void LoopRecord::Row::next_traced(Doing doing, std::uint32_t id, std::uint64_t came_ns) {
     std::uint64_t const now = internal::now_ns();
-    if (begin_ns_ != 0) {
+    if (begin_ns_ != 0)
         add_call(doing, now);
-    } else { // the first one, or the trace has begun in the midst of the row
-        record_.tid_ = thread::self();
+    else // the first one, or the trace has begun in the midst of the row
         outer_since_ms_ = get(record_.since_ms_);
-    }
+    record_.tid_ = thread::self(); // in a child of fork() another one than before
     id_ = id;
     begin_ns_ = now;
     trace_ = get(record_.traces_);

@@ -137,7 +137,8 @@ private:
     // The time of the beginning of a turn or a sleep. 0: nobody traces.
     std::uint64_t begin_span() { return traced() ? begin_traced() : 0; }
     [[gnu::cold, gnu::noinline]] std::uint64_t begin_traced();
-    [[gnu::cold, gnu::noinline]] void end_span(std::uint64_t begin_ns, Doing doing, std::uint32_t id);
+    [[gnu::cold, gnu::noinline]] void end_span(std::uint64_t begin_ns, unsigned trace, Doing doing,
+                                               std::uint32_t id);
     void add_span(std::uint64_t begin_ns, std::uint64_t end_ns, Doing doing, std::uint32_t id,
                   std::uint64_t came_ns);
 
@@ -201,12 +202,14 @@ private:
         set(record_.turn_began_ms_, now);
         set(record_.since_ms_, now);
         begin_ns_ = record_.begin_span();
-        if (begin_ns_ != 0)
+        if (begin_ns_ != 0) {
             number_ = static_cast<std::uint32_t>(get(record_.turns_));
+            trace_ = get(record_.traces_);
+        }
     }
     [[gnu::always_inline]] void end() {
         if (begin_ns_ != 0)
-            record_.end_span(begin_ns_, Doing::turn, number_);
+            record_.end_span(begin_ns_, trace_, Doing::turn, number_);
     }
 
     LoopRecord& record_;
@@ -214,20 +217,23 @@ private:
     LoopRecord* const outer_;
     unsigned long const outer_since_ms_; // of a callback that this turn is inside of
     std::uint64_t begin_ns_;
-    std::uint32_t number_ = 0; // counted on by the turns inside of this one
+    // Of a turn that is traced.
+    std::uint32_t number_ = 0; // turns_ is counted on by the turns inside of this one
+    unsigned trace_ = 0;       // what traces_ was
 };
 
 // The wait of a turn. Keeps errno.
 class LoopRecord::Sleep {
 public:
-    explicit Sleep(LoopRecord& record) : record_(record), begin_ns_(record.begin_span()) {
+    explicit Sleep(LoopRecord& record)
+        : record_(record), begin_ns_(record.begin_span()), trace_(get(record.traces_)) {
         set(record.sleeping_, true);
     }
     ~Sleep() {
         set(record_.sleeping_, false);
         set(record_.since_ms_, coarse_ms());
         if (begin_ns_ != 0)
-            record_.end_span(begin_ns_, Doing::sleep, 0);
+            record_.end_span(begin_ns_, trace_, Doing::sleep, 0);
     }
     Sleep(Sleep const&) = delete;
     Sleep& operator=(Sleep const&) = delete;
@@ -235,6 +241,7 @@ public:
 private:
     LoopRecord& record_;
     std::uint64_t const begin_ns_;
+    unsigned const trace_; // what traces_ was
 };
 
 // Calls of handlers of one kind in a row: next() before each. The end of the scope puts back the callback
@@ -266,6 +273,12 @@ public:
             end_traced(Kind);
         set(record_.doing_, outer_);
         set(record_.id_of(Kind), outer_id_);
+    }
+    // What follows until next() is no part of a call.
+    void pause() {
+        if (begin_ns_ != 0)
+            end_traced(Kind);
+        begin_ns_ = 0;
     }
     Callback(Callback const&) = delete;
     Callback& operator=(Callback const&) = delete;

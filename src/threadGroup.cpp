@@ -15,6 +15,7 @@
 
 #include "fixedLine.hpp"
 #include "loopRecord.hpp"
+#include "observer.hpp"
 #include "readiness.hpp"
 #include "shared.hpp"
 #include "threadMonitor.hpp"
@@ -225,8 +226,11 @@ void Group::serve(pollfd& pfd, Serving& serving) {
         bump();
         return;
     }
+    if (detail::poll_observer.fd() != -1) {
+        serving.pause(); // an observer that is slow to read is no part of a callback
+        display_dispatch(result);
+    }
     serving.next(static_cast<std::uint32_t>(result.fd));
-    display_dispatch(result);
     // No lock is held here: the handler may run a nested turn, change any registration or leave the group. A
     // nested turn may rebuild the set, and so destroy the entry before this returns.
     if (info.handler)

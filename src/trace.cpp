@@ -231,8 +231,10 @@ void Trace::find_sources() {
             continue;
         std::shared_ptr<LoopRecord> const& record = entry.group->record();
         Source& source = sources_[entry.group->id().value()];
-        if (source.record != record)
-            source = Source{record, record->trace().lost()};
+        if (source.record == record)
+            continue;
+        source = Source{record, 0}; // first, for who ends the trace: there may be no memory for one
+        source.lost = record->trace().lost();
     }
 }
 

@@ -177,6 +177,35 @@ TEST_F(Traces, what_does_not_fit_is_counted_to_the_last_span) {
     EXPECT_EQ(slices + made("turns") + made("dispatches"), got + viewer.lost[worker.group]);
 }
 
+TEST(LoopRecord, tells_no_span_that_began_in_an_earlier_trace_whatever_has_been_traced_inside_of_it) {
+    using orn::zel::detail::Doing;
+    using orn::zel::detail::LoopRecord;
+    orn::zel::detail::Span spans[8];
+    LoopRecord record;
+    auto const trace_anew = [&] {
+        record.stop_tracing();
+        record.trace();
+    };
+    trace_anew();
+    {
+        LoopRecord::Turn turn(record, LoopRecord::running());
+        {
+            LoopRecord::Callback<Doing::fd> row(record);
+            record.stop_tracing();
+            row.next(7);
+            trace_anew();
+            LoopRecord::Turn nested(record, LoopRecord::running());
+            LoopRecord::Callback<Doing::fd> inner(record);
+            inner.next(8);
+            inner.pause();
+        }
+    }
+    ASSERT_EQ(2u, record.trace().take(spans, 8));
+    EXPECT_EQ(8u, spans[0].id);
+    EXPECT_EQ(2u, spans[1].id) << "the nested turn";
+    EXPECT_EQ(thread::self(), spans[1].tid);
+}
+
 TEST(TraceLine, leaves_half_of_a_pipe_to_others_whoever_has_written_what_is_in_it) {
     // 2,100 bytes take a page, and leave no room in it for as many again.
     std::vector<std::size_t> const writers[] = {{2100}, {4096}, {50}, {4000, 10, 90}, {700, 3500, 2100}};
