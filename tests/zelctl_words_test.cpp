@@ -4,6 +4,8 @@
 #include <fstream>
 
 #include <elf.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "support/Zelctl.hpp"
 
@@ -118,6 +120,8 @@ TEST_F(ZelctlWords, load_only_what_the_process_can_take) {
     TempFile const cut; // would end the process with SIGBUS
     std::ofstream(cut.path()) << text_of(MODULE).substr(0, 5000);
     EXPECT_TRUE(fails(ask({"load /no/such/file"}), "exit 1", "No such file"));
+    EXPECT_TRUE(fails(ask({"load " + text.path()}), "exit 1", "is no shared library"));
+    ASSERT_EQ(0, unlink(text.path().c_str()) | mkfifo(text.path().c_str(), 0600));
     EXPECT_TRUE(fails(ask({"load " + text.path()}), "exit 1", "is no shared library"));
     EXPECT_TRUE(fails(ask({"load " + foreign.path()}), "exit 1", "is for"));
     EXPECT_TRUE(fails(ask({"load " + cut.path()}), "exit 1", "is cut short"));

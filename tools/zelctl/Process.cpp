@@ -11,11 +11,11 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <sstream>
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <orn/zel/cmd.hpp>
@@ -105,7 +105,8 @@ void read_stat(Process& process) {
 std::string whole_name(Process const& process) {
     std::size_t const kept = 15;
     std::ifstream comm(directory(process.pid) + "/comm");
-    std::string name((std::istreambuf_iterator<char>(comm)), std::istreambuf_iterator<char>());
+    std::string name;
+    std::getline(comm, name, '\0'); // nothing when the process has ended since
     if (!name.empty())
         name.pop_back(); // the newline
     std::error_code error;
@@ -251,11 +252,16 @@ std::string process_name(int pid) {
 
 std::optional<Process> describe(int pid) {
     std::optional<Process> process = describe_by(pid, directory(pid));
-    while (process && process->over()) {
-        std::string const thread = living_thread(pid);
-        if (thread.empty())
+    // The main thread may have ended alone. Another one that is looked at may end meanwhile as well, and
+    // loses the memory before its state tells.
+    unsigned const enough = 20;
+    for (unsigned looks = 0; process && process->threads > 1 && looks < enough; ++looks) {
+        bool const lost = process->main_thread_ended() && process->library == Process::Library::absent;
+        if (!process->over() && !lost)
             break;
-        process = describe_by(pid, thread); // which may have ended meanwhile as well
+        std::string const thread = living_thread(pid);
+        if (!thread.empty())
+            process = describe_by(pid, thread);
     }
     return process;
 }
@@ -312,10 +318,15 @@ bool starting(Process const& process) {
            (process.age_ms < longest && lacks_zel(process));
 }
 
-bool awaits_signal(Process const& process) {
+// exec() may sleep as well, when its program or its arguments come late.
+bool awaits_signal(Process const& process, bool patient) {
+    long call = -1;
+    std::ifstream(process.proc + "/syscall") >> call;
+    if (call == SYS_execve || call == SYS_execveat)
+        return false;
     std::map<std::string, std::string> fields = status_of(process.proc);
     std::string const state = fields["State"];
-    bool const rests = !state.empty() && (state[0] == 'S' || state[0] == 'T');
+    bool const rests = state.find_first_of(patient ? "ST" : "STR") == 0;
     return rests && has_channel_signal(fields["SigCgt"]);
 }
 

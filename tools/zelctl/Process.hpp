@@ -58,9 +58,9 @@ std::optional<Failure> lacks_zel(Process const& process);
 // Whether it may just be on its way from fork() to exec(), or through the dynamic linker.
 bool starting(Process const& process);
 
-// Whether it catches the signal just now and does not run, so that it cannot be within exec(), which may take
-// the handler away before the signal gets there.
-bool awaits_signal(Process const& process);
+// Whether it catches the signal just now and is not within exec(), which may take the handler away before the
+// signal gets there. A process that runs may be, so one who is patient waits until it does not.
+bool awaits_signal(Process const& process, bool patient);
 
 // All but this one that have the library mapped, or an open channel, in the order of their ids. hidden: those
 // that catch the signal, but cannot be looked into.

@@ -11,7 +11,10 @@
 #include <cstring>
 #include <cwchar>
 #include <exception>
+#include <filesystem>
 #include <memory>
+#include <set>
+#include <system_error>
 
 #include <unistd.h>
 
@@ -42,6 +45,8 @@ private:
     static char* text(EditLine* edit);
     static int get_key(EditLine* edit, wchar_t* key);
     static unsigned char complete(EditLine* edit, wint_t key);
+    static bool is_about(Words const& command, std::set<std::string> const& these);
+    static Words files(std::string const& begun);
     bool wait_for_key();
     Words first_words();
     Words completions(std::string const& begun, Words const& before);
@@ -149,6 +154,28 @@ Words Prompt::first_words() {
     return candidates;
 }
 
+// Whether the command is one of these, also behind zel.
+bool Prompt::is_about(Words const& command, std::set<std::string> const& these) {
+    std::size_t const at = command[0] == "zel" && command.size() > 1 ? 1 : 0;
+    return these.count(command[at]) != 0;
+}
+
+// Those in the directory of the path that has been begun, but for names that a command or a terminal cannot
+// take.
+Words Prompt::files(std::string const& begun) {
+    std::string const directory = begun.substr(0, begun.rfind('/') + 1);
+    Words paths;
+    std::error_code error;
+    std::filesystem::directory_iterator it(directory.empty() ? "." : directory, error);
+    for (std::filesystem::directory_iterator const end; !error && it != end; it.increment(error)) {
+        std::string const path = directory + it->path().filename().string();
+        std::error_code unknown;
+        if (path.find(' ') == std::string::npos && printable(path) == path)
+            paths.push_back(it->is_directory(unknown) ? path + '/' : path);
+    }
+    return paths;
+}
+
 // before: the words in front of the one that has been begun.
 Words Prompt::completions(std::string const& begun, Words const& before) {
     Words candidates;
@@ -156,10 +183,12 @@ Words Prompt::completions(std::string const& begun, Words const& before) {
         candidates = words_of_zel();
     else if (before == Words{"inspect"})
         candidates = {"process", "groups", "threads", "fds", "alarms", "tasks", "signals", "trace", "timing"};
-    else if (!before.empty() && (before[0] == "monitor" || before[0] == "zel"))
-        candidates = {"poll", "thread", "task", "alarm"};
     else if (before.empty())
         candidates = first_words();
+    else if (is_about(before, {"load", "unload"}) || before.back() == "-o")
+        candidates = files(begun);
+    else if (is_about(before, {"monitor", "unmonitor"}))
+        candidates = {"poll", "thread", "task", "alarm"};
     std::sort(candidates.begin(), candidates.end());
     candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
     candidates.erase(
@@ -169,15 +198,13 @@ Words Prompt::completions(std::string const& begun, Words const& before) {
     return candidates;
 }
 
-unsigned char Prompt::complete(EditLine* edit, wint_t key) {
+unsigned char Prompt::complete(EditLine* edit, wint_t) {
     Prompt& self = of(edit);
     LineInfo const* const line = el_line(edit);
     std::string const before(line->buffer, line->cursor);
     std::size_t const blank = before.rfind(' ');
     std::string const begun = before.substr(blank == std::string::npos ? 0 : blank + 1);
     Words const words = words_of(before.substr(0, before.size() - begun.size()));
-    if (!words.empty() && (words[0] == "load" || words[0] == "unload" || words.back() == "-o"))
-        return _el_fn_complete(edit, static_cast<int>(key));
     Words found;
     try {
         found = self.completions(begun, words);
@@ -193,7 +220,8 @@ unsigned char Prompt::complete(EditLine* edit, wint_t key) {
     std::size_t common = 0;
     while (common < std::min(low.size(), high.size()) && low[common] == high[common])
         ++common;
-    std::string const added = low.substr(0, common).substr(begun.size()) + (found.size() == 1 ? " " : "");
+    bool const whole = found.size() == 1 && low.back() != '/';
+    std::string const added = low.substr(0, common).substr(begun.size()) + (whole ? " " : "");
     if (!added.empty())
         return el_insertstr(edit, added.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
     std::printf("\n%s\n", printable(joined(found, "  ")).c_str());

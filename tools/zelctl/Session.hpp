@@ -90,8 +90,10 @@ public:
     Target const& target() const { return target_; }
     Output& output() const { return output_; }
 
-private:
+    // Throws when the time is over, or when a signal asks for the end.
     void check();
+
+private:
     std::string silence() const;
     void send(std::string const& command);
     void wait_for_answer();

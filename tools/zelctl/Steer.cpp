@@ -25,7 +25,8 @@ namespace {
 
 // Paths mean what they mean to the process, which may have another root.
 std::string as_it_sees(Target const& target, std::string const& path) {
-    std::string const root = target.process().proc + "/root";
+    std::optional<Process> const now = describe(target.pid());
+    std::string const root = (now ? *now : target.process()).proc + "/root";
     return access((root + '/').c_str(), X_OK) == 0 ? root + path : path;
 }
 
@@ -82,8 +83,10 @@ Format format_of(std::string const& path) {
     Format format;
     std::error_code error;
     std::uint64_t const size = std::filesystem::file_size(path, error);
+    if (error || size < EI_NIDENT + 4)
+        return format; // not opened, which would wait for the writer of a pipe
     std::ifstream file(path, std::ios::binary);
-    if (error || size < EI_NIDENT + 4 || !file)
+    if (!file)
         return format;
     Bytes const start(file, 0, EI_NIDENT, false);
     format.is_elf = std::memcmp(start.data(), ELFMAG, SELFMAG) == 0;
@@ -157,6 +160,7 @@ ExitStatus steer(Context& context, std::string const& change, Words const& libra
         if (change == "load")
             check(target, paths.back());
     }
+    context.session.check(); // a signal may have cut the look at the files short
     std::string const done = ": " + change + "ed";
     std::size_t succeeded = 0;
     Answer const answer =

@@ -118,7 +118,7 @@ void Target::raise_signal(std::optional<std::string>& told, bool patient) const 
         throw *why;
     // An open channel needs no signal, and its process may not catch one any more.
     bool const needed = now.catches && told != now.library_at;
-    if (!needed || now.blocks || (patient && !awaits_signal(now)))
+    if (!needed || now.blocks || !awaits_signal(now, patient))
         return;
     if (send_signal(pid_, descriptor_, orn::zel::cmd::channel_signal) != 0 && errno != ESRCH)
         throw forbidden(pid_);

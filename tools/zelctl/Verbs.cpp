@@ -152,12 +152,16 @@ ExitStatus ask(Context& context, std::string const& command) {
     std::string const second = words.size() > 1 ? words[1] : "";
     if (words[0] == "inspect") {
         Json const object = object_in(answer.first);
-        if (object.contains("known")) {
+        if (object.contains("error") && object.contains("known")) {
+            if (second.empty())
+                return refused;
+            bool const topic = (second == "trace" || second == "timing") && words.size() > 2;
             Words known;
             for (Json const& what : object["known"])
                 known.push_back(cell(what));
             context.output.flush();
-            return unknown(context, "'s inspect", second, known);
+            return topic ? unknown(context, "'s inspect " + second, words[2], known)
+                         : unknown(context, "'s inspect", second, known);
         }
     }
     if (words[0] == "zel" && answer.first == "[zel] " + second + ": no such command") {

@@ -17,16 +17,26 @@ namespace zelctl {
 
 namespace {
 
+// Of a process that answers without end no more is kept.
+std::size_t const most_bytes = 64 << 20;
+
 std::optional<View> view_of(Session& session, std::string const& what) {
     View view;
     bool whole = false;
+    std::size_t bytes = 0;
     std::vector<std::string> lines; // read as objects later: the pipe may fill meanwhile
-    view.answer = session.ask("inspect " + what, [&](std::string const& line) { lines.push_back(line); });
+    view.answer = session.ask("inspect " + what, [&](std::string const& line) {
+        bytes += line.size();
+        if (line[0] == '{' && bytes <= most_bytes)
+            lines.push_back(line);
+    });
     for (std::string const& line : lines) {
+        session.check();
         Json object = object_in(line);
         // Answers to what was told before may still come, and streams go on meanwhile.
         if (!object.is_object() || (object.contains("inspect") && object["inspect"] != what))
             continue;
+        view.built_in = view.built_in || object.contains("inspect");
         if (object.contains("end")) {
             whole = true;
             view.lost = object["lost"].is_number_unsigned() ? object["lost"].get<unsigned long>() : 0;
@@ -40,19 +50,29 @@ std::optional<View> view_of(Session& session, std::string const& what) {
     // An application may have given the word a meaning of its own.
     if (view.answer.echoed || (!whole && view.objects.empty() && !view.answer.lost))
         return std::nullopt;
-    view.answer.lost = view.answer.lost || view.lost > 0 || !whole;
+    view.answer.lost = view.answer.lost || view.lost > 0 || (view.built_in && !whole);
     return view;
 }
 
 } // namespace
 
-// The process waits for nobody, so what comes of an answer larger than the pipe is a matter of luck.
+// The process waits for nobody, so what comes of an answer larger than the pipe is a matter of luck. A word
+// of the application's own may have an effect, and is not asked twice.
 std::optional<View> inspect(Session& session, std::string const& what) {
     Session::Limit const limit(session);
     unsigned const enough = 5;
     std::optional<View> view = view_of(session, what);
-    for (unsigned asked = 1; view && view->answer.lost && asked < enough; ++asked)
-        view = view_of(session, what);
+    for (unsigned asked = 1; view && view->built_in && view->answer.lost && asked < enough; ++asked) {
+        try {
+            std::optional<View> another = view_of(session, what);
+            if (another && (!another->answer.lost || another->objects.size() > view->objects.size()))
+                view = std::move(another);
+        } catch (Failure const& failure) {
+            if (failure.status != timed_out)
+                throw;
+            break; // what has come is better than nothing
+        }
+    }
     return view;
 }
 
@@ -125,7 +145,7 @@ ExitStatus show_view(Context& context, std::string const& what, View const& view
                      what.c_str(), view.error.c_str());
         return refused;
     }
-    if (view.objects.empty() && context.output.terminal() && !context.options.json)
+    if (view.objects.empty() && !view.answer.lost && context.output.terminal() && !context.options.json)
         context.output.own_line("no " + what);
     print_table(context.output, context.options,
                 what == "words"        ? word_objects(view.objects)

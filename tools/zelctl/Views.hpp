@@ -17,6 +17,7 @@ namespace zelctl {
 struct View {
     std::vector<Json> objects;
     Answer answer;
+    bool built_in = false;  // the library's own word has answered
     unsigned long lost = 0; // lines, as the process has counted them
     std::string error;      // the process's own; "" if there is none
 };
