@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
-// The order in which the subsystems come up and go down, and the libraries of ZEL_PRELOAD, and
-// the channel that ZEL_CHANNEL opens. onLoad.cpp calls both functions when the shared library is loaded and
-// unloaded.
+// The order in which the subsystems come up and go down, the libraries of ZEL_PRELOAD, and the channel that
+// ZEL_CHANNEL opens. onLoad.cpp calls both functions when the shared library is loaded and unloaded.
 #include <orn/zel/load.hpp>
 
-#include <atomic>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,19 +19,25 @@
 #include <orn/zel/threadGroup.hpp>
 #include <orn/zel/zelcmds.hpp>
 
+#include "immortal.hpp"
 #include "inspect.hpp"
 #include "load.hpp"
+#include "loaded.hpp"
+#include "shared.hpp"
 #include "shutdown.hpp"
 
 namespace orn::zel {
 
 namespace {
 
+using Names = std::vector<std::string>;
+
 LibLoader* loader = nullptr;
-// Null until all have been loaded: one of them may open the channel, and a client may ask. It has no
-// destructor, because while exit() runs in one thread another one's dlopen() may have the loader construct it
-// again.
-std::atomic<std::vector<std::string>*> preloaded(nullptr);
+
+// Empty until all have been loaded: one of them may open the channel, and a client may ask.
+detail::Loaded<Names>& preloaded() {
+    return detail::immortal<detail::Loaded<Names>, Names>();
+}
 
 // Whether the library has been linked with this one: it then finds one of this one's names.
 bool needs_this_library(std::string const& name) {
@@ -49,8 +52,8 @@ bool needs_this_library(std::string const& name) {
 } // namespace
 
 std::vector<std::string> detail::preloaded_modules() {
-    std::vector<std::string> const* const names = preloaded;
-    return names ? *names : std::vector<std::string>();
+    boost::shared_ptr<Names> const held = preloaded().current();
+    return held ? *held : Names();
 }
 
 void ZEL_load__() {
@@ -62,10 +65,11 @@ void ZEL_load__() {
     zelcmds::zel_zelcmds_load();
     detail::zel_inspect_load();
 
-    std::vector<std::string> names;
+    Names names;
     split(std::string(os::EnvVar("ZEL_PRELOAD")), " :,;", names);
-    loader = new LibLoader;
-    auto found = std::make_unique<std::vector<std::string>>();
+    if (!loader) // else it is called a second time by hand, and the first one's libraries go with the others
+        loader = new LibLoader;
+    boost::shared_ptr<Names> const found = detail::make_shared<Names>();
     for (std::string const& name : names) {
         // Such a library keeps this one loaded after the host has closed it. exit() then closes that library
         // from here, which would unmap this code if nothing else kept it.
@@ -75,7 +79,10 @@ void ZEL_load__() {
         if (needs_this_library(name))
             detail::Shutdown::put_off_until_exit();
     }
-    preloaded = found.release();
+    {
+        AutoLock const guard(preloaded().lock);
+        preloaded().state = found;
+    }
     // Last, because a client may send commands at once.
     if (std::string(os::EnvVar("ZEL_CHANNEL")) == "1")
         cmd::InstallCommandChannel();
@@ -90,7 +97,7 @@ void ZEL_unload__() {
     if (no_command_runs) {
         delete loader;
         loader = nullptr;
-        delete preloaded.exchange(nullptr);
+        preloaded().take_out();
     }
 
     detail::zel_inspect_unload();

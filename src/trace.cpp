@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <new>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -164,14 +165,18 @@ bool Trace::wished(Topic topic) const {
                        [topic](Wish const& wish) { return wish.topic == topic; });
 }
 
-void Trace::wish(Topic topic, int fd) {
+bool Trace::wish(Topic topic, int fd) {
     std::uint64_t const until = internal::now_ns() + trace_wish_ns;
-    if (Wish const* const known = find(topic, fd))
+    if (Wish const* const known = find(topic, fd)) {
         wishes_[static_cast<std::size_t>(known - wishes_.data())].until_ns = until;
-    else
-        wishes_.push_back(Wish{topic, fd, until, {}});
+        return true;
+    }
+    wishes_.push_back(Wish{topic, fd, until, {}});
     LoopRecord::let_anybody_trace(true);
-    find_sources();
+    if (find_sources())
+        return true;
+    withdraw(topic, fd);
+    return false;
 }
 
 void Trace::withdraw(Topic topic, int fd) {
@@ -223,19 +228,28 @@ int Trace::wait_ms() const {
     return busy_ ? busy_wait_ms : usual_wait_ms;
 }
 
-// The command thread's own group is left out: each line of its trace would make the next one.
-void Trace::find_sources() {
+// The command thread's own group is left out: each line of its trace would make the next one. False when
+// there is no memory to trace a group. It is tried again the next time, and the others are traced meanwhile.
+bool Trace::find_sources() {
+    bool all = true;
     boost::shared_ptr<thread::Group> const own = thread::Registry::group_if_any();
     for (thread::Registry::Entry const& entry : thread::Registry::entries()) {
         if (!entry.group || entry.group == own)
             continue;
         std::shared_ptr<LoopRecord> const& record = entry.group->record();
-        Source& source = sources_[entry.group->id().value()];
+        id_t const group = entry.group->id().value();
+        Source& source = sources_[group];
         if (source.record == record)
             continue;
-        source = Source{record, 0}; // first, for who ends the trace: there may be no memory for one
-        source.lost = record->trace().lost();
+        try {
+            spans_.resize(SpanRing::size);
+            source = Source{record, record->trace().lost()};
+        } catch (std::bad_alloc const&) {
+            sources_.erase(group);
+            all = false;
+        }
     }
+    return all;
 }
 
 void Trace::serve() {
@@ -255,7 +269,6 @@ void Trace::serve() {
 
 void Trace::drain(id_t group, Source& source) {
     SpanRing& ring = source.record->trace();
-    spans_.resize(SpanRing::size);
     std::size_t const count = ring.take(spans_.data(), spans_.size());
     busy_ = busy_ || count > SpanRing::size / 4;
     unsigned long const lost = ring.lost() - source.lost;
@@ -319,11 +332,12 @@ void tell(Trace::Topic topic, Answer& answer) {
     }
     trace->serve(); // so that the answer is up to date
     unsigned long const lost = trace->lost(topic, fd);
-    if (answer.arguments() == "on")
-        trace->wish(topic, fd);
-    else if (answer.arguments() == "off")
+    std::string const& how = answer.arguments();
+    if (how == "on" && !trace->wish(topic, fd))
+        object.field("error", "not enough memory");
+    else if (how == "off")
         trace->withdraw(topic, fd);
-    else if (!answer.arguments().empty())
+    else if (!how.empty() && how != "on")
         object.field("error", "not understood").open_list("known").item("on").item("off").close_list();
     object.field(name_of(topic), trace->wishes(topic, fd) ? "on" : "off");
     if (topic == Trace::Topic::timing)
@@ -331,7 +345,7 @@ void tell(Trace::Topic topic, Answer& answer) {
     else if (!trace->wishes(topic, fd))
         object.field("lost", lost); // else the next line tells
     answer.end();
-    if (topic == Trace::Topic::timing && answer.arguments().empty())
+    if (topic == Trace::Topic::timing && how.empty())
         trace->timing().tell(answer);
 }
 

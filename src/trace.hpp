@@ -79,8 +79,8 @@ public:
     void serve();
 
     // A wish ends by itself when nobody reads the descriptor any more, or ten seconds after it was last
-    // renewed. wish() makes or renews it.
-    void wish(Topic topic, int fd);
+    // renewed. wish() makes or renews it. False when there is none, for want of memory.
+    bool wish(Topic topic, int fd);
     void withdraw(Topic topic, int fd);
     // Must come before the descriptor is closed.
     void forget(int fd);
@@ -108,7 +108,7 @@ private:
     Wish const* find(Topic topic, int fd) const;
     bool wished(Topic topic) const;
     void end_wishes();
-    void find_sources();
+    bool find_sources();
     void drain(id_t group, Source& source);
     void send(id_t group, Span const* spans, std::size_t count);
     void send_line(Wish& wish, id_t group, std::string const& events, std::size_t count);

@@ -202,10 +202,12 @@ TEST(Preload, names_are_loaded_in_their_order_and_go_in_reverse_while_the_librar
 }
 
 // Such a module needs the library, which then stays although its host has closed it.
-// Such a module needs the library, which then stays although its host has closed it.
-TEST(Preload, modules_may_use_every_subsystem_when_they_go) {
-    for (char const* const how : {"exit", "close"})
-        EXPECT_EQ("[zel] x: no such command\nall used\n", said({HOST, ZEL_LIBRARY, how}, USER_MODULE)) << how;
+TEST(Preload, modules_may_use_every_subsystem_when_they_come_and_go) {
+    for (char const* const how : {"exit", "close"}) {
+        EXPECT_EQ("+first up\n[zel] x: no such command\nall used\n-first up\n",
+                  said({HOST, ZEL_LIBRARY, how}, first + ' ' + USER_MODULE))
+            << how;
+    }
 }
 
 // A client that connects to a process that has taken the library down already.

@@ -8,6 +8,10 @@ endforeach()
 zel_add_test(alarm_test SOURCES alarm_test.cpp support/FakeTimer.cpp LIBRARIES zel_test_loop)
 zel_test_faults(threadGroup_test fd_test alarm_test)
 
+# Threads come in between the locks that the library takes.
+zel_add_test(perThread_test SOURCES perThread_test.cpp LIBRARIES zel_test_loop)
+target_link_options(perThread_test PRIVATE LINKER:--wrap=o_pthread_mutex_lock,--wrap=o_pthread_mutex_unlock)
+
 # Once more, the way that large groups go. The tasks' test comes with another file.
 foreach(stem threadGroup threadMonitor turn fd members alarm task)
     add_test(NAME readiness.${stem} COMMAND ${stem}_test)

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // Traces and times of loops, as the word "inspect" hands them out.
+#include <new>
+
 #include <orn/clock.hpp>
 #include <orn/os/Thread.hpp>
 
@@ -10,6 +12,22 @@
 
 using namespace orn::zel;
 using namespace support;
+
+namespace {
+
+std::atomic<int> rings_left(-1); // before there is no memory for another; any number when negative
+
+} // namespace
+
+#ifndef __SANITIZE_ADDRESS__ // which looks after new and delete itself
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    bool const is_ring = size == sizeof(detail::SpanRing);
+    void* const memory =
+        is_ring && rings_left == 0 ? nullptr : std::aligned_alloc(static_cast<std::size_t>(alignment), size);
+    rings_left -= is_ring && rings_left > 0 ? 1 : 0;
+    return memory ? memory : throw std::bad_alloc();
+}
+#endif
 
 namespace {
 
@@ -175,6 +193,33 @@ TEST_F(Traces, what_does_not_fit_is_counted_to_the_last_span) {
     EXPECT_LT(0, viewer.lost[worker.group]);
     EXPECT_LT(500, got);
     EXPECT_EQ(slices + made("turns") + made("dispatches"), got + viewer.lost[worker.group]);
+}
+
+TEST_F(Traces, a_wish_for_which_there_is_no_memory_is_refused_and_a_new_group_waits_for_it_alone) {
+    if (is_sanitized && !has_thread_sanitizer)
+        GTEST_SKIP() << "the sanitizer has an operator new of its own";
+    for (int const rings : {0, 1}) { // of the two that it takes
+        rings_left = rings;
+        Json const refusal = viewer.ask("trace on").at(0);
+        EXPECT_EQ((Json{"not enough memory", "off"}), (Json{refusal["error"], refusal["trace"]}));
+        EXPECT_FALSE(viewer.observed("trace"));
+        EXPECT_FALSE(thread::ThisGroup()->record()->traced());
+    }
+    auto const traced = [this](Worker& one) {
+        viewer.ask("trace");
+        one.run([] { RunOnce(0); });
+        viewer.ask("trace");
+        return std::any_of(viewer.spans.begin(), viewer.spans.end(),
+                           [&](Json const& span) { return span["group"] == one.group; });
+    };
+    rings_left = -1;
+    EXPECT_EQ("on", viewer.ask("trace on").at(0)["trace"]);
+    rings_left = 0;
+    Worker another;
+    EXPECT_FALSE(traced(another));
+    EXPECT_TRUE(traced(worker));
+    rings_left = -1;
+    EXPECT_TRUE(traced(another));
 }
 
 TEST(LoopRecord, tells_no_span_that_began_in_an_earlier_trace_whatever_has_been_traced_inside_of_it) {

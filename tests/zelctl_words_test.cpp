@@ -40,9 +40,12 @@ TEST_F(ZelctlWords, show_the_objects_that_the_process_tells) {
     Result result = ask({"tasks"});
     EXPECT_EQ("TASK\tNAME\n1\ta\\x09b\\x1b[2J\n", result.output) << "cells stay cells";
     EXPECT_TRUE(fails(result, "exit 1", "lines were lost"));
+    std::string const heading = first_line(ask({"signals"}).output);
+    EXPECT_EQ(63, std::count(heading.begin(), heading.end(), '\t')) << "columns that anybody may add";
     EXPECT_EQ("a\tb\x1b[2J", objects(ask(target, {"tasks"}, {"--json"}).output).at(0)["name"]);
     EXPECT_EQ("WORD\tLIBRARY\nstation\tlibx.so\n", ask({"words"}).output);
     EXPECT_TRUE(fails(ask({"fds"}), "exit 1", "no such thing to inspect, it knows: alarms"));
+    EXPECT_TRUE(fails(ask({"top --limit 1"}), "exit 1", "cannot tell: not enough memory"));
     EXPECT_TRUE(fails(ask({"statoin 1"}), "exit 8", "did you mean: station"));
     EXPECT_TRUE(fails(ask({"taks 1"}), "exit 8", "did you mean: tasks"));
     EXPECT_TRUE(fails(ask({"inspect fds"}), "exit 8", "inspect has no word \"fds\": it has alarms"));

@@ -43,9 +43,12 @@ struct User {
             thread::ThisGroup()->WakeUp('x');
         });
         cmd::InstallCommandChannel();
-        client.reset(new cmd::Channel(Connect(
-            getpid(), [this](std::string const& line) { answered = answered || line == "1/1 foo"; })));
+        client.reset(new cmd::Channel(Connect(getpid(), [this](std::string const& line) {
+            answered = answered || line == "1/1 foo";
+            listed = listed || line.find("ZEL_PRELOAD") != std::string::npos;
+        })));
         client->Command("zel monitor poll thread task alarm");
+        client->Command("inspect process");
         client->Command("foo");
         while (!arrived || !ticked || !done || !answered)
             RunOnce(-1);
@@ -65,13 +68,14 @@ struct User {
         raise(SIGUSR1);
         while (!arrived || !rung)
             RunOnce(-1);
-        cmd::Write(fd, "all used\n");
+        cmd::Write(fd, listed ? "listed while others were loaded\n" : "all used\n");
         close(fd);
     }
 
     bool arrived = false;
     bool ticked = false;
     bool answered = false;
+    bool listed = false;
     std::atomic<bool> done{false};
     signal::AutoReceptor arrivals{SIGUSR1, [this](int) { arrived = true; }};
     Alarm ticks{0, 10, [this] { ticked = true; }};

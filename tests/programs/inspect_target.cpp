@@ -26,6 +26,13 @@ namespace {
 
 using namespace orn::zel;
 
+std::string members(int from, int to) {
+    std::string text = "\"first\":0";
+    for (; from < to; ++from)
+        text += ",\"m" + std::to_string(from) + "\":" + std::to_string(from);
+    return text + "}\n";
+}
+
 void made_up(std::string const& what, int fd) {
     std::string const head = "{\"inspect\":\"" + what + "\",";
     std::string text;
@@ -35,8 +42,12 @@ void made_up(std::string const& what, int fd) {
                "\"lost\":0}\n";
     } else if (what == "tasks") {
         text = head + "\"task\":1,\"name\":\"a\\tb\\u001b[2J\"}\nno object\n" + head +
-               "\"task\":" + std::string(200000, '[') + std::string(200000, ']') +
-               "}\n{\"end\":true,\"objects\":9,\"lost\":8}\n";
+               "\"task\":" + std::string(200000, '[') + std::string(200000, ']') + "}\n" + head +
+               members(0, 2000) + "{\"end\":true,\"objects\":9,\"lost\":8}\n";
+    } else if (what == "signals") {
+        text = head + members(0, 50) + head + members(50, 100) + "{\"end\":true}\n";
+    } else if (what == "timing on") {
+        text = head + "\"error\":\"not enough memory\",\"timing\":\"off\"}\n{\"end\":true}\n";
     } else if (what == "process") {
         text = head + "\"pid\":1,\"words\":[{\"word\":\"station\",\"library\":\"libx.so\"}]}\n"
                       "{\"end\":true,\"objects\":1,\"lost\":0}\n";

@@ -74,13 +74,13 @@ public:
             app_.add_flag("--raw", options_.raw, "Send zelctl's own words to the process, too");
             app_.add_option("--timeout", timeout_, "How long to wait for an answer (5s)");
             app_.add_option("--follow", follow_,
-                            "Then print what comes for so long; 0: until the process ends");
+                            "After the answer, print what comes for so long; 0: until the process ends");
         } else {
             app_.set_help_flag();
         }
         app_.add_option("words", words_, "The command, for example: threads");
         app_.add_option("--for", for_, "monitor, top, trace: for so long");
-        app_.add_option("--limit", limit_, "The same: for so many lines, tables, spans");
+        app_.add_option("--limit", limit_, "monitor, top, trace: for so many lines, tables, spans");
         app_.add_option("--interval", interval_, "top: how often (1s)");
         app_.add_option("-o,--output", options_.file, "trace: the file");
         app_.add_flag("--table", options_.table, "Align tables, although this is no terminal");

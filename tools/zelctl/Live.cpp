@@ -24,16 +24,18 @@ std::string text_in(Json const& object, char const* key) {
 Wish::Wish(Session& session, std::string const& topic, Session::Sink const& sink)
     : session_(session), topic_(topic), sink_(sink) {
     bool on = false;
+    std::string why = "its zel does not have inspect " + topic;
     std::string const command = "inspect " + topic + " on";
     session.ask(command, [&](std::string const& line) {
-        on = on || text_in(object_in(line), topic.c_str()) == "on";
+        Json const object = object_in(line);
+        on = on || text_in(object, topic.c_str()) == "on";
+        if (object.contains("error") && object.contains(topic)) // which an older library's refusal lacks
+            why = cell(object["error"]);
         if (sink)
             sink(line);
     });
-    if (!on) {
-        throw Failure(refused,
-                      session.target().name() + " cannot tell: its zel does not have inspect " + topic);
-    }
+    if (!on)
+        throw Failure(refused, session.target().name() + " cannot tell: " + why);
     session.follow(sink);
     unsigned long const renewal_ms = 3000;
     renewal_.reset(new orn::zel::Alarm(renewal_ms, renewal_ms, [this, command] { session_.tell(command); }));

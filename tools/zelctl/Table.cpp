@@ -14,6 +14,9 @@ namespace zelctl {
 
 namespace {
 
+// Of an object, and so columns of a table. The library's objects have fifteen at most.
+std::size_t const most_members = 64;
+
 // How many columns of a terminal the text takes: bytes that go on a character take none.
 std::size_t width_of(std::string const& text) {
     return static_cast<std::size_t>(
@@ -50,12 +53,15 @@ std::string text_in(Column const& column, Json const& value) {
     return cell(value) + std::string(digits == 0 ? 0 : column.digits - digits, '0');
 }
 
+// What comes after the most is left to --json.
 std::vector<Column> columns_of(std::vector<Json> const& objects) {
     std::vector<Column> columns;
     for (Json const& object : objects) {
         for (auto const& item : object.items()) {
             auto it = std::find_if(columns.begin(), columns.end(),
                                    [&](Column const& column) { return column.key == item.key(); });
+            if (it == columns.end() && columns.size() == most_members)
+                continue;
             if (it == columns.end())
                 it = columns.insert(it, {item.key(), width_of(heading_of(item.key())), true, 0});
             it->digits = std::max(it->digits, digits_in(item.value()));
@@ -95,17 +101,41 @@ std::string cell(Json const& value) {
     return shown.empty() ? "-" : printable(shown);
 }
 
+namespace {
+
+// What reads values goes down by recursion, and finds a member by comparing it with each one before it.
+// Looking through the line takes less time than having the parser ask at each value.
+bool is_modest(std::string const& line) {
+    std::size_t const deepest = 16;
+    std::size_t members[deepest + 1] = {}; // of what is open, from the outside in
+    std::size_t depth = 0;
+    bool in_string = false;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        char const letter = line[i];
+        if (letter == '"') {
+            in_string = !in_string;
+        } else if (in_string) {
+            i += letter == '\\' ? 1 : 0;
+        } else if (letter == '{' || letter == '[') {
+            if (++depth > deepest)
+                return false;
+            members[depth] = 0;
+        } else if (letter == '}' || letter == ']') {
+            depth -= depth > 0 ? 1 : 0;
+        } else if (letter == ':' && ++members[depth] > most_members) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
 Json object_in(std::string const& line) {
-    bool deep = false;
-    Json object = Json::parse(
-        line,
-        [&deep](int depth, Json::parse_event_t, Json&) {
-            int const most = 16;
-            deep = deep || depth > most;
-            return !deep;
-        },
-        false);
-    return object.is_object() && !deep ? object : Json();
+    Json object = is_modest(line) ? Json::parse(line, nullptr, false) : Json();
+    if (!object.is_object())
+        object = nullptr;
+    return object;
 }
 
 std::string json_line(Json const& value) {

@@ -27,8 +27,8 @@ std::vector<std::string> table_lines(std::vector<Json> const& objects, bool alig
 // A value as a cell shows it: lists with commas between, members of objects as key=value.
 std::string cell(Json const& value);
 
-// The object that stands in a line from a process; null when there is none. Values nest a few levels only:
-// what reads them goes down by recursion, and a process may send anything.
+// The object that stands in a line from a process; null when there is none. A process may send anything, so
+// one that nests more deeply, or has more members, than any of the library's is taken for none.
 Json object_in(std::string const& line);
 
 // As one line of JSON, whatever bytes the strings hold.

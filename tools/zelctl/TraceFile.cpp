@@ -59,8 +59,8 @@ Span span_of(Json const& event, std::uint64_t group) {
 } // namespace
 
 void Recording::take(std::string const& line) {
-    Json const object = Json::parse(line, nullptr, false);
-    if (!object.is_object() || text_in(object, "inspect") != "trace" || object.contains("end"))
+    Json const object = object_in(line);
+    if (text_in(object, "inspect") != "trace" || object.contains("end"))
         return;
     std::size_t const before = spans.size();
     auto const events = object.find("events");

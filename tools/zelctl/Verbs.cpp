@@ -32,7 +32,7 @@ std::vector<Verb> const& verbs() {
         {"words", "", "the command words that it has", show},
         {"monitor", "KIND...", "prints what happens: poll, thread, task, alarm", monitor},
         {"top", "", "what its loops spend their time on, as it happens", top},
-        {"trace", "-o FILE", "records that for a viewer of Chrome traces", trace},
+        {"trace", "-o FILE", "records what they do, for a viewer of Chrome traces", trace},
         {"load", "LIBRARY...", "loads shared libraries into it", steer},
         {"unload", "LIBRARY...", "unloads them", steer},
     };
