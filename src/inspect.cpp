@@ -10,6 +10,7 @@
 #include <utility>
 
 #include <poll.h>
+#include <sched.h>
 
 #include <orn/clock.hpp>
 #include <orn/zel/cmd.hpp>
@@ -84,6 +85,7 @@ void Answer::write_lines() {
         lost_ += objects_ - written_;
     written_ = objects_;
     lines_.clear();
+    give_way();
 }
 
 bool Answer::write(std::string const& text) {
@@ -130,6 +132,12 @@ void Answer::finish() {
     object_.open().field("inspect", what_).field("end", true);
     object_.field("objects", objects_).field("lost", lost_).close().end_line();
     write(object_.take());
+}
+
+void give_way() {
+    int const policy = sched_getscheduler(0);
+    if (policy == SCHED_FIFO || policy == SCHED_RR)
+        sched_yield();
 }
 
 void zel_inspect_load() {

@@ -51,6 +51,10 @@ private:
     std::uint64_t waited_ns_ = 0; // for room, so far
 };
 
+// For the command thread, between two lines. It has the priority of the loop that has opened the channel. At
+// a real-time one nothing else lets that loop run on the same processor until a long answer is over.
+void give_way();
+
 void zel_inspect_load();
 void zel_inspect_unload();
 
