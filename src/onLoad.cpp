@@ -5,6 +5,7 @@
 // destructor functions run in different orders in exit() and in dlclose().
 #include <atomic>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <sys/syscall.h>
@@ -44,10 +45,9 @@ bool sleeps(int tid) {
 }
 
 // Waits until the thread has left the place where it stood: it sleeps, or has run for a thousand times as
-// long as a signal's handler takes.
-void let_get_on(int tid, internal::Patience const& patience) {
+// long as a signal's handler takes. start: what it had run by then.
+void let_get_on(int tid, long long start, internal::Patience const& patience) {
     long long const way_ns = 1000000;
-    long long const start = run_time(tid);
     for (long long now = start; now >= 0 && now <= start + way_ns && !sleeps(tid); now = run_time(tid)) {
         if (!patience.nap())
             return;
@@ -61,10 +61,14 @@ void let_threads_get_on() {
     int const self = static_cast<int>(syscall(SYS_gettid));
     // A thread that gets no processor must not hold the host for ever.
     internal::Patience const patience(1000);
+    // All begin now: on one processor they run one after the other while the first is waited for.
+    std::vector<std::pair<int, long long>> others;
     for (int const tid : detail::thread_ids()) {
         if (tid != self)
-            let_get_on(tid, patience);
+            others.emplace_back(tid, run_time(tid));
     }
+    for (auto const& other : others)
+        let_get_on(other.first, other.second, patience);
 }
 
 // ---- Load and unload ------------------------------------------------------------------------------------
