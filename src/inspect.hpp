@@ -4,7 +4,7 @@
 // in its own source, the word itself is in inspect.cpp.
 //
 // Whoever tells of something may be looking into a process whose loops are all stuck in handlers. So it takes
-// no lock that a handler may hold, and waits for nobody.
+// no lock that a handler may hold, and waits for no loop.
 #ifndef ZEL_SRC_INSPECT_HPP
 #define ZEL_SRC_INSPECT_HPP
 
