@@ -12,13 +12,13 @@
 
 #include <cxxabi.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <boost/bind/bind.hpp>
 
+#include <orn/clock.hpp>
 #include <orn/log.h>
 #include <orn/os/Thread.hpp>
 #include <orn/zel/signal.hpp>
@@ -338,11 +338,10 @@ namespace {
 bool ends_in_time(Server const& state) {
     // A command takes a few milliseconds. One that takes this long as a rule waits for the thread that is in
     // exit(), and would wait for ever.
-    int const longest_command_ms = 1000;
-    for (int waited = 0; !state.ended; ++waited) {
-        if (waited == longest_command_ms)
+    internal::Patience const longest_command(1000);
+    while (!state.ended) {
+        if (!longest_command.nap())
             return false;
-        poll(nullptr, 0, 1);
     }
     return true;
 }

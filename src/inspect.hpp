@@ -4,7 +4,7 @@
 // in its own source, the word itself is in inspect.cpp.
 //
 // Whoever tells of something may be looking into a process whose loops are all stuck in handlers. So it takes
-// no lock that a handler may hold, and waits for nobody.
+// no lock that a handler may hold, and waits for no loop.
 #ifndef ZEL_SRC_INSPECT_HPP
 #define ZEL_SRC_INSPECT_HPP
 
@@ -17,7 +17,8 @@
 namespace orn::zel::detail {
 
 // Lines of one JSON object each. They go out some at a time, in pieces that a pipe takes whole or not at all,
-// so that neither a large answer nor a full pipe cuts a line or costs memory. Never waits.
+// so that neither a large answer nor a full pipe cuts a line or costs memory. A client of the command channel
+// whose pipe is full gets some time to read. Hold no lock while you add to an answer.
 class Answer {
 public:
     // To a question: what is asked for, what comes behind it, and where the answer goes.
@@ -36,6 +37,8 @@ public:
 
 private:
     void write_lines();
+    bool write(std::string const& text);
+    bool wait_for_room();
 
     std::string what_;
     std::string arguments_;
@@ -45,7 +48,12 @@ private:
     std::size_t objects_ = 0;
     std::size_t written_ = 0; // objects whose lines are out
     std::size_t lost_ = 0;
+    std::uint64_t waited_ns_ = 0; // for room, so far
 };
+
+// For the command thread, between two lines. It has the priority of the loop that has opened the channel. At
+// a real-time one nothing else lets that loop run on the same processor until a long answer is over.
+void give_way();
 
 void zel_inspect_load();
 void zel_inspect_unload();

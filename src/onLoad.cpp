@@ -5,14 +5,15 @@
 // destructor functions run in different orders in exit() and in dlclose().
 #include <atomic>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include <poll.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <orn/cancel.hpp>
+#include <orn/clock.hpp>
 #include <orn/forkHandlers.hpp>
 #include <orn/mapping.hpp>
 #include <orn/zel/load.hpp>
@@ -44,15 +45,12 @@ bool sleeps(int tid) {
 }
 
 // Waits until the thread has left the place where it stood: it sleeps, or has run for a thousand times as
-// long as a signal's handler takes. Counts the milliseconds down, and gives up when none are left.
-void let_get_on(int tid, int& left_ms) {
+// long as a signal's handler takes. start: what it had run by then.
+void let_get_on(int tid, long long start, internal::Patience const& patience) {
     long long const way_ns = 1000000;
-    long long const start = run_time(tid);
-    for (; left_ms > 0; --left_ms) {
-        long long const now = run_time(tid);
-        if (now < 0 || now > start + way_ns || sleeps(tid))
+    for (long long now = start; now >= 0 && now <= start + way_ns && !sleeps(tid); now = run_time(tid)) {
+        if (!patience.nap())
             return;
-        poll(nullptr, 0, 1);
     }
 }
 
@@ -61,11 +59,16 @@ void let_get_on(int tid, int& left_ms) {
 // got on, after a second at most.
 void let_threads_get_on() {
     int const self = static_cast<int>(syscall(SYS_gettid));
-    int left_ms = 1000; // a host must not wait for ever for a thread that gets no processor
+    // A thread that gets no processor must not hold the host for ever.
+    internal::Patience const patience(1000);
+    // All begin now: on one processor they run one after the other while the first is waited for.
+    std::vector<std::pair<int, long long>> others;
     for (int const tid : detail::thread_ids()) {
         if (tid != self)
-            let_get_on(tid, left_ms);
+            others.emplace_back(tid, run_time(tid));
     }
+    for (auto const& other : others)
+        let_get_on(other.first, other.second, patience);
 }
 
 // ---- Load and unload ------------------------------------------------------------------------------------

@@ -5,10 +5,10 @@
 
 #include <atomic>
 
-#include <poll.h>
 #include <signal.h>
 
 #include <orn/cancel.hpp>
+#include <orn/clock.hpp>
 #include <orn/zel/core.hpp>
 
 #include "immortal.hpp"
@@ -130,10 +130,10 @@ void SignalGate::deliver(int signo) {
     // A signal handler takes microseconds. One that is still inside after this time never leaves, because
     // something has jumped out of it or sits on top of it. Leak what it may come back to, rather than free
     // it.
-    int const longest_wait_ms = 1000;
+    internal::Patience const longest_wait(1000);
     internal::CancelShield const shield;
-    for (int waited = 0; inside != 0 && waited < longest_wait_ms; ++waited)
-        poll(nullptr, 0, 1);
+    while (inside != 0 && longest_wait.nap()) {
+    }
     reclaim();
 }
 

@@ -10,8 +10,8 @@
 #include <cstdint>
 #include <memory>
 
+#include <poll.h>
 #include <pthread.h>
-#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -59,13 +59,14 @@ void make_end_key() {
 }
 
 // Waits for the threads that are inside of end_of_thread() before its code is unmapped: they have a few
-// instructions to go, and wait for nobody themselves. A thread that the C library is just about to send there
-// cannot be seen, so no thread may be ending while the library is closed.
+// instructions to go, and wait for nobody themselves. To yield would not let them get on: one at a real-time
+// priority yields to no lower one, for ever where there is one processor. A thread that the C library is just
+// about to send there cannot be seen, so no thread may be ending while the library is closed.
 void delete_end_key(int key) {
     if (key != no_key)
         pthread_key_delete(static_cast<pthread_key_t>(key));
     while (detail::Shutdown::unmapping() && threads_at_end > 0)
-        sched_yield();
+        poll(nullptr, 0, 1);
 }
 
 // ---- What a thread remembers of its record --------------------------------------------------------------

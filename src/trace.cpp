@@ -299,6 +299,7 @@ void Trace::send(id_t group, Span const* spans, std::size_t count) {
             if (wish.topic == Topic::trace)
                 send_line(wish, group, events, in_line);
         }
+        give_way();
         events.clear();
         in_line = 0;
     }

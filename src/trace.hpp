@@ -27,8 +27,8 @@ class Answer;
 // How long a wish lasts that nobody renews. Tests do not wait for so long.
 extern std::uint64_t trace_wish_ns;
 
-// Whether half of the pipe stays free when a line is written to it. It is left to the answers, which would be
-// lost otherwise.
+// Whether half of the pipe stays free when a line is written to it. A trace leaves it to the answers, which
+// would be lost otherwise.
 bool has_room(int fd);
 
 // How long the callbacks take, one entry for each handler that has been called. The entries that were called

@@ -106,6 +106,19 @@ TEST(ZelctlAttach, reaches_a_process_whose_main_thread_has_ended) {
     EXPECT_TRUE(target.alive());
 }
 
+TEST(ZelctlAttach, tells_that_a_process_which_proc_hides_is_another_users) {
+    Program target({TARGET});
+    ASSERT_EQ("ready", target.line());
+    std::string const ask =
+        "exec setpriv --reuid=65534 --clear-groups " ZELCTL " " + std::to_string(target.pid());
+    Program asking({"/usr/bin/unshare", "--mount", "/bin/sh", "-c",
+                    "mount -t proc -o hidepid=2 proc /proc || exit 77; " + ask + " foo"});
+    Result const result(asking);
+    if (result.end != "exit 5" && result.errors.compare(0, 8, "zelctl: ") != 0)
+        GTEST_SKIP() << "only root may mount another /proc: " << result.errors;
+    EXPECT_TRUE(fails(result, "exit 5", "ask as root"));
+}
+
 TEST(ZelctlAttach, leaves_the_handler_of_an_open_channel_alone_and_refuses_without_one) {
     Program target({TARGET, "default-55"});
     ASSERT_EQ("ready", target.line());

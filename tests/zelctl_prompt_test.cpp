@@ -45,6 +45,7 @@ TEST_F(ZelctlPrompt, completes_words_remembers_lines_and_only_detaches) {
     EXPECT_TRUE(shows("\x1b[1m"));
     type("help\n");
     EXPECT_TRUE(shows("unload LIBRARY..."));
+    EXPECT_TRUE(shows("> ")) << "before that the terminal would take the key for itself";
     type("\x04");
     EXPECT_TRUE(shows("status=0"));
     EXPECT_TRUE(target.alive());

@@ -34,7 +34,8 @@ public:
     // The process has closed its end: it has ended, has unloaded the library, or refuses the pipe.
     bool closed() const { return closed_; }
 
-    // How often the pipe was full. The process does not wait for room, so lines may have been lost then.
+    // How often the pipe was full. Lines may have been lost then, since the process waits for room for
+    // a moment at most.
     unsigned long overflows() const { return overflows_; }
 
 private:

@@ -244,6 +244,7 @@ Answer Session::ask(std::vector<std::string> const& commands, Sink const& sink) 
     sink_ = [&answer, &sink](std::string const& line) {
         if (++answer.lines == 1)
             answer.first = line;
+        answer.last = line;
         sink(line);
     };
     Limit const limit(*this);

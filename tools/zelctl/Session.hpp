@@ -29,7 +29,8 @@ std::vector<std::string> words_of(std::string const& command);
 // What is worth knowing about an answer besides its lines.
 struct Answer {
     unsigned long lines = 0;
-    std::string first;   // line
+    std::string first; // line
+    std::string last;
     bool lost = false;   // some of its lines may not have come
     bool echoed = false; // the process has only sent the command back: nobody there has its word
 };

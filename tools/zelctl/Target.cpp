@@ -86,8 +86,9 @@ Target::~Target() {
 
 Process Target::look() const {
     std::optional<Process> const now = describe(pid_);
+    // /proc may hide the processes of other users (hidepid).
     if (!now)
-        throw no_such(pid_);
+        throw kill(pid_, 0) != 0 && errno == EPERM ? forbidden(pid_) : no_such(pid_);
     return *now;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <numeric>
 
+#include "Live.hpp"
 #include "Monitors.hpp"
 #include "Output.hpp"
 #include "Target.hpp"
@@ -143,14 +144,16 @@ ExitStatus print_threads(Context& context) {
 
 ExitStatus ask(Context& context, std::string const& command) {
     Words const words = words_of(command);
-    Answer const answer =
-        context.session.ask(command, [&](std::string const& line) { print(context, line); });
+    Answer answer = context.session.ask(command, [&](std::string const& line) { print(context, line); });
     if (answer.echoed) {
         context.output.flush();
         return unknown(context, "", words[0], all_words(context));
     }
     std::string const second = words.size() > 1 ? words[1] : "";
     if (words[0] == "inspect") {
+        Json const end = object_in(answer.last);
+        if (end.contains("end")) // which tells exactly
+            answer.lost = number_in(end, "lost") > 0;
         Json const object = object_in(answer.first);
         if (object.contains("error") && object.contains("known")) {
             if (second.empty())

@@ -50,14 +50,18 @@ std::optional<View> view_of(Session& session, std::string const& what) {
     // An application may have given the word a meaning of its own.
     if (view.answer.echoed || (!whole && view.objects.empty() && !view.answer.lost))
         return std::nullopt;
-    view.answer.lost = view.answer.lost || view.lost > 0 || (view.built_in && !whole);
+    // The last object tells exactly. Without one a pipe that was full, or no end at all, makes it likely.
+    if (view.built_in)
+        view.answer.lost = !whole || view.lost > 0;
+    else
+        view.answer.lost = view.answer.lost || view.lost > 0;
     return view;
 }
 
 } // namespace
 
-// The process waits for nobody, so what comes of an answer larger than the pipe is a matter of luck. A word
-// of the application's own may have an effect, and is not asked twice.
+// The process waits for a client for a moment only, so beside busy processes an answer larger than the pipe
+// may not come whole. A word of the application's own may have an effect, and is not asked twice.
 std::optional<View> inspect(Session& session, std::string const& what) {
     Session::Limit const limit(session);
     unsigned const enough = 5;

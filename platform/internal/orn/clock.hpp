@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
 //
-// CLOCK_MONOTONIC as one number. Internal; not installed.
+// CLOCK_MONOTONIC as one number, and waiting by it. Internal; not installed.
 #ifndef ORN_CLOCK_HPP
 #define ORN_CLOCK_HPP
 
 #include <cstdint>
 
+#include <poll.h>
 #include <time.h>
 
 namespace orn::internal {
@@ -25,6 +26,24 @@ inline std::uint64_t coarse_ms() {
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
     return static_cast<std::uint64_t>(now.tv_sec) * 1000 + static_cast<std::uint64_t>(now.tv_nsec) / 1000000;
 }
+
+// Waits for what comes soon as a rule: a millisecond at a time, and as long as it says at most. The naps are
+// not counted, because each takes ten times as long on a kernel without high-resolution timers, or longer
+// beside busy processes.
+class Patience {
+public:
+    explicit Patience(unsigned ms) : end_ms_(coarse_ms() + ms) {}
+    // False when the time is over.
+    bool nap() const {
+        if (coarse_ms() >= end_ms_)
+            return false;
+        poll(nullptr, 0, 1);
+        return true;
+    }
+
+private:
+    std::uint64_t const end_ms_;
+};
 
 } // namespace orn::internal
 

@@ -15,10 +15,10 @@
 #include <cstdlib>
 
 #include <cxxabi.h>
-#include <poll.h>
 #include <pthread.h>
 
 #include <orn/cancel.hpp>
+#include <orn/clock.hpp>
 
 #if defined(__GLIBC__) && !defined(__UCLIBC__)
 // What pthread_atfork() calls. abi::__cxa_finalize() withdraws the handlers of the same owner.
@@ -87,8 +87,9 @@ inline ForkHandlers::ForkHandlers(Handler before, Handler in_parent, Handler in_
 inline void ForkHandlers::withdraw() {
     CancelShield const shield;
     withdrawn = true;
-    for (int waited_ms = 0; under_way > 0 && waited_ms < 1000; ++waited_ms)
-        poll(nullptr, 0, 1);
+    Patience const longest_fork(1000);
+    while (under_way > 0 && longest_fork.nap()) {
+    }
 #if defined(__GLIBC__) && !defined(__UCLIBC__)
     abi::__cxa_finalize(all);
 #endif
