@@ -16,6 +16,7 @@
 #include "fixedLine.hpp"
 #include "immortal.hpp"
 #include "inspect.hpp"
+#include "lockInTime.hpp"
 #include "plainText.hpp"
 #include "procFile.hpp"
 #include "threadRegistry.hpp"
@@ -159,13 +160,10 @@ void MonitorMap::Unlock() ZEL_NO_ANALYSIS {
 }
 
 bool MonitorMap::TryLock(unsigned ms) ZEL_NO_ANALYSIS {
-    // Waiting for the mutex itself would go by the wall clock, which may be set back meanwhile.
-    while (!mutex_.try_lock()) {
-        if (ms-- == 0)
-            return false;
-        poll(nullptr, 0, 1);
-    }
-    return true;
+    std::unique_lock<std::mutex> lock = detail::lock_in_time(mutex_, ms);
+    bool const held = lock.owns_lock();
+    lock.release();
+    return held;
 }
 
 namespace {

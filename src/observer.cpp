@@ -21,21 +21,21 @@ Observer* const observers[] = {&thread_observer, &poll_observer, &alarm_observer
 } // namespace
 
 void Observer::watch(int fd) {
-    Lock const guard = lock_in_time();
+    std::unique_lock<std::mutex> const guard = lock_in_time(lock_, longest_wait_ms);
     fd_.store(fd, std::memory_order_release);
 }
 
 void Observer::forget(int fd) {
     if (!is(fd)) // saves waiting for an observer that blocks
         return;
-    Lock const guard = lock_in_time();
+    std::unique_lock<std::mutex> const guard = lock_in_time(lock_, longest_wait_ms);
     fd_.compare_exchange_strong(fd, -1);
 }
 
 void Observer::write(std::string const& text) {
     int const error = errno;
     {
-        std::lock_guard<std::timed_mutex> const guard(lock_);
+        std::lock_guard<std::mutex> const guard(lock_);
         int fd = fd_.load(std::memory_order_relaxed);
         // With EBADF the descriptor was closed while it was watched. Its number must not be tried again,
         // because the next file that is opened gets it.

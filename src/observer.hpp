@@ -6,11 +6,11 @@
 #define ZEL_SRC_OBSERVER_HPP
 
 #include <atomic>
-#include <chrono>
 #include <mutex>
 #include <new>
 #include <string>
 
+#include "lockInTime.hpp"
 #include "plainText.hpp"
 
 namespace orn::zel::detail {
@@ -48,7 +48,7 @@ public:
     }
 
     // For a child of fork(), which has not got the thread that held the lock, if any.
-    void renew() { new (&lock_) std::timed_mutex; }
+    void renew() { new (&lock_) std::mutex; }
 
     // Writes the text as it is, if somebody watches. Switches the monitor off when its reader has gone, so
     // that it costs nothing any more. Keeps errno.
@@ -66,11 +66,9 @@ private:
     // An application may have set a descriptor that blocks, and whose reader does not read. Whoever switches
     // the monitor off must not wait for that reader: it may be the command thread, and taking the library
     // down waits for that one.
-    using Lock = std::unique_lock<std::timed_mutex>;
-    // Waits by the wall clock, because ThreadSanitizer does not know a mutex that waits by another.
-    Lock lock_in_time() { return Lock(lock_, std::chrono::system_clock::now() + std::chrono::seconds(1)); }
+    static constexpr unsigned longest_wait_ms = 1000;
 
-    std::timed_mutex lock_; // a leaf, held for one write()
+    std::mutex lock_; // a leaf, held for one write()
     std::atomic<int> fd_;
 };
 
