@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: MIT
 //
 // The command channel between real processes: what clients may do to a process, and what they may not.
+#include <filesystem>
+#include <set>
+
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <orn/zel.hpp>
 
@@ -292,6 +296,13 @@ TEST_F(Served, whoever_offers_anything_but_a_pipe_is_refused_in_words) {
     refuse(); // takes nothing
     close(ends[0]);
     refuse(); // would be read by nobody
+    close(ends[1]);
+    support::TempFile const file;
+    ends[1] = open(file.path().c_str(), O_WRONLY | O_CLOEXEC);
+    timespec const after_2038 = {static_cast<time_t>(2208988800), 0};
+    timespec const times[] = {after_2038, after_2038};
+    ASSERT_EQ(0, futimens(ends[1], times)); // which 32-bit programs have to ask for, to be told of the file
+    refuse();
     close(ends[1]);
     EXPECT_EQ(before, target.descriptors());
 }
