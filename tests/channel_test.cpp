@@ -33,6 +33,15 @@ public:
     }
 
     std::size_t descriptors() const { return support::descriptors(pid()).size(); }
+    // How many files are behind them.
+    std::size_t files() const {
+        std::set<std::string> all;
+        std::error_code none;
+        std::string const links = "/proc/" + std::to_string(pid()) + "/fd/";
+        for (int const fd : support::descriptors(pid()))
+            all.insert(std::filesystem::read_symlink(links + std::to_string(fd), none));
+        return all.size();
+    }
 };
 
 // A client in a process of its own that has had its commands taken.
@@ -190,7 +199,7 @@ TEST(Channel, a_client_whose_pipe_blocks_and_is_full_blocks_nobody) {
 }
 
 // INSPECTIONS raises the number of clients.
-TEST(Channel, being_looked_into_again_and_again_does_not_use_up_the_descriptors) {
+TEST(Channel, being_looked_into_again_and_again_uses_up_neither_the_descriptors_nor_what_pipes_may_take) {
     int const inspections = support::number_from("INSPECTIONS", 500);
     Target target;
     Client control(target.pid());
@@ -209,6 +218,7 @@ TEST(Channel, being_looked_into_again_and_again_does_not_use_up_the_descriptors)
         Client last(target.pid());
         EXPECT_EQ("1/1 foo", last.ask_one("foo"));
         EXPECT_LT(target.descriptors(), before + limit);
+        EXPECT_LT(target.files(), before + 16) << "large pipes that nobody reads";
         for (std::string const& where : kept)
             EXPECT_EQ(where, last.ask_one("where " + where.substr(0, where.find(' '))));
         rlimit const few = {256, 256}; // of which an eighth is kept
