@@ -114,7 +114,7 @@ void Group::outdate() {
 
 void Group::advance_version() {
     unsigned long const version = poll_version_ + 1;
-    if (version < built_version_) { // the counter has wrapped
+    if (version == 0) { // the counter has wrapped, which takes it five days where long has 32 bits
         built_version_ = 0;
         poll_version_ = 1;
     } else {
@@ -340,7 +340,7 @@ struct Group::Wait {
     unsigned long nfds;
     std::vector<pollfd> set; // the group's entries, and the caller's behind them
     unsigned long base;      // where the caller's begin
-    unsigned long built;     // rebuilds_ of the poll set that is in the set; 0 when it is not the whole one
+    std::uint64_t built;     // rebuilds_ of the poll set that is in the set; 0 when it is not the whole one
 };
 
 // The results that asked_ has, and those of the caller's entries, as poll() of both would fill them in.
