@@ -28,6 +28,7 @@
 #ifndef ORN_ZEL_ALARM_HPP
 #define ORN_ZEL_ALARM_HPP
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -119,7 +120,8 @@ struct TimerBlob {
 struct Table;
 struct Home {
     Table* table = nullptr;
-    unsigned unloads = 0; // how many there had been
+    unsigned unloads = 0;     // how many there had been
+    std::uint64_t serial = 0; // which of those that have had the same identifier there; 0: whichever has it
 };
 
 // The alarms of one fd manager, and so of one thread. Lives until the library is taken down.
