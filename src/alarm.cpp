@@ -4,6 +4,8 @@
 // loop reads it there and calls the handler. The clock itself is the platform's.
 #include <orn/zel/alarm.hpp>
 
+#include <algorithm>
+#include <climits>
 #include <memory>
 #include <utility>
 
@@ -355,9 +357,9 @@ void SetAlarm(unsigned long ms, alarm::Handler handler) {
     itimerval old = {};
     if (setitimer(ITIMER_REAL, &next, &old) != 0)
         return 0;
-    unsigned long const left = static_cast<unsigned long>(old.it_value.tv_sec) * 1000 +
-                               static_cast<unsigned long>(old.it_value.tv_usec) / 1000;
+    std::uint64_t const left = static_cast<std::uint64_t>(old.it_value.tv_sec) * 1000 +
+                               static_cast<std::uint64_t>(old.it_value.tv_usec) / 1000;
     if (left != 0)
-        return static_cast<unsigned>(left);
+        return static_cast<unsigned>(std::min<std::uint64_t>(left, UINT_MAX));
     return old.it_value.tv_usec > 0 ? 1 : 0;
 }

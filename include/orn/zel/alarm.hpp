@@ -181,7 +181,7 @@ ORN_API void zel_alarm_unload();
 
 // alarm(2) in milliseconds, over the process's real-time interval timer and independent of everything above:
 // SIGALRM after ms, 0 cancels. Returns the milliseconds that were left of the previous setting, 1 for any
-// fraction of one, 0 for none or when the system refuses the time.
+// fraction of one, UINT_MAX for 50 days and more, 0 for none or when the system refuses the time.
 ORN_API unsigned msec_alarm(unsigned long ms);
 
 #endif
