@@ -97,7 +97,8 @@ private:
         Topic topic;
         int fd;
         std::uint64_t until_ns;
-        std::map<id_t, unsigned long> lost; // by group; none for those that have lost nothing
+        std::map<id_t, unsigned long>
+            lost; // by group, 0 for all that have gone; none for what has lost nothing
     };
     // A group's record, kept until the last span is out of it.
     struct Source {
@@ -110,6 +111,7 @@ private:
     void end_wishes();
     void find_sources();
     void drain(id_t group, Source& source);
+    void forget_group(id_t group);
     void send(id_t group, Span const* spans, std::size_t count);
     void send_line(Wish& wish, id_t group, std::string const& events, std::size_t count);
     void stop();
