@@ -14,9 +14,10 @@ function(zel_private_flags target)
     if(ZEL_WARNINGS_AS_ERRORS)
         target_compile_options(${target} PRIVATE -Werror)
     endif()
-    # Files of more than 2 GiB, and inode numbers of large file systems, on 32-bit processors, too. Nothing of what the
-    # headers declare depends on it.
-    target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64)
+    # Files of more than 2 GiB, inode numbers of large file systems, and times after 2038 on 32-bit processors, too: the C
+    # library refuses to describe a file that was changed later, and every pipe is one then. Nothing of what the headers
+    # declare depends on it.
+    target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
     # A unique symbol pins a shared object for good: dlclose() would never unload it.
     target_compile_options(${target} PRIVATE $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-gnu-unique>)
     # Nobody interposes zel's functions; calls among them need not go through the procedure linkage table.

@@ -4,6 +4,8 @@
 // loop reads it there and calls the handler. The clock itself is the platform's.
 #include <orn/zel/alarm.hpp>
 
+#include <algorithm>
+#include <climits>
 #include <memory>
 #include <utility>
 
@@ -83,16 +85,16 @@ void note_caller(char const* function, id_t id, Owner const& owner) {
                   owner.tid, caller);
 }
 
-// Returns 0 when the table has gone. The analysis does not know that what lock_of() returns is the lock of
-// the table.
-id_t add(Home const& home, EntryUse& made, unsigned long initialMs,
-         unsigned long recurringMs) ZEL_NO_ANALYSIS {
+// Returns 0 when the table has gone. Enters the serial. The analysis does not know that what lock_of()
+// returns is the lock of the table.
+id_t add(Home& home, EntryUse& made, unsigned long initialMs, unsigned long recurringMs) ZEL_NO_ANALYSIS {
     id_t id;
     {
         Guard const guard(lock_of(home.table));
         if (!stands(home) || (home.table->closed && home.unloads != kept))
             return 0;
         id = home.table->add(made, initialMs, recurringMs);
+        home.serial = home.table->serials;
     }
     detail::alarm_observer.report([&](detail::PlainText& line) {
         line << "alarm created: id=" << id << " initial=" << initialMs << " recurring=" << recurringMs;
@@ -107,7 +109,7 @@ void reset(Home const& home, id_t id, unsigned long timeoutMs) ZEL_NO_ANALYSIS {
         Guard const guard(lock_of(home.table));
         if (stands(home)) {
             owner = home.table->owner;
-            found = home.table->reset(id, timeoutMs);
+            found = home.table->reset(id, home.serial, timeoutMs);
         }
     }
     note_caller("ResetAlarm", id, owner);
@@ -124,7 +126,8 @@ void remove(Home const& home, id_t id) ZEL_NO_ANALYSIS {
         Guard const guard(lock_of(home.table));
         if (stands(home)) {
             owner = home.table->owner;
-            removed.reset(home.table->alarms.take(id));
+            if (home.table->find(id, home.serial))
+                removed.reset(home.table->alarms.take(id));
         }
     }
     if (removed)
@@ -181,7 +184,8 @@ Manager::~Manager() = default;
 
 id_t Manager::AddAlarm(unsigned long initialMs, unsigned long recurringMs, Handler handler) {
     EntryUse made = make_entry(std::move(handler), recurringMs);
-    return add(Home{table(), kept}, made, initialMs, recurringMs);
+    Home home{table(), kept};
+    return add(home, made, initialMs, recurringMs);
 }
 
 void Manager::ResetAlarm(id_t id, unsigned long timeoutMs) {
@@ -283,7 +287,7 @@ namespace {
 Home add_here(unsigned long initialMs, unsigned long recurringMs, Handler&& handler, id_t& id) {
     EntryUse made = make_entry(std::move(handler), recurringMs);
     if (thread::Registry::Note const* const note = thread::Registry::note()) {
-        Home const home{static_cast<Table*>(note->object), note->age};
+        Home home{static_cast<Table*>(note->object), note->age};
         id = add(home, made, initialMs, recurringMs);
         if (id != 0)
             return home;
@@ -353,9 +357,9 @@ void SetAlarm(unsigned long ms, alarm::Handler handler) {
     itimerval old = {};
     if (setitimer(ITIMER_REAL, &next, &old) != 0)
         return 0;
-    unsigned long const left = static_cast<unsigned long>(old.it_value.tv_sec) * 1000 +
-                               static_cast<unsigned long>(old.it_value.tv_usec) / 1000;
+    std::uint64_t const left = static_cast<std::uint64_t>(old.it_value.tv_sec) * 1000 +
+                               static_cast<std::uint64_t>(old.it_value.tv_usec) / 1000;
     if (left != 0)
-        return static_cast<unsigned>(left);
+        return static_cast<unsigned>(std::min<std::uint64_t>(left, UINT_MAX));
     return old.it_value.tv_usec > 0 ? 1 : 0;
 }

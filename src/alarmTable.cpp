@@ -21,6 +21,7 @@ id_t Table::add(EntryUse& made, unsigned long initialMs, unsigned long recurring
     do
         id = detail::draw_id();
     while (!alarms.insert(id, *made));
+    made->serial = ++serials;
     try {
         // Moved some instructions after it is made: a large load has to wait for small stores to be done.
         boost::function<void(os::Timer*)> expired(
@@ -39,8 +40,8 @@ id_t Table::add(EntryUse& made, unsigned long initialMs, unsigned long recurring
     return id;
 }
 
-bool Table::reset(id_t id, unsigned long timeoutMs) {
-    Entry* const found = alarms.find(id);
+bool Table::reset(id_t id, std::uint64_t serial, unsigned long timeoutMs) {
+    Entry* const found = find(id, serial);
     if (!found)
         return false;
     found->one_shot = true;

@@ -56,6 +56,7 @@ struct Entry : TimerBlob {
         return due_ns + periods * period_ms * ns_per_ms;
     }
 
+    std::uint64_t serial = 0;       // in its table
     std::atomic<unsigned> users{1}; // the table, and each dispatch in which the handler runs
 
     // For those who look. The timer does not tell its time.
@@ -112,7 +113,13 @@ struct Table {
 
     // The entry is the table's when this has returned.
     id_t add(EntryUse& made, unsigned long initialMs, unsigned long recurringMs) ZEL_REQUIRES(lock);
-    bool reset(id_t id, unsigned long timeoutMs) ZEL_REQUIRES(lock);
+    // An alarm that fires once leaves its identifier to another one, after the counter has wrapped, while the
+    // Alarm that set it may go on being reset for years. The serial tells the two apart; 0 stands for any.
+    Entry* find(id_t id, std::uint64_t serial) const ZEL_REQUIRES(lock) {
+        Entry* const found = alarms.find(id);
+        return found && (serial == 0 || found->serial == serial) ? found : nullptr;
+    }
+    bool reset(id_t id, std::uint64_t serial, unsigned long timeoutMs) ZEL_REQUIRES(lock);
     // For an unload: forgets all alarms, and destroys them.
     void close();
     void clear();
@@ -125,6 +132,7 @@ struct Table {
     TableLock& lock;
     detail::IdTable<Entry> alarms ZEL_GUARDED_BY(lock);
     detail::IdTable<Entry> forgotten ZEL_GUARDED_BY(lock);
+    std::uint64_t serials ZEL_GUARDED_BY(lock) = 0;
     bool closed ZEL_GUARDED_BY(lock) = false; // but for who holds the manager
 };
 

@@ -22,6 +22,10 @@ namespace orn::zel::detail {
 
 namespace {
 
+std::string path_of(int fd) {
+    return shared_in_proc("fd/" + std::to_string(fd));
+}
+
 // Opens the same pipe anew, on a descriptor that does not block whatever the client does. Setting O_NONBLOCK
 // would not do: the flag belongs to the open file, which the client shares and may change at any time. Only a
 // pipe is still itself when it is opened anew. Returns -1 and why when that fails.
@@ -31,8 +35,7 @@ int open_anew(int fd, std::string& why) {
         why = "it is no pipe";
         return -1;
     }
-    std::string const path = "/proc/self/" + shared_in_proc("fd/" + std::to_string(fd));
-    int const own = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    int const own = open(("/proc/self/" + path_of(fd)).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     if (own == -1)
         why = strerror(errno);
     return own;
@@ -51,6 +54,11 @@ bool has_reader(int fd) {
     return poll(&entry, 1, 0) < 1;
 }
 
+// A pipe that has a name in a directory may: somebody opens it again.
+bool may_get_a_reader(int fd) {
+    return link_in_proc(path_of(fd).c_str()).compare(0, 5, "pipe:") != 0;
+}
+
 } // namespace
 
 bool ClientTable::connect(int pid, int offered, std::string& why) {
@@ -66,6 +74,7 @@ void ClientTable::remember(int pid, int fd) {
     if (all_.size() < next_look_)
         return;
     give_back(limit_of_unused());
+    empty_unread();
     // Looking at all of them takes long in a large table, so the table has to grow by a share first.
     next_look_ = all_.size() + std::max<std::size_t>(all_.size() / 64, 8);
 }
@@ -109,6 +118,25 @@ void ClientTable::give_back(std::size_t most_unused) {
         close(client.fd);
     }
     all_.swap(kept);
+}
+
+// Puts one pipe without a reader, in which nothing has ever been, behind all numbers that have nobody to read
+// them. Who writes there is told the same as before. A monitor may be writing just now, so its number waits
+// until the monitor has found out.
+void ClientTable::empty_unread() {
+    int ends[2] = {-1, -1};
+    for (Client& client : all_) {
+        if (client.emptied || has_reader(client.fd) || is_observer(client.fd) || may_get_a_reader(client.fd))
+            continue;
+        if (ends[1] == -1) {
+            if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+                return; // tried again with the next clients
+            close(ends[0]);
+        }
+        client.emptied = dup3(ends[1], client.fd, O_CLOEXEC) != -1;
+    }
+    if (ends[1] != -1)
+        close(ends[1]);
 }
 
 void ClientTable::forget() {

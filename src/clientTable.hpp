@@ -16,7 +16,8 @@ namespace orn::zel::detail {
 // hit another file that gets the number. But a process that is looked into again and again must not run out
 // of descriptors. A descriptor is unused when nobody reads it any more or its client has connected again. The
 // latest 64 unused ones are kept, and at most an eighth of what the process may have. Older ones are closed,
-// unless a monitor writes to them.
+// unless a monitor writes to them. Of those that are kept and have no reader only the number is: clients make
+// their pipes large, and what the kernel lends a user for all pipes together would go to dead ones.
 class ClientTable {
 public:
     // Opens the offered pipe on a descriptor of its own, and answers the process there from now on. The
@@ -37,11 +38,13 @@ private:
     struct Client {
         int pid;
         int fd;
+        bool emptied = false; // no client's pipe is behind the number any more
     };
 
     void remember(int pid, int fd);
     bool in_use(Client const& client) const;
     void give_back(std::size_t most_unused);
+    void empty_unread();
 
     std::map<int, int> by_pid_; // the latest of each process
     std::vector<Client> all_;   // in the order in which they came

@@ -10,9 +10,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
+#include <set>
 
 #include <unistd.h>
 
+#include "immortal.hpp"
 #include "uniqueId.hpp"
 
 namespace orn {
@@ -83,6 +85,36 @@ id_t unique_id() {
 
 void detail::continue_identifiers_at(std::uint32_t id) {
     next_identifier = id;
+}
+
+namespace {
+
+struct LiveIdsLock;
+struct LiveIds;
+
+ThreadMutex& live_ids_lock() {
+    return detail::immortal<ThreadMutex, LiveIdsLock>();
+}
+
+// Empty, and so without memory of its own, when the last of them has gone.
+std::set<id_t>& live_ids() {
+    return detail::immortal<std::set<id_t>, LiveIds>();
+}
+
+} // namespace
+
+[[gnu::cold]] id_t detail::draw_live_id() {
+    AutoLock const guard(live_ids_lock());
+    id_t id;
+    do
+        id = draw_id();
+    while (!live_ids().insert(id).second);
+    return id;
+}
+
+[[gnu::cold]] void detail::end_live_id(id_t id) {
+    AutoLock const guard(live_ids_lock());
+    live_ids().erase(id);
 }
 
 namespace {

@@ -4,21 +4,21 @@
 // descriptors is in threadGroup.cpp.
 #include <orn/zel/fd.hpp>
 
-#include <set>
 #include <vector>
 
 #include <boost/make_shared.hpp>
 
+#include <orn/clock.hpp>
 #include <orn/log.h>
 #include <orn/zel/response.hpp>
 #include <orn/zel/threadGroup.hpp>
 
 #include "fixedLine.hpp"
-#include "immortal.hpp"
 #include "inspect.hpp"
 #include "plainText.hpp"
 #include "procFile.hpp"
 #include "threadRegistry.hpp"
+#include "uniqueId.hpp"
 
 namespace orn::zel {
 namespace fd {
@@ -160,50 +160,22 @@ void MonitorMap::Unlock() ZEL_NO_ANALYSIS {
 
 bool MonitorMap::TryLock(unsigned ms) ZEL_NO_ANALYSIS {
     // Waiting for the mutex itself would go by the wall clock, which may be set back meanwhile.
+    internal::Patience const patience(ms);
     while (!mutex_.try_lock()) {
-        if (ms-- == 0)
+        if (!patience.nap())
             return false;
-        poll(nullptr, 0, 1);
     }
     return true;
 }
 
-namespace {
-
-struct LiveIdsLock;
-struct LiveIds;
-
-ThreadMutex& live_ids_lock() {
-    return detail::immortal<ThreadMutex, LiveIdsLock>();
-}
-
-// The identifiers of all managers that live. A thread's alarms, signals and tasks are found by the identifier
-// of its fd manager, so no two may be equal, not even when the counter has wrapped. The set is empty, and so
-// has no memory of its own, when the last manager has gone.
-std::set<id_t>& live_ids() {
-    return detail::immortal<std::set<id_t>, LiveIds>();
-}
-
-[[gnu::cold]] id_t draw_live_id() {
-    AutoLock const guard(live_ids_lock());
-    id_t id;
-    do
-        id = detail::draw_id();
-    while (!live_ids().insert(id).second);
-    return id;
-}
-
-} // namespace
-
 [[gnu::cold]] Manager::Manager()
-    : id_(draw_live_id()), registrations_(0), change_count_(0), changed_{}, outdated_(false) {
+    : id_(detail::draw_live_id()), registrations_(0), change_count_(0), changed_{}, outdated_(false) {
     Log_SpecEntry(logSpecForceInfo, "src/fd", detail::line_of_manager_made, "%s",
                   "orn::zel::fd::Manager::Manager()");
 }
 
 [[gnu::cold]] Manager::~Manager() {
-    AutoLock const guard(live_ids_lock());
-    live_ids().erase(id_.value());
+    detail::end_live_id(id_.value());
 }
 
 [[gnu::cold]] void Manager::insert(MonitorImpl* monitor) {

@@ -20,6 +20,7 @@
 #include "shared.hpp"
 #include "threadMonitor.hpp"
 #include "threadRegistry.hpp"
+#include "uniqueId.hpp"
 
 namespace orn::zel {
 namespace thread {
@@ -47,17 +48,23 @@ int poll_and_note(detail::LoopRecord& record, std::vector<pollfd>& set, int time
 // ---- Life and members -----------------------------------------------------------------------------------
 
 [[gnu::cold]] Group::Group()
-    : id_(detail::draw_id()), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
+    : id_(0), creator_(self()), ctrl_(false), built_version_(0), poll_version_(1), runner_(0),
       runner_depth_(0), membership_(0), record_(std::make_shared<detail::LoopRecord>()), rebuilds_(0),
       polls_(0), undispatched_(0), built_membership_(0), doubled_(false), crowded_(false), sparse_(false) {
+    {
+        AutoLock const guard(mutex_);
+        threads_.insert(creator_);
+    }
+    // Comes after all that may throw, because the destructor gives it back, and runs for a whole group only.
+    id_ = basic_Id<unsigned long>(detail::draw_live_id());
     Log_SpecEntry(logSpecForceInfo, "src/threadGroup", detail::line_of_group_made,
                   "%s: group %lu: ctrl pipe rd fd=%d", "orn::zel::thread::Group::Group()", id_.value(),
                   ctrl_.ReadFD());
-    AutoLock const guard(mutex_);
-    threads_.insert(creator_);
 }
 
-[[gnu::cold]] Group::~Group() = default;
+[[gnu::cold]] Group::~Group() {
+    detail::end_live_id(id_.value());
+}
 
 void Group::Lock() {
     mutex_.Lock();
@@ -114,7 +121,7 @@ void Group::outdate() {
 
 void Group::advance_version() {
     unsigned long const version = poll_version_ + 1;
-    if (version < built_version_) { // the counter has wrapped
+    if (version == 0) { // the counter has wrapped, which takes it five days where long has 32 bits
         built_version_ = 0;
         poll_version_ = 1;
     } else {
@@ -340,7 +347,7 @@ struct Group::Wait {
     unsigned long nfds;
     std::vector<pollfd> set; // the group's entries, and the caller's behind them
     unsigned long base;      // where the caller's begin
-    unsigned long built;     // rebuilds_ of the poll set that is in the set; 0 when it is not the whole one
+    std::uint64_t built;     // rebuilds_ of the poll set that is in the set; 0 when it is not the whole one
 };
 
 // The results that asked_ has, and those of the caller's entries, as poll() of both would fill them in.

@@ -263,6 +263,8 @@ void Trace::serve() {
     for (auto it = sources_.begin(); it != sources_.end();) {
         bool const last = it->second.record.use_count() == 1; // the group has gone, and adds no more
         drain(it->first, it->second);
+        if (last)
+            forget_group(it->first);
         it = last ? sources_.erase(it) : std::next(it);
     }
 }
@@ -285,6 +287,19 @@ void Trace::drain(id_t group, Source& source) {
     }
     if (wished(Topic::trace))
         send(group, spans_.data(), count);
+}
+
+// What was lost of it counts together with that of others that have gone, or a client that looks for months,
+// while groups come and go, would make the process grow.
+void Trace::forget_group(id_t group) {
+    id_t const gone = 0; // which is no group's
+    for (Wish& wish : wishes_) {
+        auto const known = wish.lost.find(group);
+        if (known == wish.lost.end())
+            continue;
+        wish.lost[gone] += known->second;
+        wish.lost.erase(known);
+    }
 }
 
 void Trace::send(id_t group, Span const* spans, std::size_t count) {

@@ -97,7 +97,8 @@ private:
         Topic topic;
         int fd;
         std::uint64_t until_ns;
-        std::map<id_t, unsigned long> lost; // by group; none for those that have lost nothing
+        // By group; 0 is for all that have gone. Those that have lost nothing are not in it.
+        std::map<id_t, unsigned long> lost;
     };
     // A group's record, kept until the last span is out of it.
     struct Source {
@@ -110,6 +111,7 @@ private:
     void end_wishes();
     bool find_sources();
     void drain(id_t group, Source& source);
+    void forget_group(id_t group);
     void send(id_t group, Span const* spans, std::size_t count);
     void send_line(Wish& wish, id_t group, std::string const& events, std::size_t count);
     void stop();

@@ -184,10 +184,23 @@ TEST_F(Alarms, identifiers_that_wrap_meet_no_living_ones) {
     EXPECT_EQ(2u, OutstandingAlarmCount()) << "0 would not be cancelled";
     EXPECT_EQ("old new ", after(5));
 
+    detail::continue_identifiers_at(900);
+    Alarm fired(1, say("fired "));
+    EXPECT_EQ("fired ", after(1));
+    detail::continue_identifiers_at(900);
+    Alarm const heir(3, 3, say("heir "));
+    fired.Reset(1);
+    fired.Cancel();
+    EXPECT_EQ("heir ", after(3));
+
     SetAlarm(5, say("mine"));
+    unsigned long const group = GroupId();
     detail::continue_identifiers_at(static_cast<std::uint32_t>(thread::FdMgr()->id().value()));
-    Member const member([] {
+    Member const member([group] {
         EXPECT_EQ(0u, OutstandingAlarmCount()) << "served by another thread's manager";
+        detail::continue_identifiers_at(static_cast<std::uint32_t>(group));
+        NewThreadGroup();
+        EXPECT_NE(group, GroupId());
         detail::continue_identifiers_at(0);
         NewThreadGroup();
         EXPECT_NE(0u, GroupId());

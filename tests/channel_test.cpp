@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: MIT
 //
 // The command channel between real processes: what clients may do to a process, and what they may not.
+#include <filesystem>
+#include <set>
+
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <orn/zel.hpp>
 
@@ -29,6 +33,15 @@ public:
     }
 
     std::size_t descriptors() const { return support::descriptors(pid()).size(); }
+    // How many files are behind them.
+    std::size_t files() const {
+        std::set<std::string> all;
+        std::error_code none;
+        std::string const links = "/proc/" + std::to_string(pid()) + "/fd/";
+        for (int const fd : support::descriptors(pid()))
+            all.insert(std::filesystem::read_symlink(links + std::to_string(fd), none));
+        return all.size();
+    }
 };
 
 // A client in a process of its own that has had its commands taken.
@@ -186,7 +199,7 @@ TEST(Channel, a_client_whose_pipe_blocks_and_is_full_blocks_nobody) {
 }
 
 // INSPECTIONS raises the number of clients.
-TEST(Channel, being_looked_into_again_and_again_does_not_use_up_the_descriptors) {
+TEST(Channel, being_looked_into_again_and_again_uses_up_neither_the_descriptors_nor_what_pipes_may_take) {
     int const inspections = support::number_from("INSPECTIONS", 500);
     Target target;
     Client control(target.pid());
@@ -205,6 +218,7 @@ TEST(Channel, being_looked_into_again_and_again_does_not_use_up_the_descriptors)
         Client last(target.pid());
         EXPECT_EQ("1/1 foo", last.ask_one("foo"));
         EXPECT_LT(target.descriptors(), before + limit);
+        EXPECT_LT(target.files(), before + 16) << "large pipes that nobody reads";
         for (std::string const& where : kept)
             EXPECT_EQ(where, last.ask_one("where " + where.substr(0, where.find(' '))));
         rlimit const few = {256, 256}; // of which an eighth is kept
@@ -292,6 +306,13 @@ TEST_F(Served, whoever_offers_anything_but_a_pipe_is_refused_in_words) {
     refuse(); // takes nothing
     close(ends[0]);
     refuse(); // would be read by nobody
+    close(ends[1]);
+    support::TempFile const file;
+    ends[1] = open(file.path().c_str(), O_WRONLY | O_CLOEXEC);
+    timespec const after_2038 = {static_cast<time_t>(2208988800), 0};
+    timespec const times[] = {after_2038, after_2038};
+    ASSERT_EQ(0, futimens(ends[1], times)); // which 32-bit programs have to ask for, to be told of the file
+    refuse();
     close(ends[1]);
     EXPECT_EQ(before, target.descriptors());
 }

@@ -223,6 +223,10 @@ TEST_F(ThreadGroup, a_millisecond_alarm_raises_sigalrm_and_tells_what_was_left_o
     unsigned const left = msec_alarm(0);
     EXPECT_TRUE(left > 60000 && left <= 90001) << left;
     EXPECT_EQ(0u, msec_alarm(0));
+    itimerval long_one = {};
+    long_one.it_value.tv_sec = 5000000; // more milliseconds than there are numbers
+    setitimer(ITIMER_REAL, &long_one, nullptr);
+    EXPECT_EQ(UINT_MAX, msec_alarm(0));
     itimerval short_one = {};
     short_one.it_value.tv_usec = 900; // any fraction of a millisecond is something
     for (unsigned seen = 0; seen != 1;) {

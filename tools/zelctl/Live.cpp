@@ -79,8 +79,12 @@ void Names::learn(Session& session) {
 }
 
 std::string Names::name(std::string const& kind, std::uint64_t id) const {
-    auto const found = names_.find({kind, id});
-    return found == names_.end() ? "" : found->second;
+    for (ByKind const* const names : {&names_, &older_}) {
+        auto const found = names->find({kind, id});
+        if (found != names->end())
+            return found->second;
+    }
+    return "";
 }
 
 std::string Names::call(std::string const& kind, std::uint64_t id) const {

@@ -48,8 +48,10 @@ private:
 // What has an identifier in a process is named as the process names it.
 class Names {
 public:
-    // Asks for the names. Those of what has gone meanwhile are kept.
+    // Asks for the names. Those of what has gone meanwhile are kept, until forget_older() has been called
+    // twice.
     void learn(Session& session);
+    void forget_older() { older_ = std::exchange(names_, {}); }
 
     // kind: fd, alarm, signal, task or thread. "" if it has none.
     std::string name(std::string const& kind, std::uint64_t id) const;
@@ -57,7 +59,10 @@ public:
     std::string call(std::string const& kind, std::uint64_t id) const;
 
 private:
-    std::map<std::pair<std::string, std::uint64_t>, std::string> names_;
+    using ByKind = std::map<std::pair<std::string, std::uint64_t>, std::string>;
+
+    ByKind names_;
+    ByKind older_;
 };
 
 } // namespace zelctl

@@ -73,11 +73,12 @@ int inner_id(std::string const& ids, std::string const& its) {
     return inner;
 }
 
-long age_of(unsigned long long start) {
+std::int64_t age_of(unsigned long long start) {
     timespec now = {};
     clock_gettime(CLOCK_BOOTTIME, &now);
     unsigned long long const per_second = static_cast<unsigned long long>(sysconf(_SC_CLK_TCK));
-    return now.tv_sec * 1000 + now.tv_nsec / 1000000 - static_cast<long>(start * 1000 / per_second);
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000 -
+           static_cast<std::int64_t>(start * 1000 / per_second);
 }
 
 // Reads the numbers of /proc/PID/stat that nothing else tells: the 9th field, where a bit says that the

@@ -193,6 +193,7 @@ private:
     void sample() {
         before_ = std::move(now_);
         now_ = take_sample(session_);
+        names_.forget_older(); // most tasks do not live as long as this is looked at
         names_.learn(session_);
     }
     void print();

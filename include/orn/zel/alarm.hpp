@@ -28,6 +28,7 @@
 #ifndef ORN_ZEL_ALARM_HPP
 #define ORN_ZEL_ALARM_HPP
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -119,7 +120,8 @@ struct TimerBlob {
 struct Table;
 struct Home {
     Table* table = nullptr;
-    unsigned unloads = 0; // how many there had been
+    unsigned unloads = 0;     // how many there had been
+    std::uint64_t serial = 0; // which of those that have had the same identifier there; 0: whichever has it
 };
 
 // The alarms of one fd manager, and so of one thread. Lives until the library is taken down.
@@ -179,7 +181,7 @@ ORN_API void zel_alarm_unload();
 
 // alarm(2) in milliseconds, over the process's real-time interval timer and independent of everything above:
 // SIGALRM after ms, 0 cancels. Returns the milliseconds that were left of the previous setting, 1 for any
-// fraction of one, 0 for none or when the system refuses the time.
+// fraction of one, UINT_MAX for 50 days and more, 0 for none or when the system refuses the time.
 ORN_API unsigned msec_alarm(unsigned long ms);
 
 #endif

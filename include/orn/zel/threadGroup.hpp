@@ -280,7 +280,7 @@ private:
 
     // The rest is the runner's.
     std::vector<DispatchInfo const*> order_; // by position in pollset_: what dispatchset_ has for it
-    unsigned long rebuilds_; // how many sets were built: tells a turn whether nested ones have built any
+    std::uint64_t rebuilds_; // how many sets were built: tells a turn whether nested ones have built any
     unsigned long polls_;    // how many polls there were: tells a turn whether nested ones have polled
     int undispatched_;       // results in pollset_ that the latest poll brought and nobody has dispatched
     unsigned long built_membership_; // membership_ when the set was built

@@ -31,11 +31,11 @@ std::int64_t now_us() {
     return static_cast<std::int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
 }
 
-// How often the calling thread has gone to sleep.
-long sleeps_so_far() {
+// How often the calling thread has gone to sleep. Wraps where long has 32 bits, so only differences count.
+unsigned long sleeps_so_far() {
     rusage usage = {};
     getrusage(RUSAGE_THREAD, &usage);
-    return usage.ru_nvcsw;
+    return static_cast<unsigned long>(usage.ru_nvcsw);
 }
 
 // Waits while the queue's backlog is full. Signals do not make the wait longer. Places that become free do,
@@ -61,12 +61,12 @@ bool connect_in_time(int socket, Address const& address) {
         limit.tv_usec = static_cast<suseconds_t>(left % 1000000);
         if (setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0)
             return false;
-        long const sleeps = sleeps_so_far();
+        unsigned long const sleeps = sleeps_so_far();
         if (connect(socket, address.generic(), address.size) == 0)
             return true;
         if (errno != EINTR && errno != EAGAIN)
             return false;
-        if (sleeps_so_far() > sleeps + 1) // the first sleep is the wait itself
+        if (sleeps_so_far() - sleeps > 1) // the first sleep is the wait itself
             end = now_us() + send_limit_ms * 1000;
     }
 }
