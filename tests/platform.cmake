@@ -6,7 +6,7 @@ endif()
 
 zel_add_test(platform_os_test SOURCES platform_os_test.cpp LIBRARIES zel_os zel_std zel_log)
 zel_add_test(platform_msg_test SOURCES platform_msg_test.cpp LIBRARIES zel_os)
-target_link_options(platform_msg_test PRIVATE LINKER:--wrap=recvmsg)
+target_link_options(platform_msg_test PRIVATE LINKER:--wrap=recvmsg,--wrap=__recvmsg64)
 zel_add_test(platform_timer_clock_test SOURCES platform_timer_clock_test.cpp LIBRARIES zel_os)
 target_link_options(platform_timer_clock_test PRIVATE -Wl,--wrap=pthread_create) # to make it slow, or fail
 # The contract of timers, on the real clock and on the one that tests turn by hand.

@@ -16,16 +16,28 @@ namespace {
 
 int ends_to_report = 0; // by this many of the next calls of recvmsg()
 
-} // namespace
-
-// The linker has the receiver's calls of recvmsg() come here.
-extern "C" ssize_t __real_recvmsg(int, msghdr*, int);
-extern "C" ssize_t __wrap_recvmsg(int socket, msghdr* message, int flags) {
+ssize_t receive(decltype(recvmsg)* real, int socket, msghdr* message, int flags) {
     if (ends_to_report == 0)
-        return __real_recvmsg(socket, message, flags);
+        return real(socket, message, flags);
     --ends_to_report;
     message->msg_controllen = 0; // as the kernel leaves it
     return 0;
+}
+
+} // namespace
+
+// The linker has the receiver's calls of recvmsg() come here. On 32 bits they have another name.
+extern "C" {
+decltype(recvmsg) __real_recvmsg;
+[[gnu::weak]] decltype(recvmsg) __real___recvmsg64;
+
+ssize_t __wrap_recvmsg(int socket, msghdr* message, int flags) {
+    return receive(__real_recvmsg, socket, message, flags);
+}
+
+ssize_t __wrap___recvmsg64(int socket, msghdr* message, int flags) {
+    return receive(__real___recvmsg64, socket, message, flags);
+}
 }
 
 namespace {

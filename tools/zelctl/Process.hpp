@@ -27,8 +27,8 @@ struct Process {
     std::string name;
     std::string state; // a letter and a word, as in /proc; of another thread when the main one has ended
     std::string proc;  // its directory in /proc, or that of such a thread, which the memory and files outlive
-    unsigned long long start =
-        0; // in ticks since the machine was started; tells two processes of one id apart
+    // In ticks since the machine was started. It tells two processes of one id apart.
+    unsigned long long start = 0;
     std::int64_t age_ms = 0;
     bool forked = false;  // and has not called exec() since
     bool catches = false; // signal 55, which opens the channel

@@ -64,13 +64,14 @@ bool has_its_segments(std::ifstream& file, Bytes const& head, Format const& form
     bool const wide = format.bits == 64;
     std::size_t const word = wide ? 8 : 4;
     std::uint64_t const table = wide ? head.number(32, 8) : head.number(28, 4);
-    std::uint64_t const entry = head.number(wide ? 54 : 42, 2);
-    std::uint64_t const count = head.number(wide ? 56 : 44, 2);
+    // The product of two numbers of 16 bits is none of more than 32.
+    std::size_t const entry = static_cast<std::size_t>(head.number(wide ? 54 : 42, 2));
+    std::size_t const count = static_cast<std::size_t>(head.number(wide ? 56 : 44, 2));
     if (entry < (wide ? sizeof(Elf64_Phdr) : sizeof(Elf32_Phdr)) || table > size ||
         count * entry > size - table)
         return false;
     Bytes const segments(file, table, count * entry, format.big);
-    for (std::uint64_t at = 0; at < count * entry; at += entry) {
+    for (std::size_t at = 0; at < count * entry; at += entry) {
         std::uint64_t const from = segments.number(at + word, word);
         std::uint64_t const length = segments.number(at + 4 * word, word);
         if (length > 0 && (from > size || length > size - from))
