@@ -112,7 +112,7 @@ void ProcessCommand(std::string const& command, int resp_fd) {
         echo(command, resp_fd);
 }
 
-// ---- The answer to a word that nobody has ---------------------------------------------------------------
+// ---- Room in a pipe -------------------------------------------------------------------------------------
 
 // A pipe has its free room in whole pages, and begins a new one for a text that does not fit behind the one
 // before. So up to half of the pages in use is lost, and the first and the last of them. Up to PIPE_BUF bytes
@@ -125,6 +125,16 @@ std::size_t room(int fd) {
     int const begun = 2 * static_cast<int>(sysconf(_SC_PAGESIZE));
     return static_cast<std::size_t>(std::max({size - 2 * used - begun, std::min(size - used, PIPE_BUF), 0}));
 }
+
+// By the same reckoning. The next line takes one page more.
+bool has_room(int fd) {
+    long const page = sysconf(_SC_PAGESIZE);
+    long const pages = fcntl(fd, F_GETPIPE_SZ) / page;
+    int used = 0;
+    return ioctl(fd, FIONREAD, &used) == 0 && (used == 0 || 2 * used / page + 3 <= pages / 2);
+}
+
+// ---- The answer to a word that nobody has ---------------------------------------------------------------
 
 namespace {
 

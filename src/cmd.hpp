@@ -27,6 +27,10 @@ std::vector<std::pair<std::string, void const*>> words_and_registrars();
 // How much text the descriptor takes now without cutting a line.
 std::size_t room(int fd);
 
+// Whether half of the pipe stays free when a line is written to it. A trace leaves it to the answers, which
+// would be lost otherwise.
+bool has_room(int fd);
+
 // The process whose answers go to the descriptor. 0 when there is none, and on any other thread than the
 // command thread, whose table it is.
 int client_at(int fd);

@@ -16,7 +16,6 @@
 #include <orn/zel/cmd.hpp>
 
 #include "cmd.hpp"
-#include "trace.hpp"
 
 namespace orn::zel::detail {
 
@@ -120,7 +119,7 @@ bool Answer::wait_for_room() {
         if (cmd::stopping() || poll(&entry, 1, 1) != 0) // an error: nobody reads it any more
             return false;
         waited_ns = internal::now_ns() - begin;
-    } while (!has_room(fd_) && waited_ns < longest_pause_ns && waited_ns_ + waited_ns < longest_ns);
+    } while (!cmd::has_room(fd_) && waited_ns < longest_pause_ns && waited_ns_ + waited_ns < longest_ns);
     pollfd entry = {fd_, POLLOUT, 0};
     bool const reads = poll(&entry, 1, 0) > 0;
     waited_ns_ = reads ? waited_ns_ + waited_ns : longest_ns;

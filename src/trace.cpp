@@ -9,10 +9,7 @@
 #include <climits>
 #include <new>
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <orn/zel/response.hpp>
 
@@ -62,16 +59,6 @@ char const* name_of(Trace::Topic topic) {
 }
 
 } // namespace
-
-// A pipe takes pages, and what does not fit into the rest of the last one begins another. So no two pages one
-// after the other have less than a page's bytes, whoever wrote them, but for the first, which may have been
-// read in part. The next line takes one more.
-bool has_room(int fd) {
-    long const page = sysconf(_SC_PAGESIZE);
-    long const pages = fcntl(fd, F_GETPIPE_SZ) / page;
-    int used = 0;
-    return ioctl(fd, FIONREAD, &used) == 0 && (used == 0 || 2 * used / page + 3 <= pages / 2);
-}
 
 // ---- Times of callbacks ---------------------------------------------------------------------------------
 
@@ -326,7 +313,8 @@ void Trace::send_line(Wish& wish, id_t group, std::string const& events, std::si
     unsigned long const lost = known == wish.lost.end() ? 0 : known->second;
     std::string const line = "{\"inspect\":\"trace\",\"group\":" + std::to_string(group) +
                              ",\"lost\":" + std::to_string(lost) + ",\"events\":[" + events + "]}\n";
-    bool const taken = has_room(wish.fd) && cmd::Write(wish.fd, line) == static_cast<ssize_t>(line.size());
+    bool const taken =
+        cmd::has_room(wish.fd) && cmd::Write(wish.fd, line) == static_cast<ssize_t>(line.size());
     if (!taken)
         wish.lost[group] = lost + count;
     else if (known != wish.lost.end())

@@ -27,10 +27,6 @@ class Answer;
 // How long a wish lasts that nobody renews. Tests do not wait for so long.
 extern std::uint64_t trace_wish_ns;
 
-// Whether half of the pipe stays free when a line is written to it. A trace leaves it to the answers, which
-// would be lost otherwise.
-bool has_room(int fd);
-
 // How long the callbacks take, one entry for each handler that has been called. The entries that were called
 // least lately go when there are too many: every one-shot alarm has an identifier of its own.
 class TimingTable {

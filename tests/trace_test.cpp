@@ -6,6 +6,7 @@
 #include <orn/clock.hpp>
 #include <orn/os/Thread.hpp>
 
+#include "../src/cmd.hpp"
 #include "../src/loopRecord.hpp"
 #include "../src/trace.hpp"
 #include "support/Viewer.hpp"
@@ -263,7 +264,7 @@ TEST(TraceLine, leaves_half_of_a_pipe_to_others_whoever_has_written_what_is_in_i
         };
         ASSERT_TRUE(put(pieces[0]));
         ASSERT_EQ(40, read(pipe.ReadFD(), bytes.data(), 40)); // the first page is emptied in part
-        for (; detail::has_room(pipe.WriteFD()); ++written)
+        for (; cmd::has_room(pipe.WriteFD()); ++written)
             ASSERT_TRUE(put(pieces[written % pieces.size()]));
         EXPECT_LE(3u, written);
         long pages = 0;
